@@ -1,0 +1,135 @@
+// Derived arrays, LRU caches and the shift-cache generation of a curve.
+#include "interest_rates.hpp"
+
+#include "core/curve.hpp"
+
+namespace norvane::bindings {
+
+namespace {
+
+// Holds a curve's threading.Lock for a scope, released on every exit path.
+class LockGuard {
+public:
+    explicit LockGuard(nb::handle lock) : lock_(nb::borrow(lock)) { lock_.attr("acquire")(); }
+    ~LockGuard() {
+        PyObject *type, *value, *trace;
+        PyErr_Fetch(&type, &value, &trace);  // keep a pending error across release()
+        PyObject* res = PyObject_CallMethod(lock_.ptr(), "release", nullptr);
+        Py_XDECREF(res);
+        if (!res) PyErr_Clear();
+        PyErr_Restore(type, value, trace);
+    }
+    LockGuard(const LockGuard&) = delete;
+    LockGuard& operator=(const LockGuard&) = delete;
+
+private:
+    nb::object lock_;
+};
+
+bool dict_contains(nb::handle mapping, nb::handle key) {
+    int res = PySequence_Contains(mapping.ptr(), key.ptr());
+    if (res < 0) nb::raise_python_error();
+    return res == 1;
+}
+
+nb::object as_maxsize(nb::handle maxsize) {
+    if (PyLong_Check(maxsize.ptr()) && !PyBool_Check(maxsize.ptr())) return nb::borrow(maxsize);
+    if (PyBool_Check(maxsize.ptr()) || !is_numeric(maxsize))
+        throw nb::type_error(("maxsize must be an integer, got " +
+                              type_name_of(maxsize)).c_str());
+    return nb::int_(maxsize);
+}
+
+}  // namespace
+
+nb::object lru_touch_get(InterestRate& ir, nb::handle cache, double key) {
+    nb::float_ k(key);
+    LockGuard hold(ir[CacheLock]);
+    if (!dict_contains(cache, k)) return nb::none();
+    // Removing and re-inserting moves the entry to the most-recently-used end.
+    nb::object value = cache.attr("pop")(k);
+    if (PyObject_SetItem(cache.ptr(), k.ptr(), value.ptr()) < 0) nb::raise_python_error();
+    return value;
+}
+
+void lru_store(InterestRate& ir, nb::handle cache, double key, double value, nb::handle maxsize) {
+    nb::float_ k(key);
+    LockGuard hold(ir[CacheLock]);
+    // An existing entry is neither replaced nor refreshed.
+    if (dict_contains(cache, k)) return;
+    int full = PyObject_RichCompareBool(nb::int_(nb::len(cache)).ptr(), maxsize.ptr(), Py_GE);
+    if (full < 0) nb::raise_python_error();
+    if (full) cache.attr("popitem")(nb::arg("last") = false);
+    if (PyObject_SetItem(cache.ptr(), k.ptr(), nb::float_(value).ptr()) < 0) nb::raise_python_error();
+}
+
+void clear_lru_caches(InterestRate& ir) {
+    if (ir[CacheLock].is_none()) ir[CacheLock] = refs().lock_type();
+    LockGuard hold(ir[CacheLock]);
+    ir[RateCache].attr("clear")();
+    ir[ForceCache].attr("clear")();
+}
+
+void bump_ts_shift_cache(InterestRate& ir) {
+    ir[ShiftCacheEpoch] = nb::int_(ir[ShiftCacheEpoch]) + nb::int_(1);
+    ir[TsShiftCache].attr("clear")();  // emptied in place: holders keep the same dict
+}
+
+void invalidate_caches(InterestRate& ir) {
+    clear_lru_caches(ir);
+    bump_ts_shift_cache(ir);
+    ir[OnePlusRates] = nb::none();
+    ir[FullSegProd] = refs().empty_f64;
+    ir[PrefixProd] = refs().empty_f64;
+}
+
+void recompute_prefix_products(InterestRate& ir) {
+    if (ir[Rates].is_none()) {
+        ir[OnePlusRates] = nb::none();
+        ir[FullSegProd] = refs().empty_f64;
+        ir[PrefixProd] = refs().empty_f64;
+        return;
+    }
+    std::span<const double> rates = f64_span(ir[Rates]);
+    NewArray one_plus = new_f64_array(rates.size());
+    core::one_plus(rates, {one_plus.data, rates.size()});
+    ir[OnePlusRates] = one_plus.array;
+    if (ir[Terms].is_none() || nb::len(ir[Terms]) == 0) {
+        ir[FullSegProd] = refs().empty_f64;
+        ir[PrefixProd] = refs().empty_f64;
+        return;
+    }
+    std::span<const double> terms = f64_span(ir[Terms]);
+    std::size_t k = rates.empty() ? 0 : rates.size() - 1;
+    if (terms.size() != k)
+        throw nb::value_error("For piecewise rates, rates must have length terms+1 (last rate applies indefinitely)");
+    NewArray full = new_f64_array(k), prefix = new_f64_array(k);
+    core::segment_discount_products({one_plus.data, k}, terms, {full.data, k}, {prefix.data, k});
+    ir[FullSegProd] = full.array;
+    ir[PrefixProd] = prefix.array;
+}
+
+void register_caches(CurveClass& cls) {
+    cls.def("_clear_lru_caches", &clear_lru_caches,
+            "Empty the rate and force caches under the lock (installing a lock if missing).");
+    cls.def("_bump_ts_shift_cache", &bump_ts_shift_cache,
+            "Advance the shift-cache generation and empty the shifted-curve cache in place.");
+    cls.def("_invalidate_caches", &invalidate_caches,
+            "Drop every derived quantity: LRU caches, shifted curves and precomputed products.");
+    cls.def("_recompute_prefix_products", &recompute_prefix_products,
+            "Rebuild 1 + rates, the full-segment discount factors and their running product.");
+    cls.def(
+        "_lru_touch_get",
+        [](InterestRate& ir, nb::handle cache, double key) { return lru_touch_get(ir, cache, key); },
+        nb::arg("cache"), nb::arg("key"),
+        "Cached value for `key` (moved to the most-recently-used end), or None on a miss.");
+    cls.def(
+        "_lru_store",
+        [](InterestRate& ir, nb::handle cache, double key, double value, nb::handle maxsize) {
+            lru_store(ir, cache, key, value, as_maxsize(maxsize));
+        },
+        nb::arg("cache"), nb::arg("key"), nb::arg("value"), nb::arg("maxsize"),
+        "Store `value` under `key`, evicting the least recently used entry when full.");
+}
+
+}  // namespace norvane::bindings

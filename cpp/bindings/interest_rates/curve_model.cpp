@@ -1,0 +1,551 @@
+// InterestRate as a data model: construction, validation, term units,
+// scenarios, equality, hashing, copying and pickling.
+#include "interest_rates.hpp"
+
+#include "core/curve.hpp"
+
+#include <cmath>
+#include <optional>
+
+namespace norvane::bindings {
+
+const std::array<const char*, SlotCount> kSlotNames = {
+    "_is_constant", "rate", "_terms", "_rates", "_cum_terms", "scenarios", "_active_scenario",
+    "_config", "_meta", "_rate_cache", "_force_cache", "_constant_delta", "_precomp_full_seg_prod",
+    "_precomp_prefix_prod", "_precomp_1pr", "_cache_lock", "_shift_cache_epoch", "_ts_shift_cache"};
+
+namespace {
+
+const char* kLengthRule =
+    "For piecewise rates, rates must have length terms+1 (last rate applies indefinitely)";
+const char* kNotFinite = ". Infinite or NaN rates are not allowed in actuarial calculations.";
+
+const char* kCurveDoc = R"doc(Interest-rate curve: constant, piecewise, or a container of scenarios.
+
+Parameters
+----------
+rate : float or dict, optional
+    A constant effective annual rate, or a dict mapping scenario names to a
+    rate or to a ``(terms, rates)`` pair. The first scenario becomes active.
+terms : sequence of float, optional
+    Segment lengths of a piecewise curve, in ``term_unit``.
+rates : sequence of float, optional
+    Segment rates; one more than ``terms``, the last applying indefinitely.
+term_unit : {"years", "months", "weeks", "days"}
+    Unit of ``terms``; they are stored in years.
+
+Raises
+------
+ValueError
+    For non-finite values, rates at or below -1, non-positive terms, a wrong
+    number of rates, or arguments that fit none of the three forms.
+TypeError
+    For non-numeric input or non-string scenario names.
+
+Examples
+--------
+>>> InterestRate(0.03).is_constant
+True
+>>> InterestRate(terms=[5, 5], rates=[0.02, 0.03, 0.04]).terms
+array([5., 5.])
+)doc";
+
+
+[[noreturn]] void value_error(const std::string& message) {
+    throw nb::value_error(message.c_str());
+}
+
+// Rich comparison without the identity shortcut, so that NaN != NaN.
+bool py_compare(nb::handle a, nb::handle b, int op) {
+    PyObject* res = PyObject_RichCompare(a.ptr(), b.ptr(), op);
+    if (!res) nb::raise_python_error();
+    return truthy(nb::steal(res));
+}
+
+nb::object as_f64(nb::handle x) { return refs().as_f64_safe(x); }
+
+// terms_len / rates_len: an integer or None.
+std::optional<std::size_t> optional_length(const char* name, nb::handle value) {
+    if (value.is_none()) return std::nullopt;
+    if (PyBool_Check(value.ptr()) || !PyIndex_Check(value.ptr()))
+        throw nb::type_error((std::string(name) + " must be an int or None, got " + type_name_of(value)).c_str());
+    Py_ssize_t n = PyNumber_AsSsize_t(value.ptr(), PyExc_OverflowError);
+    if (n == -1 && PyErr_Occurred()) nb::raise_python_error();
+    return n < 0 ? SIZE_MAX : static_cast<std::size_t>(n);
+}
+
+// ---- validators --------------------------------------------------------
+
+void validate_rates_array(nb::handle rates_in, nb::handle terms_len, const std::string& context) {
+    auto expected_terms = optional_length("terms_len", terms_len);
+    nb::object rates = as_f64(rates_in);
+    if (ndim_of(rates) != 1) value_error("rates must be a one-dimensional sequence of numerics.");
+    std::span<const double> r = f64_span(rates);
+    if (auto idx = core::first_non_finite(r))
+        value_error("Interest rate must be finite at position " + std::to_string(*idx) + context + ", got " +
+                    float_str(r[*idx]) + kNotFinite);
+    if (auto idx = core::first_at_or_below(r, -1.0))
+        value_error("Rate " + float_str(r[*idx]) + " ≤ -1" + context +
+                    ": (1+i) must be positive for discount factor computation per actuarial standards");
+    if (expected_terms && r.size() != *expected_terms + 1) value_error(kLengthRule);
+}
+
+void validate_terms_array(nb::handle terms_in, nb::handle rates_len) {
+    auto expected_rates = optional_length("rates_len", rates_len);
+    nb::object terms = as_f64(terms_in);
+    if (ndim_of(terms) != 1) value_error("terms must be a one-dimensional sequence of numerics.");
+    std::span<const double> t = f64_span(terms);
+    if (auto idx = core::first_non_finite(t))
+        value_error("Term length must be finite at position " + std::to_string(*idx) + ", got " +
+                    float_str(t[*idx]) + ".");
+    if (core::first_at_or_below(t, 0.0)) value_error("All terms must be positive");
+    if (expected_rates && *expected_rates != t.size() + 1) value_error(kLengthRule);
+}
+
+// Integers (huge Python ints included) are compared exactly against the
+// float64 range; floating values of any width are converted first, since a
+// float32 infinity would not compare above the float64 maximum.
+void validate_rate_value(nb::handle rate, const std::string& context) {
+    if (!is_numeric(rate))
+        throw nb::type_error(("Interest rate must be numeric" + context + ", got " + type_name_of(rate)).c_str());
+    bool finite;
+    if (PyLong_Check(rate.ptr())) {
+        nb::object max = refs().max_float64;
+        nb::object min = nb::steal(PyNumber_Negative(max.ptr()));
+        finite = !py_compare(rate, max, Py_GT) && !py_compare(rate, min, Py_LT);
+    } else {
+        finite = std::isfinite(nb::cast<double>(nb::float_(rate)));
+    }
+    if (!finite) value_error("Interest rate must be finite" + context + ", got " + py_str(rate) + kNotFinite);
+}
+
+void validate_rate_for_discount(double r, const std::string& context) {
+    if (r > -1.0) return;  // NaN fails this test and is refused
+    value_error("Rate " + float_str(r) + " ≤ -1" + context +
+                ": (1+i) must be positive for discount factor computation per actuarial standards");
+}
+
+void validate_rate_for_force(nb::handle rate, const std::string& context) {
+    if (!py_compare(rate, nb::float_(-1.0), Py_LE)) return;
+    std::string shown = nb::steal<nb::str>(PyObject_Format(rate.ptr(), nb::str("").ptr())).c_str();
+    value_error("Cannot calculate force of interest: rate " + shown + " ≤ -1" + context +
+                " would make ln(1 + i) undefined per actuarial standards");
+}
+
+// ---- term units ----------------------------------------------------------
+
+double calendar_factor(const char* name, nb::handle override_value, nb::handle config_value,
+                       nb::handle allowed) {
+    nb::handle per_year = override_value.is_none() ? config_value : override_value;
+    if (per_year.is_none()) value_error(std::string(name) + " is not configured");
+    if (!truthy(refs().calendar_constant_allowed(per_year, allowed)))
+        value_error(std::string(name) + " must be one of " + py_str(allowed) + ", got " + py_str(per_year));
+    return 1.0 / nb::cast<double>(nb::float_(per_year));
+}
+
+double term_unit_factor(nb::handle unit, nb::handle config, nb::handle days_per_year,
+                        nb::handle weeks_per_year) {
+    std::string_view u = nb::isinstance<nb::str>(unit) ? nb::borrow<nb::str>(unit).c_str() : "";
+    if (u == "years") return 1.0;
+    if (u == "months") return 1.0 / 12;
+    if (u == "days")
+        return calendar_factor("days_per_year", days_per_year, config.attr("days_per_year"),
+                               refs().allowed_days);
+    if (u == "weeks")
+        return calendar_factor("weeks_per_year", weeks_per_year, config.attr("weeks_per_year"),
+                               refs().allowed_weeks);
+    value_error("Unknown term unit: " + py_str(unit) + ". Valid units: years, months, weeks, days.");
+}
+
+nb::object to_years(InterestRate& ir, nb::handle values, nb::handle unit) {
+    Meta& meta = meta_of(ir);
+    bool days = nb::isinstance<nb::str>(unit) && std::string_view(nb::borrow<nb::str>(unit).c_str()) == "days";
+    bool weeks = nb::isinstance<nb::str>(unit) && std::string_view(nb::borrow<nb::str>(unit).c_str()) == "weeks";
+    double factor = term_unit_factor(unit, ir[Config], days ? meta.field[DaysPerYear] : nb::none(),
+                                     weeks ? meta.field[WeeksPerYear] : nb::none());
+    return nb::steal(PyNumber_Multiply(as_f64(values).ptr(), nb::float_(factor).ptr()));
+}
+
+// ---- setters ------------------------------------------------------------
+
+std::optional<std::size_t> length_or_none(nb::handle array) {
+    if (array.is_none()) return std::nullopt;
+    return nb::len(array);
+}
+nb::object length_arg(std::optional<std::size_t> n) {
+    return n ? nb::object(nb::int_(*n)) : nb::none();
+}
+
+void set_rates(InterestRate& ir, nb::handle value) {
+    if (value.is_none()) {
+        ir[Rates] = nb::none();
+        invalidate_caches(ir);
+        return;
+    }
+    nb::object arr = as_f64(value);
+    validate_rates_array(arr, length_arg(length_or_none(ir[Terms])), "");
+    ir[Rates] = readonly_copy(f64_span(arr));
+    clear_lru_caches(ir);
+    recompute_prefix_products(ir);
+    bump_ts_shift_cache(ir);
+}
+
+void set_terms(InterestRate& ir, nb::handle value) {
+    if (value.is_none()) {
+        ir[Terms] = nb::none();
+        ir[CumTerms] = nb::none();
+    } else {
+        nb::object arr = as_f64(value);
+        validate_terms_array(arr, length_arg(length_or_none(ir[Rates])));
+        std::span<const double> t = f64_span(arr);
+        NewArray cum = new_f64_array(t.size());
+        core::cumulative_sum(t, {cum.data, t.size()});
+        ir[Terms] = readonly_copy(t);
+        ir[CumTerms] = cum.array;
+    }
+    clear_lru_caches(ir);
+    recompute_prefix_products(ir);
+    bump_ts_shift_cache(ir);
+}
+
+// ---- construction -----------------------------------------------------------
+
+void set_defaults(InterestRate& ir) {
+    ir[Scenarios] = nb::dict();
+    ir[ActiveScenario] = nb::none();
+    ir[Config] = refs().config_cls();
+    ir[RateCache] = refs().ordered_dict();
+    ir[ForceCache] = refs().ordered_dict();
+    ir[CacheLock] = refs().lock_type();
+    ir[ShiftCacheEpoch] = nb::int_(0);
+    ir[TsShiftCache] = nb::dict();
+    ir[IsConstant] = nb::bool_(false);
+    ir[Rate] = ir[Terms] = ir[Rates] = ir[CumTerms] = ir[ConstantDelta] = ir[OnePlusRates] = nb::none();
+    ir[FullSegProd] = refs().empty_f64;
+    ir[PrefixProd] = refs().empty_f64;
+}
+
+nb::tuple validate_numeric(nb::handle value, bool allow_sequence, const char* attr) {
+    return nb::borrow<nb::tuple>(refs().validate_numeric_input(
+        value, nb::arg("allow_none") = false, nb::arg("allow_sequence") = allow_sequence,
+        nb::arg("method_name") = "InterestRate", nb::arg("attr_name") = attr));
+}
+
+std::string scenario_context(nb::handle name) { return " for scenario '" + py_str(name) + "'"; }
+
+void build_scenarios(InterestRate& ir, nb::handle scenarios_in, nb::handle term_unit) {
+    nb::handle curve_type = nb::type<InterestRate>();
+    nb::dict scenarios = nb::borrow<nb::dict>(ir[Scenarios]);
+    for (auto [name, value] : nb::borrow<nb::dict>(scenarios_in)) {
+        if (!nb::isinstance<nb::str>(name))
+            throw nb::type_error(("Scenario name must be a string. Found: " + py_repr(name)).c_str());
+        if (Py_IS_TYPE(value.ptr(), &PyBool_Type)) value_error("Rate value cannot be boolean.");
+        if (is_numeric(value)) {
+            nb::object v = nb::isinstance(value, refs().np_generic) ? value.attr("item")() : nb::borrow(value);
+            std::string context = scenario_context(name);
+            validate_rate_value(v, context);
+            validate_rate_for_discount(nb::cast<double>(nb::float_(v)), context);
+            scenarios[name] = curve_type(v);
+        } else if ((nb::isinstance<nb::list>(value) || nb::isinstance<nb::tuple>(value)) && nb::len(value) == 2) {
+            nb::object scenario_terms = value[0], scenario_rates = value[1];
+            validate_rates_array(as_f64(scenario_rates), nb::none(), scenario_context(name));
+            scenarios[name] = curve_type(nb::arg("terms") = scenario_terms, nb::arg("rates") = scenario_rates,
+                                         nb::arg("term_unit") = term_unit);
+        } else {
+            value_error("Invalid scenario format for '" + py_str(name) + "': " + py_repr(value));
+        }
+    }
+    if (nb::len(scenarios) == 0) {
+        // An empty dict has no first scenario to activate.
+        PyErr_SetNone(PyExc_StopIteration);
+        throw nb::python_error();
+    }
+    for (auto [first_name, first_curve] : scenarios) {
+        ir[ActiveScenario] = nb::borrow(first_name);
+        break;
+    }
+}
+
+void build_piecewise(InterestRate& ir, nb::handle terms, nb::handle rates, nb::handle term_unit) {
+    if (nb::len(terms) == 0 || nb::len(rates) == 0) value_error("terms and rates must not be empty");
+    nb::object t = to_years(ir, terms, term_unit);
+    nb::object r = as_f64(rates);
+    validate_terms_array(t, nb::int_(nb::len(r)));
+    validate_rates_array(r, nb::int_(nb::len(t)), "");
+    ir[IsConstant] = nb::bool_(false);
+    set_terms(ir, t);
+    set_rates(ir, r);
+    ir[Rate] = nb::none();
+}
+
+void build_constant(InterestRate& ir, nb::handle rate) {
+    if (!is_numeric(rate))
+        value_error("Invalid arguments: provide either a float rate, terms and rates, or a dictionary of scenarios.");
+    nb::float_ x(rate);
+    validate_rate_value(x, "");
+    validate_rate_for_discount(nb::cast<double>(x), "");
+    ir[IsConstant] = nb::bool_(true);
+    ir[Rate] = x;
+    set_terms(ir, nb::none());
+    set_rates(ir, nb::none());
+    ir[CumTerms] = nb::none();
+}
+
+InterestRate construct(nb::handle rate_in, nb::handle terms_in, nb::handle rates_in, nb::handle term_unit) {
+    InterestRate ir;
+    ir[MetaData] = nb::cast(make_meta(term_unit, nb::none(), nb::none(), nb::none(), nb::none(),
+                                        nb::none(), nb::none(), nb::none()));
+    nb::object rate = nb::borrow(rate_in), terms = nb::borrow(terms_in), rates = nb::borrow(rates_in);
+    bool is_scenario_dict = nb::isinstance<nb::dict>(rate);
+    if (!rate.is_none() && !is_scenario_dict) {
+        nb::tuple checked = validate_numeric(rate, false, "rate");
+        nb::object value = checked[0];
+        if (truthy(checked[1]))
+            rate = nb::hasattr(value, "item") ? value.attr("item")() : nb::object(nb::float_(value));
+        else
+            rate = value;
+    }
+    if (!rates.is_none()) {
+        rates = validate_numeric(rates, true, "rates")[0];
+        if (ndim_of(rates) != 1) value_error("rates must be a one-dimensional sequence of numerics.");
+    }
+    if (!terms.is_none())
+        terms = refs().validate_float_sequence(nb::arg("seq") = terms, nb::arg("method_name") = "InterestRate",
+                                               nb::arg("attr_name") = "terms");
+    set_defaults(ir);
+    if (is_scenario_dict)
+        build_scenarios(ir, rate, term_unit);
+    else if (!terms.is_none() && !rates.is_none())
+        build_piecewise(ir, terms, rates, term_unit);
+    else
+        build_constant(ir, rate);
+    return ir;
+}
+
+// ---- scenarios --------------------------------------------------------------
+
+bool has_scenarios(const InterestRate& ir) { return truthy(ir[Scenarios]); }
+
+void set_active_scenario(InterestRate& ir, nb::handle name) {
+    if (!has_scenarios(ir) || !nb::borrow<nb::dict>(ir[Scenarios]).contains(name))
+        value_error("Scenario '" + py_str(name) + "' not found.");
+    if (py_compare(name, ir[ActiveScenario], Py_NE)) {
+        ir[ActiveScenario] = nb::borrow(name);
+        invalidate_caches(ir);
+    }
+}
+
+void add_scenario(InterestRate& ir, nb::handle name, nb::handle scenario) {
+    if (!nb::isinstance<InterestRate>(scenario))
+        throw nb::type_error(("scenario must be an InterestRate instance, got " + type_name_of(scenario)).c_str());
+    if (has_scenarios(nb::cast<InterestRate&>(scenario)))
+        value_error("Nested multi-scenario InterestRate is not allowed. Add only simple scenarios (constant or piecewise).");
+    ir[Scenarios][name] = scenario;
+    if (ir[ActiveScenario].is_none()) ir[ActiveScenario] = nb::borrow(name);
+    invalidate_caches(ir);
+}
+
+nb::object active_curve_is_constant(const InterestRate& ir) {
+    if (!has_scenarios(ir)) return ir[IsConstant];
+    return nb::cast<InterestRate&>(ir[Scenarios][ir[ActiveScenario]])[IsConstant];
+}
+
+// ---- equality, hashing, copying ------------------------------------------
+
+bool curves_equal(const InterestRate& a, const InterestRate& b) {
+    bool a_const = truthy(a[IsConstant]), b_const = truthy(b[IsConstant]);
+    if (a_const != b_const) return false;
+    if (a_const) return nb::cast<double>(nb::float_(a[Rate])) == nb::cast<double>(nb::float_(b[Rate]));
+    if (has_scenarios(a))
+        return py_compare(a[Scenarios], b[Scenarios], Py_EQ) &&
+               py_compare(a[ActiveScenario], b[ActiveScenario], Py_EQ);
+    if (a[Terms].is_none() || b[Terms].is_none()) return a[Terms].is_none() && b[Terms].is_none();
+    return truthy(refs().np_array_equal(a[Terms], b[Terms])) &&
+           truthy(refs().np_array_equal(a[Rates], b[Rates]));
+}
+
+Py_hash_t curve_hash(const InterestRate& ir) {
+    if (truthy(ir[IsConstant])) return nb::hash(nb::make_tuple("ir_const", nb::float_(ir[Rate])));
+    if (has_scenarios(ir)) {
+        nb::object active = ir[ActiveScenario].is_none() ? nb::object(nb::str("")) : ir[ActiveScenario];
+        nb::list items;
+        for (auto [name, scenario] : nb::borrow<nb::dict>(ir[Scenarios]))
+            items.append(nb::make_tuple(name, nb::hash(scenario)));
+        return nb::hash(nb::make_tuple("ir_scen", active, nb::tuple(items)));
+    }
+    auto values_hash = [](nb::handle array) { return nb::hash(nb::tuple(array.attr("tolist")())); };
+    return nb::hash(nb::make_tuple("ir_pw", values_hash(ir[Terms]), values_hash(ir[Rates])));
+}
+
+const Slot kArraySlots[] = {Terms, Rates, CumTerms, FullSegProd, PrefixProd, OnePlusRates};
+
+// Deep copies of arrays come back writable; stored arrays stay read-only.
+void freeze_arrays(InterestRate& ir) {
+    for (Slot s : kArraySlots)
+        if (nb::isinstance(ir[s], refs().np_ndarray) && !ir[s].is(refs().empty_f64))
+            ir[s].attr("flags").attr("writeable") = false;
+}
+
+// A new instance of `cls` whose slots are all None, built without validation.
+nb::object blank_instance(nb::handle cls) {
+    nb::object obj = nb::inst_alloc(cls);
+    new (nb::inst_ptr<InterestRate>(obj)) InterestRate();
+    for (auto& value : nb::inst_ptr<InterestRate>(obj)->slot) value = nb::none();
+    nb::inst_mark_ready(obj);
+    return obj;
+}
+
+nb::object deep_copy(nb::handle self, nb::handle memo) {
+    nb::handle cls = self.type();
+    nb::object result = blank_instance(cls);
+    memo[nb::steal(PyLong_FromVoidPtr(self.ptr()))] = result;
+    nb::handle get = reinterpret_cast<PyObject*>(&PyBaseObject_Type);
+    nb::object getattribute = get.attr("__getattribute__"), setattribute = get.attr("__setattr__");
+    for (nb::handle klass : cls.attr("__mro__")) {
+        nb::object slots = klass.attr("__dict__").attr("get")("__slots__", nb::tuple());
+        if (nb::isinstance<nb::str>(slots)) slots = nb::make_tuple(slots);
+        for (nb::handle name : slots) {
+            nb::object value;
+            try {
+                value = getattribute(self, name);
+            } catch (nb::python_error& e) {
+                if (e.matches(PyExc_AttributeError)) continue;
+                throw;
+            }
+            std::string_view slot = nb::borrow<nb::str>(name).c_str();
+            if (slot == "_config")
+                setattribute(result, name, value);  // copies keep following the package configuration
+            else if (slot == "_cache_lock")
+                setattribute(result, name, refs().lock_type());
+            else
+                setattribute(result, name, refs().deepcopy(value, memo));
+        }
+    }
+    freeze_arrays(nb::cast<InterestRate&>(result));
+    return result;
+}
+
+// ---- pickling ---------------------------------------------------------------
+
+// Only the curve's data travels; caches and the lock are rebuilt on arrival.
+nb::tuple get_state(const InterestRate& ir) {
+    return nb::make_tuple(ir[MetaData], ir[IsConstant], ir[Rate], ir[Terms], ir[Rates], ir[Scenarios],
+                          ir[ActiveScenario]);
+}
+
+void set_state(InterestRate& self, nb::tuple state) {
+    if (nb::len(state) != 7) value_error("invalid InterestRate pickle state");
+    InterestRate ir;
+    set_defaults(ir);
+    ir[MetaData] = state[0];
+    ir[IsConstant] = state[1];
+    ir[Rate] = state[2];
+    if (!state[3].is_none()) {
+        std::span<const double> t = f64_span(as_f64(state[3]));
+        NewArray cum = new_f64_array(t.size());
+        core::cumulative_sum(t, {cum.data, t.size()});
+        ir[Terms] = readonly_copy(t);
+        ir[CumTerms] = cum.array;
+    }
+    if (!state[4].is_none()) ir[Rates] = readonly_copy(f64_span(as_f64(state[4])));
+    recompute_prefix_products(ir);
+    ir[Scenarios] = state[5];
+    ir[ActiveScenario] = state[6];
+    new (&self) InterestRate(std::move(ir));
+}
+
+nb::object config_backed(const InterestRate& ir, MetaField field, const char* config_attr) {
+    const nb::object& override_value = meta_of(ir).field[field];
+    return override_value.is_none() ? nb::object(ir[Config].attr(config_attr)) : override_value;
+}
+
+}  // namespace
+
+CurveClass register_curve_model(nb::module_& m) {
+    CurveClass cls(m, "InterestRate", kCurveDoc);
+    bind_slots(cls, kSlotNames, [](InterestRate& self, std::size_t i) -> nb::object& { return self.slot[i]; });
+
+    cls.def_prop_rw(
+        "rates", [](InterestRate& ir) { return ir[Rates]; }, [](InterestRate& ir, nb::object v) { set_rates(ir, v); },
+        nb::for_setter(nb::arg("value").none()), "Segment rates (read-only float64 array), or None for a constant curve.");
+    cls.def_prop_rw(
+        "terms", [](InterestRate& ir) { return ir[Terms]; }, [](InterestRate& ir, nb::object v) { set_terms(ir, v); },
+        nb::for_setter(nb::arg("value").none()), "Segment lengths in years (read-only float64 array), or None.");
+    cls.def(
+        "__init__",
+        [](InterestRate* self, nb::object rate, nb::object terms, nb::object rates, nb::object term_unit) {
+            // Built aside and moved in, so a failure leaves no half-made instance.
+            new (self) InterestRate(construct(rate, terms, rates, term_unit));
+        },
+        nb::arg("rate").none() = nb::none(), nb::arg("terms").none() = nb::none(),
+        nb::arg("rates").none() = nb::none(), nb::arg("term_unit").none() = "years");
+    cls.def(
+        "__deepcopy__", [](nb::handle self, nb::handle memo) { return deep_copy(self, memo); }, nb::arg("memo"),
+        "Deep copy sharing the package Config and owning a new lock.");
+    cls.def(
+        "copy", [](nb::handle self) { return deep_copy(self, nb::dict()); },
+        "An independent deep copy of the curve (sharing the package Config).");
+
+    cls.def_prop_rw(
+        "active_scenario", [](InterestRate& ir) { return ir[ActiveScenario]; },
+        [](InterestRate& ir, nb::object name) { set_active_scenario(ir, name); },
+        nb::for_setter(nb::arg("name").none()),
+        "Name of the active scenario, or None for a single curve.");
+    cls.def_prop_ro(
+        "scenario_names", [](InterestRate& ir) { return nb::list(ir[Scenarios].attr("keys")()); },
+        "Scenario names in insertion order ([] for a single curve).");
+    cls.def_prop_ro(
+        "days_per_year", [](InterestRate& ir) { return config_backed(ir, DaysPerYear, "days_per_year"); },
+        "Days per year: the instance override, else the package Config.");
+    cls.def_prop_ro(
+        "weeks_per_year", [](InterestRate& ir) { return config_backed(ir, WeeksPerYear, "weeks_per_year"); },
+        "Weeks per year: the instance override, else the package Config.");
+    cls.def_prop_ro(
+        "calculation_mode", [](InterestRate& ir) { return config_backed(ir, CalculationMode, "calculation_mode"); },
+        "Annuity calculation mode: the instance override, else the package Config.");
+    cls.def_prop_ro("is_constant", &active_curve_is_constant,
+                    "Whether the curve (the active scenario of a container) is constant.");
+    cls.def_static(
+        "_get_term_unit_factor",
+        [](nb::handle unit, nb::handle config, nb::handle days, nb::handle weeks) {
+            return term_unit_factor(unit, config, days, weeks);
+        },
+        nb::arg("unit").none(), nb::arg("config").none(), nb::arg("days_per_year").none() = nb::none(),
+        nb::arg("weeks_per_year").none() = nb::none(), "Years per one `unit`.");
+    cls.def("_to_years", &to_years, nb::arg("values"), nb::arg("unit").none(),
+            "Term lengths in `unit` converted to years (a new float64 array).");
+    cls.def("add_scenario", &add_scenario, nb::arg("name").none(), nb::arg("scenario").none(),
+            "Add (or replace) a named constant or piecewise scenario; the first added becomes active.");
+
+    cls.def("__eq__", [](nb::handle self, nb::handle other) -> nb::object {
+        if (!nb::isinstance<InterestRate>(other)) return nb::borrow(Py_NotImplemented);
+        if (self.is(other)) return nb::bool_(true);
+        return nb::bool_(curves_equal(nb::cast<InterestRate&>(self), nb::cast<InterestRate&>(other)));
+    });
+    cls.def("__hash__", &curve_hash);
+
+    cls.def_static(
+        "_validate_rates_array",
+        [](nb::handle rates, nb::handle terms_len, const std::string& context) {
+            validate_rates_array(rates, terms_len, context);
+        },
+        nb::arg("rates"), nb::arg("terms_len").none() = nb::none(), nb::arg("context") = "");
+    cls.def_static("_validate_terms_array", &validate_terms_array, nb::arg("terms"),
+                   nb::arg("rates_len").none() = nb::none());
+    cls.def_static("_validate_rate_value", &validate_rate_value, nb::arg("rate").none(), nb::arg("context") = "");
+    cls.def_static(
+        "_validate_rate_for_force", &validate_rate_for_force, nb::arg("rate"), nb::arg("context") = "",
+        "Refuse rates <= -1 (compared as given), for which ln(1 + i) is undefined.");
+    cls.def_static(
+        "_validate_rate_for_discount",
+        [](nb::handle rate, const std::string& context) {
+            validate_rate_for_discount(nb::cast<double>(nb::float_(rate)), context);
+        },
+        nb::arg("rate"), nb::arg("context") = "", "Refuse rates <= -1 (and NaN), for which (1 + i) is not positive.");
+
+    cls.def("__getstate__", &get_state);
+    cls.def("__setstate__", &set_state);
+    return cls;
+}
+
+}  // namespace norvane::bindings

@@ -1,0 +1,119 @@
+// Private layout and shared glue of the interest_rates extension.
+#pragma once
+
+#include <nanobind/nanobind.h>
+#include <nanobind/ndarray.h>
+#include <nanobind/stl/string.h>
+
+#include <array>
+#include <cstddef>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace norvane::bindings {
+
+namespace nb = nanobind;
+
+// Python objects the module takes from its siblings and the standard library,
+// looked up once at import. Leaked on purpose: they must outlive every curve,
+// and releasing them after interpreter shutdown would crash.
+struct PyRefs {
+    // siblings
+    nb::object numeric_types, max_float64, empty_f64;
+    nb::object as_f64_safe, validate_numeric_input, validate_float_sequence;
+    nb::object config_cls, calendar_constant_allowed, allowed_days, allowed_weeks;
+    nb::object calculation_modes;
+    // this module
+    nb::object valid_term_units;
+    // standard library and numpy
+    nb::object lock_type, ordered_dict, deepcopy, np_generic, np_ndarray, np_array_equal;
+};
+PyRefs& refs();
+void init_refs(nb::module_& m);
+
+// ---- small conversions -----------------------------------------------------
+
+std::string py_str(nb::handle h);
+std::string py_repr(nb::handle h);
+std::string type_name_of(nb::handle h);  // type(h).__name__
+// str() of a float, the way Python (and NumPy) print a float64.
+std::string float_str(double x);
+bool is_numeric(nb::handle h);  // isinstance(h, _NUMERIC_TYPES) and not a bool
+bool truthy(nb::handle h);
+
+// A read-only 1-D float64 NumPy array owning a fresh buffer of n elements.
+struct NewArray {
+    nb::object array;
+    double* data;
+};
+NewArray new_f64_array(std::size_t n);
+// A private read-only copy of a 1-D float64 array.
+nb::object readonly_copy(std::span<const double> values);
+
+// View of a C-contiguous 1-D float64 array (as the sibling converter returns).
+// Raises TypeError for anything else. Valid while `h` is alive.
+std::span<const double> f64_span(nb::handle h);
+std::size_t ndim_of(nb::handle array);
+
+// ---- the curve -----------------------------------------------------------
+
+enum Slot : std::size_t {
+    IsConstant, Rate, Terms, Rates, CumTerms, Scenarios, ActiveScenario, Config, MetaData,
+    RateCache, ForceCache, ConstantDelta, FullSegProd, PrefixProd, OnePlusRates,
+    CacheLock, ShiftCacheEpoch, TsShiftCache, SlotCount
+};
+extern const std::array<const char*, SlotCount> kSlotNames;
+
+struct InterestRate {
+    std::array<nb::object, SlotCount> slot;
+
+    nb::object& operator[](Slot s) { return slot[s]; }
+    const nb::object& operator[](Slot s) const { return slot[s]; }
+};
+
+struct Meta {
+    static constexpr std::size_t kFields = 8;
+    std::array<nb::object, kFields> field;
+};
+extern const std::array<const char*, Meta::kFields> kMetaFieldNames;
+enum MetaField : std::size_t {
+    TermUnitField, DaysPerYear, WeeksPerYear, CalculationMode, Description,
+    CacheMaxsize, ToleranceEps, PerpetuityNEff
+};
+// Builds and validates a metadata record (keyword names as the constructor).
+Meta make_meta(nb::handle term_unit, nb::handle days_per_year, nb::handle weeks_per_year,
+               nb::handle calculation_mode, nb::handle description, nb::handle cache_maxsize,
+               nb::handle tolerance_eps, nb::handle perpetuity_n_eff);
+Meta& meta_of(const InterestRate& ir);
+
+// Cache maintenance shared by the setters, the scenario switch and the kernels.
+void clear_lru_caches(InterestRate& ir);
+void bump_ts_shift_cache(InterestRate& ir);
+void invalidate_caches(InterestRate& ir);
+void recompute_prefix_products(InterestRate& ir);
+// LRU primitives over a curve's OrderedDict caches, under its lock.
+nb::object lru_touch_get(InterestRate& ir, nb::handle cache, double key);
+void lru_store(InterestRate& ir, nb::handle cache, double key, double value, nb::handle maxsize);
+
+using CurveClass = nb::class_<InterestRate>;
+void register_metadata(nb::module_& m);
+CurveClass register_curve_model(nb::module_& m);
+void register_caches(CurveClass& cls);
+
+// Expose each named slot of T as a read/write attribute, plus a __slots__
+// tuple naming them, so the instance has a fixed attribute set and no __dict__.
+template <typename T, std::size_t N, typename Access>
+void bind_slots(nb::class_<T>& cls, const std::array<const char*, N>& names, Access access) {
+    nb::list listed;
+    for (std::size_t i = 0; i < N; ++i) {
+        cls.def_prop_rw(
+            names[i], [i, access](T& self) { return access(self, i); },
+            [i, access](T& self, nb::object value) { access(self, i) = std::move(value); },
+            nb::for_setter(nb::arg("value").none()));
+        listed.append(names[i]);
+    }
+    cls.attr("__slots__") = nb::tuple(listed);
+}
+
+}  // namespace norvane::bindings
