@@ -1,0 +1,1 @@
+"""Annuity valuation engine: calculation modes and their dispatch table."""
