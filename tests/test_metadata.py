@@ -1,0 +1,158 @@
+"""The per-curve metadata record _InterestRateMeta: coercion, validation, dumps and copies."""
+
+import json
+
+import numpy as np
+import pytest
+
+from norvane.config import _ALLOWED_DAYS_PER_YEAR, _ALLOWED_WEEKS_PER_YEAR
+from norvane.interest_rates import _InterestRateMeta as Meta
+
+FIELDS = ("term_unit", "days_per_year", "weeks_per_year", "calculation_mode",
+          "description", "cache_maxsize", "tolerance_eps", "perpetuity_n_eff")
+DEFAULTS = {"term_unit": "years", "days_per_year": None, "weeks_per_year": None,
+            "calculation_mode": None, "description": None, "cache_maxsize": 1000,
+            "tolerance_eps": 1e-12, "perpetuity_n_eff": 1000}
+CUSTOM = {"term_unit": "days", "days_per_year": 360.0, "weeks_per_year": 52.0,
+          "calculation_mode": "continuous_simplified", "description": "stress",
+          "cache_maxsize": 7, "tolerance_eps": 0.0, "perpetuity_n_eff": 250}
+UNITS = "('years', 'months', 'weeks', 'days')"
+MODES = ["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"]
+
+
+def unit_msg(value):
+    return f"Invalid term_unit: {value}. Must be one of {UNITS}"
+
+
+def test_slots_defaults_and_dump_order():
+    assert tuple(Meta.__slots__) == FIELDS
+    m, custom = Meta(), Meta(**CUSTOM)
+    assert type(m.model_dump()) is dict and list(m.model_dump()) == list(FIELDS) and m.model_dump() == DEFAULTS
+    assert [type(getattr(m, f)) for f in ("cache_maxsize", "tolerance_eps", "perpetuity_n_eff")] == [int, float, int]
+    dump = custom.model_dump()
+    dump["cache_maxsize"] = 1  # a fresh dict each time
+    assert custom.model_dump() == CUSTOM and list(custom.model_dump()) == list(FIELDS)
+    assert not hasattr(m, "__dict__")
+    with pytest.raises(AttributeError):
+        m.colour = "red"
+    m.description = "edited"  # slots stay writable, None included
+    assert m.model_dump()["description"] == "edited"
+    for field in ("days_per_year", "weeks_per_year", "calculation_mode", "description"):
+        setattr(custom, field, None)
+        assert getattr(custom, field) is None
+    with pytest.raises(TypeError):  # keyword-only
+        Meta("years")
+
+
+@pytest.mark.parametrize("field, given, stored", [
+    ("days_per_year", 365, 365.0), ("days_per_year", np.int64(360), 360.0), ("weeks_per_year", 52, 52.0),
+    ("tolerance_eps", 0, 0.0), ("tolerance_eps", np.float32(0.5), 0.5), ("cache_maxsize", 2.9, 2),
+    ("cache_maxsize", np.float64(3.99), 3), ("cache_maxsize", np.int64(5), 5), ("perpetuity_n_eff", 3.7, 3),
+    ("perpetuity_n_eff", 1.0, 1),
+])
+def test_numeric_coercion(field, given, stored):
+    got = getattr(Meta(**{field: given}), field)
+    assert got == stored and type(got) is type(stored)
+
+
+@pytest.mark.parametrize("field", ["days_per_year", "weeks_per_year", "tolerance_eps", "cache_maxsize", "perpetuity_n_eff"])
+@pytest.mark.parametrize("bad", ["365", [365.0], object()])
+def test_non_numbers_raise_type_error_naming_the_argument(field, bad):
+    with pytest.raises(TypeError, match=field) as excinfo:
+        Meta(**{field: bad})
+    assert field not in ("cache_maxsize", "perpetuity_n_eff") or "int" in str(excinfo.value)
+    with pytest.raises(TypeError):  # coercion runs before any value check
+        Meta(term_unit="hours", **{field: bad})
+
+
+# One bad value per check, in the order in which the checks run.
+ORDERED_BAD = [
+    ("term_unit", "hours", unit_msg("hours")),
+    ("days_per_year", 366, f"days_per_year 366.0 not in allowed set {_ALLOWED_DAYS_PER_YEAR}"),
+    ("weeks_per_year", 53.5, f"weeks_per_year 53.5 not in allowed set {_ALLOWED_WEEKS_PER_YEAR}"),
+    ("calculation_mode", "fast", "Invalid calculation_mode: fast"),
+    ("cache_maxsize", 0, "cache_maxsize must be a positive integer"),
+    ("tolerance_eps", -1e-9, "tolerance_eps must be non-negative"),
+    ("perpetuity_n_eff", -1, "perpetuity_n_eff must be a positive integer"),
+]
+
+
+@pytest.mark.parametrize("i", range(len(ORDERED_BAD)), ids=[b[0] for b in ORDERED_BAD])
+def test_first_failed_check_wins(i):
+    with pytest.raises(ValueError) as excinfo:
+        Meta(**{field: value for field, value, _ in ORDERED_BAD[i:]})
+    assert str(excinfo.value) == ORDERED_BAD[i][2]
+
+
+@pytest.mark.parametrize("kwargs, msg", [
+    ({"term_unit": "Years"}, unit_msg("Years")), ({"term_unit": None}, unit_msg("None")), ({"term_unit": 5}, unit_msg("5")),
+    ({"days_per_year": float("nan")}, f"days_per_year nan not in allowed set {_ALLOWED_DAYS_PER_YEAR}"),
+    ({"days_per_year": 52.0}, f"days_per_year 52.0 not in allowed set {_ALLOWED_DAYS_PER_YEAR}"),
+    ({"weeks_per_year": 365.0}, f"weeks_per_year 365.0 not in allowed set {_ALLOWED_WEEKS_PER_YEAR}"),
+    ({"calculation_mode": "DISCRETE_PRECISION"}, "Invalid calculation_mode: DISCRETE_PRECISION"),
+    ({"calculation_mode": 1}, "Invalid calculation_mode: 1"),
+    ({"cache_maxsize": 0.5}, "cache_maxsize must be a positive integer"), ({"cache_maxsize": -3}, "cache_maxsize must be a positive integer"),
+    ({"tolerance_eps": float("-inf")}, "tolerance_eps must be non-negative"),
+    ({"perpetuity_n_eff": 0.9}, "perpetuity_n_eff must be a positive integer"),
+])
+def test_value_error_messages(kwargs, msg):
+    with pytest.raises(ValueError) as excinfo:
+        Meta(**kwargs)
+    assert str(excinfo.value) == msg
+
+
+@pytest.mark.parametrize("kwargs", [{"term_unit": u} for u in ("years", "months", "weeks", "days")]
+                         + [{"calculation_mode": m} for m in MODES]
+                         + [{"days_per_year": d} for d in (360.0, 365.0, 365.25)]
+                         + [{"weeks_per_year": 52.0}, {"weeks_per_year": 52.1775}, {"tolerance_eps": 0.0},
+                            {"cache_maxsize": 1}, {"perpetuity_n_eff": 1}, {"description": ""}])
+def test_accepted_values_are_stored(kwargs):
+    assert Meta(**kwargs).model_dump() == {**DEFAULTS, **kwargs}
+
+
+def test_model_copy():
+    m = Meta(**CUSTOM)
+    for update in (None, {}):
+        same = m.model_copy(update)
+        assert type(same) is Meta and same is not m and same.model_dump() == CUSTOM
+    assert m.model_copy({"description": "x", "not_a_field": 1}).model_dump() == {**CUSTOM, "description": "x"}
+    # a None in the update resets that field to its default
+    reset = m.model_copy({"cache_maxsize": None, "days_per_year": None, "tolerance_eps": None})
+    assert reset.model_dump() == {**CUSTOM, "cache_maxsize": 1000, "days_per_year": None, "tolerance_eps": 1e-12}
+    assert m.model_copy({"cache_maxsize": 2.9}).cache_maxsize == 2
+    assert m.model_dump() == CUSTOM
+
+
+@pytest.mark.parametrize("update, exc, msg", [
+    ({"term_unit": None}, ValueError, unit_msg("None")),
+    ({"cache_maxsize": 0}, ValueError, "cache_maxsize must be a positive integer"),
+    ({"days_per_year": 300}, ValueError, f"days_per_year 300.0 not in allowed set {_ALLOWED_DAYS_PER_YEAR}"),
+    ([("description", "x")], TypeError, None), ("description", TypeError, None), (5, TypeError, None),
+])
+def test_model_copy_rejects(update, exc, msg):
+    m = Meta(**CUSTOM)
+    with pytest.raises(exc) as excinfo:
+        m.model_copy(update)
+    assert msg is None or str(excinfo.value) == msg
+    assert m.model_dump() == CUSTOM
+
+
+@pytest.mark.parametrize("kwargs", [{}, CUSTOM, {"term_unit": "weeks", "description": "é ≤"}])
+def test_msgpack_dict_round_trip(kwargs):
+    m = Meta(**kwargs)
+    d = m.to_msgpack_dict()
+    assert list(d) == list(FIELDS) and d == m.model_dump()
+    assert Meta.from_msgpack_dict(d).model_dump() == m.model_dump()
+    # native values only, so the dict survives a JSON trip as well
+    assert Meta.from_msgpack_dict(json.loads(json.dumps(d))).model_dump() == m.model_dump()
+
+
+def test_from_msgpack_dict_missing_keys_and_errors():
+    assert Meta.from_msgpack_dict({}).model_dump() == DEFAULTS
+    assert Meta.from_msgpack_dict({"description": "d", "extra": 1}).model_dump() == {**DEFAULTS, "description": "d"}
+    with pytest.raises(ValueError) as excinfo:
+        Meta.from_msgpack_dict({"term_unit": None})
+    assert str(excinfo.value) == unit_msg("None")
+    for bad in ([("term_unit", "years")], None, "years"):
+        with pytest.raises(TypeError):
+            Meta.from_msgpack_dict(bad)
