@@ -3,7 +3,9 @@
 
 #include <cstddef>
 #include <optional>
+#include <cstdint>
 #include <span>
+#include <vector>
 
 namespace norvane::core {
 
@@ -27,5 +29,54 @@ std::optional<std::size_t> first_non_finite(std::span<const double> values);
 // Position of the first value <= bound (NaN never matches), if any.
 std::optional<std::size_t> first_at_or_below(std::span<const double> values,
                                              double bound);
+
+}  // namespace norvane::core
+
+namespace norvane::core {
+
+// A piecewise curve prepared for discounting: v(n) for n > 0 is
+// start_df[j] * (1 + r_j)^-(n - start_t[j]) where j is the segment holding n
+// (a duration on a boundary belongs to the segment that ends there; the last
+// rate runs on indefinitely), evaluated as exp(-(n - start_t[j]) * log1p(r_j)).
+class PiecewiseTable {
+public:
+    // rates: m values; ends: the m-1 cumulative segment ends; prefix: the m-1
+    // discount factors from 0 to each end (empty when only rates are looked up).
+    PiecewiseTable(std::span<const double> rates, std::span<const double> ends,
+                   std::span<const double> prefix);
+
+    // Segment of a time by the side-"left" search over the ends, clipped to the
+    // last rate: times <= 0 give 0, NaN and times past the end give m-1.
+    std::size_t segment_of(double n) const;
+    std::size_t segment_count() const { return rates_.size(); }
+    double rate(std::size_t segment) const { return rates_[segment]; }
+    bool has_rate_at_or_below_minus_one() const;
+
+    // Discount factors; durations <= 0 give exactly 1.0.
+    double discount(double n) const;
+    void discount(std::span<const double> n, std::span<double> out) const;
+
+private:
+    std::size_t segment_by_search(double n) const;
+
+    std::vector<double> ends_;      // m-1 segment ends
+    std::vector<double> bounds_;    // -inf, the ends, +inf: segment j is (bounds_[j], bounds_[j+1]]
+    std::vector<double> rates_;     // r_j
+    std::vector<double> q_;         // 1 + r_j
+    std::vector<double> log_q_;     // log1p(r_j)
+    std::vector<double> start_df_;  // discount factor to the start of segment j
+    std::vector<double> start_t_;   // start of segment j
+    // Bucket index over (0, last end]: bucket b starts in segment first_[b].
+    // Buckets narrower than every segment hold at most one end, so a segment is
+    // found with one comparison; otherwise the lookup falls back to a search.
+    std::vector<std::uint32_t> first_;
+    double bucket_scale_ = 0.0;
+    bool one_step_ = false;
+};
+
+// Constant curve: (1 + rate)^-n for every n (negative n accumulates),
+// evaluated as exp(-n * log1p(rate)).
+double constant_discount(double rate, double n);
+void constant_discount(double rate, std::span<const double> n, std::span<double> out);
 
 }  // namespace norvane::core

@@ -102,29 +102,6 @@ void validate_terms_array(nb::handle terms_in, nb::handle rates_len) {
     if (expected_rates && *expected_rates != t.size() + 1) value_error(kLengthRule);
 }
 
-// Integers (huge Python ints included) are compared exactly against the
-// float64 range; floating values of any width are converted first, since a
-// float32 infinity would not compare above the float64 maximum.
-void validate_rate_value(nb::handle rate, const std::string& context) {
-    if (!is_numeric(rate))
-        throw nb::type_error(("Interest rate must be numeric" + context + ", got " + type_name_of(rate)).c_str());
-    bool finite;
-    if (PyLong_Check(rate.ptr())) {
-        nb::object max = refs().max_float64;
-        nb::object min = nb::steal(PyNumber_Negative(max.ptr()));
-        finite = !py_compare(rate, max, Py_GT) && !py_compare(rate, min, Py_LT);
-    } else {
-        finite = std::isfinite(nb::cast<double>(nb::float_(rate)));
-    }
-    if (!finite) value_error("Interest rate must be finite" + context + ", got " + py_str(rate) + kNotFinite);
-}
-
-void validate_rate_for_discount(double r, const std::string& context) {
-    if (r > -1.0) return;  // NaN fails this test and is refused
-    value_error("Rate " + float_str(r) + " ≤ -1" + context +
-                ": (1+i) must be positive for discount factor computation per actuarial standards");
-}
-
 void validate_rate_for_force(nb::handle rate, const std::string& context) {
     if (!py_compare(rate, nb::float_(-1.0), Py_LE)) return;
     std::string shown = nb::steal<nb::str>(PyObject_Format(rate.ptr(), nb::str("").ptr())).c_str();
@@ -324,7 +301,6 @@ InterestRate construct(nb::handle rate_in, nb::handle terms_in, nb::handle rates
 
 // ---- scenarios --------------------------------------------------------------
 
-bool has_scenarios(const InterestRate& ir) { return truthy(ir[Scenarios]); }
 
 void set_active_scenario(InterestRate& ir, nb::handle name) {
     if (!has_scenarios(ir) || !nb::borrow<nb::dict>(ir[Scenarios]).contains(name))
@@ -395,6 +371,38 @@ nb::object blank_instance(nb::handle cls) {
     return obj;
 }
 
+}  // namespace
+
+// Integers (huge Python ints included) are compared exactly against the
+// float64 range; floating values of any width are converted first, since a
+// float32 infinity would not compare above the float64 maximum.
+void validate_rate_value(nb::handle rate, const std::string& context) {
+    if (!is_numeric(rate))
+        throw nb::type_error(("Interest rate must be numeric" + context + ", got " + type_name_of(rate)).c_str());
+    bool finite;
+    if (PyLong_Check(rate.ptr())) {
+        nb::object max = refs().max_float64;
+        nb::object min = nb::steal(PyNumber_Negative(max.ptr()));
+        finite = !py_compare(rate, max, Py_GT) && !py_compare(rate, min, Py_LT);
+    } else {
+        finite = std::isfinite(nb::cast<double>(nb::float_(rate)));
+    }
+    if (!finite) value_error("Interest rate must be finite" + context + ", got " + py_str(rate) + kNotFinite);
+}
+
+void validate_rate_for_discount(double r, const std::string& context) {
+    if (r > -1.0) return;  // NaN fails this test and is refused
+    value_error("Rate " + float_str(r) + " ≤ -1" + context +
+                ": (1+i) must be positive for discount factor computation per actuarial standards");
+}
+
+bool has_scenarios(const InterestRate& ir) { return truthy(ir[Scenarios]); }
+
+InterestRate& active_curve(InterestRate& ir) {
+    if (!has_scenarios(ir)) return ir;
+    return nb::cast<InterestRate&>(ir[Scenarios][ir[ActiveScenario]]);
+}
+
 nb::object deep_copy(nb::handle self, nb::handle memo) {
     nb::handle cls = self.type();
     nb::object result = blank_instance(cls);
@@ -424,6 +432,8 @@ nb::object deep_copy(nb::handle self, nb::handle memo) {
     freeze_arrays(nb::cast<InterestRate&>(result));
     return result;
 }
+
+namespace {
 
 // ---- pickling ---------------------------------------------------------------
 

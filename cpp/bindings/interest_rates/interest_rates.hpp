@@ -4,9 +4,13 @@
 #include <nanobind/nanobind.h>
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/string.h>
+#include <nanobind/stl/vector.h>
+
+#include "core/curve.hpp"
 
 #include <array>
 #include <cstddef>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -67,6 +71,10 @@ extern const std::array<const char*, SlotCount> kSlotNames;
 
 struct InterestRate {
     std::array<nb::object, SlotCount> slot;
+    // Native mirror of the piecewise arrays for the kernels, rebuilt whenever
+    // one of the arrays it was built from (held in table_key) is replaced.
+    std::shared_ptr<const core::PiecewiseTable> table;
+    std::array<nb::object, 3> table_key;
 
     nb::object& operator[](Slot s) { return slot[s]; }
     const nb::object& operator[](Slot s) const { return slot[s]; }
@@ -100,6 +108,14 @@ using CurveClass = nb::class_<InterestRate>;
 void register_metadata(nb::module_& m);
 CurveClass register_curve_model(nb::module_& m);
 void register_caches(CurveClass& cls);
+void register_discounting(nb::module_& m, CurveClass& cls);
+
+// Curve helpers shared across binding files.
+bool has_scenarios(const InterestRate& ir);
+InterestRate& active_curve(InterestRate& ir);  // the active scenario, or ir itself
+nb::object deep_copy(nb::handle self, nb::handle memo);
+void validate_rate_value(nb::handle rate, const std::string& context);
+void validate_rate_for_discount(double rate, const std::string& context);
 
 // Expose each named slot of T as a read/write attribute, plus a __slots__
 // tuple naming them, so the instance has a fixed attribute set and no __dict__.

@@ -92,4 +92,5 @@ NB_MODULE(interest_rates, m) {
     bind_shift_cache_alias(m);
     CurveClass cls = register_curve_model(m);
     register_caches(cls);
+    register_discounting(m, cls);
 }

@@ -1,0 +1,428 @@
+// Discount and accumulation factors, rate lookup and curve shifting.
+#include "interest_rates.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+namespace norvane::bindings {
+
+namespace {
+
+// Below this many durations the GIL is kept: releasing costs more than it saves.
+constexpr std::size_t kReleaseGilAbove = 4096;
+
+const char* kNotPositive = ": (1+i) must be positive for discount factor computation per actuarial standards";
+
+[[noreturn]] void internal_error(const char* message) { throw std::runtime_error(message); }
+
+// ---- inputs -----------------------------------------------------------------
+
+// Durations as a contiguous float64 buffer, with the flag that says whether the
+// caller gave a single number (answered with a Python float).
+struct Durations {
+    nb::object owner;       // keeps the buffer alive (None for a scalar)
+    const double* data;
+    std::size_t size;
+    std::vector<std::size_t> shape;
+    bool is_scalar;
+    double scalar;          // storage for a scalar input
+};
+
+bool is_plain_scalar(nb::handle h) {
+    if (PyBool_Check(h.ptr())) return false;
+    return PyFloat_Check(h.ptr()) || PyLong_Check(h.ptr());
+}
+
+Durations from_array(nb::handle array, bool is_scalar) {
+    nb::ndarray<const double, nb::c_contig, nb::device::cpu> view;
+    if (!nb::try_cast(array, view, false)) internal_error("Internal error: expected a float64 array of durations.");
+    Durations d{nb::borrow(array), view.data(), view.size(), {}, is_scalar, 0.0};
+    for (std::size_t k = 0; k < view.ndim(); ++k) d.shape.push_back(view.shape(k));
+    return d;
+}
+
+// Plain Python numbers and float64 arrays (the common cases) are read directly;
+// everything else goes through the package validator and converter, which own
+// the messages for bad input.
+Durations read_durations(nb::handle n, const std::string& param_name, bool validate) {
+    if (is_plain_scalar(n)) {
+        double value = PyFloat_AsDouble(n.ptr());
+        if (!(value == -1.0 && PyErr_Occurred())) return {nb::none(), nullptr, 1, {}, true, value};
+        PyErr_Clear();  // an int too large for a double: let the validator speak
+    }
+    nb::ndarray<const double, nb::c_contig, nb::device::cpu> view;
+    if (nb::isinstance(n, refs().np_ndarray) && nb::try_cast(n, view, false)) return from_array(n, false);
+    if (validate) {
+        nb::tuple checked = nb::borrow<nb::tuple>(refs().validate_numeric_input(
+            n, nb::arg("allow_none") = false, nb::arg("allow_sequence") = true,
+            nb::arg("method_name") = "InterestRate", nb::arg("attr_name") = param_name));
+        return from_array(refs().as_f64_safe(checked[0]), truthy(checked[1]));
+    }
+    bool is_scalar = !PyBool_Check(n.ptr()) &&
+                     (PyFloat_Check(n.ptr()) || PyLong_Check(n.ptr()) || nb::isinstance(n, refs().np_generic));
+    return from_array(refs().as_f64_safe(n), is_scalar);
+}
+
+const double* values_of(const Durations& d) { return d.is_scalar && !d.data ? &d.scalar : d.data; }
+
+// ---- outputs ----------------------------------------------------------------
+
+struct Output {
+    nb::object array;
+    double* data;
+};
+
+Output new_result(const Durations& like) {
+    std::size_t size = like.size;
+    auto* buffer = new double[size > 0 ? size : 1];
+    nb::capsule owner(buffer, [](void* p) noexcept { delete[] static_cast<double*>(p); });
+    nb::ndarray<nb::numpy, double> array(buffer, like.shape.size(), like.shape.data(), owner);
+    return {array.cast(), buffer};
+}
+
+// A single number for scalar input, else an array of the input's shape; `fill`
+// writes the values.
+template <typename Fill>
+nb::object finish(const Durations& d, Fill fill) {
+    if (d.is_scalar) {
+        double value;
+        fill(values_of(d), &value, std::size_t{1});
+        return nb::float_(value);
+    }
+    Output out = new_result(d);
+    if (d.size > kReleaseGilAbove) {
+        nb::gil_scoped_release release;
+        fill(d.data, out.data, d.size);
+    } else {
+        fill(d.data, out.data, d.size);
+    }
+    return out.array;
+}
+
+nb::object ones_like(const Durations& d) {
+    return finish(d, [](const double*, double* out, std::size_t k) { std::fill(out, out + k, 1.0); });
+}
+
+// ---- the native mirror ------------------------------------------------------
+
+std::shared_ptr<const core::PiecewiseTable> table_of(InterestRate& ir) {
+    const nb::object& prefix = ir[PrefixProd];
+    if (!ir.table || !ir.table_key[0].is(ir[Rates]) || !ir.table_key[1].is(ir[CumTerms]) ||
+        !ir.table_key[2].is(prefix)) {
+        std::span<const double> rates = f64_span(ir[Rates]), ends = f64_span(ir[CumTerms]);
+        std::span<const double> products = prefix.is_none() ? std::span<const double>() : f64_span(prefix);
+        if (rates.size() != ends.size() + 1)
+            internal_error("Internal error: rates and terms have inconsistent lengths in discount_factor.");
+        ir.table = std::make_shared<const core::PiecewiseTable>(rates, ends, products);
+        ir.table_key = {ir[Rates], ir[CumTerms], prefix};
+    }
+    return ir.table;
+}
+
+// Prefix products dropped by an invalidation are rebuilt on first use.
+void ensure_prefix_products(InterestRate& ir) {
+    if (nb::len(ir[Terms]) == 0) return;
+    if (ir[OnePlusRates].is_none() || ir[PrefixProd].is_none() || nb::len(ir[PrefixProd]) == 0)
+        recompute_prefix_products(ir);
+    if (ir[PrefixProd].is_none())
+        internal_error("Internal error: prefix_prod is None after lazy initialization in discount_factor.");
+    if (ir[OnePlusRates].is_none())
+        internal_error("Internal error: precomp_1pr is None after lazy initialization in discount_factor.");
+}
+
+// ---- discount factors -------------------------------------------------------
+
+nb::object constant_discount(InterestRate& ir, const Durations& d, bool validate) {
+    if (ir[Rate].is_none()) internal_error("Internal error: constant rate is None in discount_factor.");
+    if (validate) {
+        validate_rate_value(ir[Rate], "");
+        validate_rate_for_discount(nb::cast<double>(nb::float_(ir[Rate])), "");
+    }
+    double rate = nb::cast<double>(nb::float_(ir[Rate]));
+    if (rate == 0.0) return ones_like(d);
+    if (d.is_scalar) {
+        double n = *values_of(d), v = core::constant_discount(rate, n);
+        // Python's own float power where it differs from a real result: it
+        // raises for 0 to a negative power and on overflow, and goes complex
+        // for a negative base.
+        if (1.0 + rate <= 0.0 || (std::isinf(v) && std::isfinite(n)))
+            return nb::steal(PyNumber_Power(nb::float_(1.0 + rate).ptr(), nb::float_(-n).ptr(), Py_None));
+        return nb::float_(v);
+    }
+    return finish(d, [rate](const double* n, double* out, std::size_t k) {
+        core::constant_discount(rate, {n, k}, {out, k});
+    });
+}
+
+std::vector<std::size_t> positions_on_bad_rates(const core::PiecewiseTable& table, const double* n, std::size_t k) {
+    std::vector<std::size_t> bad;
+    for (std::size_t i = 0; i < k; ++i)
+        if (table.rate(table.segment_of(n[i])) <= -1.0) bad.push_back(i);
+    return bad;
+}
+
+nb::object piecewise_discount(InterestRate& ir, const Durations& d, bool validate) {
+    if (ir[Rates].is_none() || ir[Terms].is_none() || ir[CumTerms].is_none())
+        internal_error("Internal error: piecewise rate arrays not initialized in discount_factor.");
+    const double* n = values_of(d);
+    if (std::all_of(n, n + d.size, [](double x) { return x <= 0.0; })) return ones_like(d);
+    if (validate) {
+        auto table = table_of(ir);
+        if (table->has_rate_at_or_below_minus_one()) {
+            auto bad = positions_on_bad_rates(*table, n, d.size);
+            if (!bad.empty()) {
+                nb::object positions = nb::module_::import_("numpy").attr("array")(nb::cast(bad));
+                throw nb::value_error(("Rates ≤ -1 at indices " + py_str(positions) + kNotPositive).c_str());
+            }
+        }
+    }
+    ensure_prefix_products(ir);
+    auto table = table_of(ir);
+    return finish(d, [table](const double* x, double* out, std::size_t k) {
+        if (k == 1)
+            out[0] = table->discount(x[0]);
+        else
+            table->discount({x, k}, {out, k});
+    });
+}
+
+nb::object dfn(InterestRate& ir, nb::handle n, const std::string& param_name, bool validate) {
+    Durations d = read_durations(n, param_name, validate);
+    if (truthy(ir[IsConstant])) return constant_discount(ir, d, validate);
+    return piecewise_discount(ir, d, validate);
+}
+
+nb::object vn_impl(InterestRate& ir, nb::handle n, const std::string& param_name, bool validate) {
+    return dfn(active_curve(ir), n, param_name, validate);
+}
+
+// ---- relative discount and accumulation -------------------------------------------
+
+struct Times {
+    nb::object array;  // float64, C-contiguous
+    std::span<const double> values;
+    bool is_scalar;
+};
+
+Times validated_times(nb::handle value, const char* name) {
+    nb::tuple checked = nb::borrow<nb::tuple>(refs().validate_numeric_input(
+        value, nb::arg("allow_none") = false, nb::arg("allow_sequence") = true,
+        nb::arg("method_name") = "InterestRate", nb::arg("attr_name") = name));
+    nb::object array = refs().as_f64_safe(checked[0]);
+    nb::ndarray<const double, nb::c_contig, nb::device::cpu> view = nb::cast<decltype(view)>(array);
+    return {array, {view.data(), view.size()}, truthy(checked[1])};
+}
+
+bool any_negative(std::span<const double> v) {
+    return std::any_of(v.begin(), v.end(), [](double x) { return x < 0.0; });
+}
+
+std::pair<Times, Times> validate_x_and_x0(nb::handle x_in, nb::handle x0_in) {
+    Times x = validated_times(x_in, "x"), x0 = validated_times(x0_in, "x0");
+    if (any_negative(x.values)) throw nb::value_error("'x' contains negative values.");
+    if (any_negative(x0.values)) throw nb::value_error("'x0' contains negative values.");
+    nb::object x_shape = x.array.attr("shape"), x0_shape = x0.array.attr("shape");
+    if (!x_shape.equal(x0_shape) && x.values.size() > 1 && x0.values.size() > 1)
+        throw nb::value_error(("Incompatible shapes for 'x' and 'x0': " + py_str(x_shape) + " and " +
+                               py_str(x0_shape) + ". Both must have the same shape or one must have size 1.")
+                                  .c_str());
+    // Same shapes compare element by element, a single value against all;
+    // other broadcasts (empty against many) are left to NumPy's rules.
+    bool ordered;
+    if (x_shape.equal(x0_shape) || x.values.size() == 1 || x0.values.size() == 1) {
+        std::size_t k = std::max(x.values.size(), x0.values.size());
+        if (x.values.empty() || x0.values.empty()) k = 0;
+        ordered = true;
+        for (std::size_t i = 0; i < k && ordered; ++i)
+            ordered = x.values[x.values.size() == 1 ? 0 : i] >= x0.values[x0.values.size() == 1 ? 0 : i];
+    } else {
+        auto np = nb::module_::import_("numpy");
+        ordered = truthy(np.attr("all")(np.attr("greater_equal")(x.array, x0.array)));
+    }
+    if (!ordered) throw nb::value_error("All values in 'x' must be greater than or equal to 'x0'.");
+    return {x, x0};
+}
+
+nb::object as_returned(const Times& t) {
+    return t.is_scalar ? nb::object(t.array.attr("item")()) : t.array;
+}
+
+nb::object vx(InterestRate& ir, nb::handle x_in, nb::handle x0_in) {
+    auto [x, x0] = validate_x_and_x0(x_in, x0_in);
+    nb::object difference = nb::steal(PyNumber_Subtract(as_returned(x).ptr(), as_returned(x0).ptr()));
+    if (!difference.is_valid()) nb::raise_python_error();
+    return vn_impl(ir, difference, "x - x0", false);
+}
+
+nb::object sn(InterestRate& ir, nb::handle n) {
+    nb::object v = vn_impl(ir, n, "n", true);
+    // An underflowed discount factor accumulates to infinity, without a warning.
+    auto accumulate = [](double f) { return f == 0.0 ? INFINITY : 1.0 / f; };
+    if (PyFloat_Check(v.ptr())) return nb::float_(accumulate(nb::cast<double>(v)));
+    auto view = nb::cast<nb::ndarray<double, nb::c_contig, nb::device::cpu>>(v);
+    std::transform(view.data(), view.data() + view.size(), view.data(), accumulate);
+    return v;
+}
+
+// ---- rate lookup ------------------------------------------------------------
+
+nb::object get_rate(InterestRate& self, nb::handle t) {
+    InterestRate& ir = active_curve(self);
+    if (Py_IS_TYPE(t.ptr(), &PyBool_Type)) throw nb::type_error("[InterestRate] Parameter 't' must be numeric.");
+    bool scalar = is_numeric(t);
+    if (truthy(ir[IsConstant])) {
+        if (scalar) return ir[Rate];
+        nb::object like = refs().as_f64_safe(t);
+        Durations d = from_array(like, false);
+        double rate = nb::cast<double>(nb::float_(ir[Rate]));
+        return finish(d, [rate](const double*, double* out, std::size_t k) { std::fill(out, out + k, rate); });
+    }
+    if (scalar) {
+        double time = nb::cast<double>(nb::float_(t));
+        nb::object cached = lru_touch_get(ir, ir[RateCache], time);
+        if (!cached.is_none()) return cached;
+        double rate = table_of(ir)->rate(table_of(ir)->segment_of(time));
+        // A second look narrows the window in which two threads store the same key.
+        if (lru_touch_get(ir, ir[RateCache], time).is_none())
+            lru_store(ir, ir[RateCache], time, rate, meta_of(ir).field[CacheMaxsize]);
+        return nb::float_(rate);
+    }
+    Durations d = from_array(refs().as_f64_safe(t), false);
+    auto table = table_of(ir);
+    return finish(d, [table](const double* x, double* out, std::size_t k) {
+        for (std::size_t i = 0; i < k; ++i) out[i] = table->rate(table->segment_of(x[i]));
+    });
+}
+
+// ---- shifting -----------------------------------------------------------------
+
+nb::object constant_curve(double rate) { return nb::type<InterestRate>()(nb::float_(rate)); }
+
+nb::object shifted(nb::handle self_obj, nb::handle ts_in) {
+    if (!is_numeric(ts_in)) throw nb::type_error("[InterestRate] Parameter 'ts' must be numeric.");
+    InterestRate& self = nb::cast<InterestRate&>(self_obj);
+    if (has_scenarios(self)) return shifted(self[Scenarios][self[ActiveScenario]], ts_in);
+    double ts = nb::cast<double>(nb::float_(ts_in));
+    if (truthy(self[IsConstant]) || ts <= 0.0) return deep_copy(self_obj, nb::dict());
+    if (self[CumTerms].is_none() || self[Terms].is_none() || self[Rates].is_none()) {
+        PyErr_SetString(PyExc_AssertionError, "piecewise curve without terms or rates cannot be shifted");
+        throw nb::python_error();
+    }
+    std::span<const double> cum = f64_span(self[CumTerms]), terms = f64_span(self[Terms]), rates = f64_span(self[Rates]);
+    const double eps = nb::cast<double>(nb::float_(meta_of(self).field[ToleranceEps]));
+    if (cum.empty() || ts >= cum.back()) return constant_curve(rates.back());
+    std::size_t k = std::lower_bound(cum.begin(), cum.end(), ts) - cum.begin();
+    double start = k > 0 ? cum[k - 1] : 0.0;
+    double remaining = terms[k] - (ts - start);
+    std::vector<double> new_terms, new_rates;
+    if (remaining <= eps) {  // segment k used up within the tolerance
+        new_terms.assign(terms.begin() + k + 1, terms.end());
+        new_rates.assign(rates.begin() + k + 1, rates.end());
+    } else {
+        new_terms.push_back(remaining);
+        new_terms.insert(new_terms.end(), terms.begin() + k + 1, terms.end());
+        new_rates.assign(rates.begin() + k, rates.end());
+    }
+    if (new_terms.empty()) return constant_curve(rates.back());
+    return nb::type<InterestRate>()(nb::arg("terms") = readonly_copy(new_terms),
+                                    nb::arg("rates") = readonly_copy(new_rates), nb::arg("term_unit") = "years");
+}
+
+nb::object shifted_for_ts(nb::handle ir_obj, double ts, nb::handle cache) {
+    InterestRate& ir = nb::cast<InterestRate&>(ir_obj);
+    if (truthy(active_curve(ir)[IsConstant]) || ts <= nb::cast<double>(nb::float_(meta_of(ir).field[ToleranceEps])))
+        return nb::borrow(ir_obj);  // a shift within the tolerance is no shift
+    nb::object key = nb::make_tuple(ir_obj, nb::float_(ts), ir[ShiftCacheEpoch]);
+    nb::object hit = cache.attr("get")(key);
+    if (!hit.is_none()) return hit;
+    nb::object result = ir_obj.attr("shifted")(nb::float_(ts));
+    cache[key] = result;
+    return result;
+}
+
+}  // namespace
+
+void register_discounting(nb::module_& m, CurveClass& cls) {
+    cls.def(
+        "_dfn",
+        [](InterestRate& ir, nb::handle n, const std::string& param_name, nb::handle validate) {
+            return dfn(ir, n, param_name, truthy(validate));
+        },
+        nb::arg("n"), nb::arg("param_name") = "n", nb::arg("validate").none() = false,
+        "Discount factors of this curve (no scenario forwarding); validation on request.");
+    cls.def(
+        "_vn",
+        [](InterestRate& ir, nb::handle n, const std::string& param_name, nb::handle validate) {
+            return vn_impl(ir, n, param_name, truthy(validate));
+        },
+        nb::arg("n"), nb::arg("param_name") = "n", nb::arg("validate").none() = false,
+        "Discount factors, forwarded to the active scenario of a container.");
+    cls.def(
+        "vn", [](InterestRate& ir, nb::handle n) { return vn_impl(ir, n, "n", true); }, nb::arg("n"),
+        R"doc(Discount factor v^n = (1 + i)^-n for durations in years.
+
+Parameters
+----------
+n : float or array_like
+    Durations in years: a number, a sequence, a NumPy array of any real
+    dtype and shape, or a pandas Series.
+
+Returns
+-------
+float or numpy.ndarray
+    A float for a number, else a float64 array of the input's shape. On a
+    piecewise curve durations <= 0 give exactly 1.0.
+
+Raises
+------
+TypeError
+    For booleans and non-numeric input.
+ValueError
+    If a rate reached by the durations is <= -1.
+
+Examples
+--------
+>>> InterestRate(terms=[5, 5], rates=[0.02, 0.03, 0.04]).vn(5) == 1.02 ** -5
+True
+)doc");
+    cls.def(
+        "_validate_x_and_x0",
+        [](InterestRate&, nb::handle x, nb::handle x0) {
+            auto [xt, x0t] = validate_x_and_x0(x, x0);
+            return nb::make_tuple(as_returned(xt), as_returned(x0t));
+        },
+        nb::arg("x"), nb::arg("x0"), "Validated (x, x0): floats for scalars, float64 arrays otherwise.");
+    cls.def("vx", &vx, nb::arg("x"), nb::arg("x0") = 0.0,
+            R"doc(Discount factor v^(x - x0) between times x0 <= x (years).
+
+Both arguments are numbers or array-likes; one may have size 1. The factor
+is the curve's discount over the duration x - x0 measured from time 0.
+)doc");
+    cls.def("sn", &sn, nb::arg("n"),
+            R"doc(Accumulation factor (1 + i)^n = 1 / v^n; infinite where v^n underflows to 0.)doc");
+    cls.def("get_rate", &get_rate, nb::arg("t"),
+            R"doc(Rate in force at time t (years): the constant rate, or the rate of the
+segment holding t (a boundary belongs to the segment ending there; times <= 0
+get the first rate, times past the last term the last rate). Scalar lookups
+on piecewise curves are cached.
+)doc");
+    cls.def(
+        "shifted", [](nb::handle self, nb::handle ts) { return shifted(self, ts); }, nb::arg("ts").none(),
+        R"doc(The curve as seen from time ts (years): a new curve with the first ts
+years cut away (a constant curve past the last term). Never changes self.
+)doc");
+    cls.def(
+        "_ir_shifted_for_ts",
+        [](nb::handle self, nb::handle ts, nb::handle cache) {
+            return shifted_for_ts(self, nb::cast<double>(nb::float_(ts)), cache);
+        },
+        nb::arg("ts"), nb::arg("cache"), "Shifted curve through the cache `cache`.");
+    m.def(
+        "_interest_rate_shifted_for_ts",
+        [](nb::handle ir, double ts, nb::handle cache) { return shifted_for_ts(ir, ts, cache); }, nb::arg("ir"),
+        nb::arg("ts"), nb::arg("cache"),
+        "Shifted curve for `ts`, served from `cache` keyed by (curve, ts, cache generation).");
+}
+
+}  // namespace norvane::bindings

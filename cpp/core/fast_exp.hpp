@@ -1,0 +1,49 @@
+// exp(x) in a branch-free form the compiler can vectorise, accurate to about
+// one ulp on the range where the result is a normal double.
+#pragma once
+
+#include <bit>
+#include <cmath>
+#include <cstdint>
+
+namespace norvane::core {
+
+// Outside this range the result is subnormal, zero, huge or infinite (or x is
+// NaN): callers hand those arguments to std::exp.
+inline constexpr double kExpLow = -708.0;
+inline constexpr double kExpHigh = 709.0;
+
+inline bool exp_core_in_range(double x) { return x >= kExpLow && x <= kExpHigh; }
+
+// x = k ln2 + r with |r| <= ln2/2 (Cody-Waite, ln2 split so k*ln2_hi is exact),
+// then e^r by its Taylor polynomial to r^13 (truncation below 1e-17) and a
+// scale by 2^k built from the exponent bits. Valid for x in [kExpLow, kExpHigh].
+inline double exp_core(double x) {
+    constexpr double inv_ln2 = 1.4426950408889634074;
+    constexpr double ln2_hi = 6.93147180369123816490e-01;
+    constexpr double ln2_lo = 1.90821492927058770002e-10;
+    constexpr double shifter = 0x1.8p52;  // adding it rounds to an integer in the low bits
+    // No clamping: a select or fmin would stop vectorisation. Outside the range
+    // the unsigned (wrapping) bit arithmetic gives garbage that callers replace.
+    double t = x * inv_ln2 + shifter;
+    double kd = t - shifter;
+    std::uint64_t k = std::bit_cast<std::uint64_t>(t) - std::bit_cast<std::uint64_t>(shifter);
+    double r = (x - kd * ln2_hi) - kd * ln2_lo;
+    double p = 1.0 / 6227020800.0;  // 1/13!
+    p = p * r + 1.0 / 479001600.0;
+    p = p * r + 1.0 / 39916800.0;
+    p = p * r + 1.0 / 3628800.0;
+    p = p * r + 1.0 / 362880.0;
+    p = p * r + 1.0 / 40320.0;
+    p = p * r + 1.0 / 5040.0;
+    p = p * r + 1.0 / 720.0;
+    p = p * r + 1.0 / 120.0;
+    p = p * r + 1.0 / 24.0;
+    p = p * r + 1.0 / 6.0;
+    p = p * r + 0.5;
+    p = p * r * r + r;  // r + r^2 (1/2 + ...), keeping the leading 1 apart for accuracy
+    double scale = std::bit_cast<double>((k + 1023) << 52);
+    return (1.0 + p) * scale;
+}
+
+}  // namespace norvane::core
