@@ -37,7 +37,7 @@ namespace norvane::core {
 // A piecewise curve prepared for discounting: v(n) for n > 0 is
 // start_df[j] * (1 + r_j)^-(n - start_t[j]) where j is the segment holding n
 // (a duration on a boundary belongs to the segment that ends there; the last
-// rate runs on indefinitely), evaluated as exp(-(n - start_t[j]) * log1p(r_j)).
+// rate runs on indefinitely), evaluated as exp(-(n - start_t[j]) * log(1 + r_j)).
 class PiecewiseTable {
 public:
     // rates: m values; ends: the m-1 cumulative segment ends; prefix: the m-1
@@ -58,24 +58,26 @@ public:
 
 private:
     std::size_t segment_by_search(double n) const;
+    void discount_range(std::span<const double> n, std::span<double> out) const;
+    void locate_one_step(const double* n, std::size_t len, double* x, double* scale) const;
 
     std::vector<double> ends_;      // m-1 segment ends
     std::vector<double> bounds_;    // -inf, the ends, +inf: segment j is (bounds_[j], bounds_[j+1]]
     std::vector<double> rates_;     // r_j
     std::vector<double> q_;         // 1 + r_j
-    std::vector<double> log_q_;     // log1p(r_j)
+    std::vector<double> log_q_;     // log(1 + r_j)
     std::vector<double> start_df_;  // discount factor to the start of segment j
     std::vector<double> start_t_;   // start of segment j
     // Bucket index over (0, last end]: bucket b starts in segment first_[b].
     // Buckets narrower than every segment hold at most one end, so a segment is
     // found with one comparison; otherwise the lookup falls back to a search.
-    std::vector<std::uint32_t> first_;
+    std::vector<std::int32_t> first_;
     double bucket_scale_ = 0.0;
     bool one_step_ = false;
 };
 
 // Constant curve: (1 + rate)^-n for every n (negative n accumulates),
-// evaluated as exp(-n * log1p(rate)).
+// evaluated as exp(-n * log(1 + rate)).
 double constant_discount(double rate, double n);
 void constant_discount(double rate, std::span<const double> n, std::span<double> out);
 

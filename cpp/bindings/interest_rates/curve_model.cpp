@@ -464,6 +464,31 @@ void set_state(InterestRate& self, nb::tuple state) {
     new (&self) InterestRate(std::move(ir));
 }
 
+// Cyclic GC support: a curve's shift cache holds keys that refer back to the
+// curve, so curves must be visible to the collector.
+int curve_traverse(PyObject* self, visitproc visit, void* arg) {
+    Py_VISIT(Py_TYPE(self));
+    if (!nb::inst_ready(self)) return 0;
+    InterestRate* ir = nb::inst_ptr<InterestRate>(self);
+    for (const auto& value : ir->slot) Py_VISIT(value.ptr());
+    for (const auto& value : ir->table_key) Py_VISIT(value.ptr());
+    return 0;
+}
+
+int curve_clear(PyObject* self) {
+    InterestRate* ir = nb::inst_ptr<InterestRate>(self);
+    // None rather than null, so that a method reached during collection fails cleanly.
+    for (auto& value : ir->slot) value = nb::none();
+    for (auto& value : ir->table_key) value = nb::none();
+    ir->table.reset();
+    return 0;
+}
+
+PyType_Slot curve_type_slots[] = {
+    {Py_tp_traverse, reinterpret_cast<void*>(curve_traverse)},
+    {Py_tp_clear, reinterpret_cast<void*>(curve_clear)},
+    {0, nullptr}};
+
 nb::object config_backed(const InterestRate& ir, MetaField field, const char* config_attr) {
     const nb::object& override_value = meta_of(ir).field[field];
     return override_value.is_none() ? nb::object(ir[Config].attr(config_attr)) : override_value;
@@ -472,7 +497,7 @@ nb::object config_backed(const InterestRate& ir, MetaField field, const char* co
 }  // namespace
 
 CurveClass register_curve_model(nb::module_& m) {
-    CurveClass cls(m, "InterestRate", kCurveDoc);
+    CurveClass cls(m, "InterestRate", kCurveDoc, nb::type_slots(curve_type_slots));
     bind_slots(cls, kSlotNames, [](InterestRate& self, std::size_t i) -> nb::object& { return self.slot[i]; });
 
     cls.def_prop_rw(

@@ -189,7 +189,8 @@ nb::object piecewise_discount(InterestRate& ir, const Durations& d, bool validat
 
 nb::object dfn(InterestRate& ir, nb::handle n, const std::string& param_name, bool validate) {
     Durations d = read_durations(n, param_name, validate);
-    if (truthy(ir[IsConstant])) return constant_discount(ir, d, validate);
+    // The property's reading: a container asks its active scenario.
+    if (truthy(active_curve(ir)[IsConstant])) return constant_discount(ir, d, validate);
     return piecewise_discount(ir, d, validate);
 }
 
@@ -349,17 +350,17 @@ void register_discounting(nb::module_& m, CurveClass& cls) {
         [](InterestRate& ir, nb::handle n, const std::string& param_name, nb::handle validate) {
             return dfn(ir, n, param_name, truthy(validate));
         },
-        nb::arg("n"), nb::arg("param_name") = "n", nb::arg("validate").none() = false,
+        nb::arg("n").none(), nb::arg("param_name") = "n", nb::arg("validate").none() = false,
         "Discount factors of this curve (no scenario forwarding); validation on request.");
     cls.def(
         "_vn",
         [](InterestRate& ir, nb::handle n, const std::string& param_name, nb::handle validate) {
             return vn_impl(ir, n, param_name, truthy(validate));
         },
-        nb::arg("n"), nb::arg("param_name") = "n", nb::arg("validate").none() = false,
+        nb::arg("n").none(), nb::arg("param_name") = "n", nb::arg("validate").none() = false,
         "Discount factors, forwarded to the active scenario of a container.");
     cls.def(
-        "vn", [](InterestRate& ir, nb::handle n) { return vn_impl(ir, n, "n", true); }, nb::arg("n"),
+        "vn", [](InterestRate& ir, nb::handle n) { return vn_impl(ir, n, "n", true); }, nb::arg("n").none(),
         R"doc(Discount factor v^n = (1 + i)^-n for durations in years.
 
 Parameters
@@ -392,16 +393,16 @@ True
             auto [xt, x0t] = validate_x_and_x0(x, x0);
             return nb::make_tuple(as_returned(xt), as_returned(x0t));
         },
-        nb::arg("x"), nb::arg("x0"), "Validated (x, x0): floats for scalars, float64 arrays otherwise.");
-    cls.def("vx", &vx, nb::arg("x"), nb::arg("x0") = 0.0,
+        nb::arg("x").none(), nb::arg("x0").none(), "Validated (x, x0): floats for scalars, float64 arrays otherwise.");
+    cls.def("vx", &vx, nb::arg("x").none(), nb::arg("x0").none() = 0.0,
             R"doc(Discount factor v^(x - x0) between times x0 <= x (years).
 
 Both arguments are numbers or array-likes; one may have size 1. The factor
 is the curve's discount over the duration x - x0 measured from time 0.
 )doc");
-    cls.def("sn", &sn, nb::arg("n"),
+    cls.def("sn", &sn, nb::arg("n").none(),
             R"doc(Accumulation factor (1 + i)^n = 1 / v^n; infinite where v^n underflows to 0.)doc");
-    cls.def("get_rate", &get_rate, nb::arg("t"),
+    cls.def("get_rate", &get_rate, nb::arg("t").none(),
             R"doc(Rate in force at time t (years): the constant rate, or the rate of the
 segment holding t (a boundary belongs to the segment ending there; times <= 0
 get the first rate, times past the last term the last rate). Scalar lookups
