@@ -7,14 +7,22 @@ namespace norvane::bindings {
 
 namespace {
 
+PyObject* interned(const char* name) { return PyUnicode_InternFromString(name); }
+
 // Holds a curve's threading.Lock for a scope, released on every exit path.
 class LockGuard {
 public:
-    explicit LockGuard(nb::handle lock) : lock_(nb::borrow(lock)) { lock_.attr("acquire")(); }
+    explicit LockGuard(nb::handle lock) : lock_(nb::borrow(lock)) {
+        static PyObject* acquire = interned("acquire");
+        PyObject* res = PyObject_CallMethodNoArgs(lock_.ptr(), acquire);
+        if (!res) nb::raise_python_error();
+        Py_DECREF(res);
+    }
     ~LockGuard() {
+        static PyObject* release = interned("release");
         PyObject *type, *value, *trace;
         PyErr_Fetch(&type, &value, &trace);  // keep a pending error across release()
-        PyObject* res = PyObject_CallMethod(lock_.ptr(), "release", nullptr);
+        PyObject* res = PyObject_CallMethodNoArgs(lock_.ptr(), release);
         Py_XDECREF(res);
         if (!res) PyErr_Clear();
         PyErr_Restore(type, value, trace);
@@ -47,8 +55,10 @@ nb::object lru_touch_get(InterestRate& ir, nb::handle cache, double key) {
     LockGuard hold(ir[CacheLock]);
     if (!dict_contains(cache, k)) return nb::none();
     // Removing and re-inserting moves the entry to the most-recently-used end.
-    nb::object value = cache.attr("pop")(k);
-    if (PyObject_SetItem(cache.ptr(), k.ptr(), value.ptr()) < 0) nb::raise_python_error();
+    nb::object value = nb::steal(PyObject_GetItem(cache.ptr(), k.ptr()));
+    if (!value.is_valid() || PyObject_DelItem(cache.ptr(), k.ptr()) < 0 ||
+        PyObject_SetItem(cache.ptr(), k.ptr(), value.ptr()) < 0)
+        nb::raise_python_error();
     return value;
 }
 

@@ -31,6 +31,7 @@ void init_refs(nb::module_& m) {
     r->np_generic = np.attr("generic");
     r->np_ndarray = np.attr("ndarray");
     r->np_array_equal = np.attr("array_equal");
+    r->np_empty = np.attr("empty");
     g_refs = r;
 }
 

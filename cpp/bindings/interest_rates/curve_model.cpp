@@ -340,7 +340,7 @@ bool curves_equal(const InterestRate& a, const InterestRate& b) {
            truthy(refs().np_array_equal(a[Rates], b[Rates]));
 }
 
-Py_hash_t curve_hash(const InterestRate& ir) {
+Py_hash_t curve_hash(InterestRate& ir) {
     if (truthy(ir[IsConstant])) return nb::hash(nb::make_tuple("ir_const", nb::float_(ir[Rate])));
     if (has_scenarios(ir)) {
         nb::object active = ir[ActiveScenario].is_none() ? nb::object(nb::str("")) : ir[ActiveScenario];
@@ -349,8 +349,13 @@ Py_hash_t curve_hash(const InterestRate& ir) {
             items.append(nb::make_tuple(name, nb::hash(scenario)));
         return nb::hash(nb::make_tuple("ir_scen", active, nb::tuple(items)));
     }
+    // Arrays are replaced whole, never changed in place, so the hash of a
+    // piecewise curve is kept until either array object changes.
+    if (ir.hash_key[0].is(ir[Terms]) && ir.hash_key[1].is(ir[Rates])) return ir.cached_hash;
     auto values_hash = [](nb::handle array) { return nb::hash(nb::tuple(array.attr("tolist")())); };
-    return nb::hash(nb::make_tuple("ir_pw", values_hash(ir[Terms]), values_hash(ir[Rates])));
+    ir.cached_hash = nb::hash(nb::make_tuple("ir_pw", values_hash(ir[Terms]), values_hash(ir[Rates])));
+    ir.hash_key = {ir[Terms], ir[Rates]};
+    return ir.cached_hash;
 }
 
 const Slot kArraySlots[] = {Terms, Rates, CumTerms, FullSegProd, PrefixProd, OnePlusRates};
@@ -472,6 +477,7 @@ int curve_traverse(PyObject* self, visitproc visit, void* arg) {
     InterestRate* ir = nb::inst_ptr<InterestRate>(self);
     for (const auto& value : ir->slot) Py_VISIT(value.ptr());
     for (const auto& value : ir->table_key) Py_VISIT(value.ptr());
+    for (const auto& value : ir->hash_key) Py_VISIT(value.ptr());
     return 0;
 }
 
@@ -480,6 +486,7 @@ int curve_clear(PyObject* self) {
     // None rather than null, so that a method reached during collection fails cleanly.
     for (auto& value : ir->slot) value = nb::none();
     for (auto& value : ir->table_key) value = nb::none();
+    for (auto& value : ir->hash_key) value = nb::none();
     ir->table.reset();
     return 0;
 }

@@ -31,7 +31,7 @@ struct PyRefs {
     // this module
     nb::object valid_term_units;
     // standard library and numpy
-    nb::object lock_type, ordered_dict, deepcopy, np_generic, np_ndarray, np_array_equal;
+    nb::object lock_type, ordered_dict, deepcopy, np_generic, np_ndarray, np_array_equal, np_empty;
 };
 PyRefs& refs();
 void init_refs(nb::module_& m);
@@ -75,6 +75,9 @@ struct InterestRate {
     // one of the arrays it was built from (held in table_key) is replaced.
     std::shared_ptr<const core::PiecewiseTable> table;
     std::array<nb::object, 3> table_key;
+    // Hash of a piecewise curve, valid while _terms and _rates are hash_key.
+    Py_hash_t cached_hash = -1;
+    std::array<nb::object, 2> hash_key;
 
     nb::object& operator[](Slot s) { return slot[s]; }
     const nb::object& operator[](Slot s) const { return slot[s]; }
