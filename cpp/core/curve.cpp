@@ -113,74 +113,70 @@ void constant_discount_range(double rate, std::span<const double> n, std::span<d
 
 PiecewiseTable::PiecewiseTable(std::span<const double> rates, std::span<const double> ends,
                                std::span<const double> prefix)
-    : ends_(ends.begin(), ends.end()), rates_(rates.begin(), rates.end()) {
-    const std::size_t m = rates.size();
+    : ends_(ends.begin(), ends.end()), rates_(rates.begin(), rates.end()), segments_(rates.size()) {
     const bool have_prefix = prefix.size() == ends.size();
-    q_.resize(m);
-    log_q_.resize(m);
-    start_df_.assign(m, 1.0);
-    start_t_.assign(m, 0.0);
-    for (std::size_t j = 0; j < m; ++j) {
-        q_[j] = 1.0 + rates[j];
-        log_q_[j] = std::log(q_[j]);  // of the rounded base, as a power of 1 + r would use
-        if (j > 0) {
-            start_df_[j] = have_prefix ? prefix[j - 1] : std::numeric_limits<double>::quiet_NaN();
-            start_t_[j] = ends[j - 1];
-        }
+    for (std::size_t j = 0; j < rates.size(); ++j) {
+        Segment& seg = segments_[j];
+        seg.q = 1.0 + rates[j];
+        seg.log_q = std::log(seg.q);  // of the rounded base, as a power of 1 + r would use
+        seg.start_t = j > 0 ? ends[j - 1] : 0.0;
+        seg.start_df = j == 0 ? 1.0 : have_prefix ? prefix[j - 1] : std::numeric_limits<double>::quiet_NaN();
     }
-    // Bounds with sentinels: segment j covers (bound[j], bound[j+1]].
-    bounds_.reserve(ends.size() + 2);
-    bounds_.push_back(-kInf);
-    bounds_.insert(bounds_.end(), ends.begin(), ends.end());
-    bounds_.push_back(kInf);
-
     const double last = ends.empty() ? 0.0 : ends.back();
     double min_length = kInf;
-    for (std::size_t j = 0; j < ends.size(); ++j)
-        min_length = std::min(min_length, ends[j] - (j ? ends[j - 1] : 0.0));
-    std::size_t buckets = 1;
+    for (std::size_t j = 0; j < ends.size(); ++j) min_length = std::min(min_length, ends[j] - (j ? ends[j - 1] : 0.0));
+    std::size_t count = 1;
     if (last > 0.0 && std::isfinite(last)) {
-        double wanted = std::ceil(2.0 * last / min_length);
-        one_step_ = wanted <= static_cast<double>(kMaxBuckets);
-        buckets = one_step_ ? static_cast<std::size_t>(wanted) : kMaxBuckets;
-        bucket_scale_ = static_cast<double>(buckets) / last;
+        count = static_cast<std::size_t>(std::min(std::ceil(2.0 * last / min_length), double(kMaxBuckets)));
+        bucket_scale_ = static_cast<double>(count) / last;
     }
-    first_.assign(buckets, 0);
-    if (bucket_scale_ > 0.0)
-        for (std::size_t b = 1; b < buckets; ++b)
-            first_[b] = static_cast<std::int32_t>(segment_by_search(static_cast<double>(b) / bucket_scale_));
-}
-
-std::size_t PiecewiseTable::segment_by_search(double n) const {
-    // side="left" search over the ends, clipped to the last rate.
-    auto it = std::lower_bound(ends_.begin(), ends_.end(), n);
-    return std::min<std::size_t>(it - ends_.begin(), rates_.size() - 1);
+    buckets_.assign(count, Bucket{kInf, 0});
+    // Ends are assigned with the lookup's own bucket function; it is monotone,
+    // so every end in an earlier bucket lies below any time in this one.
+    std::vector<std::int32_t> in_bucket(count, 0);
+    for (double end : ends) ++in_bucket[bucket_of(end)];
+    std::int32_t before = 0;
+    for (std::size_t b = 0; b < count; ++b) {
+        buckets_[b].first = before;
+        if (in_bucket[b] == 1) buckets_[b].end = ends[before];
+        one_step_ = one_step_ && in_bucket[b] <= 1;
+        before += in_bucket[b];
+    }
 }
 
 bool PiecewiseTable::has_rate_at_or_below_minus_one() const {
     return first_at_or_below(rates_, -1.0).has_value();
 }
 
+std::size_t PiecewiseTable::bucket_of(double n) const {
+    double b = n * bucket_scale_;
+    const double last_bucket = static_cast<double>(buckets_.size() - 1);
+    b = b > 0.0 ? b : 0.0;  // NaN and non-positive times go to bucket 0
+    b = b < last_bucket ? b : last_bucket;
+    return static_cast<std::size_t>(b);
+}
+
 std::size_t PiecewiseTable::segment_of(double n) const {
     if (n != n) return rates_.size() - 1;  // NaN sorts past every end
-    double b = n * bucket_scale_;
-    const double last_bucket = static_cast<double>(first_.size() - 1);
-    b = b < last_bucket ? b : last_bucket;  // also catches +inf
-    b = b > 0.0 ? b : 0.0;
-    std::size_t j = static_cast<std::size_t>(first_[static_cast<std::size_t>(b)]);
-    if (one_step_)
-        return j + (n > bounds_[j + 1]) - (n <= bounds_[j] && j > 0);
-    while (n > bounds_[j + 1]) ++j;
-    while (j > 0 && n <= bounds_[j]) --j;
+    const Bucket& bucket = buckets_[bucket_of(n)];
+    std::size_t j = static_cast<std::size_t>(bucket.first);
+    if (one_step_) return j + (n > bucket.end);
+    while (j < ends_.size() && n > ends_[j]) ++j;
     return j;
+}
+
+void PiecewiseTable::rates_at(std::span<const double> t, std::span<double> out) const {
+    parallel_for(t.size(), kMinChunkPerThread, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i) out[i] = rates_[segment_of(t[i])];
+    });
 }
 
 double PiecewiseTable::discount(double n) const {
     if (n <= 0.0) return 1.0;
-    std::size_t j = segment_of(n);
-    double t = n - start_t_[j];
-    double v = start_df_[j] * exp_any(-t * log_q_[j]);
-    return needs_pow(v) ? start_df_[j] * std::pow(q_[j], -t) : v;
+    const Segment& seg = segments_[segment_of(n)];
+    double t = n - seg.start_t;
+    double v = seg.start_df * exp_any(-t * seg.log_q);
+    return needs_pow(v) ? seg.start_df * std::pow(seg.q, -t) : v;
 }
 
 void PiecewiseTable::discount(std::span<const double> n, std::span<double> out) const {
@@ -198,37 +194,29 @@ void PiecewiseTable::discount_range(std::span<const double> n, std::span<double>
             locate_one_step(nb, len, x, scale);
         } else {
             for (std::size_t i = 0; i < len; ++i) {
-                std::size_t j = segment_of(nb[i]);
-                x[i] = -(nb[i] - start_t_[j]) * log_q_[j];
-                scale[i] = start_df_[j];
+                const Segment& seg = segments_[segment_of(nb[i])];
+                x[i] = -(nb[i] - seg.start_t) * seg.log_q;
+                scale[i] = seg.start_df;
             }
         }
         finish_block(nb, x, scale, out.data() + base, len, true, [&](std::size_t i) {
-            std::size_t j = segment_of(nb[i]);
-            return start_df_[j] * std::pow(q_[j], -(nb[i] - start_t_[j]));
+            const Segment& seg = segments_[segment_of(nb[i])];
+            return seg.start_df * std::pow(seg.q, -(nb[i] - seg.start_t));
         });
     }
 }
 
 // Exponent and scale of each duration through the one-comparison bucket
-// lookup, written without branches so that it vectorises with gathers. NaN
-// and non-positive durations land in some valid segment; their results are
-// NaN or overwritten with 1.0 later.
-__attribute__((target_clones("avx2", "default"))) void PiecewiseTable::locate_one_step(
-    const double* n, std::size_t len, double* x, double* scale) const {
-    const double last_bucket = static_cast<double>(first_.size() - 1);
-    const std::int32_t* first = first_.data();
-    const double *bounds = bounds_.data(), *start_t = start_t_.data(), *log_q = log_q_.data(),
-                 *start_df = start_df_.data();
+// lookup, without branches. NaN and non-positive durations land in some valid
+// segment; their results are NaN (redone later) or overwritten with 1.0.
+void PiecewiseTable::locate_one_step(const double* n, std::size_t len, double* x, double* scale) const {
+    const Bucket* buckets = buckets_.data();
+    const Segment* segments = segments_.data();
     for (std::size_t i = 0; i < len; ++i) {
-        double b = n[i] * bucket_scale_;
-        b = b > 0.0 ? b : 0.0;  // NaN goes to bucket 0
-        b = b < last_bucket ? b : last_bucket;
-        std::int32_t j = first[static_cast<std::int32_t>(b)];
-        j += n[i] > bounds[j + 1];
-        j -= (n[i] <= bounds[j]) & (j > 0);
-        x[i] = -(n[i] - start_t[j]) * log_q[j];
-        scale[i] = start_df[j];
+        const Bucket& bucket = buckets[bucket_of(n[i])];
+        const Segment& seg = segments[bucket.first + (n[i] > bucket.end)];
+        x[i] = -(n[i] - seg.start_t) * seg.log_q;
+        scale[i] = seg.start_df;
     }
 }
 

@@ -51,29 +51,41 @@ public:
     std::size_t segment_count() const { return rates_.size(); }
     double rate(std::size_t segment) const { return rates_[segment]; }
     bool has_rate_at_or_below_minus_one() const;
+    // The rate in force at each time (segment_of's rule).
+    void rates_at(std::span<const double> t, std::span<double> out) const;
 
     // Discount factors; durations <= 0 give exactly 1.0.
     double discount(double n) const;
     void discount(std::span<const double> n, std::span<double> out) const;
 
 private:
-    std::size_t segment_by_search(double n) const;
+    // What the kernel needs of segment j, in one cache line.
+    struct Segment {
+        double start_t;   // start of the segment
+        double log_q;     // log(1 + r_j)
+        double start_df;  // discount factor to the start
+        double q;         // 1 + r_j
+    };
+    // Buckets split (0, last end] evenly; `first` counts the ends in earlier
+    // buckets and `end` is the one end inside the bucket (+inf if none).
+    struct Bucket {
+        double end;
+        std::int32_t first;
+    };
+
+    std::size_t bucket_of(double n) const;
     void discount_range(std::span<const double> n, std::span<double> out) const;
     void locate_one_step(const double* n, std::size_t len, double* x, double* scale) const;
 
-    std::vector<double> ends_;      // m-1 segment ends
-    std::vector<double> bounds_;    // -inf, the ends, +inf: segment j is (bounds_[j], bounds_[j+1]]
-    std::vector<double> rates_;     // r_j
-    std::vector<double> q_;         // 1 + r_j
-    std::vector<double> log_q_;     // log(1 + r_j)
-    std::vector<double> start_df_;  // discount factor to the start of segment j
-    std::vector<double> start_t_;   // start of segment j
-    // Bucket index over (0, last end]: bucket b starts in segment first_[b].
-    // Buckets narrower than every segment hold at most one end, so a segment is
-    // found with one comparison; otherwise the lookup falls back to a search.
-    std::vector<std::int32_t> first_;
+    std::vector<double> ends_;  // m-1 segment ends
+    std::vector<double> rates_;
+    std::vector<Segment> segments_;
+    // Buckets narrower than half the shortest segment hold at most one end, so
+    // a segment is found with one comparison ("one step"); with extremely
+    // short segments the lookup walks on from the bucket's first segment.
+    std::vector<Bucket> buckets_;
     double bucket_scale_ = 0.0;
-    bool one_step_ = false;
+    bool one_step_ = true;
 };
 
 // Constant curve: (1 + rate)^-n for every n (negative n accumulates),

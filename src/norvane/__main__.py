@@ -39,9 +39,10 @@ def describe(curve: InterestRate, description: str = "") -> str:
             lines.append(f"  ({start:g}, {end:g}] years: {rate:.4%}")
             start = end
         lines.append(f"  beyond {start:g} years: {curve.rates[-1]:.4%}")
-        lines.append("discount factor to the end of each segment:")
-        for end, factor in zip(ends, curve._precomp_prefix_prod):
-            lines.append(f"  v({end:g}) = {factor:.10f}")
+    times = [1, 5, 10, 20, 30]
+    lines.append("discount factors:")
+    for t, factor in zip(times, curve.vn(times)):
+        lines.append(f"  v({t:g}) = {factor:.10f}")
     return "\n".join(lines)
 
 

@@ -42,6 +42,7 @@ std::string float_str(double x) { return py_repr(nb::float_(x)); }
 
 bool is_numeric(nb::handle h) {
     if (PyBool_Check(h.ptr())) return false;  // booleans are never numbers
+    if (PyFloat_Check(h.ptr()) || PyLong_Check(h.ptr())) return true;
     int res = PyObject_IsInstance(h.ptr(), refs().numeric_types.ptr());
     if (res < 0) nb::raise_python_error();
     return res == 1;

@@ -293,9 +293,7 @@ nb::object get_rate(InterestRate& self, nb::handle t) {
     }
     Durations d = from_array(refs().as_f64_safe(t), false);
     auto table = table_of(ir);
-    return finish(d, [table](const double* x, double* out, std::size_t k) {
-        for (std::size_t i = 0; i < k; ++i) out[i] = table->rate(table->segment_of(x[i]));
-    });
+    return finish(d, [table](const double* x, double* out, std::size_t k) { table->rates_at({x, k}, {out, k}); });
 }
 
 // ---- shifting -----------------------------------------------------------------
