@@ -1,6 +1,7 @@
 """Discounting engine of InterestRate: discount factors (vn, _vn, _dfn), relative discount (vx),
 accumulation (sn), rate lookup with its LRU cache (get_rate) and curve shifting with the shift cache."""
 
+import gc
 import itertools
 import math
 import re
@@ -475,3 +476,18 @@ def test_junk_gives_a_value_or_a_documented_error(x, curve, method):
     except (TypeError, ValueError):
         return
     assert type(out) is float or (type(out) is np.ndarray and out.dtype == np.float64)
+
+
+def test_curves_in_their_own_shift_cache_are_collected():
+    # The cache key holds the curve itself: only the cyclic collector can free it.
+    def live_curves():
+        return sum(type(o) is InterestRate for o in gc.get_objects())
+
+    gc.collect()
+    before = live_curves()
+    for _ in range(50):
+        ir = InterestRate(terms=[1.0, 2.0], rates=[0.01, 0.02, 0.03])
+        shift_for_ts(ir, 0.5, ir._ts_shift_cache)
+    del ir
+    gc.collect()
+    assert live_curves() <= before + 1
