@@ -283,12 +283,7 @@ def _validate_numeric_input(
     elif value is None and allow_none:
         return None, True
 
-    try:
-        arr = _as_f64_safe(value)
-    except TypeError:
-        raise TypeError(_prefixed(method_name, f"Parameter '{attr_name}' must be numeric.")) from None
-    except ValueError as exc:
-        raise ValueError(_prefixed(method_name, f"Parameter '{attr_name}': {exc}.")) from None
+    arr = _converted(value, method_name, f"Parameter '{attr_name}'", "numeric")
     if arr.ndim == 0:
         return arr.reshape(1), True
     if not allow_sequence:
@@ -296,6 +291,16 @@ def _validate_numeric_input(
             _prefixed(method_name, f"Parameter '{attr_name}' must be a single number, not a sequence.")
         )
     return arr, False
+
+
+def _converted(value: Any, method_name: str, what: str, expected: str) -> F64Array:
+    """``_as_f64_safe(value)`` with messages that name the parameter."""
+    try:
+        return _as_f64_safe(value)
+    except TypeError:
+        raise TypeError(_prefixed(method_name, f"{what} must be {expected}.")) from None
+    except ValueError as exc:
+        raise ValueError(_prefixed(method_name, f"{what}: {exc}.")) from None
 
 
 def _validate_float_sequence(seq: Any, method_name: str = "", attr_name: str = "") -> F64Array:
@@ -321,12 +326,7 @@ def _validate_float_sequence(seq: Any, method_name: str = "", attr_name: str = "
         For more than one dimension.
     """
     what = f"Parameter '{attr_name}'"
-    try:
-        arr = _as_f64_safe(seq)
-    except TypeError:
-        raise TypeError(_prefixed(method_name, f"{what} must be a sequence of real numbers.")) from None
-    except ValueError as exc:
-        raise ValueError(_prefixed(method_name, f"{what}: {exc}.")) from None
+    arr = _converted(seq, method_name, what, "a sequence of real numbers")
     if arr.ndim == 0:
         raise TypeError(
             _prefixed(method_name, f"{what} must be a sequence of real numbers, not a single value.")
