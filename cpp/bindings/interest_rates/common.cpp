@@ -32,6 +32,9 @@ void init_refs(nb::module_& m) {
     r->np_ndarray = np.attr("ndarray");
     r->np_array_equal = np.attr("array_equal");
     r->np_empty = np.attr("empty");
+    r->validate_scalar_numeric = m.attr("_validate_scalar_numeric");
+    r->int_type = nb::module_::import_("builtins").attr("int");
+    r->integer_types = nb::make_tuple(r->int_type, np.attr("integer"));
     g_refs = r;
 }
 

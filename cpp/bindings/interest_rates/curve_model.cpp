@@ -102,13 +102,6 @@ void validate_terms_array(nb::handle terms_in, nb::handle rates_len) {
     if (expected_rates && *expected_rates != t.size() + 1) value_error(kLengthRule);
 }
 
-void validate_rate_for_force(nb::handle rate, const std::string& context) {
-    if (!py_compare(rate, nb::float_(-1.0), Py_LE)) return;
-    std::string shown = nb::steal<nb::str>(PyObject_Format(rate.ptr(), nb::str("").ptr())).c_str();
-    value_error("Cannot calculate force of interest: rate " + shown + " ≤ -1" + context +
-                " would make ln(1 + i) undefined per actuarial standards");
-}
-
 // ---- term units ----------------------------------------------------------
 
 double calendar_factor(const char* name, nb::handle override_value, nb::handle config_value,
@@ -399,6 +392,13 @@ void validate_rate_for_discount(double r, const std::string& context) {
     if (r > -1.0) return;  // NaN fails this test and is refused
     value_error("Rate " + float_str(r) + " ≤ -1" + context +
                 ": (1+i) must be positive for discount factor computation per actuarial standards");
+}
+
+void validate_rate_for_force(nb::handle rate, const std::string& context) {
+    if (!py_compare(rate, nb::float_(-1.0), Py_LE)) return;
+    std::string shown = nb::steal<nb::str>(PyObject_Format(rate.ptr(), nb::str("").ptr())).c_str();
+    value_error("Cannot calculate force of interest: rate " + shown + " ≤ -1" + context +
+                " would make ln(1 + i) undefined per actuarial standards");
 }
 
 bool has_scenarios(const InterestRate& ir) { return truthy(ir[Scenarios]); }

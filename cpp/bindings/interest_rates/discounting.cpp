@@ -196,9 +196,13 @@ nb::object dfn(InterestRate& ir, nb::handle n, const std::string& param_name, bo
     return piecewise_discount(ir, d, validate);
 }
 
+}  // namespace
+
 nb::object vn_impl(InterestRate& ir, nb::handle n, const std::string& param_name, bool validate) {
     return dfn(active_curve(ir), n, param_name, validate);
 }
+
+namespace {
 
 // ---- relative discount and accumulation -------------------------------------------
 
@@ -251,12 +255,16 @@ nb::object as_returned(const Times& t) {
     return t.is_scalar ? nb::object(t.array.attr("item")()) : t.array;
 }
 
+}  // namespace
+
 nb::object vx(InterestRate& ir, nb::handle x_in, nb::handle x0_in) {
     auto [x, x0] = validate_x_and_x0(x_in, x0_in);
     nb::object difference = nb::steal(PyNumber_Subtract(as_returned(x).ptr(), as_returned(x0).ptr()));
     if (!difference.is_valid()) nb::raise_python_error();
     return vn_impl(ir, difference, "x - x0", false);
 }
+
+namespace {
 
 nb::object sn(InterestRate& ir, nb::handle n) {
     nb::object v = vn_impl(ir, n, "n", true);
@@ -269,6 +277,8 @@ nb::object sn(InterestRate& ir, nb::handle n) {
 }
 
 // ---- rate lookup ------------------------------------------------------------
+
+}  // namespace
 
 nb::object get_rate(InterestRate& self, nb::handle t) {
     InterestRate& ir = active_curve(self);
@@ -295,6 +305,8 @@ nb::object get_rate(InterestRate& self, nb::handle t) {
     auto table = table_of(ir);
     return finish(d, [table](const double* x, double* out, std::size_t k) { table->rates_at({x, k}, {out, k}); });
 }
+
+namespace {
 
 // ---- shifting -----------------------------------------------------------------
 

@@ -27,11 +27,12 @@ struct PyRefs {
     nb::object numeric_types, max_float64, empty_f64;
     nb::object as_f64_safe, validate_numeric_input, validate_float_sequence;
     nb::object config_cls, calendar_constant_allowed, allowed_days, allowed_weeks;
-    nb::object calculation_modes;
+    nb::object calculation_modes, validate_scalar_numeric;
     // this module
     nb::object valid_term_units;
     // standard library and numpy
     nb::object lock_type, ordered_dict, deepcopy, np_generic, np_ndarray, np_array_equal, np_empty;
+    nb::object int_type, integer_types;  // int, and (int, np.integer)
 };
 PyRefs& refs();
 void init_refs(nb::module_& m);
@@ -112,6 +113,8 @@ void register_metadata(nb::module_& m);
 CurveClass register_curve_model(nb::module_& m);
 void register_caches(CurveClass& cls);
 void register_discounting(nb::module_& m, CurveClass& cls);
+void register_analytics(CurveClass& cls);
+void register_reporting(CurveClass& cls);
 
 // Curve helpers shared across binding files.
 bool has_scenarios(const InterestRate& ir);
@@ -119,6 +122,14 @@ InterestRate& active_curve(InterestRate& ir);  // the active scenario, or ir its
 nb::object deep_copy(nb::handle self, nb::handle memo);
 void validate_rate_value(nb::handle rate, const std::string& context);
 void validate_rate_for_discount(double rate, const std::string& context);
+void validate_rate_for_force(nb::handle rate, const std::string& context);
+
+// The public computations, for reuse by the reports (scenario forwarding included).
+nb::object vn_impl(InterestRate& ir, nb::handle n, const std::string& param_name, bool validate);
+nb::object vx(InterestRate& ir, nb::handle x, nb::handle x0);
+nb::object get_rate(InterestRate& self, nb::handle t);
+nb::dict validation_report(InterestRate& ir);
+nb::dict policy_flags(InterestRate& ir);
 
 // Expose each named slot of T as a read/write attribute, plus a __slots__
 // tuple naming them, so the instance has a fixed attribute set and no __dict__.

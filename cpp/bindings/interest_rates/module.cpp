@@ -93,4 +93,6 @@ NB_MODULE(interest_rates, m) {
     CurveClass cls = register_curve_model(m);
     register_caches(cls);
     register_discounting(m, cls);
+    register_analytics(cls);
+    register_reporting(cls);
 }

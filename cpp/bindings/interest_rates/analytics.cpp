@@ -1,0 +1,430 @@
+// Rate analytics: forces of interest, nominal and effective rates, segment
+// information, the validation report and the curve analysis.
+#include "interest_rates.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace norvane::bindings {
+
+namespace {
+
+constexpr double kInf = std::numeric_limits<double>::infinity();
+
+[[noreturn]] void assertion(const char* message) {
+    PyErr_SetString(PyExc_AssertionError, message);
+    throw nb::python_error();
+}
+
+nb::module_ numpy() { return nb::module_::import_("numpy"); }
+
+bool is_constant(InterestRate& ir) { return truthy(active_curve(ir)[IsConstant]); }
+
+double as_double(nb::handle h) { return nb::cast<double>(nb::float_(h)); }
+
+nb::object python_op(PyObject* result) {
+    if (!result) nb::raise_python_error();
+    return nb::steal(result);
+}
+
+// (array, is_scalar) from the package validator.
+std::pair<nb::object, bool> validated(nb::handle value, const char* method, const char* name) {
+    nb::tuple checked = nb::borrow<nb::tuple>(refs().validate_numeric_input(
+        value, nb::arg("allow_none") = false, nb::arg("allow_sequence") = true, nb::arg("method_name") = method,
+        nb::arg("attr_name") = name));
+    return {checked[0], truthy(checked[1])};
+}
+
+nb::dict sign_properties(double rate) {
+    nb::dict d;
+    d["is_zero"] = rate == 0.0;
+    d["is_negative"] = rate < 0.0;
+    d["is_positive"] = rate > 0.0;
+    return d;
+}
+
+std::span<const double> rates_of(InterestRate& ir) {
+    if (ir[Rates].is_none()) assertion("Piecewise curve missing internal term/rate arrays");
+    return f64_span(ir[Rates]);
+}
+
+std::size_t count_if(std::span<const double> v, bool (*pred)(double)) {
+    return static_cast<std::size_t>(std::count_if(v.begin(), v.end(), pred));
+}
+bool is_zero(double r) { return r == 0.0; }
+bool is_negative(double r) { return r < 0.0; }
+bool is_positive(double r) { return r > 0.0; }
+
+// NumPy's own reductions where its summation order defines the result.
+nb::object np_item(const char* reduction, nb::handle array) { return numpy().attr(reduction)(array).attr("item")(); }
+
+// ---- forces of interest -----------------------------------------------------------
+
+nb::object delta(InterestRate& self, nb::handle t) {
+    if (has_scenarios(self)) return delta(active_curve(self), t);
+    InterestRate& ir = self;
+    if (truthy(ir[IsConstant])) {
+        if (ir[Rate].is_none()) assertion("constant curve without a rate");
+        validate_rate_for_force(ir[Rate], "");
+        if (ir[ConstantDelta].is_none()) {
+            double rate = as_double(ir[Rate]);
+            ir[ConstantDelta] = nb::float_(rate == 0.0 ? 0.0 : std::log(1.0 + rate));
+        }
+        if (t.is_none()) return ir[ConstantDelta];
+        auto [array, is_scalar] = validated(t, "InterestRate.delta()", "t");
+        if (is_scalar) return ir[ConstantDelta];
+        return numpy().attr("full_like")(array, ir[ConstantDelta], nb::arg("dtype") = "float64");
+    }
+    if (t.is_none()) throw nb::value_error("For piecewise rates, time t must be specified.");
+    const bool numeric_key = is_numeric(t);
+    if (numeric_key) {
+        nb::object cached = lru_touch_get(ir, ir[ForceCache], as_double(t));
+        if (!cached.is_none()) return cached;
+    }
+    auto [array, is_scalar] = validated(t, "InterestRate.delta()", "t");
+    if (is_scalar) {
+        double rate = as_double(get_rate(ir, array.attr("item")()));
+        if (rate <= -1.0) throw nb::value_error(("Rate " + float_str(rate) + " ≤ -1").c_str());
+        double force = rate == 0.0 ? 0.0 : std::log(rate + 1.0);
+        if (numeric_key) lru_store(ir, ir[ForceCache], as_double(t), force, meta_of(ir).field[CacheMaxsize]);
+        return nb::float_(force);
+    }
+    nb::object rates = get_rate(ir, array);  // a new array, ours to overwrite
+    auto view = nb::cast<nb::ndarray<double, nb::c_contig, nb::device::cpu>>(rates);
+    std::span<double> r(view.data(), view.size());
+    if (std::any_of(r.begin(), r.end(), [](double x) { return x <= -1.0; })) {
+        nb::object positions = numpy().attr("where")(python_op(PyObject_RichCompare(rates.ptr(), nb::float_(-1.0).ptr(), Py_LE)))[0];
+        throw nb::value_error(("Rates ≤ -1 at indices " + py_str(positions)).c_str());
+    }
+    for (double& x : r) x = x == 0.0 ? 0.0 : std::log(1.0 + x);
+    return rates;
+}
+
+nb::object average_force(InterestRate& self, nb::handle n) {
+    if (has_scenarios(self)) return average_force(active_curve(self), n);
+    if (!is_numeric(n)) throw nb::type_error("Duration n must be numeric");
+    if (truthy(python_op(PyObject_RichCompare(n.ptr(), nb::int_(0).ptr(), Py_LE)))) {
+        std::string shown = py_str(python_op(PyObject_Format(n.ptr(), nb::str("").ptr())));
+        throw nb::value_error(("Duration n must be positive per actuarial practice, got " + shown).c_str());
+    }
+    double v = as_double(vn_impl(self, n, "n", true));
+    if (!(v > 0.0))
+        throw nb::value_error(("Cannot calculate average force: discount factor " + float_str(v) +
+                               " ≤ 0 results in undefined average force per actuarial standards").c_str());
+    if (v == 1.0) return nb::float_(0.0);
+    // Divided by the caller's own n, as given.
+    return nb::float_(python_op(PyNumber_TrueDivide(nb::float_(-std::log(v)).ptr(), n.ptr())));
+}
+
+// ---- nominal and effective rates --------------------------------------------------
+
+enum class Nominal { Interest, Discount };
+
+nb::object nominal_rate(InterestRate& self, nb::handle m_in, nb::handle t, Nominal kind) {
+    const bool interest = kind == Nominal::Interest;
+    if (PyBool_Check(m_in.ptr())) throw nb::type_error(("m must be a plain integer, got " + type_name_of(m_in)).c_str());
+    nb::object m = refs().validate_scalar_numeric(m_in, "m", interest ? "InterestRate.i_m" : "InterestRate.d_m",
+                                                  refs().integer_types, refs().int_type);
+    if (!PyLong_CheckExact(m.ptr())) m = nb::int_(m);
+    if (truthy(python_op(PyObject_RichCompare(m.ptr(), nb::int_(0).ptr(), Py_LE))))
+        throw nb::value_error(("m must be a positive integer, got " + py_str(m)).c_str());
+    if (!is_numeric(t)) throw nb::type_error(("t must be numeric, got " + type_name_of(t)).c_str());
+    double t_f = as_double(t);
+    if (!(t_f >= 0.0)) throw nb::value_error(("t must be non-negative, got " + py_str(t)).c_str());
+    if (has_scenarios(self)) return nominal_rate(active_curve(self), m, nb::float_(t_f), kind);
+
+    double rate = as_double(get_rate(self, nb::float_(t_f)));
+    validate_rate_for_force(nb::float_(rate), " at t=" + float_str(t_f) + (interest ? " (computing i^(" : " (computing d^(") +
+                                                  py_str(m) + "))");
+    double md = nb::cast<double>(m);
+    if (md == 1.0) return nb::float_(interest ? rate : rate / (rate + 1.0));
+    if (interest) {
+        double p = std::exp(std::log(1.0 + rate) * (1.0 / md));
+        return nb::float_(md * p - md);
+    }
+    double q = std::exp(std::log(1.0 + rate) * (-1.0 / md));
+    return nb::float_(md - md * q);
+}
+
+nb::object effective_rate(InterestRate& self, nb::handle t_start, nb::handle t_end) {
+    if (truthy(python_op(PyObject_RichCompare(t_end.ptr(), t_start.ptr(), Py_LE))))
+        throw nb::value_error("t_end must be greater than t_start");
+    nb::object tau = python_op(PyNumber_Subtract(t_end.ptr(), t_start.ptr()));
+    double v_start = as_double(vx(self, t_start, nb::float_(0.0)));
+    double v_end = as_double(vx(self, t_end, nb::float_(0.0)));
+    if (v_start == 0.0) throw nb::value_error("Cannot compute effective rate: discount factor at t_start is zero");
+    if (v_end == 0.0) throw nb::value_error("Cannot compute effective rate: discount factor at t_end is zero");
+    double ratio = v_end / v_start;
+    if (ratio == 1.0) return nb::float_(0.0);
+    nb::object exponent = python_op(PyNumber_TrueDivide(nb::float_(-1.0).ptr(), tau.ptr()));
+    nb::object power = python_op(PyNumber_Power(nb::float_(ratio).ptr(), exponent.ptr(), Py_None));
+    return nb::float_(python_op(PyNumber_Subtract(power.ptr(), nb::float_(1.0).ptr())));
+}
+
+// ---- segment information ----------------------------------------------------------
+
+nb::dict segment_info(InterestRate& self, nb::handle t) {
+    if (!is_numeric(t)) throw nb::type_error("[InterestRate] Parameter 't' must be numeric.");
+    if (has_scenarios(self)) return segment_info(active_curve(self), t);
+    InterestRate& ir = self;
+    const double time = as_double(t);
+    nb::dict info;
+    if (truthy(ir[IsConstant])) {
+        if (ir[Rate].is_none()) assertion("constant curve without a rate");
+        double rate = as_double(ir[Rate]);
+        info["type"] = "constant";
+        info["rate"] = rate;
+        info["rate_properties"] = sign_properties(rate);
+        info["segment_start"] = 0.0;
+        info["segment_end"] = kInf;
+        info["time_queried"] = time;
+        return info;
+    }
+    if (ir[CumTerms].is_none() || ir[Rates].is_none()) assertion("Piecewise curve missing internal term/rate arrays");
+    std::span<const double> ends = f64_span(ir[CumTerms]), rates = f64_span(ir[Rates]);
+    // side="left": a time on a boundary belongs to the segment ending there.
+    std::size_t k = std::lower_bound(ends.begin(), ends.end(), time) - ends.begin();
+    if (std::isnan(time)) k = ends.size();
+    k = std::min(k, rates.size() - 1);
+    double start = k > 0 ? ends[k - 1] : 0.0;
+    double end = k < ends.size() ? ends[k] : kInf;
+    info["type"] = "piecewise";
+    info["segment_index"] = k;
+    info["rate"] = rates[k];
+    info["rate_properties"] = sign_properties(rates[k]);
+    info["segment_start"] = start;
+    info["segment_end"] = end;
+    info["segment_duration"] = std::isinf(end) ? kInf : end - start;
+    info["time_queried"] = time;
+    info["position_in_segment"] = time - start;
+    return info;
+}
+
+// ---- validation report ------------------------------------------------------------
+
+nb::dict curve_policy(InterestRate& ir) {
+    nb::dict policy;
+    policy["flat_or_piecewise_discount"] = true;
+    policy["multi_scenario_curves"] = has_scenarios(ir);
+    return policy;
+}
+
+const char* monotonicity(InterestRate& ir) {
+    if (is_constant(ir)) return "constant";
+    std::span<const double> r = rates_of(ir);
+    if (r.size() <= 1) return "single_rate";
+    bool increasing = true, decreasing = true;
+    for (std::size_t i = 1; i < r.size(); ++i) {
+        double d = r[i] - r[i - 1];
+        increasing = increasing && d >= 0.0;
+        decreasing = decreasing && d <= 0.0;
+    }
+    return increasing ? "increasing" : decreasing ? "decreasing" : "non_monotonic";
+}
+
+nb::dict validate(InterestRate& ir);
+
+nb::dict scenario_summary(InterestRate& ir) {
+    nb::dict summary;
+    summary["total_scenarios"] = nb::len(ir[Scenarios]);
+    summary["active_scenario"] = ir[ActiveScenario];
+    summary["scenario_names"] = nb::list(ir[Scenarios].attr("keys")());
+    return summary;
+}
+
+nb::dict cross_scenario_analysis(InterestRate& ir) {
+    std::vector<double> pool;
+    for (auto [name, scenario] : nb::borrow<nb::dict>(ir[Scenarios])) {
+        InterestRate& s = nb::cast<InterestRate&>(scenario);
+        if (is_constant(s)) {
+            pool.push_back(as_double(s[Rate]));
+        } else {
+            auto r = rates_of(s);
+            pool.insert(pool.end(), r.begin(), r.end());
+        }
+    }
+    nb::object array = readonly_copy(pool);
+    nb::dict cross;
+    cross["total_rates"] = pool.size();
+    cross["zero_count"] = count_if(pool, is_zero);
+    cross["negative_count"] = count_if(pool, is_negative);
+    nb::object lo = np_item("min", array), hi = np_item("max", array);
+    cross["min_rate"] = lo;
+    cross["max_rate"] = hi;
+    cross["rate_spread"] = python_op(PyNumber_Subtract(hi.ptr(), lo.ptr()));
+    return cross;
+}
+
+nb::dict piecewise_report(InterestRate& ir) {
+    if (ir[Rates].is_none() || ir[Terms].is_none() || ir[CumTerms].is_none())
+        assertion("Piecewise curve missing internal term/rate arrays");
+    std::span<const double> rates = f64_span(ir[Rates]), terms = f64_span(ir[Terms]), ends = f64_span(ir[CumTerms]);
+    bool has_gaps = false;
+    for (std::size_t i = 1; i < ends.size(); ++i) has_gaps = has_gaps || !(ends[i] - ends[i - 1] > 0.0);
+
+    nb::dict structure;
+    structure["terms_count"] = terms.size();
+    structure["rates_count"] = rates.size();
+    structure["terms_valid"] = std::all_of(terms.begin(), terms.end(), [](double t) { return t > 0.0; });
+    structure["terms_sum"] = np_item("sum", ir[Terms]);
+    structure["has_gaps"] = has_gaps;
+    structure["max_term"] = np_item("max", ir[Terms]);
+    structure["min_term"] = np_item("min", ir[Terms]);
+
+    const std::size_t zeros = count_if(rates, is_zero), negatives = count_if(rates, is_negative);
+    nb::object mean = np_item("mean", ir[Rates]), std_dev = np_item("std", ir[Rates]);
+    double mean_d = as_double(mean);
+    nb::dict stats;
+    stats["zero_count"] = zeros;
+    stats["negative_count"] = negatives;
+    stats["positive_count"] = count_if(rates, is_positive);
+    stats["min_rate"] = np_item("min", ir[Rates]);
+    stats["max_rate"] = np_item("max", ir[Rates]);
+    stats["mean_rate"] = mean;
+    stats["std_rate"] = std_dev;
+    stats["rate_volatility"] = mean_d != 0.0 ? as_double(std_dev) / std::abs(mean_d) : kInf;
+    stats["has_zero_segments"] = zeros > 0;
+
+    nb::dict metrics;
+    metrics["curve_monotonicity"] = monotonicity(ir);
+    metrics["zero_segments_optimal"] = zeros <= 1;
+    metrics["negative_concentration"] = static_cast<double>(negatives) / static_cast<double>(rates.size());
+
+    nb::dict report;
+    report["type"] = "piecewise";
+    report["structure"] = structure;
+    report["rates"] = numpy().attr("round")(ir[Rates], 6);
+    report["rate_statistics"] = stats;
+    report["curve_policy"] = curve_policy(ir);
+    report["actuarial_metrics"] = metrics;
+    report["status"] = has_gaps ? "warning" : "valid";
+    return report;
+}
+
+nb::dict validate(InterestRate& ir) {
+    nb::dict report;
+    if (has_scenarios(ir)) {
+        nb::dict per_scenario;
+        report["scenarios"] = per_scenario;
+        report["scenario_summary"] = scenario_summary(ir);
+        for (auto [name, scenario] : nb::borrow<nb::dict>(ir[Scenarios]))
+            per_scenario[name] = validate(nb::cast<InterestRate&>(scenario));
+        report["cross_scenario_analysis"] = cross_scenario_analysis(ir);
+        return report;
+    }
+    if (!truthy(ir[IsConstant])) return piecewise_report(ir);
+    if (ir[Rate].is_none()) assertion("constant curve without a rate");
+    double rate = as_double(ir[Rate]);
+    nb::dict properties = sign_properties(rate);
+    properties["is_finite"] = rate == rate && std::abs(rate) < 1e308;
+    report["type"] = "constant";
+    report["rate"] = rate;
+    report["rate_properties"] = properties;
+    report["curve_policy"] = curve_policy(ir);
+    report["status"] = "valid";
+    return report;
+}
+
+// ---- curve analysis -----------------------------------------------------------------
+
+nb::dict curve_analysis(InterestRate& ir) {
+    nb::dict result;
+    if (has_scenarios(ir)) {
+        for (auto [name, scenario] : nb::borrow<nb::dict>(ir[Scenarios]))
+            result[name] = curve_analysis(nb::cast<InterestRate&>(scenario));
+        return result;
+    }
+    nb::dict factors;
+    if (truthy(ir[IsConstant])) {
+        if (ir[Rate].is_none()) assertion("constant curve without a rate");
+        double rate = as_double(ir[Rate]);
+        nb::dict properties = sign_properties(rate);
+        properties["absolute_value"] = std::abs(rate);
+        factors["10y"] = vn_impl(ir, nb::int_(10), "n", true);
+        factors["30y"] = vn_impl(ir, nb::int_(30), "n", true);
+        result["type"] = "constant";
+        result["curve_policy"] = curve_policy(ir);
+        result["rate"] = rate;
+        result["rate_properties"] = properties;
+        result["key_discount_factors"] = factors;
+        return result;
+    }
+    if (ir[Terms].is_none()) assertion("Piecewise curve missing internal term/rate arrays");
+    std::span<const double> rates = rates_of(ir);
+    nb::object lo = np_item("min", ir[Rates]), hi = np_item("max", ir[Rates]);
+    nb::object std_dev = np_item("std", ir[Rates]), mean = np_item("mean", ir[Rates]);
+    const std::size_t zeros = count_if(rates, is_zero), negatives = count_if(rates, is_negative);
+
+    nb::dict range, properties, shape;
+    range["min"] = lo;
+    range["max"] = hi;
+    range["spread"] = python_op(PyNumber_Subtract(hi.ptr(), lo.ptr()));
+    properties["zero_count"] = zeros;
+    properties["negative_count"] = negatives;
+    properties["positive_count"] = count_if(rates, is_positive);
+    properties["all_finite"] =
+        std::all_of(rates.begin(), rates.end(), [](double r) { return r == r && std::abs(r) <= 1e308; });
+    shape["monotonicity"] = monotonicity(ir);
+    shape["zero_rate_segments"] = zeros;
+    shape["negative_rate_segments"] = negatives;
+    shape["volatility"] = std_dev;
+    shape["mean_rate"] = mean;
+
+    // One vectorised call for the four horizons.
+    nb::object horizons = numpy().attr("array")(nb::make_tuple(1, 5, 10, 30));
+    nb::object values = numpy().attr("atleast_1d")(vn_impl(ir, horizons, "n", true));
+    const char* labels[] = {"1y", "5y", "10y", "30y"};
+    for (std::size_t i = 0; i < 4; ++i) factors[labels[i]] = nb::float_(as_double(values[nb::int_(i)]));
+
+    result["type"] = "piecewise";
+    result["curve_policy"] = curve_policy(ir);
+    result["curve_length"] = np_item("sum", ir[Terms]);
+    result["segment_count"] = nb::len(ir[Terms]);
+    result["rate_range"] = range;
+    result["rate_properties"] = properties;
+    result["curve_properties"] = shape;
+    result["key_discount_factors"] = factors;
+    return result;
+}
+
+}  // namespace
+
+nb::dict validation_report(InterestRate& ir) { return validate(ir); }
+nb::dict policy_flags(InterestRate& ir) { return curve_policy(ir); }
+
+void register_analytics(CurveClass& cls) {
+    cls.def("delta", &delta, nb::arg("t").none() = nb::none(),
+            R"doc(Force of interest ln(1 + i) at time t (years).
+
+A float for a number (or for no t on a constant curve), else a float64 array of
+the input's shape. Piecewise curves need t; scalar queries are cached.
+)doc");
+    cls.def("get_average_force", &average_force, nb::arg("n").none(),
+            "Average force over [0, n]: -ln(v^n) / n (a float; n > 0 years).");
+    cls.def(
+        "i_m", [](InterestRate& ir, nb::handle m, nb::handle t) { return nominal_rate(ir, m, t, Nominal::Interest); },
+        nb::arg("m").none(), nb::arg("t").none() = 0.0,
+        "Nominal interest rate convertible m-thly, m((1 + i)^(1/m) - 1), at the rate in force at t.");
+    cls.def(
+        "d_m", [](InterestRate& ir, nb::handle m, nb::handle t) { return nominal_rate(ir, m, t, Nominal::Discount); },
+        nb::arg("m").none(), nb::arg("t").none() = 0.0,
+        "Nominal discount rate convertible m-thly, m(1 - (1 + i)^(-1/m)), at the rate in force at t.");
+    cls.def("get_effective_rate", &effective_rate, nb::arg("t_start").none(), nb::arg("t_end").none(),
+            "Compound annual rate over [t_start, t_end] from the curve's discount factors.");
+    cls.def("get_segment_info", &segment_info, nb::arg("t").none(),
+            "The segment in force at time t (years) as a dict of native values.");
+    cls.def("_curve_policy", &curve_policy, "Flags stating what the discount engine supports.");
+    cls.def("_check_monotonicity", &monotonicity,
+            "Shape of the rate sequence: constant, single_rate, increasing, decreasing or non_monotonic.");
+    cls.def("validate", &validate,
+            R"doc(Machine-readable validation report (a dict; findings never raise).
+
+Constant curves are always "valid"; piecewise curves are "valid" or
+"warning" (gaps between boundaries); containers report every scenario.
+)doc");
+    cls.def("curve_analysis", &curve_analysis,
+            "Summary of the curve: type, policy, rate properties and key discount factors.");
+}
+
+}  // namespace norvane::bindings

@@ -1,0 +1,210 @@
+// Reporting: export to dict, JSON and the regulatory layout, reading an export
+// back, and the text forms.
+#include "interest_rates.hpp"
+
+namespace norvane::bindings {
+
+namespace {
+
+[[noreturn]] void assertion(const char* message) {
+    PyErr_SetString(PyExc_AssertionError, message);
+    throw nb::python_error();
+}
+
+bool is_constant(InterestRate& ir) { return truthy(active_curve(ir)[IsConstant]); }
+
+nb::object timestamp() {
+    return nb::module_::import_("datetime").attr("datetime").attr("now")().attr("isoformat")();
+}
+
+// The host's round(x, 6) on each element, into a list.
+nb::list rounded_list(nb::handle array) {
+    nb::object round = nb::module_::import_("builtins").attr("round");
+    nb::list out;
+    for (double x : f64_span(array)) out.append(round(nb::float_(x), 6));
+    return out;
+}
+
+// NumPy's printed form of the array rounded to six decimals: [5. 5.], [0.02 0.03].
+std::string printed(nb::handle array) { return py_str(nb::module_::import_("numpy").attr("round")(array, 6)); }
+
+std::string fixed6(nb::handle rate) { return py_str(nb::str("{:.6f}").attr("format")(rate)); }
+
+nb::dict single_payload(InterestRate& ir) {
+    nb::dict result;
+    if (is_constant(ir)) {
+        if (ir[Rate].is_none()) assertion("constant curve without a rate");
+        result["type"] = "constant";
+        result["rate"] = nb::float_(nb::cast<double>(nb::float_(ir[Rate])));
+        return result;
+    }
+    if (ir[Terms].is_none() || ir[Rates].is_none()) assertion("Piecewise curve missing internal term/rate arrays");
+    result["type"] = "piecewise";
+    result["terms"] = rounded_list(ir[Terms]);
+    result["rates"] = rounded_list(ir[Rates]);
+    return result;
+}
+
+nb::object export_curve(InterestRate& ir, const std::string& format) {
+    nb::dict result;
+    if (has_scenarios(ir)) {
+        // Scenarios are always exported in dict form.
+        for (auto [name, scenario] : nb::borrow<nb::dict>(ir[Scenarios]))
+            result[name] = single_payload(nb::cast<InterestRate&>(scenario));
+        if (format == "regulatory") {
+            nb::dict meta;
+            meta["scenario_count"] = nb::len(ir[Scenarios]);
+            meta["active_scenario"] = ir[ActiveScenario];
+            meta["curve_policy"] = policy_flags(ir);
+            meta["export_timestamp"] = timestamp();
+            result["_metadata"] = meta;
+        }
+    } else {
+        result = single_payload(ir);
+        if (format == "regulatory") {
+            nb::dict report = validation_report(ir);
+            nb::dict meta;
+            meta["export_timestamp"] = timestamp();  // taken after the validation
+            meta["curve_policy"] = report.contains("curve_policy") ? nb::object(report["curve_policy"])
+                                                                   : nb::object(policy_flags(ir));
+            meta["rate_statistics"] = report.contains("rate_statistics") ? nb::object(report["rate_statistics"])
+                                                                         : nb::object(nb::dict());
+            result["_regulatory_metadata"] = meta;
+        }
+    }
+    if (format == "json") return nb::module_::import_("json").attr("dumps")(result, nb::arg("indent") = 2);
+    return result;
+}
+
+// ---- reading an export back -------------------------------------------------------
+
+[[noreturn]] void malformed(const std::string& why) {
+    throw nb::value_error(("[InterestRate.from_export] malformed payload: " + why).c_str());
+}
+
+nb::object required(nb::handle mapping, const char* key, const std::string& where) {
+    if (!nb::borrow<nb::dict>(mapping).contains(key)) malformed(where + "missing key '" + key + "'");
+    return mapping[key];
+}
+
+// The constructor argument of one single-curve payload: a rate or (terms, rates).
+nb::object curve_argument(nb::handle payload, const std::string& where) {
+    if (!nb::isinstance<nb::dict>(payload)) malformed(where + "expected a dict, got " + type_name_of(payload));
+    nb::object kind = required(payload, "type", where);
+    if (kind.equal(nb::str("constant"))) return required(payload, "rate", where);
+    if (kind.equal(nb::str("piecewise")))
+        return nb::make_tuple(required(payload, "terms", where), required(payload, "rates", where));
+    malformed(where + "unknown curve type " + py_repr(kind));
+}
+
+nb::object from_export(nb::handle cls, nb::handle payload_in) {
+    nb::object payload = nb::borrow(payload_in);
+    if (nb::isinstance<nb::str>(payload)) {
+        try {
+            payload = nb::module_::import_("json").attr("loads")(payload);
+        } catch (nb::python_error& e) {
+            if (!e.matches(PyExc_ValueError)) throw;
+            malformed("not valid JSON (" + py_str(e.value()) + ")");
+        }
+    } else if (!nb::isinstance<nb::dict>(payload)) {
+        throw nb::type_error(("[InterestRate.from_export] payload must be a dict or a JSON string, got " +
+                              type_name_of(payload)).c_str());
+    }
+    if (!nb::isinstance<nb::dict>(payload)) malformed("the JSON text is not an object");
+    nb::dict data = nb::borrow<nb::dict>(payload);
+    try {
+        if (data.contains("type")) {
+            nb::object argument = curve_argument(data, "");
+            if (nb::isinstance<nb::tuple>(argument))
+                return cls(nb::arg("terms") = argument[0], nb::arg("rates") = argument[1]);
+            return cls(argument);
+        }
+        nb::dict scenarios;
+        for (auto [name, entry] : data) {
+            if (nb::isinstance<nb::str>(name) && nb::str(name).equal(nb::str("_metadata"))) continue;
+            scenarios[name] = curve_argument(entry, "scenario " + py_repr(name) + ": ");
+        }
+        if (nb::len(scenarios) == 0) malformed("no curve and no scenarios");
+        nb::object curve = cls(scenarios);
+        if (data.contains("_metadata") && nb::isinstance<nb::dict>(data["_metadata"]) &&
+            nb::borrow<nb::dict>(data["_metadata"]).contains("active_scenario"))
+            curve.attr("active_scenario") = data["_metadata"]["active_scenario"];
+        return curve;
+    } catch (nb::python_error& e) {
+        // A payload that names a curve the constructor refuses is malformed too.
+        if (!e.matches(PyExc_TypeError) && !e.matches(PyExc_ValueError)) throw;
+        malformed(py_str(e.value()));
+    }
+}
+
+// ---- text forms ---------------------------------------------------------------------
+
+std::string text(InterestRate& ir) {
+    if (has_scenarios(ir)) {
+        std::string names, lines;
+        for (auto [name, scenario] : nb::borrow<nb::dict>(ir[Scenarios])) {
+            names += (names.empty() ? "" : ", ") + py_str(name);
+            lines += "\n  " + py_str(name) + ": " + text(nb::cast<InterestRate&>(scenario));
+        }
+        return "InterestRate scenarios: " + names + " (active: " + py_str(ir[ActiveScenario]) + ")" + lines;
+    }
+    if (is_constant(ir)) {
+        double rate = nb::cast<double>(nb::float_(ir[Rate]));
+        std::string flag = rate == 0.0 ? " (zero rate)" : rate < 0.0 ? " (negative rate)" : "";
+        return "InterestRate: constant rate = " + fixed6(ir[Rate]) + flag;
+    }
+    std::span<const double> rates = f64_span(ir[Rates]);
+    std::size_t zeros = 0, negatives = 0;
+    for (double r : rates) {
+        zeros += r == 0.0;
+        negatives += r < 0.0;
+    }
+    std::string out = "InterestRate: piecewise terms=" + printed(ir[Terms]) + ", rates=" + printed(ir[Rates]);
+    if (zeros > 0 || negatives > 0)
+        out += " (" + std::to_string(zeros) + " zero, " + std::to_string(negatives) + " negative)";
+    return out;
+}
+
+std::string representation(InterestRate& ir) {
+    if (has_scenarios(ir))
+        return "InterestRate(scenarios=" + py_repr(nb::list(ir[Scenarios].attr("keys")())) + ", active='" +
+               py_str(ir[ActiveScenario]) + "')";
+    if (is_constant(ir)) return "InterestRate(rate=" + fixed6(ir[Rate]) + ")";
+    if (ir[Terms].is_none() || ir[Rates].is_none()) assertion("Piecewise curve missing internal term/rate arrays");
+    return "InterestRate(terms=" + printed(ir[Terms]) + ", rates=" + printed(ir[Rates]) + ")";
+}
+
+}  // namespace
+
+void register_reporting(CurveClass& cls) {
+    cls.def(
+        "export",
+        [](InterestRate& ir, nb::handle format) {
+            // Any other value, of any type, exports as "dict".
+            return export_curve(ir, nb::isinstance<nb::str>(format) ? nb::borrow<nb::str>(format).c_str() : "");
+        },
+        nb::arg("format").none() = "dict",
+        R"doc(Serialise the curve.
+
+"dict" gives the curve data (piecewise terms and rates rounded to six
+decimals), "json" the same as JSON text indented by two, and "regulatory"
+the dict with an export timestamp, the curve policy and rate statistics.
+`InterestRate.from_export` reads a "dict", "json" or "regulatory" export back.
+)doc");
+    cls.def("_get_current_timestamp", [](InterestRate&) { return timestamp(); },
+            "Local wall-clock time as ISO 8601 text.");
+    nb::object builtins = nb::module_::import_("builtins");
+    cls.attr("from_export") = builtins.attr("classmethod")(nb::cpp_function(
+        &from_export, nb::arg("cls"), nb::arg("payload").none(),
+        R"doc(Rebuild a curve from the dict or JSON text that `export` wrote.
+
+Constant, piecewise and multi-scenario payloads are accepted, in the "dict",
+"json" or "regulatory" format; a regulatory container export restores its
+active scenario. A malformed payload raises ValueError.
+)doc"));
+    cls.def("__str__", &text);
+    cls.def("summary", &text, "The human-readable text of the curve (the same as str()).");
+    cls.def("__repr__", &representation);
+}
+
+}  // namespace norvane::bindings
