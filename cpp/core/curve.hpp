@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <optional>
 #include <cstdint>
+#include <limits>
 #include <span>
 #include <vector>
 
@@ -40,6 +41,8 @@ namespace norvane::core {
 // rate runs on indefinitely), evaluated as exp(-(n - start_t[j]) * log(1 + r_j)).
 class PiecewiseTable {
 public:
+    static constexpr double kInfinity = std::numeric_limits<double>::infinity();
+
     // rates: m values; ends: the m-1 cumulative segment ends; prefix: the m-1
     // discount factors from 0 to each end (empty when only rates are looked up).
     PiecewiseTable(std::span<const double> rates, std::span<const double> ends,
@@ -51,6 +54,10 @@ public:
     std::size_t segment_count() const { return rates_.size(); }
     double rate(std::size_t segment) const { return rates_[segment]; }
     bool has_rate_at_or_below_minus_one() const;
+    // End of segment j (+inf for the last) and log(1 + r_j), for integrals
+    // and series within one segment.
+    double segment_end(std::size_t j) const { return j < ends_.size() ? ends_[j] : kInfinity; }
+    double log_base(std::size_t j) const { return segments_[j].log_q; }
     // The rate in force at each time (segment_of's rule).
     void rates_at(std::span<const double> t, std::span<double> out) const;
 
