@@ -585,6 +585,9 @@ CurveClass register_curve_model(nb::module_& m) {
         },
         nb::arg("rate"), nb::arg("context") = "", "Refuse rates <= -1 (and NaN), for which (1 + i) is not positive.");
 
+    cls.def(
+        "_survival_one", [](InterestRate&, nb::handle) { return 1.0; }, nb::arg("t").none(),
+        "Survival function of a certain (non-life) annuity: 1.0 at every time.");
     cls.def("__getstate__", &get_state);
     cls.def("__setstate__", &set_state);
     return cls;

@@ -13,8 +13,9 @@ and ``return_flows``. This module prepares arguments; the arithmetic runs in
 
 from __future__ import annotations
 
+import functools
+import math
 from collections.abc import Callable
-from dataclasses import dataclass
 from typing import Any
 
 import numpy as np
@@ -31,28 +32,57 @@ _EMPTY.flags.writeable = False
 # ---------------------------------------------------------------- preparation
 
 
+_CURVE_CACHE_SIZE = 256
+_curve_cache: dict[Any, tuple[Any, _kernels.Curve]] = {}
+
+
 def _kernel_curve(ir: Any) -> _kernels.Curve:
-    """The native curve of ``ir`` (the active scenario of a container)."""
+    """The native curve of ``ir`` (the active scenario of a container).
+
+    Curves keep their arrays read-only and replace them whole, so the native
+    form is cached by the identity of the rates array (held in the entry, so
+    the identity cannot be reused) or by the value of a constant rate.
+    """
     if ir.scenarios:
         ir = ir.scenarios[ir.active_scenario]
+    key: Any = ("constant", float(ir.rate)) if ir.is_constant else id(ir._rates)
+    entry = _curve_cache.get(key)
+    if entry is not None and (ir.is_constant or (entry[0][0] is ir._rates and entry[0][1] is ir._terms)):
+        return entry[1]
     if ir.is_constant:
-        return _kernels.Curve(np.array([float(ir.rate)]), _EMPTY, _EMPTY)
-    return _kernels.Curve(ir._rates, ir._terms, ir._cum_terms)
+        held, curve = (), _kernels.Curve(np.array([float(ir.rate)]), _EMPTY, _EMPTY)
+    else:
+        held, curve = (ir._rates, ir._terms), _kernels.Curve(ir._rates, ir._terms, ir._cum_terms)
+    if len(_curve_cache) >= _CURVE_CACHE_SIZE:
+        _curve_cache.pop(next(iter(_curve_cache)))
+    _curve_cache[key] = (held, curve)
+    return curve
 
 
-@dataclass(frozen=True)
+@functools.cache
+def _certain_survival() -> Any:
+    from ..interest_rates import InterestRate  # the curve module imports this one at load
+
+    return InterestRate.__dict__["_survival_one"]
+
+
+def _is_certain(survival_func: Callable[[Any], Any]) -> bool:
+    """Whether ``survival_func`` is a curve's own certain survival (1.0 everywhere)."""
+    return getattr(survival_func, "__func__", None) is _certain_survival()
+
+
 class _Plan:
     """One valuation's schedule: regular payments, then an optional pro-rata one."""
 
-    curve: _kernels.Curve
-    d: float
-    n: float
-    m: int
-    timing: int
-    regular: int  # regular m-thly payments
-    partial_fraction: float  # of a period; 0.0 when the schedule has no partial payment
-    growth_kind: str
-    growth_rate: float
+    # A plain slotted class: built once per valuation, so construction cost counts.
+    __slots__ = ("curve", "d", "n", "m", "timing", "regular", "partial_fraction", "growth_kind", "growth_rate")
+
+    def __init__(self, curve: _kernels.Curve, d: float, n: float, m: int, timing: int, regular: int,
+                 partial_fraction: float, growth_kind: str, growth_rate: float) -> None:
+        self.curve, self.d, self.n, self.m, self.timing = curve, d, n, m, timing
+        self.regular = regular  # regular m-thly payments
+        self.partial_fraction = partial_fraction  # of a period; 0.0 without a partial payment
+        self.growth_kind, self.growth_rate = growth_kind, growth_rate
 
     @property
     def payments(self) -> int:
@@ -95,6 +125,8 @@ def _plan(ir: Any, d: float, n: float, payments_size: int, m: int, gr: Any, paym
 
 def _survival(survival_func: Callable[[Any], Any], times: np.ndarray) -> float | np.ndarray:
     """Survival at the payment times: one call; a number applies to every payment."""
+    if _is_certain(survival_func):
+        return 1.0  # known without building a call's worth of work
     result = survival_func(times)
     if np.ndim(result) == 0:
         return float(result)
@@ -102,8 +134,12 @@ def _survival(survival_func: Callable[[Any], Any], times: np.ndarray) -> float |
 
 
 def _rounded(value: float, decimals: int) -> float:
-    # The same rounding as the batch path, so batch and scalar values agree exactly.
-    return float(np.round(value, decimals))
+    """``np.round(value, decimals)`` (scale, round half to even, unscale), the
+    batch path's rounding, so that batch and scalar values agree exactly."""
+    if not math.isfinite(value):
+        return float(value)
+    scale = 10.0**decimals
+    return round(value * scale) / scale
 
 
 def _precision_flows(times: np.ndarray, expected: np.ndarray, pv: np.ndarray, **extra: Any) -> dict[str, Any]:
@@ -151,10 +187,12 @@ def _discrete_precision(**kw: Any) -> float | dict[str, Any]:
     explicit = _explicit_inputs(plan, kw)
     if explicit is not None:
         return _value_explicit(plan, *explicit, kw["survival_func"], kw["decimals"], kw["return_flows"])
+    if not kw["return_flows"] and _is_certain(kw["survival_func"]):
+        return _rounded(plan.curve.schedule_value(**plan.schedule()), kw["decimals"])
     times, amounts = _kernels.schedule_payments(**plan.schedule())
     survival = _survival(kw["survival_func"], times)
     if not kw["return_flows"] and np.ndim(survival) == 0:
-        # Certain (or uniform) survival: the closed-form sum per segment.
+        # Uniform survival: the closed-form sum per segment.
         return _rounded(survival * plan.curve.schedule_value(**plan.schedule()), kw["decimals"])
     expected = amounts * survival
     pv = expected * plan.curve.discount(times)
@@ -291,7 +329,8 @@ def _continuous_precision(**kw: Any) -> float | dict[str, Any]:
     amounts = kw.get("cashflow_amounts")
     amounts = None if amounts is None else np.asarray(amounts, dtype=np.float64)
     if amounts is None and not kw["return_flows"]:
-        survival = _survival(kw["survival_func"], _interval_grid(plan)[2])
+        certain = _is_certain(kw["survival_func"])
+        survival = 1.0 if certain else _survival(kw["survival_func"], _interval_grid(plan)[2])
         if np.ndim(survival) == 0:
             whole = plan.curve.continuous_value(
                 a=plan.d, b=plan.d + plan.n, origin=plan.d, growth_kind=plan.growth_kind,
