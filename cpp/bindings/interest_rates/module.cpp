@@ -95,4 +95,5 @@ NB_MODULE(interest_rates, m) {
     register_discounting(m, cls);
     register_analytics(cls);
     register_reporting(cls);
+    register_annuities(cls);
 }

@@ -13,6 +13,7 @@ and ``return_flows``. This module prepares arguments; the arithmetic runs in
 
 from __future__ import annotations
 
+import atexit
 import functools
 import math
 from collections.abc import Callable
@@ -34,6 +35,7 @@ _EMPTY.flags.writeable = False
 
 _CURVE_CACHE_SIZE = 256
 _curve_cache: dict[Any, tuple[Any, _kernels.Curve]] = {}
+atexit.register(_curve_cache.clear)  # release native curves before the extension's own teardown
 
 
 def _kernel_curve(ir: Any) -> _kernels.Curve:
@@ -351,6 +353,19 @@ def _continuous_simplified(**kw: Any) -> float | dict[str, Any]:
         return _continuous_precision(**kw)  # explicit amounts are valued exactly
     plan = _plan(kw["ir"], kw["d"], kw["n"], kw["payments_size"], kw["m"], kw["gr"], kw["payment_timing"])
     return _woolhouse(plan, kw, continuous=True)
+
+
+def _zero_flows(calculation_mode: str, payment_timing: int) -> dict[str, Any]:
+    """The flow dictionary of a schedule with no payments left, in the layout of the mode."""
+    if calculation_mode in ("discrete_precision", "continuous_precision"):
+        return _precision_flows(_EMPTY, _EMPTY, _EMPTY)
+    empty = _component(_EMPTY, _EMPTY, _EMPTY)
+    return {
+        ("coef_due" if payment_timing == 0 else "coef_immediate"): 1.0,
+        "woolhouse_coefficient": 0.0,
+        "due": dict(empty, growth=_EMPTY), "immediate": dict(empty, growth=_EMPTY),
+        "fractional": dict(empty), "fractional_tail": dict(empty), "total_pv": 0.0,
+    }
 
 
 _ANNUITY_CALCULATION_MODE_DISPATCH: dict[str, Callable[..., Any]] = {
