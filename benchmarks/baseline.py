@@ -12,7 +12,10 @@ by step, with the obvious NumPy calls and no tuning:
 - ``get_rate``: scalar lookups through an ``OrderedDict`` LRU under a lock,
   arrays by ``searchsorted``/``clip``/gather;
 - ``shifted`` builds a new curve; ``shifted_for_ts`` caches it in a dict keyed
-  by (curve, ts, epoch), curves hashing by value.
+  by (curve, ts, epoch), curves hashing by value;
+- ``baseline_annuity`` builds an annuity's payment schedule explicitly (times,
+  amounts with growth, a pro-rata last payment), discounts it with ``vn`` and
+  sums it.
 
 Inputs are checked with the package's own validator, so both sides pay for the
 same numeric check.
@@ -31,6 +34,7 @@ from norvane.helpers import _as_f64_safe, _finalize_scalar_or_array, _validate_n
 
 CACHE_MAXSIZE = 1000
 TOLERANCE_EPS = 1e-12
+PAYMENT_COUNT_TOL = 1e-12  # a remainder of n*m above this adds a pro-rata payment
 _DISCOUNT_MSG = ": (1+i) must be positive for discount factor computation per actuarial standards"
 
 
@@ -224,3 +228,32 @@ def shifted_for_ts(curve, ts, cache):
     result = curve.shifted(float(ts))
     cache[key] = result
     return result
+
+
+def baseline_annuity(curve, n, m, timing, d=0.0, growth=None, decimals=10):
+    """Present value of an annuity of 1 a year payable ``m``-thly, by the explicit schedule.
+
+    Payment k (k < ceil(n*m)) is made at ``d + (k + timing) / m`` (timing 0 due,
+    1 immediate) and is ``1/m`` times its growth factor for year ``k // m``. When
+    ``n*m`` has a fractional part f (above the tolerance) the last payment is
+    ``f/m``, made at the start of its period (due) or at ``d + n`` (immediate).
+    ``growth`` is None (level), a number (geometric) or an object with ``rate``
+    and ``kind`` ("geometric" or "arithmetic"). The sum is rounded with
+    ``np.round(x, decimals)``.
+    """
+    n, d, m, timing = float(n), float(d), int(m), int(timing)
+    whole = int(n * m)
+    fraction = n * m - whole
+    partial = fraction > PAYMENT_COUNT_TOL
+    k = np.arange(whole + partial)
+    times = d + (k + timing) / m
+    amounts = np.full(k.size, 1.0 / m)
+    if partial:
+        amounts[-1] = fraction / m
+        times[-1] = d + whole / m if timing == 0 else d + n
+    if growth is not None:
+        kind, g = ("geometric", float(growth)) if _is_number(growth) else (growth.kind, float(growth.rate))
+        years = (k // m).astype(np.float64)
+        amounts *= np.power(1.0 + g, years) if kind == "geometric" else 1.0 + g * years
+    discount = curve.vn(times)
+    return float(np.round(np.sum(amounts * discount), decimals))

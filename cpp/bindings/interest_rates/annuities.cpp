@@ -15,6 +15,9 @@ struct Siblings {
     nb::object ndim, detect_batch, on_error_check, record_ids_check, t_output_check;
     nb::object shift_checks, frequency_checks, cashflow_checks, has_growth, resolve_gr, amounts_skip;
     nb::object dispatch_table, annuity_dispatcher, zero_flows;
+    nb::object map_none_to_inf, len_or_1, benefits_check, batch_param_check, collect_errors, resolve_m;
+    nb::object m_for_recurse, coerce_ids, group_indices, finalize_pv, aggregate, batch_result, error_report;
+    nb::object growth_rate, np;
 };
 
 const Siblings& siblings() {
@@ -35,6 +38,21 @@ const Siblings& siblings() {
         r->dispatch_table = m.attr("_ANNUITY_CALCULATION_MODE_DISPATCH");
         r->annuity_dispatcher = m.attr("Dispatcher").attr("ANNUITY");
         r->zero_flows = nb::module_::import_("norvane.engine.annuity").attr("_zero_flows");
+        r->map_none_to_inf = m.attr("_map_batch_n_none_to_inf");
+        r->len_or_1 = m.attr("_arraylike_len_or_1");
+        r->benefits_check = m.attr("_validate_benefits");
+        r->batch_param_check = m.attr("_check_batch_param");
+        r->collect_errors = nb::module_::import_("norvane.helpers").attr("_collect_batch_param_errors");
+        r->resolve_m = m.attr("_resolve_batch_m");
+        r->m_for_recurse = m.attr("_batch_m_for_nan_recurse");
+        r->coerce_ids = m.attr("_coerce_record_ids");
+        r->group_indices = m.attr("_group_batch_m_gr_indices");
+        r->finalize_pv = m.attr("_finalize_batch_unit_pv_with_benefits");
+        r->aggregate = m.attr("_aggregate_flow_parts");
+        r->batch_result = m.attr("BatchResult");
+        r->error_report = m.attr("BatchErrorReport");
+        r->growth_rate = m.attr("GrowthRate");
+        r->np = nb::module_::import_("numpy");
         return r;
     }();
     return *s;
@@ -169,6 +187,219 @@ nb::object scalar_dispatch(nb::handle self_obj, nb::handle ts_in, nb::handle d_i
                   nb::arg("return_flows") = return_flows);
 }
 
+
+// ---- portfolios -----------------------------------------------------------------
+
+bool per_policy(nb::handle gr) { return !gr.is_none() && nb::cast<long>(siblings().ndim(gr)) > 0; }
+
+nb::object subset(nb::handle values, nb::handle indices) {
+    return values.is_none() ? nb::none() : nb::object(values[indices]);
+}
+
+nb::object growth_subset(nb::handle gr, nb::handle indices) {
+    if (!per_policy(gr)) return nb::borrow(gr);
+    nb::object items = nb::module_::import_("builtins").attr("list")(gr);
+    nb::list picked;
+    for (nb::handle i : indices.attr("tolist")()) picked.append(items[i]);
+    return picked;
+}
+
+nb::object batch_financial(nb::handle self, nb::handle n_arr, nb::handle d_arr, nb::handle ts_arr, nb::handle m_in,
+                           nb::handle gr_in, nb::handle cashflow_times, nb::handle cashflow_amounts,
+                           int payment_timing, nb::handle decimals, nb::handle benefits_arr, bool return_flows,
+                           nb::handle t_output) {
+    const Siblings& S = siblings();
+    const long m = nb::cast<long>(nb::int_(m_in));
+    nb::object gr = nb::borrow(gr_in);
+    if (!gr.is_none() && is_numeric(gr)) gr = S.growth_rate(gr);
+    nb::object mode = self.attr("calculation_mode");
+    nb::object params = S.np.attr("stack")(nb::make_tuple(n_arr, d_arr, ts_arr), nb::arg("axis") = 1);
+    nb::tuple unique = nb::borrow<nb::tuple>(
+        S.np.attr("unique")(params, nb::arg("axis") = 0, nb::arg("return_inverse") = true));
+    nb::object rows = unique[0], inverse = unique[1].attr("ravel")();
+    const std::size_t groups = nb::len(rows);
+    nb::dict shift_cache;  // each distinct shift is computed once per call
+    auto value_group = [&](std::size_t k, bool flows) {
+        std::span<const double> row = f64_span(S.np.attr("ascontiguousarray")(rows[nb::int_(k)]));
+        nb::object term = std::isinf(row[0]) ? nb::none() : nb::object(nb::float_(row[0]));
+        nb::object curve = self.attr("_ir_shifted_for_ts")(row[2], shift_cache);
+        return self.attr("_annuity_dispatch")(
+            nb::arg("validate") = false, nb::arg("ts") = row[2], nb::arg("d") = row[1], nb::arg("n") = term,
+            nb::arg("m") = m, nb::arg("gr") = gr, nb::arg("cashflow_times") = cashflow_times,
+            nb::arg("cashflow_amounts") = cashflow_amounts, nb::arg("payment_timing") = payment_timing,
+            nb::arg("return_flows") = flows, nb::arg("ir_shifted") = curve);
+    };
+    if (!return_flows) {
+        std::vector<double> unit(groups);
+        for (std::size_t k = 0; k < groups; ++k) unit[k] = nb::cast<double>(value_group(k, false));
+        nb::object per_policy_pv = readonly_copy(unit)[inverse];
+        return S.finalize_pv(per_policy_pv, benefits_arr, decimals);
+    }
+    const bool simplified = !nb::borrow<nb::str>(mode).equal(nb::str("discrete_precision")) &&
+                            !nb::borrow<nb::str>(mode).equal(nb::str("continuous_precision"));
+    nb::module_ module = nb::module_::import_("norvane.interest_rates");
+    nb::list parts;
+    for (std::size_t k = 0; k < groups; ++k) {
+        nb::object mask = nb::steal(PyObject_RichCompare(inverse.ptr(), nb::int_(k).ptr(), Py_EQ));
+        nb::object weight = benefits_arr.is_none() ? nb::object(S.np.attr("count_nonzero")(mask))
+                                                   : nb::object(benefits_arr[mask].attr("sum")());
+        nb::object flows = value_group(k, true);
+        if (simplified && cashflow_times.is_none() && cashflow_amounts.is_none()) {
+            parts.append(module.attr("_woolhouse_flows_to_grid")(flows, weight));
+        } else {
+            nb::object w = nb::float_(weight);
+            parts.append(nb::make_tuple(refs().as_f64_safe(flows["time_grid"]),
+                                        refs().as_f64_safe(flows["expected_cf"]) * w,
+                                        refs().as_f64_safe(flows["pv_cf"]) * w));
+        }
+    }
+    return S.aggregate(parts, t_output);
+}
+
+nb::object batch_dispatch(nb::handle self, nb::handle n, nb::handle d, nb::handle ts, nb::handle m, nb::handle gr,
+                          nb::handle cashflow_times, nb::handle cashflow_amounts, nb::handle benefits,
+                          bool return_flows, nb::handle t_output, nb::handle on_error, nb::handle record_ids,
+                          int payment_timing, const std::string& method_name) {
+    const Siblings& S = siblings();
+    const bool nan_policy = nb::isinstance<nb::str>(on_error) && nb::borrow<nb::str>(on_error).equal(nb::str("nan"));
+    if (nan_policy && return_flows)
+        annuity_error(method_name, " on_error='nan' is not supported with return_flows=True in batch mode.");
+    nb::object n_conv = n.is_none() ? nb::object(nb::float_(INFINITY)) : S.map_none_to_inf(n);
+    std::array<nb::object, 3> arrays = {refs().as_f64_safe(n_conv), refs().as_f64_safe(d), refs().as_f64_safe(ts)};
+    std::array<std::size_t, 3> lengths{};
+    std::size_t size = 0;
+    for (std::size_t i = 0; i < 3; ++i) {
+        lengths[i] = nb::cast<std::size_t>(S.len_or_1(arrays[i]));
+        size = std::max(size, lengths[i]);
+    }
+    for (std::size_t i = 0; i < 3; ++i) {
+        arrays[i] = arrays[i].attr("reshape")(-1);
+        if (lengths[i] == 1 && size != 1) arrays[i] = S.np.attr("broadcast_to")(arrays[i], nb::make_tuple(size));
+        if (nb::len(arrays[i]) != size)
+            annuity_error(method_name, " Incompatible batch lengths: n=" + std::to_string(lengths[0]) +
+                                           ", d=" + std::to_string(lengths[1]) + ", ts=" + std::to_string(lengths[2]) +
+                                           ". All arrays must share the same length or be length-1 (broadcast).");
+    }
+    auto& [n_arr, d_arr, ts_arr] = arrays;
+    nb::object benefits_arr = S.benefits_check(benefits, size, method_name);
+    if (nan_policy) {
+        nb::list checks;
+        checks.append(nb::make_tuple("n", n_arr, 0.0, true));
+        checks.append(nb::make_tuple("d", d_arr, 0.0, false));
+        checks.append(nb::make_tuple("ts", ts_arr, 0.0, false));
+        nb::tuple found = nb::borrow<nb::tuple>(S.collect_errors(method_name, checks));
+        nb::object valid_mask = found[0], messages = found[1];
+        nb::object m_res = S.resolve_m(m, size, method_name);
+        nb::object values = S.np.attr("full")(size, NAN);
+        nb::object valid = S.np.attr("flatnonzero")(valid_mask).attr("astype")("int64");
+        nb::object invalid = S.np.attr("flatnonzero")(S.np.attr("logical_not")(valid_mask)).attr("astype")("int64");
+        if (nb::len(valid) > 0)
+            values[valid] = batch_dispatch(self, n_arr[valid], d_arr[valid], ts_arr[valid],
+                                           S.m_for_recurse(m_res, valid), growth_subset(gr, valid), cashflow_times,
+                                           cashflow_amounts, subset(benefits_arr, valid), false, nb::none(),
+                                           nb::str("raise"), nb::none(), payment_timing, method_name);
+        nb::object ids = S.coerce_ids(record_ids, size);
+        nb::object report = S.error_report(
+            nb::arg("n_errors") = nb::len(invalid), nb::arg("n_total") = size, nb::arg("valid_mask") = valid_mask,
+            nb::arg("invalid_indices") = invalid, nb::arg("record_ids") = ids[invalid],
+            nb::arg("messages") = messages);
+        return S.batch_result(nb::arg("values") = values, nb::arg("errors") = report);
+    }
+    S.batch_param_check(n_arr, "n", method_name, nb::arg("min_val") = 0.0, nb::arg("allow_inf") = true);
+    S.batch_param_check(d_arr, "d", method_name, nb::arg("min_val") = 0.0);
+    S.batch_param_check(ts_arr, "ts", method_name, nb::arg("min_val") = 0.0);
+    nb::object m_res = S.resolve_m(m, size, method_name);
+    nb::object decimals = nb::cast<InterestRate&>(self)[Config].attr("decimals").attr("annuities");
+    const bool single_m = PyLong_Check(m_res.ptr());
+    if (single_m && !per_policy(gr))
+        return batch_financial(self, n_arr, d_arr, ts_arr, m_res, gr, cashflow_times, cashflow_amounts,
+                               payment_timing, decimals, benefits_arr, return_flows, t_output);
+    if (!single_m && return_flows)
+        annuity_error(method_name, " return_flows=True is not supported when m is a vector with heterogeneous "
+                                   "values. Use a scalar m or split the batch by payment frequency and call separately.");
+    nb::object groups = S.group_indices(m_res, gr, size, method_name);
+    if (!return_flows) {
+        nb::object result = S.np.attr("empty")(size, nb::arg("dtype") = "float64");
+        for (nb::handle group : groups) {
+            nb::object idx = group[nb::int_(2)];
+            result[idx] = batch_financial(self, n_arr[idx], d_arr[idx], ts_arr[idx], group[nb::int_(0)],
+                                          group[nb::int_(1)], cashflow_times, cashflow_amounts, payment_timing,
+                                          decimals, subset(benefits_arr, idx), false, nb::none());
+        }
+        return result;
+    }
+    nb::list parts;
+    for (nb::handle group : groups) {
+        nb::object idx = group[nb::int_(2)];
+        nb::object flows = batch_financial(self, n_arr[idx], d_arr[idx], ts_arr[idx], group[nb::int_(0)],
+                                           group[nb::int_(1)], cashflow_times, cashflow_amounts, payment_timing,
+                                           decimals, subset(benefits_arr, idx), true, nb::none());
+        parts.append(nb::make_tuple(refs().as_f64_safe(flows["time_grid"]), refs().as_f64_safe(flows["expected_cf"]),
+                                    refs().as_f64_safe(flows["pv_cf"])));
+    }
+    return S.aggregate(parts, t_output);
+}
+
+// ---- Woolhouse flows on one grid ---------------------------------------------------
+
+nb::object component_array(nb::handle component, const char* key) { return refs().as_f64_safe(component[key]); }
+
+nb::tuple woolhouse_flows_to_grid(nb::handle flows, nb::handle n_policies) {
+    const Siblings& S = siblings();
+    nb::object np = S.np;
+    nb::dict f = nb::borrow<nb::dict>(flows);
+    double coef = nb::cast<double>(nb::float_(f.contains("coef_due") ? f["coef_due"] : f["coef_immediate"]));
+    nb::object due = f["due"], immediate = f["immediate"], fractional = f["fractional"], tail = f["fractional_tail"];
+    auto grid_of = [&](nb::handle component) {
+        return nb::borrow<nb::dict>(component).contains("time_grid") ? component_array(component, "time_grid")
+                                                                       : refs().empty_f64;
+    };
+    auto growth_of = [&](nb::handle component, nb::handle times) {
+        return nb::borrow<nb::dict>(component).contains("growth")
+                   ? component_array(component, "growth")
+                   : nb::object(np.attr("ones")(times.attr("shape"), nb::arg("dtype") = "float64"));
+    };
+    nb::object t_due = component_array(due, "time_grid"), t_imm = component_array(immediate, "time_grid");
+    nb::object t_frac = grid_of(fractional), t_tail = grid_of(tail);
+    nb::object grid = np.attr("union1d")(np.attr("union1d")(np.attr("union1d")(t_due, t_imm), t_frac), t_tail);
+    const std::size_t size = nb::len(grid);
+    nb::object expected = np.attr("zeros")(size, nb::arg("dtype") = "float64");
+    nb::object pv = np.attr("zeros")(size, nb::arg("dtype") = "float64");
+    auto bin = [&](nb::handle times, nb::handle amounts, nb::handle values) {
+        if (nb::len(times) == 0) return;
+        nb::object positions = np.attr("searchsorted")(grid, times).attr("astype")("int64");
+        expected += np.attr("bincount")(positions, nb::arg("weights") = amounts, nb::arg("minlength") = size);
+        pv += np.attr("bincount")(positions, nb::arg("weights") = values, nb::arg("minlength") = size);
+    };
+    nb::float_ c(coef);
+    for (nb::handle component : {due.ptr(), immediate.ptr()}) {
+        nb::object times = component_array(component, "time_grid");
+        bin(times, growth_of(component, times) * c, component_array(component, "present_value") * c);
+    }
+    // Fractional parts: the expected amount comes back from the present value
+    // and the discount factor (0.0 where the factor is not positive).
+    auto reconstructed = [&](nb::handle component) {
+        nb::object values = component_array(component, "present_value");
+        nb::object factors = component_array(component, "discount_factor");
+        nb::object positive = nb::steal(PyObject_RichCompare(factors.ptr(), nb::float_(0.0).ptr(), Py_GT));
+        nb::object safe = np.attr("where")(positive, factors, 1.0);
+        return std::make_pair(nb::object(np.attr("where")(positive, values / safe, 0.0)), values);
+    };
+    if (size > 0 && nb::len(t_frac) > 0) {
+        auto [amounts, values] = reconstructed(fractional);
+        bin(t_frac, amounts, values);
+    }
+    if (size > 0 && nb::len(t_tail) > 0) {
+        auto [amounts, values] = reconstructed(tail);
+        nb::dict t = nb::borrow<nb::dict>(tail);
+        nb::object weights = t.contains("growth")   ? component_array(tail, "growth")
+                             : t.contains("amount") ? component_array(tail, "amount")
+                                                    : nb::object(np.attr("ones_like")(amounts));
+        bin(t_tail, amounts * weights, values);
+    }
+    return nb::make_tuple(grid, expected * n_policies, pv * n_policies);
+}
+
 const char* kAnnuityDoc = R"doc(Present value of an annuity-%s (payments at the %s of each period).
 
 All parameters are keyword-only. Scalars value one annuity; arrays (lists,
@@ -215,7 +446,38 @@ std::string annuity_doc(const char* kind, const char* when, bool with_times) {
 
 }  // namespace
 
-void register_annuities(CurveClass& cls) {
+void register_annuities(nb::module_& m, CurveClass& cls) {
+    m.def("_woolhouse_flows_to_grid", &woolhouse_flows_to_grid, nb::arg("flows"), nb::arg("n_policies"),
+          "Project a Woolhouse flow dictionary onto one time grid: (time_grid, expected_cf, pv_cf) times n_policies.");
+    cls.def(
+        "_annuity_batch_dispatch",
+        [](nb::handle self, nb::handle n, nb::handle d, nb::handle ts, nb::handle m_, nb::handle gr,
+           nb::handle cashflow_times, nb::handle cashflow_amounts, nb::handle benefits, nb::handle return_flows,
+           nb::handle t_output, nb::handle on_error, nb::handle record_ids, nb::int_ payment_timing,
+           nb::str method_name) {
+            return batch_dispatch(self, n, d, ts, m_, gr, cashflow_times, cashflow_amounts, benefits,
+                                  truthy(return_flows), t_output, on_error, record_ids,
+                                  nb::cast<int>(payment_timing), method_name.c_str());
+        },
+        nb::kw_only(), nb::arg("n").none(), nb::arg("d").none(), nb::arg("ts").none(), nb::arg("m").none(),
+        nb::arg("gr").none(), nb::arg("cashflow_times").none(), nb::arg("cashflow_amounts").none(),
+        nb::arg("benefits").none(), nb::arg("return_flows").none(), nb::arg("t_output").none(),
+        nb::arg("on_error").none(), nb::arg("record_ids").none(), nb::arg("payment_timing"), nb::arg("method_name"),
+        "Value a portfolio: broadcast, check, apply the error policy and value each (m, growth) group.");
+    cls.def(
+        "_annuity_batch_financial",
+        [](nb::handle self, nb::handle n_arr, nb::handle d_arr, nb::handle ts_arr, nb::handle m_, nb::handle gr,
+           nb::handle cashflow_times, nb::handle cashflow_amounts, nb::int_ payment_timing, nb::handle decimals,
+           nb::handle benefits_arr, nb::handle return_flows, nb::handle t_output) {
+            return batch_financial(self, n_arr, d_arr, ts_arr, m_, gr, cashflow_times, cashflow_amounts,
+                                   nb::cast<int>(payment_timing), decimals, benefits_arr, truthy(return_flows),
+                                   t_output);
+        },
+        nb::kw_only(), nb::arg("n_arr"), nb::arg("d_arr"), nb::arg("ts_arr"), nb::arg("m"), nb::arg("gr").none(),
+        nb::arg("cashflow_times").none(), nb::arg("cashflow_amounts").none(), nb::arg("payment_timing"),
+        nb::arg("decimals"), nb::arg("benefits_arr").none(), nb::arg("return_flows").none(),
+        nb::arg("t_output").none() = nb::none(),
+        "Value policies sharing m and growth: each distinct (term, deferment, shift) once, then scatter.");
     cls.def(
         "_annuity_public_route",
         [](nb::handle self, nb::str method_name, nb::int_ payment_timing, nb::handle n, nb::handle d, nb::handle ts,

@@ -115,7 +115,7 @@ void register_caches(CurveClass& cls);
 void register_discounting(nb::module_& m, CurveClass& cls);
 void register_analytics(CurveClass& cls);
 void register_reporting(CurveClass& cls);
-void register_annuities(CurveClass& cls);
+void register_annuities(nb::module_& m, CurveClass& cls);
 
 // Curve helpers shared across binding files.
 bool has_scenarios(const InterestRate& ir);

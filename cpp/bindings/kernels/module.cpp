@@ -68,6 +68,7 @@ struct Curve {
 
 NB_MODULE(_kernels, m) {
     m.doc() = "Native valuation routines of the annuity engine (payment schedules on a curve's arrays).";
+    nb::set_leak_warnings(false);  // curves cached by the engine outlive the module at shutdown
 
     nb::class_<Curve>(m, "Curve", "A curve's rates, segment lengths and ends prepared for valuation.")
         .def(
