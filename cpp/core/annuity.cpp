@@ -1,7 +1,12 @@
 #include "core/annuity.hpp"
 
+#include "core/parallel.hpp"
+
 #include <algorithm>
+#include <bit>
 #include <cmath>
+#include <cstdint>
+#include <unordered_map>
 
 namespace norvane::core {
 
@@ -109,6 +114,155 @@ double continuous_value(const PiecewiseTable& curve, double a, double b, double 
         if (x >= year_end) year_end = origin + static_cast<double>(++year + 1);
     }
     return total;
+}
+
+Schedule Annuity::schedule() const {
+    const double total = n * static_cast<double>(m);
+    const std::size_t whole = static_cast<std::size_t>(total);
+    const bool partial = payments_size > whole;
+    Schedule s;
+    s.start = d;
+    s.m = m;
+    s.timing = timing;
+    s.count = partial ? payments_size - 1 : payments_size;
+    s.growth = growth;
+    s.has_partial = partial;
+    s.partial_fraction = partial ? total - static_cast<double>(whole) : 0.0;
+    // A pro-rata payment is made at the start of its period (due) or at the end of the term.
+    s.partial_time = timing == 0 ? d + static_cast<double>(s.count) / static_cast<double>(m) : d + n;
+    s.partial_index = s.count;
+    return s;
+}
+
+namespace {
+
+double woolhouse_value(const PiecewiseTable& curve, const Annuity& annuity, bool continuous) {
+    const Schedule full = annuity.schedule();
+    const std::size_t years = full.count / full.m;
+    Schedule annual = full;
+    annual.m = 1;
+    annual.first = 0;
+    annual.count = years;
+    annual.has_partial = false;
+    annual.timing = 0;
+    const double due = schedule_value(curve, annual);
+    annual.timing = 1;
+    const double immediate = schedule_value(curve, annual);
+    const double c = continuous ? 0.5 : static_cast<double>(full.m - 1) / (2.0 * static_cast<double>(full.m));
+    const double annual_value = annuity.timing == 0 ? (1.0 - c) * due + c * immediate : c * due + (1.0 - c) * immediate;
+    if (continuous) {
+        const double start = annuity.d + static_cast<double>(years);
+        return annual_value + continuous_value(curve, start, annuity.d + annuity.n, annuity.d, annuity.growth);
+    }
+    Schedule fraction = full;
+    fraction.first = years * full.m;
+    fraction.count = full.count - fraction.first;
+    return annual_value + schedule_value(curve, fraction);
+}
+
+}  // namespace
+
+double annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode) {
+    switch (mode) {
+        case Mode::DiscretePrecision: return schedule_value(curve, annuity.schedule());
+        case Mode::ContinuousPrecision:
+            return continuous_value(curve, annuity.d, annuity.d + annuity.n, annuity.d, annuity.growth);
+        case Mode::DiscreteSimplified: return woolhouse_value(curve, annuity, false);
+        case Mode::ContinuousSimplified: return woolhouse_value(curve, annuity, true);
+    }
+    return 0.0;
+}
+
+CurveArrays shifted_arrays(const CurveArrays& curve, double ts, double eps) {
+    if (curve.ends.empty() || ts <= eps) return curve;
+    const auto& ends = curve.ends;
+    const auto& terms = curve.terms;
+    const auto& rates = curve.rates;
+    CurveArrays constant{{rates.back()}, {}, {}};
+    if (ts >= ends.back()) return constant;
+    const std::size_t k = std::lower_bound(ends.begin(), ends.end(), ts) - ends.begin();
+    const double start = k > 0 ? ends[k - 1] : 0.0;
+    const double remaining = terms[k] - (ts - start);
+    CurveArrays out;
+    if (remaining <= eps) {
+        out.terms.assign(terms.begin() + k + 1, terms.end());
+        out.rates.assign(rates.begin() + k + 1, rates.end());
+    } else {
+        out.terms.push_back(remaining);
+        out.terms.insert(out.terms.end(), terms.begin() + k + 1, terms.end());
+        out.rates.assign(rates.begin() + k, rates.end());
+    }
+    if (out.terms.empty()) return constant;
+    out.ends.resize(out.terms.size());
+    cumulative_sum(out.terms, out.ends);
+    return out;
+}
+
+double round_like_numpy(double value, int decimals) {
+    if (!std::isfinite(value)) return value;
+    const double scale = std::pow(10.0, decimals);
+    return std::nearbyint(value * scale) / scale;
+}
+
+namespace {
+
+struct TripletHash {
+    std::size_t operator()(const std::array<std::uint64_t, 3>& key) const {
+        std::uint64_t h = key[0] * 0x9E3779B97F4A7C15ull;
+        h ^= key[1] + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
+        h ^= key[2] + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
+        return static_cast<std::size_t>(h);
+    }
+};
+
+// Bit pattern of a value with -0.0 folded into 0.0, so equal numbers share a key.
+std::uint64_t key_of(double x) { return std::bit_cast<std::uint64_t>(x == 0.0 ? 0.0 : x); }
+
+double unit_value(const PiecewiseTable& curve, double n, double d, double ts, const PortfolioTerms& p) {
+    const double elapsed = std::max(0.0, ts - d), d_eff = std::max(0.0, d - ts);
+    const double term = std::isinf(n) ? p.perpetuity_n_eff : n;
+    const double n_eff = std::max(0.0, term - elapsed);
+    if (n_eff == 0.0) return 0.0;
+    const double total = n_eff * static_cast<double>(p.m);
+    std::size_t size = static_cast<std::size_t>(total);
+    if (total - static_cast<double>(size) > p.tolerance_eps) ++size;  // a remainder within the tolerance is noise
+    Annuity annuity{d_eff, n_eff, size, p.m, p.timing, p.growth};
+    return round_like_numpy(annuity_value(curve, annuity, p.mode), p.decimals);
+}
+
+}  // namespace
+
+void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::span<const double> d,
+                      std::span<const double> ts, std::span<const double> benefits, const PortfolioTerms& terms,
+                      std::span<double> out) {
+    const std::size_t count = n.size();
+    std::unordered_map<std::array<std::uint64_t, 3>, std::uint32_t, TripletHash> group_of;
+    std::vector<std::uint32_t> group(count);
+    std::vector<std::array<double, 3>> rows;
+    for (std::size_t i = 0; i < count; ++i) {
+        auto [it, added] = group_of.try_emplace({key_of(n[i]), key_of(d[i]), key_of(ts[i])},
+                                                static_cast<std::uint32_t>(rows.size()));
+        if (added) rows.push_back({n[i], d[i], ts[i]});
+        group[i] = it->second;
+    }
+    // One shifted curve per distinct shift.
+    std::unordered_map<std::uint64_t, std::size_t> curve_of;
+    std::vector<PiecewiseTable> curves;
+    std::vector<std::size_t> row_curve(rows.size());
+    for (std::size_t r = 0; r < rows.size(); ++r) {
+        auto [it, added] = curve_of.try_emplace(key_of(rows[r][2]), curves.size());
+        if (added) {
+            CurveArrays seen = shifted_arrays(curve, rows[r][2], terms.tolerance_eps);
+            curves.push_back(make_table(seen.rates, seen.terms, seen.ends));
+        }
+        row_curve[r] = it->second;
+    }
+    std::vector<double> unit(rows.size());
+    parallel_for(rows.size(), 256, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t r = begin; r < end; ++r)
+            unit[r] = unit_value(curves[row_curve[r]], rows[r][0], rows[r][1], rows[r][2], terms);
+    });
+    for (std::size_t i = 0; i < count; ++i) out[i] = benefits.empty() ? unit[group[i]] : unit[group[i]] * benefits[i];
 }
 
 }  // namespace norvane::core

@@ -56,4 +56,64 @@ void schedule_payments(const Schedule& s, std::vector<double>& times, std::vecto
 // [a, b]; growth steps at origin + 1, origin + 2, ...
 double continuous_value(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth);
 
+// The four calculation modes of an annuity of 1 a year payable m-thly.
+enum class Mode { DiscretePrecision, DiscreteSimplified, ContinuousPrecision, ContinuousSimplified };
+
+// An annuity as the dispatcher prepares it: deferment and remaining term from
+// the valuation time, the payment count (one more than the whole periods when
+// the schedule ends with a pro-rata payment), frequency, timing and growth.
+struct Annuity {
+    double d = 0.0, n = 0.0;
+    std::size_t payments_size = 0;
+    std::size_t m = 1;
+    int timing = 0;
+    Growth growth;
+
+    // The full schedule: regular payments and the optional pro-rata one.
+    Schedule schedule() const;
+};
+
+// Present value (unrounded) with certain survival:
+// - DiscretePrecision: the exact sum over the schedule;
+// - DiscreteSimplified: Woolhouse on the whole years, due (1-c) ä + c a and
+//   immediate c ä + (1-c) a with c = (m-1)/(2m), plus the payments of the final
+//   fraction of a year valued exactly (m = 1 gives the exact sum);
+// - ContinuousPrecision: the integral of v(t) times growth over [d, d + n];
+// - ContinuousSimplified: (ä + a) / 2 on the whole years plus the final
+//   fraction's integral.
+double annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode);
+
+// The arrays of a curve (m rates, m-1 segment lengths and their ends).
+struct CurveArrays {
+    std::vector<double> rates, terms, ends;
+};
+
+// The curve seen from time ts: the first ts years cut away. A segment whose
+// remainder is within `eps` is dropped; past the last end only the last rate
+// is left (a constant curve). A shift within `eps` is no shift.
+CurveArrays shifted_arrays(const CurveArrays& curve, double ts, double eps);
+
+// Settings shared by every policy of a portfolio group.
+struct PortfolioTerms {
+    std::size_t m = 1;
+    int timing = 0;
+    Growth growth;
+    Mode mode = Mode::DiscretePrecision;
+    double tolerance_eps = 1e-12;  // payment count and shift tolerance
+    double perpetuity_n_eff = 1000.0;
+    int decimals = 10;
+};
+
+// Unit present values of a portfolio at valuation times ts (years since
+// inception), deferments d and terms n (infinite: perpetuity), each rounded to
+// `decimals` as np.round does, then multiplied by the benefit when given. Each
+// distinct (n, d, ts) is valued once (hash grouping), each distinct ts shifts
+// the curve once.
+void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::span<const double> d,
+                      std::span<const double> ts, std::span<const double> benefits, const PortfolioTerms& terms,
+                      std::span<double> out);
+
+// np.round(value, decimals): scale, round half to even, unscale.
+double round_like_numpy(double value, int decimals);
+
 }  // namespace norvane::core

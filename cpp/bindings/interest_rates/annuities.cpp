@@ -17,7 +17,7 @@ struct Siblings {
     nb::object dispatch_table, annuity_dispatcher, zero_flows;
     nb::object map_none_to_inf, len_or_1, benefits_check, batch_param_check, collect_errors, resolve_m;
     nb::object m_for_recurse, coerce_ids, group_indices, finalize_pv, aggregate, batch_result, error_report;
-    nb::object growth_rate, np;
+    nb::object growth_rate, np, own_entries, portfolio_values;
 };
 
 const Siblings& siblings() {
@@ -53,6 +53,8 @@ const Siblings& siblings() {
         r->error_report = m.attr("BatchErrorReport");
         r->growth_rate = m.attr("GrowthRate");
         r->np = nb::module_::import_("numpy");
+        r->own_entries = nb::module_::import_("norvane.engine.annuity").attr("_OWN_ENTRIES");
+        r->portfolio_values = nb::module_::import_("norvane._kernels").attr("portfolio_values");
         return r;
     }();
     return *s;
@@ -204,15 +206,50 @@ nb::object growth_subset(nb::handle gr, nb::handle indices) {
     return picked;
 }
 
+// Whether the portfolio can go to the native kernel: the mode's entry is the
+// package's own, the schedule is generated and no flows are asked for.
+bool native_portfolio(nb::handle mode, nb::handle cashflow_times, nb::handle cashflow_amounts, bool return_flows) {
+    const Siblings& S = siblings();
+    return !return_flows && cashflow_times.is_none() && cashflow_amounts.is_none() &&
+           S.dispatch_table[mode].is(S.own_entries[mode]);
+}
+
+nb::object native_values(nb::handle self, nb::handle n_arr, nb::handle d_arr, nb::handle ts_arr, long m,
+                         nb::handle gr, int payment_timing, nb::handle mode, nb::handle decimals,
+                         nb::handle benefits_arr) {
+    const Siblings& S = siblings();
+    InterestRate& ir = nb::cast<InterestRate&>(self);
+    InterestRate& leaf = active_curve(ir);
+    const Meta& meta = meta_of(ir);
+    nb::object rates, terms, ends;
+    if (truthy(leaf[IsConstant])) {
+        rates = readonly_copy(std::vector<double>{as_double(leaf[Rate])});
+        terms = ends = refs().empty_f64;
+    } else {
+        rates = leaf[Rates], terms = leaf[Terms], ends = leaf[CumTerms];
+    }
+    auto contiguous = [&](nb::handle a) { return S.np.attr("ascontiguousarray")(a, nb::arg("dtype") = "float64"); };
+    nb::object kind = gr.is_none() ? nb::object(nb::str("level")) : nb::object(gr.attr("kind"));
+    double rate = gr.is_none() ? 0.0 : as_double(gr.attr("rate"));
+    return S.portfolio_values(rates, terms, ends, contiguous(n_arr), contiguous(d_arr), contiguous(ts_arr),
+                              benefits_arr.is_none() ? nb::none() : contiguous(benefits_arr), nb::arg("m") = m,
+                              nb::arg("timing") = payment_timing, nb::arg("growth_kind") = kind,
+                              nb::arg("growth_rate") = rate, nb::arg("mode") = mode,
+                              nb::arg("tolerance_eps") = meta.field[ToleranceEps],
+                              nb::arg("perpetuity_n_eff") = meta.field[PerpetuityNEff], nb::arg("decimals") = decimals);
+}
+
 nb::object batch_financial(nb::handle self, nb::handle n_arr, nb::handle d_arr, nb::handle ts_arr, nb::handle m_in,
                            nb::handle gr_in, nb::handle cashflow_times, nb::handle cashflow_amounts,
                            int payment_timing, nb::handle decimals, nb::handle benefits_arr, bool return_flows,
-                           nb::handle t_output) {
+                           nb::handle t_output, const std::string& method_name) {
     const Siblings& S = siblings();
     const long m = nb::cast<long>(nb::int_(m_in));
     nb::object gr = nb::borrow(gr_in);
     if (!gr.is_none() && is_numeric(gr)) gr = S.growth_rate(gr);
     nb::object mode = self.attr("calculation_mode");
+    if (native_portfolio(mode, cashflow_times, cashflow_amounts, return_flows))
+        return native_values(self, n_arr, d_arr, ts_arr, m, gr, payment_timing, mode, decimals, benefits_arr);
     nb::object params = S.np.attr("stack")(nb::make_tuple(n_arr, d_arr, ts_arr), nb::arg("axis") = 1);
     nb::tuple unique = nb::borrow<nb::tuple>(
         S.np.attr("unique")(params, nb::arg("axis") = 0, nb::arg("return_inverse") = true));
@@ -227,7 +264,7 @@ nb::object batch_financial(nb::handle self, nb::handle n_arr, nb::handle d_arr, 
             nb::arg("validate") = false, nb::arg("ts") = row[2], nb::arg("d") = row[1], nb::arg("n") = term,
             nb::arg("m") = m, nb::arg("gr") = gr, nb::arg("cashflow_times") = cashflow_times,
             nb::arg("cashflow_amounts") = cashflow_amounts, nb::arg("payment_timing") = payment_timing,
-            nb::arg("return_flows") = flows, nb::arg("ir_shifted") = curve);
+            nb::arg("return_flows") = flows, nb::arg("method_name") = method_name, nb::arg("ir_shifted") = curve);
     };
     if (!return_flows) {
         std::vector<double> unit(groups);
@@ -313,7 +350,7 @@ nb::object batch_dispatch(nb::handle self, nb::handle n, nb::handle d, nb::handl
     const bool single_m = PyLong_Check(m_res.ptr());
     if (single_m && !per_policy(gr))
         return batch_financial(self, n_arr, d_arr, ts_arr, m_res, gr, cashflow_times, cashflow_amounts,
-                               payment_timing, decimals, benefits_arr, return_flows, t_output);
+                               payment_timing, decimals, benefits_arr, return_flows, t_output, method_name);
     if (!single_m && return_flows)
         annuity_error(method_name, " return_flows=True is not supported when m is a vector with heterogeneous "
                                    "values. Use a scalar m or split the batch by payment frequency and call separately.");
@@ -324,7 +361,7 @@ nb::object batch_dispatch(nb::handle self, nb::handle n, nb::handle d, nb::handl
             nb::object idx = group[nb::int_(2)];
             result[idx] = batch_financial(self, n_arr[idx], d_arr[idx], ts_arr[idx], group[nb::int_(0)],
                                           group[nb::int_(1)], cashflow_times, cashflow_amounts, payment_timing,
-                                          decimals, subset(benefits_arr, idx), false, nb::none());
+                                          decimals, subset(benefits_arr, idx), false, nb::none(), method_name);
         }
         return result;
     }
@@ -333,7 +370,7 @@ nb::object batch_dispatch(nb::handle self, nb::handle n, nb::handle d, nb::handl
         nb::object idx = group[nb::int_(2)];
         nb::object flows = batch_financial(self, n_arr[idx], d_arr[idx], ts_arr[idx], group[nb::int_(0)],
                                            group[nb::int_(1)], cashflow_times, cashflow_amounts, payment_timing,
-                                           decimals, subset(benefits_arr, idx), true, nb::none());
+                                           decimals, subset(benefits_arr, idx), true, nb::none(), method_name);
         parts.append(nb::make_tuple(refs().as_f64_safe(flows["time_grid"]), refs().as_f64_safe(flows["expected_cf"]),
                                     refs().as_f64_safe(flows["pv_cf"])));
     }
@@ -468,24 +505,28 @@ void register_annuities(nb::module_& m, CurveClass& cls) {
         "_annuity_batch_financial",
         [](nb::handle self, nb::handle n_arr, nb::handle d_arr, nb::handle ts_arr, nb::handle m_, nb::handle gr,
            nb::handle cashflow_times, nb::handle cashflow_amounts, nb::int_ payment_timing, nb::handle decimals,
-           nb::handle benefits_arr, nb::handle return_flows, nb::handle t_output) {
+           nb::handle benefits_arr, nb::handle return_flows, nb::handle t_output, nb::str method_name) {
             return batch_financial(self, n_arr, d_arr, ts_arr, m_, gr, cashflow_times, cashflow_amounts,
                                    nb::cast<int>(payment_timing), decimals, benefits_arr, truthy(return_flows),
-                                   t_output);
+                                   t_output, method_name.c_str());
         },
         nb::kw_only(), nb::arg("n_arr"), nb::arg("d_arr"), nb::arg("ts_arr"), nb::arg("m"), nb::arg("gr").none(),
         nb::arg("cashflow_times").none(), nb::arg("cashflow_amounts").none(), nb::arg("payment_timing"),
         nb::arg("decimals"), nb::arg("benefits_arr").none(), nb::arg("return_flows").none(),
-        nb::arg("t_output").none() = nb::none(),
+        nb::arg("t_output").none() = nb::none(), nb::arg("method_name") = "",
         "Value policies sharing m and growth: each distinct (term, deferment, shift) once, then scatter.");
     cls.def(
         "_annuity_public_route",
-        [](nb::handle self, nb::str method_name, nb::int_ payment_timing, nb::handle n, nb::handle d, nb::handle ts,
+        [](nb::handle self, nb::handle method_name, nb::handle payment_timing, nb::handle n, nb::handle d, nb::handle ts,
            nb::handle m, nb::handle gr, nb::handle cashflow_times, nb::handle cashflow_amounts, nb::handle benefits,
            nb::handle return_flows, nb::handle t_output, nb::handle on_error, nb::handle record_ids) {
-            if (!PyUnicode_CheckExact(method_name.ptr()) || !PyLong_CheckExact(payment_timing.ptr()))
-                throw nb::type_error("method_name must be a str and payment_timing an int");
-            return public_route(self, method_name.c_str(), nb::cast<int>(payment_timing), n, d, ts, m, gr,
+            if (!PyUnicode_CheckExact(method_name.ptr()))
+                throw nb::type_error(("_annuity_public_route(): argument 'method_name' must be str, not " +
+                                      type_name_of(method_name)).c_str());
+            if (!PyLong_CheckExact(payment_timing.ptr()))
+                throw nb::type_error(("_annuity_public_route(): argument 'payment_timing' must be int, not " +
+                                      type_name_of(payment_timing)).c_str());
+            return public_route(self, nb::borrow<nb::str>(method_name).c_str(), nb::cast<int>(payment_timing), n, d, ts, m, gr,
                                 cashflow_times, cashflow_amounts, benefits, truthy(return_flows), t_output, on_error,
                                 record_ids);
         },

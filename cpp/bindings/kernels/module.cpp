@@ -55,9 +55,24 @@ core::Schedule schedule_of(double start, std::size_t m, int timing, std::size_t 
     return s;
 }
 
+core::Mode mode_of(const std::string& mode) {
+    if (mode == "discrete_precision") return core::Mode::DiscretePrecision;
+    if (mode == "discrete_simplified") return core::Mode::DiscreteSimplified;
+    if (mode == "continuous_precision") return core::Mode::ContinuousPrecision;
+    if (mode == "continuous_simplified") return core::Mode::ContinuousSimplified;
+    throw std::invalid_argument("unknown calculation mode '" + mode + "'");
+}
+
 struct Curve {
     core::PiecewiseTable table;
 };
+
+core::CurveArrays arrays_of(InArray rates, InArray terms, InArray ends) {
+    if (rates.shape(0) == 0 || terms.shape(0) != ends.shape(0) || rates.shape(0) != ends.shape(0) + 1)
+        throw std::invalid_argument("a curve needs m rates and m-1 terms and ends");
+    auto copy = [](const InArray& a) { return std::vector<double>(a.data(), a.data() + a.shape(0)); };
+    return {copy(rates), copy(terms), copy(ends)};
+}
 
 #define SCHEDULE_ARGS                                                                                             \
     nb::kw_only(), nb::arg("start"), nb::arg("m"), nb::arg("timing"), nb::arg("first"), nb::arg("count"),      \
@@ -74,9 +89,8 @@ NB_MODULE(_kernels, m) {
         .def(
             "__init__",
             [](Curve* self, InArray rates, InArray terms, InArray ends) {
-                if (rates.shape(0) == 0 || terms.shape(0) != ends.shape(0) || rates.shape(0) != ends.shape(0) + 1)
-                    throw std::invalid_argument("a curve needs m rates and m-1 terms and ends");
-                new (self) Curve{core::make_table(span_of(rates), span_of(terms), span_of(ends))};
+                core::CurveArrays a = arrays_of(rates, terms, ends);
+                new (self) Curve{core::make_table(a.rates, a.terms, a.ends)};
             },
             nb::arg("rates"), nb::arg("terms"), nb::arg("ends"))
         .def(
@@ -112,6 +126,17 @@ NB_MODULE(_kernels, m) {
             },
             nb::arg("starts"), nb::arg("ends"), "Integral of v(t) over each interval [starts[i], ends[i]].")
         .def(
+            "annuity_value",
+            [](const Curve& c, const std::string& mode, double d, double n, std::size_t payments_size,
+               std::size_t m, int timing, const std::string& kind, double rate) {
+                if (m == 0) throw std::invalid_argument("m must be positive");
+                core::Annuity annuity{d, n, payments_size, m, timing, growth_of(kind, rate)};
+                return core::annuity_value(c.table, annuity, mode_of(mode));
+            },
+            nb::kw_only(), nb::arg("mode"), nb::arg("d"), nb::arg("n"), nb::arg("payments_size"), nb::arg("m"),
+            nb::arg("timing"), nb::arg("growth_kind") = "level", nb::arg("growth_rate") = 0.0,
+            "Unrounded present value of an annuity of 1 a year payable m-thly (certain survival).")
+        .def(
             "continuous_value",
             [](const Curve& c, double a, double b, double origin, const std::string& kind, double rate) {
                 return core::continuous_value(c.table, a, b, origin, growth_of(kind, rate));
@@ -120,6 +145,35 @@ NB_MODULE(_kernels, m) {
             nb::arg("growth_rate") = 0.0,
             "Integral of v(t) times the growth of year floor(t - origin) over [a, b].");
 
+    m.def(
+        "portfolio_values",
+        [](InArray rates, InArray terms, InArray ends, InArray n, InArray d, InArray ts, nb::object benefits,
+           std::size_t m_, int timing, const std::string& kind, double rate, const std::string& mode,
+           double tolerance_eps, double perpetuity_n_eff, int decimals) {
+            if (n.shape(0) != d.shape(0) || n.shape(0) != ts.shape(0))
+                throw std::invalid_argument("n, d and ts must have one length");
+            if (m_ == 0) throw std::invalid_argument("m must be positive");
+            InArray weights;
+            if (!benefits.is_none()) {
+                weights = nb::cast<InArray>(benefits);
+                if (weights.shape(0) != n.shape(0)) throw std::invalid_argument("benefits must match n in length");
+            }
+            core::CurveArrays curve = arrays_of(rates, terms, ends);
+            core::PortfolioTerms p{m_, timing, growth_of(kind, rate), mode_of(mode), tolerance_eps, perpetuity_n_eff,
+                                   decimals};
+            std::vector<double> out(n.shape(0));
+            {
+                nb::gil_scoped_release release;
+                core::portfolio_values(curve, span_of(n), span_of(d), span_of(ts),
+                                       benefits.is_none() ? std::span<const double>() : span_of(weights), p, out);
+            }
+            return to_array(out);
+        },
+        nb::arg("rates"), nb::arg("terms"), nb::arg("ends"), nb::arg("n"), nb::arg("d"), nb::arg("ts"),
+        nb::arg("benefits").none(), nb::kw_only(), nb::arg("m"), nb::arg("timing"), nb::arg("growth_kind"),
+        nb::arg("growth_rate"), nb::arg("mode"), nb::arg("tolerance_eps"), nb::arg("perpetuity_n_eff"),
+        nb::arg("decimals"),
+        "Rounded present values of a portfolio (times the benefits), each distinct (n, d, ts) valued once.");
     m.def(
         "schedule_payments",
         [](double start, std::size_t m_, int timing, std::size_t first, std::size_t count, const std::string& kind,

@@ -183,14 +183,41 @@ def _value_explicit(plan: _Plan, times: np.ndarray, amounts: np.ndarray, surviva
 # ---------------------------------------------------------------- the four modes
 
 
+def _with_closed_form(mode: str) -> Callable[[Callable[..., Any]], Callable[..., Any]]:
+    """Value certain annuities of generated schedules natively, in one call.
+
+    The same native routine values portfolios, so a portfolio's values equal
+    the single valuations exactly. Flows, explicit schedules and other survival
+    functions go through the mode's own path.
+    """
+
+    def wrap(valuate: Callable[..., Any]) -> Callable[..., Any]:
+        @functools.wraps(valuate)
+        def entry(**kw: Any) -> Any:
+            if (kw["return_flows"] or kw.get("cashflow_times") is not None
+                    or kw.get("cashflow_amounts") is not None or not _is_certain(kw["survival_func"])):
+                return valuate(**kw)
+            gr = kw["gr"]
+            kind, rate = ("level", 0.0) if gr is None else (gr.kind, float(gr.rate))
+            value = _kernel_curve(kw["ir"]).annuity_value(
+                mode=mode, d=float(kw["d"]), n=float(kw["n"]), payments_size=int(kw["payments_size"]),
+                m=int(kw["m"]), timing=int(kw["payment_timing"]), growth_kind=kind, growth_rate=rate,
+            )
+            return _rounded(value, kw["decimals"])
+
+        return entry
+
+    return wrap
+
+
+
+@_with_closed_form("discrete_precision")
 def _discrete_precision(**kw: Any) -> float | dict[str, Any]:
     """Exact sum of amount x v(t) x survival(t) over the payment schedule."""
     plan = _plan(kw["ir"], kw["d"], kw["n"], kw["payments_size"], kw["m"], kw["gr"], kw["payment_timing"])
     explicit = _explicit_inputs(plan, kw)
     if explicit is not None:
         return _value_explicit(plan, *explicit, kw["survival_func"], kw["decimals"], kw["return_flows"])
-    if not kw["return_flows"] and _is_certain(kw["survival_func"]):
-        return _rounded(plan.curve.schedule_value(**plan.schedule()), kw["decimals"])
     times, amounts = _kernels.schedule_payments(**plan.schedule())
     survival = _survival(kw["survival_func"], times)
     if not kw["return_flows"] and np.ndim(survival) == 0:
@@ -315,6 +342,7 @@ def _growth_factors(plan: _Plan, years: np.ndarray) -> np.ndarray:
     return np.ones(years.shape, dtype=np.float64)
 
 
+@_with_closed_form("discrete_simplified")
 def _discrete_simplified(**kw: Any) -> float | dict[str, Any]:
     """Woolhouse's approximation on the whole years; explicit schedules exactly."""
     plan = _plan(kw["ir"], kw["d"], kw["n"], kw["payments_size"], kw["m"], kw["gr"], kw["payment_timing"])
@@ -324,6 +352,7 @@ def _discrete_simplified(**kw: Any) -> float | dict[str, Any]:
     return _woolhouse(plan, kw, continuous=False)
 
 
+@_with_closed_form("continuous_precision")
 def _continuous_precision(**kw: Any) -> float | dict[str, Any]:
     """Payments flowing continuously at 1 a year (times growth) over the term;
     explicit amounts flow uniformly over their own periods."""
@@ -331,8 +360,7 @@ def _continuous_precision(**kw: Any) -> float | dict[str, Any]:
     amounts = kw.get("cashflow_amounts")
     amounts = None if amounts is None else np.asarray(amounts, dtype=np.float64)
     if amounts is None and not kw["return_flows"]:
-        certain = _is_certain(kw["survival_func"])
-        survival = 1.0 if certain else _survival(kw["survival_func"], _interval_grid(plan)[2])
+        survival = _survival(kw["survival_func"], _interval_grid(plan)[2])
         if np.ndim(survival) == 0:
             whole = plan.curve.continuous_value(
                 a=plan.d, b=plan.d + plan.n, origin=plan.d, growth_kind=plan.growth_kind,
@@ -347,6 +375,7 @@ def _continuous_precision(**kw: Any) -> float | dict[str, Any]:
     return _rounded(float(pv.sum()), kw["decimals"])
 
 
+@_with_closed_form("continuous_simplified")
 def _continuous_simplified(**kw: Any) -> float | dict[str, Any]:
     """(ä + a) / 2 on the whole years, the final fraction valued continuously."""
     if kw.get("cashflow_amounts") is not None:
@@ -375,3 +404,8 @@ _ANNUITY_CALCULATION_MODE_DISPATCH: dict[str, Callable[..., Any]] = {
     "continuous_simplified": _continuous_simplified,
 }
 assert set(_ANNUITY_CALCULATION_MODE_DISPATCH) == set(_CALCULATION_MODES)
+
+# The package's own entries: portfolios valued with one of these (and no
+# explicit schedule) take the native portfolio kernel; a caller who replaces an
+# entry gets the generic per-group path through the replacement.
+_OWN_ENTRIES: dict[str, Callable[..., Any]] = dict(_ANNUITY_CALCULATION_MODE_DISPATCH)

@@ -1,0 +1,245 @@
+"""Portfolio valuation: dispatch rules, grouping, benefits, flows and grid projection."""
+
+import math
+
+import numpy as np
+import pandas as pd
+import pytest
+from hypothesis import given, settings
+from hypothesis import strategies as st
+
+from norvane.config import Config
+from norvane.growth_rates import GrowthRate
+from norvane.helpers import BatchErrorReport, BatchResult
+from norvane.interest_rates import InterestRate, _woolhouse_flows_to_grid
+
+I = 0.03
+V = 1.0 / (1.0 + I)
+D = I / (1.0 + I)
+MODES = ["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"]
+TOL = 1e-9
+
+
+@pytest.fixture
+def ir():
+    return InterestRate(I)
+
+
+def call(ir, method, **kw):
+    return getattr(ir, method)(**kw)
+
+
+def immediate(n):
+    return (1.0 - V**n) / I
+
+
+@pytest.mark.parametrize(
+    ("method", "kwargs", "tail"),
+    [
+        ("a", {"n": [10.0, 20.0], "d": [0.0, 1.0, 2.0]},
+         "] Incompatible batch lengths: n=2, d=3, ts=1. All arrays must share the same length or be length-1 (broadcast)."),
+        ("ä", {"n": [10.0, 20.0, 5.0], "ts": [0.0, 1.0]},
+         "] Incompatible batch lengths: n=3, d=1, ts=2. All arrays must share the same length or be length-1 (broadcast)."),
+        ("ä", {"n": [10.0, 10.0], "m": [1, 12], "return_flows": True},
+         ("] return_flows=True is not supported when m is a vector with heterogeneous values. "
+          "Use a scalar m or split the batch by payment frequency and call separately.")),
+        ("a", {"n": [10.0, -1.0], "on_error": "nan", "return_flows": True},
+         "] on_error='nan' is not supported with return_flows=True in batch mode."),
+        ("a", {"n": [10.0, 20.0], "d": [0.0, 1.0, 2.0], "on_error": "nan", "return_flows": True},
+         "] on_error='nan' is not supported with return_flows=True in batch mode."),
+    ],
+)
+def test_batch_dispatch_messages(ir, method, kwargs, tail):
+    with pytest.raises(ValueError) as info:
+        call(ir, method, **kwargs)
+    assert str(info.value) == "[InterestRate." + method + tail
+
+
+@pytest.mark.parametrize(
+    ("kwargs", "expected"),
+    [
+        ({"n": [10.0], "d": [0.0, 5.0]}, [immediate(10), V**5 * immediate(10)]),
+        ({"n": 10.0, "ts": [0.0, 4.0, 12.0]}, [immediate(10), immediate(6), 0.0]),
+        ({"n": [10.0, np.inf, None]}, [immediate(10), 1.0 / I, 1.0 / I]),
+        ({"n": np.array([np.inf]), "d": [0.0, 2.0]}, [1.0 / I, V**2 / I]),
+    ],
+)
+def test_broadcasting_and_perpetuities(ir, kwargs, expected):
+    out = ir.a(**kwargs)
+    assert isinstance(out, np.ndarray) and out.shape == (len(expected),)
+    np.testing.assert_allclose(out, expected, rtol=1e-9, atol=TOL)
+
+
+def test_on_error_nan_report(ir):
+    res = ir.ä(n=[10.0, -1.0], on_error="nan")
+    assert isinstance(res, BatchResult) and isinstance(res.errors, BatchErrorReport)
+    assert res.values[0] == pytest.approx((1 - V**10) / D, abs=TOL) and math.isnan(res.values[1])
+    assert (res.errors.n_errors, res.errors.n_total) == (1, 2)
+    assert res.errors.valid_mask.tolist() == [True, False]
+    assert res.errors.invalid_indices.tolist() == [1]
+    assert len(res.errors.messages) == 1 and "'n'" in res.errors.messages[0]
+
+
+def test_on_error_nan_with_ids_and_benefits(ir):
+    res = ir.a(n=[10.0, np.nan, 5.0, 20.0], d=[0.0, 0.0, -2.0, 1.0], ts=[0.0, 0.0, 0.0, -1.0],
+               benefits=[1.0, 2.0, 3.0, 4.0], record_ids=["p1", "p2", "p3", "p4"], on_error="nan")
+    assert res.values[0] == ir.a(n=10.0)
+    assert np.isnan(res.values[1:]).all()
+    assert res.errors.invalid_indices.tolist() == [1, 2, 3]
+    assert list(res.errors.record_ids) == ["p2", "p3", "p4"]
+    assert ["'n'" in res.errors.messages[0], "'d'" in res.errors.messages[1], "'ts'" in res.errors.messages[2]] == [True] * 3
+
+
+@pytest.mark.parametrize("method", ["a", "ä"])
+@pytest.mark.parametrize(
+    "kwargs",
+    [
+        {"n": [5.0, 10.0, 20.0, 10.0], "m": [1, 2, 12, 2]},
+        {"n": [5.0, 10.0, 20.0, 10.0], "gr": [None, 0.02, GrowthRate(0.01, "arithmetic"), 0.02]},
+        {"n": [5.0, 10.0, 20.0, 10.0], "m": [1, 2, 12, 2], "gr": [None, 0.02, GrowthRate(0.01, "arithmetic"), 0.02]},
+        {"n": [8.0, 8.0, 3.5], "m": [4, 12, 4], "gr": [0.01, GrowthRate(0.01), None], "d": [1.0, 0.0, 2.0]},
+    ],
+)
+def test_grouping_matches_scalar_calls(ir, method, kwargs):
+    out = call(ir, method, **kwargs)
+    size = len(kwargs["n"])
+    for i in range(size):
+        single = {k: (v[i] if isinstance(v, list) else v) for k, v in kwargs.items()}
+        assert out[i] == call(ir, method, **single)
+
+
+INVALID = -1.0
+term = st.one_of(st.sampled_from([0.0, 0.25, 1.0, 3.5, 10.0, 40.0, math.inf, INVALID, math.nan]),
+                 st.floats(0.0, 60.0))
+record = st.tuples(term, st.one_of(st.floats(0.0, 10.0), st.just(INVALID)),
+                   st.one_of(st.floats(0.0, 15.0), st.just(INVALID)), st.floats(0.0, 1e6))
+
+
+@settings(max_examples=40, deadline=None)
+@given(st.lists(record, min_size=1, max_size=6), st.sampled_from([1, 2, 4, 12]), st.sampled_from(["a", "ä"]))
+def test_benefits_scale_exactly(records, m, method):
+    ir = InterestRate(I)
+    n, d, ts, ben = (list(col) for col in zip(*records))
+    res = call(ir, method, n=n, d=d, ts=ts, m=m, benefits=ben, on_error="nan")
+    invalid = [not (x >= 0.0) or y < 0.0 or z < 0.0 for x, y, z in zip(n, d, ts)]
+    assert res.errors.invalid_indices.tolist() == [i for i, bad in enumerate(invalid) if bad]
+    for i, bad in enumerate(invalid):
+        if bad:
+            assert math.isnan(res.values[i])
+        else:
+            unit = call(ir, method, n=None if math.isinf(n[i]) else n[i], d=d[i], ts=ts[i], m=m)
+            assert res.values[i] == unit * ben[i]
+    if not any(invalid):
+        plain = call(ir, method, n=n, d=d, ts=ts, m=m, benefits=ben)
+        np.testing.assert_array_equal(plain, res.values)
+
+
+def test_pandas_series_keep_input_order(ir):
+    idx = [7, 3, 1]
+    out = ir.ä(n=pd.Series([10.0, 5.0, 20.0], index=idx), m=pd.Series([1, 12, 1], index=idx),
+               d=pd.Series([0.0, 0.0, 2.0], index=idx), benefits=pd.Series([1.0, 2.0, 0.5], index=idx))
+    expected = [(1 - V**10) / D, 2.0 * (1 - V**5) / (12 * (1 - V ** (1 / 12))), 0.5 * V**2 * (1 - V**20) / D]
+    np.testing.assert_allclose(np.asarray(out), expected, atol=TOL)
+
+
+def test_pandas_series_growth(ir):
+    out = ir.a(n=[10.0, 10.0, 10.0], gr=pd.Series([0.02, 0.0, 0.02], index=["x", "y", "z"]))
+    assert out[0] == out[2] == ir.a(n=10.0, gr=0.02)
+    assert out[1] == pytest.approx(immediate(10), abs=TOL)
+
+
+GRID = np.array([0.0, 2.5, 5.0, 12.0])
+
+
+@pytest.mark.parametrize("mode", MODES)
+@pytest.mark.parametrize("method", ["a", "ä"])
+@pytest.mark.parametrize(
+    "kwargs",
+    [
+        {"n": [10.0, 20.0, 7.5], "d": [0.0, 2.0, 1.0], "m": 4, "benefits": [1.0, 2.0, 0.5]},
+        {"n": [10.0, 6.0, 10.0], "ts": [0.0, 1.0, 0.0], "gr": [0.02, None, 0.02], "benefits": [3.0, 1.0, 1.0]},
+        {"n": [5.0, np.inf], "d": [1.0, 0.0]},
+    ],
+)
+def test_portfolio_flows_sum_to_value(ir, mode, method, kwargs):
+    Config().calculation_mode = mode
+    weights = np.asarray(kwargs.get("benefits", [1.0] * len(kwargs["n"])))
+    plain = {k: v for k, v in kwargs.items() if k != "benefits"}
+    value = float(np.dot(call(ir, method, **plain), weights))
+    flows = call(ir, method, return_flows=True, **kwargs)
+    assert set(flows) == {"time_grid", "expected_cf", "pv_cf", "total_pv"}
+    assert flows["total_pv"] == flows["pv_cf"].sum()
+    assert flows["total_pv"] == pytest.approx(value, abs=1e-7)
+    assert np.all(np.diff(flows["time_grid"]) > 0.0)
+    gridded = call(ir, method, return_flows=True, t_output=GRID, **kwargs)
+    np.testing.assert_array_equal(gridded["time_grid"], GRID)
+    assert gridded["total_pv"] == gridded["pv_cf"].sum()
+    assert gridded["total_pv"] == pytest.approx(flows["total_pv"], rel=1e-12)
+    assert gridded["expected_cf"].sum() == pytest.approx(flows["expected_cf"].sum(), rel=1e-12)
+
+
+def test_gridded_flows_land_on_next_grid_time(ir):
+    flows = ir.a(n=[10.0, 20.0], return_flows=True, t_output=GRID)
+    # yearly payments 1..20: 1-2 -> 2.5, 3-5 -> 5, 6-20 -> 12 (the last grid time)
+    np.testing.assert_allclose(flows["expected_cf"], [0.0, 4.0, 6.0, 20.0], atol=1e-12)
+    pv = [0.0, 2 * (V + V**2), 2 * (V**3 + V**4 + V**5), 2 * sum(V**k for k in range(6, 11)) + sum(V**k for k in range(11, 21))]
+    np.testing.assert_allclose(flows["pv_cf"], pv, atol=1e-12)
+
+
+@pytest.mark.parametrize(
+    ("method", "kwargs", "tail"),
+    [
+        ("a", {"n": [3.0], "gr": 0.01, "cashflow_amounts": [1.0, 1.0, 1.0]}, "] 'gr' and 'cashflow_amounts' are mutually exclusive"),
+        ("ä", {"n": [3.0, 4.0], "cashflow_amounts": [1.0, 1.0, 1.0]}, "]"),
+    ],
+)
+def test_batch_valuation_errors_carry_method_prefix(ir, method, kwargs, tail):
+    with pytest.raises(ValueError) as info:
+        call(ir, method, **kwargs)
+    assert str(info.value).startswith("[InterestRate." + method + tail)
+
+
+def woolhouse(**over):
+    flows = {
+        "coef_immediate": 1.0,
+        "due": {"time_grid": [0.0, 1.0], "present_value": [1.0, 0.9]},
+        "immediate": {"time_grid": [1.0, 2.0], "present_value": [0.5, 0.4], "growth": [2.0, 2.0]},
+        "fractional": {"time_grid": [2.5], "present_value": [0.7], "discount_factor": [0.0]},
+        "fractional_tail": {},
+    }
+    flows.update(over)
+    return flows
+
+
+def test_woolhouse_merges_equal_times_and_zero_discount():
+    grid, expected, pv = _woolhouse_flows_to_grid(woolhouse(), 1)
+    np.testing.assert_array_equal(grid, [0.0, 1.0, 2.0, 2.5])
+    np.testing.assert_allclose(expected, [1.0, 3.0, 2.0, 0.0])
+    np.testing.assert_allclose(pv, [1.0, 1.4, 0.4, 0.7])
+    grid3, expected3, pv3 = _woolhouse_flows_to_grid(woolhouse(), 3)
+    np.testing.assert_array_equal(grid3, grid)
+    np.testing.assert_array_equal(expected3, 3 * expected)
+    np.testing.assert_array_equal(pv3, 3 * pv)
+
+
+def test_woolhouse_without_fractional_grids():
+    grid, expected, pv = _woolhouse_flows_to_grid(woolhouse(fractional={}), 2)
+    np.testing.assert_array_equal(grid, [0.0, 1.0, 2.0])
+    np.testing.assert_allclose(pv, [2.0, 2.8, 0.8])
+    fractional = {"time_grid": [1.0, 3.0], "present_value": [0.3, 0.45], "discount_factor": [0.6, 0.9]}
+    grid, expected, pv = _woolhouse_flows_to_grid(woolhouse(fractional=fractional), 1)
+    np.testing.assert_allclose(expected, [1.0, 3.5, 2.0, 0.5])
+    np.testing.assert_allclose(pv, [1.0, 1.7, 0.4, 0.45])
+
+
+@pytest.mark.parametrize("drop", ["coef_immediate", "due", "immediate", "fractional", "fractional_tail", "due.present_value"])
+def test_woolhouse_missing_keys(drop):
+    flows = woolhouse()
+    if "." in drop:
+        part, key = drop.split(".")
+        flows[part] = {k: v for k, v in flows[part].items() if k != key}
+    else:
+        del flows[drop]
+    with pytest.raises(KeyError):
+        _woolhouse_flows_to_grid(flows, 1)
+
