@@ -6,6 +6,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <optional>
 #include <unordered_map>
 
 namespace norvane::core {
@@ -51,12 +52,20 @@ PiecewiseTable make_table(std::span<const double> rates, std::span<const double>
     return PiecewiseTable(rates, ends, prefix);
 }
 
-double schedule_value(const PiecewiseTable& curve, const Schedule& s) {
-    const std::size_t m = s.m, end = s.first + s.count;
+namespace {
+
+// The loop over the regular payments, from `at` up to payment `end`. Each
+// iteration values one run; with `checkpoints`, the state at the start of
+// every run is recorded, so that a later sum to any end can resume from the
+// last run that ends before it and give bit for bit the same result.
+double regular_sum(const PiecewiseTable& curve, const Schedule& s, ScheduleCursor at, std::size_t end,
+                   std::vector<ScheduleCursor>* checkpoints) {
+    const std::size_t m = s.m;
     const double per_payment_log = 1.0 / static_cast<double>(m);
-    double pv = 0.0;
-    std::size_t k = s.first;
+    double pv = at.pv;
+    std::size_t k = at.k;
     while (k < end) {
+        if (checkpoints) checkpoints->push_back({k, pv});
         const double t = s.time(k);
         const std::size_t j = curve.segment_of(t);
         const double delta = curve.log_base(j);
@@ -79,10 +88,57 @@ double schedule_value(const PiecewiseTable& curve, const Schedule& s) {
             k += run;
         }
     }
-    if (s.has_partial)
-        pv += s.partial_fraction * s.growth.factor(s.partial_index / m) / static_cast<double>(m) *
-              curve.discount(s.partial_time);
     return pv;
+}
+
+double with_partial(const PiecewiseTable& curve, const Schedule& s, double regular) {
+    if (!s.has_partial) return regular;
+    return regular + s.partial_fraction * s.growth.factor(s.partial_index / s.m) / static_cast<double>(s.m) *
+                         curve.discount(s.partial_time);
+}
+
+}  // namespace
+
+double schedule_value(const PiecewiseTable& curve, const Schedule& s) {
+    return with_partial(curve, s, regular_sum(curve, s, {s.first, 0.0}, s.first + s.count, nullptr));
+}
+
+// ---- sums shared by the schedules of a portfolio ---------------------------------
+
+ScheduleSums::Key ScheduleSums::key_of(const Schedule& s) {
+    return {std::bit_cast<std::uint64_t>(s.start), s.m, static_cast<std::uint64_t>(s.timing),
+            static_cast<std::uint64_t>(s.growth.kind), std::bit_cast<std::uint64_t>(s.growth.rate)};
+}
+
+std::size_t ScheduleSums::KeyHash::operator()(const Key& key) const {
+    std::uint64_t h = 0;
+    for (std::uint64_t part : key) h = (h ^ part) * 0x100000001B3ull + 0x9E3779B97F4A7C15ull;
+    return static_cast<std::size_t>(h);
+}
+
+void ScheduleSums::reserve(const Schedule& s) {
+    if (s.first != 0) return;
+    Entry& entry = entries_[key_of(s)];
+    entry.schedule = s;
+    entry.end = std::max(entry.end, s.count);
+}
+
+void ScheduleSums::build() {
+    for (auto& [key, entry] : entries_) {
+        entry.checkpoints.clear();
+        regular_sum(*curve_, entry.schedule, {0, 0.0}, entry.end, &entry.checkpoints);
+    }
+}
+
+double ScheduleSums::value(const Schedule& s) const {
+    auto it = s.first == 0 ? entries_.find(key_of(s)) : entries_.end();
+    if (it == entries_.end() || it->second.end < s.count) return schedule_value(*curve_, s);
+    const auto& checkpoints = it->second.checkpoints;
+    // The last run that starts at or before the end; the runs before it end there too.
+    auto after = std::upper_bound(checkpoints.begin(), checkpoints.end(), s.count,
+                                  [](std::size_t end, const ScheduleCursor& c) { return end < c.k; });
+    ScheduleCursor from = after == checkpoints.begin() ? ScheduleCursor{0, 0.0} : *(after - 1);
+    return with_partial(*curve_, s, regular_sum(*curve_, s, from, s.count, nullptr));
 }
 
 void schedule_payments(const Schedule& s, std::vector<double>& times, std::vector<double>& amounts) {
@@ -136,18 +192,31 @@ Schedule Annuity::schedule() const {
 
 namespace {
 
-double woolhouse_value(const PiecewiseTable& curve, const Annuity& annuity, bool continuous) {
+double sum_of(const PiecewiseTable& curve, const ScheduleSums* sums, const Schedule& s) {
+    return sums ? sums->value(s) : schedule_value(curve, s);
+}
+
+// The annual due and immediate schedules over the whole years.
+std::pair<Schedule, Schedule> annual_schedules(const Annuity& annuity) {
     const Schedule full = annuity.schedule();
-    const std::size_t years = full.count / full.m;
     Schedule annual = full;
     annual.m = 1;
     annual.first = 0;
-    annual.count = years;
+    annual.count = full.count / full.m;
     annual.has_partial = false;
     annual.timing = 0;
-    const double due = schedule_value(curve, annual);
-    annual.timing = 1;
-    const double immediate = schedule_value(curve, annual);
+    Schedule immediate = annual;
+    immediate.timing = 1;
+    return {annual, immediate};
+}
+
+double woolhouse_value(const PiecewiseTable& curve, const Annuity& annuity, bool continuous,
+                       const ScheduleSums* sums) {
+    const Schedule full = annuity.schedule();
+    const std::size_t years = full.count / full.m;
+    const auto [annual_due, annual_immediate] = annual_schedules(annuity);
+    const double due = sum_of(curve, sums, annual_due);
+    const double immediate = sum_of(curve, sums, annual_immediate);
     const double c = continuous ? 0.5 : static_cast<double>(full.m - 1) / (2.0 * static_cast<double>(full.m));
     const double annual_value = annuity.timing == 0 ? (1.0 - c) * due + c * immediate : c * due + (1.0 - c) * immediate;
     if (continuous) {
@@ -162,15 +231,25 @@ double woolhouse_value(const PiecewiseTable& curve, const Annuity& annuity, bool
 
 }  // namespace
 
-double annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode) {
+double annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode, const ScheduleSums* sums) {
     switch (mode) {
-        case Mode::DiscretePrecision: return schedule_value(curve, annuity.schedule());
+        case Mode::DiscretePrecision: return sum_of(curve, sums, annuity.schedule());
         case Mode::ContinuousPrecision:
             return continuous_value(curve, annuity.d, annuity.d + annuity.n, annuity.d, annuity.growth);
-        case Mode::DiscreteSimplified: return woolhouse_value(curve, annuity, false);
-        case Mode::ContinuousSimplified: return woolhouse_value(curve, annuity, true);
+        case Mode::DiscreteSimplified: return woolhouse_value(curve, annuity, false, sums);
+        case Mode::ContinuousSimplified: return woolhouse_value(curve, annuity, true, sums);
     }
     return 0.0;
+}
+
+void reserve_schedules(const Annuity& annuity, Mode mode, ScheduleSums& sums) {
+    if (mode == Mode::DiscretePrecision) {
+        sums.reserve(annuity.schedule());
+    } else if (mode != Mode::ContinuousPrecision) {
+        const auto [due, immediate] = annual_schedules(annuity);
+        sums.reserve(due);
+        sums.reserve(immediate);
+    }
 }
 
 CurveArrays shifted_arrays(const CurveArrays& curve, double ts, double eps) {
@@ -218,16 +297,16 @@ struct TripletHash {
 // Bit pattern of a value with -0.0 folded into 0.0, so equal numbers share a key.
 std::uint64_t key_of(double x) { return std::bit_cast<std::uint64_t>(x == 0.0 ? 0.0 : x); }
 
-double unit_value(const PiecewiseTable& curve, double n, double d, double ts, const PortfolioTerms& p) {
+// The annuity a policy stands for at its valuation time (none for a zero term).
+std::optional<Annuity> policy_annuity(double n, double d, double ts, const PortfolioTerms& p) {
     const double elapsed = std::max(0.0, ts - d), d_eff = std::max(0.0, d - ts);
     const double term = std::isinf(n) ? p.perpetuity_n_eff : n;
     const double n_eff = std::max(0.0, term - elapsed);
-    if (n_eff == 0.0) return 0.0;
+    if (n_eff == 0.0) return std::nullopt;
     const double total = n_eff * static_cast<double>(p.m);
     std::size_t size = static_cast<std::size_t>(total);
     if (total - static_cast<double>(size) > p.tolerance_eps) ++size;  // a remainder within the tolerance is noise
-    Annuity annuity{d_eff, n_eff, size, p.m, p.timing, p.growth};
-    return round_like_numpy(annuity_value(curve, annuity, p.mode), p.decimals);
+    return Annuity{d_eff, n_eff, size, p.m, p.timing, p.growth};
 }
 
 }  // namespace
@@ -245,7 +324,7 @@ void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::
         if (added) rows.push_back({n[i], d[i], ts[i]});
         group[i] = it->second;
     }
-    // One shifted curve per distinct shift.
+    // One shifted curve per distinct shift, each with the sums its schedules share.
     std::unordered_map<std::uint64_t, std::size_t> curve_of;
     std::vector<PiecewiseTable> curves;
     std::vector<std::size_t> row_curve(rows.size());
@@ -257,10 +336,25 @@ void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::
         }
         row_curve[r] = it->second;
     }
+    std::vector<ScheduleSums> sums;
+    sums.reserve(curves.size());
+    for (const auto& table : curves) sums.emplace_back(table);
+    std::vector<std::optional<Annuity>> annuities(rows.size());
+    for (std::size_t r = 0; r < rows.size(); ++r) {
+        annuities[r] = policy_annuity(rows[r][0], rows[r][1], rows[r][2], terms);
+        if (annuities[r]) reserve_schedules(*annuities[r], terms.mode, sums[row_curve[r]]);
+    }
+    parallel_for(sums.size(), 1, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t c = begin; c < end; ++c) sums[c].build();
+    });
     std::vector<double> unit(rows.size());
-    parallel_for(rows.size(), 256, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t r = begin; r < end; ++r)
-            unit[r] = unit_value(curves[row_curve[r]], rows[r][0], rows[r][1], rows[r][2], terms);
+    parallel_for(rows.size(), 1024, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t r = begin; r < end; ++r) {
+            const auto& annuity = annuities[r];
+            const std::size_t c = row_curve[r];
+            unit[r] = annuity ? round_like_numpy(annuity_value(curves[c], *annuity, terms.mode, &sums[c]), terms.decimals)
+                              : 0.0;
+        }
     });
     for (std::size_t i = 0; i < count; ++i) out[i] = benefits.empty() ? unit[group[i]] : unit[group[i]] * benefits[i];
 }

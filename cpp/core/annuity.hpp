@@ -4,8 +4,11 @@
 
 #include "core/curve.hpp"
 
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <span>
+#include <unordered_map>
 #include <vector>
 
 namespace norvane::core {
@@ -49,6 +52,39 @@ PiecewiseTable make_table(std::span<const double> rates, std::span<const double>
 // arithmetic growth is summed payment by payment.
 double schedule_value(const PiecewiseTable& curve, const Schedule& s);
 
+// Sums of the schedules of a portfolio on one curve. Schedules that differ
+// only in their number of payments share one pass over the longest of them:
+// the state at the start of every run is kept, and a shorter sum resumes from
+// the last run that ends before its end, giving bit for bit the result of
+// schedule_value. Use: reserve every schedule, build once, then value.
+struct ScheduleCursor {
+    std::size_t k;  // next payment
+    double pv;      // value of the payments before it
+};
+
+class ScheduleSums {
+public:
+    explicit ScheduleSums(const PiecewiseTable& curve) : curve_(&curve) {}
+    void reserve(const Schedule& s);
+    void build();
+    double value(const Schedule& s) const;  // == schedule_value(curve, s)
+
+private:
+    using Key = std::array<std::uint64_t, 5>;  // start, m, timing, growth kind and rate
+    struct KeyHash {
+        std::size_t operator()(const Key& key) const;
+    };
+    struct Entry {
+        Schedule schedule;
+        std::size_t end = 0;
+        std::vector<ScheduleCursor> checkpoints;
+    };
+    static Key key_of(const Schedule& s);
+
+    const PiecewiseTable* curve_;
+    std::unordered_map<Key, Entry, KeyHash> entries_;
+};
+
 // Times and amounts of every payment (regular ones, then the partial one).
 void schedule_payments(const Schedule& s, std::vector<double>& times, std::vector<double>& amounts);
 
@@ -81,7 +117,8 @@ struct Annuity {
 // - ContinuousPrecision: the integral of v(t) times growth over [d, d + n];
 // - ContinuousSimplified: (ä + a) / 2 on the whole years plus the final
 //   fraction's integral.
-double annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode);
+double annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode,
+                     const ScheduleSums* sums = nullptr);
 
 // The arrays of a curve (m rates, m-1 segment lengths and their ends).
 struct CurveArrays {
