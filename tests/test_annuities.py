@@ -274,3 +274,38 @@ def test_ts_shift_on_piecewise_curve(due, ts, d, n, m):
     times = ts + d_eff + k / m
     expected = sum(piecewise_df(t) for t in times) / piecewise_df(ts) / m
     assert value == pytest.approx(expected, abs=TOL)
+
+
+# ---------------------------------------------------------------- native paths agree with the engine
+
+MODES = ["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"]
+
+
+@pytest.mark.parametrize("mode", MODES)
+@pytest.mark.parametrize("make", [lambda: InterestRate(0.03), lambda: InterestRate(terms=[1.5, 2.25, 4], rates=[0.01, 0.0, -0.004, 0.05])])
+@pytest.mark.parametrize("n, d, ts, m", [(30.0, 0.0, 0.0, 12), (7.3, 2.0, 1.25, 4), (None, 0.0, 3.0, 2), (0.5, 1.0, 0.0, 52)])
+def test_single_values_equal_the_engine_path_exactly(mode, make, n, d, ts, m):
+    # The plain-number fast path and the full dispatch through the engine's
+    # entry must give the same float, bit for bit.
+    ir = make()
+    with Config().override(calculation_mode=mode):
+        fast = ir.ä(n=n, d=d, ts=ts, m=m)
+        full = ir._annuity_dispatch(n=n, d=d, ts=ts, m=m, payment_timing=0, method_name="InterestRate.ä")
+        batch = ir.ä(n=[np.inf if n is None else n], d=[d], ts=[ts], m=m)
+    assert fast == full == batch[0]
+
+
+def test_a_replaced_engine_entry_is_used_by_single_and_portfolio_valuations(monkeypatch):
+    from norvane.engine import annuity as engine
+
+    calls = []
+
+    def replacement(**kw):
+        calls.append(kw["n"])
+        return 42.0
+
+    monkeypatch.setitem(engine._ANNUITY_CALCULATION_MODE_DISPATCH, "discrete_precision", replacement)
+    ir = InterestRate(0.03)
+    assert ir.ä(n=5) == 42.0
+    assert list(ir.ä(n=[5.0, 6.0, 5.0])) == [42.0, 42.0, 42.0]
+    assert calls == [5.0, 5.0, 6.0]  # one call per distinct policy

@@ -2,8 +2,11 @@
 // to the annuity engine of the configured calculation mode.
 #include "interest_rates.hpp"
 
+#include "core/annuity.hpp"
+
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <cstdio>
 #include <cstring>
 
@@ -68,12 +71,92 @@ std::string prefix(const std::string& method_name) { return "[" + method_name + 
 
 double as_double(nb::handle h) { return nb::cast<double>(nb::float_(h)); }
 
+
+// ---- the common single valuation without a Python round trip ----------------------
+
+std::optional<double> plain_number(nb::handle h) {
+    if (PyBool_Check(h.ptr()) || !(PyFloat_Check(h.ptr()) || PyLong_Check(h.ptr()))) return std::nullopt;
+    double value = PyFloat_AsDouble(h.ptr());
+    if (value == -1.0 && PyErr_Occurred()) {
+        PyErr_Clear();
+        return std::nullopt;
+    }
+    return value;
+}
+
+bool allowed_frequency(long m) {
+    static constexpr long allowed[] = {1, 2, 3, 4, 6, 12, 13, 24, 26, 52, 365};
+    return std::find(std::begin(allowed), std::end(allowed), m) != std::end(allowed);
+}
+
+core::Mode mode_of(const std::string& mode) {
+    if (mode == "discrete_simplified") return core::Mode::DiscreteSimplified;
+    if (mode == "continuous_precision") return core::Mode::ContinuousPrecision;
+    if (mode == "continuous_simplified") return core::Mode::ContinuousSimplified;
+    return core::Mode::DiscretePrecision;
+}
+
+// A single certain annuity with plain numbers, level payments and no explicit
+// schedule, valued by the engine's own native routine directly. Anything else,
+// including every input the validators would refuse, returns nothing and takes
+// the full path (which raises the proper message).
+std::optional<double> fast_single_value(nb::handle self_obj, int timing, nb::handle n, nb::handle d, nb::handle ts,
+                                        nb::handle m, nb::handle gr, nb::handle cashflow_times,
+                                        nb::handle cashflow_amounts, nb::handle benefits, bool return_flows,
+                                        nb::handle t_output, nb::handle on_error, nb::handle record_ids) {
+    if (return_flows || !gr.is_none() || !cashflow_times.is_none() || !cashflow_amounts.is_none() ||
+        !benefits.is_none() || !t_output.is_none() || !record_ids.is_none() || !PyUnicode_Check(on_error.ptr()) ||
+        !nb::borrow<nb::str>(on_error).equal(nb::str("raise")) || !PyLong_CheckExact(m.ptr()))
+        return std::nullopt;
+    auto d_val = plain_number(d), ts_val = plain_number(ts);
+    std::optional<double> n_val = n.is_none() ? std::optional<double>(INFINITY) : plain_number(n);
+    if (!d_val || !ts_val || !n_val) return std::nullopt;
+    const long m_val = PyLong_AsLong(m.ptr());
+    if (m_val == -1 && PyErr_Occurred()) {
+        PyErr_Clear();
+        return std::nullopt;
+    }
+    if (!(std::isfinite(*d_val) && *d_val >= 0.0 && std::isfinite(*ts_val) && *ts_val >= 0.0) ||
+        !(std::isinf(*n_val) || *n_val >= 0.0) || !allowed_frequency(m_val))
+        return std::nullopt;
+    InterestRate& self = nb::cast<InterestRate&>(self_obj);
+    nb::object config = self[Config];
+    if (truthy(config.attr("force_integer_ts")) && std::floor(*ts_val) != *ts_val) return std::nullopt;
+    nb::object mode = self_obj.attr("calculation_mode");
+    const Siblings& S = siblings();
+    if (!S.dispatch_table[mode].is(S.own_entries[mode])) return std::nullopt;
+
+    const Meta& meta = meta_of(self);
+    const double elapsed = std::max(0.0, *ts_val - *d_val), d_eff = std::max(0.0, *d_val - *ts_val);
+    const double term = std::isinf(*n_val) ? as_double(meta.field[PerpetuityNEff]) : *n_val;
+    const double n_eff = std::max(0.0, term - elapsed);
+    if (n_eff == 0.0) return 0.0;
+    const double total = n_eff * static_cast<double>(m_val);
+    std::size_t size = static_cast<std::size_t>(total);
+    if (total - static_cast<double>(size) > as_double(meta.field[ToleranceEps])) ++size;
+
+    nb::object shifted = shifted_for_ts(self_obj, *ts_val, self[TsShiftCache]);
+    InterestRate& leaf = active_curve(nb::cast<InterestRate&>(shifted));
+    std::shared_ptr<const core::PiecewiseTable> table =
+        truthy(leaf[IsConstant]) ? std::make_shared<const core::PiecewiseTable>(
+                                       std::vector<double>{as_double(leaf[Rate])}, std::vector<double>{},
+                                       std::vector<double>{})
+                                 : valuation_table(leaf);
+    core::Annuity annuity{d_eff, n_eff, size, static_cast<std::size_t>(m_val), timing, core::Growth{}};
+    const int decimals = nb::cast<int>(config.attr("decimals").attr("annuities"));
+    return core::round_like_numpy(core::annuity_value(*table, annuity, mode_of(nb::borrow<nb::str>(mode).c_str())),
+                                  decimals);
+}
+
 // ---- the router ---------------------------------------------------------------
 
 nb::object public_route(nb::handle self, const std::string& method_name, int payment_timing, nb::handle n_in,
                         nb::handle d, nb::handle ts, nb::handle m, nb::handle gr, nb::handle cashflow_times,
                         nb::handle cashflow_amounts, nb::handle benefits, bool return_flows, nb::handle t_output,
                         nb::handle on_error, nb::handle record_ids) {
+    if (auto value = fast_single_value(self, payment_timing, n_in, d, ts, m, gr, cashflow_times, cashflow_amounts,
+                                       benefits, return_flows, t_output, on_error, record_ids))
+        return nb::float_(*value);
     const Siblings& S = siblings();
     nb::object n = nb::borrow(n_in);
     // A scalar infinite term (either sign) is a perpetuity.

@@ -342,6 +342,8 @@ nb::object shifted(nb::handle self_obj, nb::handle ts_in) {
                                     nb::arg("rates") = readonly_copy(new_rates), nb::arg("term_unit") = "years");
 }
 
+}  // namespace
+
 nb::object shifted_for_ts(nb::handle ir_obj, double ts, nb::handle cache) {
     InterestRate& ir = nb::cast<InterestRate&>(ir_obj);
     if (truthy(active_curve(ir)[IsConstant]) || ts <= nb::cast<double>(nb::float_(meta_of(ir).field[ToleranceEps])))
@@ -353,6 +355,13 @@ nb::object shifted_for_ts(nb::handle ir_obj, double ts, nb::handle cache) {
     cache[key] = result;
     return result;
 }
+
+std::shared_ptr<const core::PiecewiseTable> valuation_table(InterestRate& ir) {
+    ensure_prefix_products(ir);
+    return table_of(ir);
+}
+
+namespace {
 
 }  // namespace
 

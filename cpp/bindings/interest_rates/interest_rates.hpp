@@ -130,6 +130,10 @@ nb::object vn_impl(InterestRate& ir, nb::handle n, const std::string& param_name
 nb::object vx(InterestRate& ir, nb::handle x, nb::handle x0);
 nb::object get_rate(InterestRate& self, nb::handle t);
 nb::dict validation_report(InterestRate& ir);
+// The curve seen from ts through `cache` (keyed by curve, ts and generation).
+nb::object shifted_for_ts(nb::handle ir_obj, double ts, nb::handle cache);
+// The native table of a piecewise curve, prefix products rebuilt if dropped.
+std::shared_ptr<const core::PiecewiseTable> valuation_table(InterestRate& ir);
 nb::dict policy_flags(InterestRate& ir);
 
 // Expose each named slot of T as a read/write attribute, plus a __slots__
