@@ -112,6 +112,11 @@ class _Plan:
         }
 
 
+def _plan_of(kw: dict[str, Any]) -> _Plan:
+    """The schedule of the keywords an engine entry receives."""
+    return _plan(kw["ir"], kw["d"], kw["n"], kw["payments_size"], kw["m"], kw["gr"], kw["payment_timing"])
+
+
 def _plan(ir: Any, d: float, n: float, payments_size: int, m: int, gr: Any, payment_timing: int) -> _Plan:
     d, n, m = float(d), float(n), int(m)
     # The dispatcher adds one payment for a remainder above its tolerance; a
@@ -194,8 +199,7 @@ def _with_closed_form(mode: str) -> Callable[[Callable[..., Any]], Callable[...,
     def wrap(valuate: Callable[..., Any]) -> Callable[..., Any]:
         @functools.wraps(valuate)
         def entry(**kw: Any) -> Any:
-            if (kw["return_flows"] or kw.get("cashflow_times") is not None
-                    or kw.get("cashflow_amounts") is not None or not _is_certain(kw["survival_func"])):
+            if kw["return_flows"] or _has_explicit_schedule(kw) or not _is_certain(kw["survival_func"]):
                 return valuate(**kw)
             gr = kw["gr"]
             kind, rate = ("level", 0.0) if gr is None else (gr.kind, float(gr.rate))
@@ -214,10 +218,10 @@ def _with_closed_form(mode: str) -> Callable[[Callable[..., Any]], Callable[...,
 @_with_closed_form("discrete_precision")
 def _discrete_precision(**kw: Any) -> float | dict[str, Any]:
     """Exact sum of amount x v(t) x survival(t) over the payment schedule."""
-    plan = _plan(kw["ir"], kw["d"], kw["n"], kw["payments_size"], kw["m"], kw["gr"], kw["payment_timing"])
-    explicit = _explicit_inputs(plan, kw)
-    if explicit is not None:
-        return _value_explicit(plan, *explicit, kw["survival_func"], kw["decimals"], kw["return_flows"])
+    plan = _plan_of(kw)
+    if _has_explicit_schedule(kw):
+        return _value_explicit(plan, *_explicit_inputs(plan, kw), kw["survival_func"], kw["decimals"],
+                               kw["return_flows"])
     times, amounts = _kernels.schedule_payments(**plan.schedule())
     survival = _survival(kw["survival_func"], times)
     if not kw["return_flows"] and np.ndim(survival) == 0:
@@ -230,16 +234,18 @@ def _discrete_precision(**kw: Any) -> float | dict[str, Any]:
     return _rounded(float(pv.sum()), kw["decimals"])
 
 
-def _explicit_inputs(plan: _Plan, kw: dict[str, Any]) -> tuple[np.ndarray, np.ndarray] | None:
-    """(times, amounts) of an explicit schedule, or None for a generated one."""
+def _has_explicit_schedule(kw: dict[str, Any]) -> bool:
+    return kw.get("cashflow_times") is not None or kw.get("cashflow_amounts") is not None
+
+
+def _explicit_inputs(plan: _Plan, kw: dict[str, Any]) -> tuple[np.ndarray, np.ndarray]:
+    """(times, amounts) of an explicit schedule: given times, or the generated schedule's."""
     times, amounts = kw.get("cashflow_times"), kw.get("cashflow_amounts")
     if times is not None:
         times = np.asarray(times, dtype=np.float64)
         amounts = np.ones_like(times) if amounts is None else np.asarray(amounts, dtype=np.float64)
         return times, amounts
-    if amounts is not None:
-        return _explicit_times(plan), np.asarray(amounts, dtype=np.float64)
-    return None
+    return _explicit_times(plan), np.asarray(amounts, dtype=np.float64)
 
 
 def _annual_parts(plan: _Plan) -> list[tuple[np.ndarray, np.ndarray, np.ndarray]]:
@@ -345,10 +351,10 @@ def _growth_factors(plan: _Plan, years: np.ndarray) -> np.ndarray:
 @_with_closed_form("discrete_simplified")
 def _discrete_simplified(**kw: Any) -> float | dict[str, Any]:
     """Woolhouse's approximation on the whole years; explicit schedules exactly."""
-    plan = _plan(kw["ir"], kw["d"], kw["n"], kw["payments_size"], kw["m"], kw["gr"], kw["payment_timing"])
-    explicit = _explicit_inputs(plan, kw)
-    if explicit is not None:
-        return _value_explicit(plan, *explicit, kw["survival_func"], kw["decimals"], kw["return_flows"])
+    plan = _plan_of(kw)
+    if _has_explicit_schedule(kw):
+        return _value_explicit(plan, *_explicit_inputs(plan, kw), kw["survival_func"], kw["decimals"],
+                               kw["return_flows"])
     return _woolhouse(plan, kw, continuous=False)
 
 
@@ -356,7 +362,7 @@ def _discrete_simplified(**kw: Any) -> float | dict[str, Any]:
 def _continuous_precision(**kw: Any) -> float | dict[str, Any]:
     """Payments flowing continuously at 1 a year (times growth) over the term;
     explicit amounts flow uniformly over their own periods."""
-    plan = _plan(kw["ir"], kw["d"], kw["n"], kw["payments_size"], kw["m"], kw["gr"], kw["payment_timing"])
+    plan = _plan_of(kw)
     amounts = kw.get("cashflow_amounts")
     amounts = None if amounts is None else np.asarray(amounts, dtype=np.float64)
     if amounts is None and not kw["return_flows"]:
@@ -380,7 +386,7 @@ def _continuous_simplified(**kw: Any) -> float | dict[str, Any]:
     """(ä + a) / 2 on the whole years, the final fraction valued continuously."""
     if kw.get("cashflow_amounts") is not None:
         return _continuous_precision(**kw)  # explicit amounts are valued exactly
-    plan = _plan(kw["ir"], kw["d"], kw["n"], kw["payments_size"], kw["m"], kw["gr"], kw["payment_timing"])
+    plan = _plan_of(kw)
     return _woolhouse(plan, kw, continuous=True)
 
 
