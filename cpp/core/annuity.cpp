@@ -13,6 +13,8 @@ namespace norvane::core {
 
 namespace {
 
+constexpr double kInfinity = PiecewiseTable::kInfinity;
+
 // sum_{i < count} e^(log_ratio * i), accurate for ratios near 1.
 double geometric_sum(double log_ratio, double count) {
     if (log_ratio == 0.0) return count;
@@ -154,20 +156,49 @@ void schedule_payments(const Schedule& s, std::vector<double>& times, std::vecto
     }
 }
 
+namespace {
+
+// sum_{y >= 0} growth(first + y) r^y for 0 <= r < 1 (infinite otherwise).
+double growth_series(const Growth& growth, std::size_t first, double r) {
+    if (!(r < 1.0)) return kInfinity;
+    const double y0 = static_cast<double>(first);
+    switch (growth.kind) {
+        case Growth::Geometric: {
+            const double ratio = (1.0 + growth.rate) * r;
+            return ratio < 1.0 ? std::pow(1.0 + growth.rate, y0) / (1.0 - ratio) : kInfinity;
+        }
+        case Growth::Arithmetic:
+            return (1.0 + growth.rate * y0) / (1.0 - r) + growth.rate * r / ((1.0 - r) * (1.0 - r));
+        default: return 1.0 / (1.0 - r);
+    }
+}
+
+}  // namespace
+
 double continuous_value(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth) {
     if (!(b > a)) return 0.0;
     double total = 0.0, x = a;
     std::size_t year = static_cast<std::size_t>(std::max(0.0, std::floor(a - origin)));
-    double year_end = origin + static_cast<double>(year + 1);
+    double year_start = origin + static_cast<double>(year), year_end = origin + static_cast<double>(year + 1);
     while (x < b) {
         std::size_t j = curve.segment_of(x);
         if (curve.segment_end(j) <= x) ++j;  // x on a boundary: integrate the segment that starts there
+        const double delta = curve.log_base(j);
+        if (std::isinf(b) && std::isinf(curve.segment_end(j)) && x == year_start) {
+            // The open-ended last segment from a year boundary on: whole years
+            // of the same integral, e^-delta apart, as one series.
+            const double year_integral = delta == 0.0 ? 1.0 : -std::expm1(-delta) / delta;
+            return total + curve.discount(x) * year_integral * growth_series(growth, year, std::exp(-delta));
+        }
         const double piece_end = std::min({b, year_end, curve.segment_end(j)});
-        const double length = piece_end - x, delta = curve.log_base(j);
+        const double length = piece_end - x;
         const double integral = delta == 0.0 ? length : -std::expm1(-delta * length) / delta;
         total += growth.factor(year) * curve.discount(x) * integral;
         x = piece_end;
-        if (x >= year_end) year_end = origin + static_cast<double>(++year + 1);
+        if (x >= year_end) {
+            year_start = year_end;
+            year_end = origin + static_cast<double>(++year + 1);
+        }
     }
     return total;
 }

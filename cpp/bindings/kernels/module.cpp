@@ -7,6 +7,7 @@
 
 #include "core/annuity.hpp"
 
+#include <cmath>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
@@ -71,7 +72,11 @@ core::CurveArrays arrays_of(InArray rates, InArray terms, InArray ends) {
     if (rates.shape(0) == 0 || terms.shape(0) != ends.shape(0) || rates.shape(0) != ends.shape(0) + 1)
         throw std::invalid_argument("a curve needs m rates and m-1 terms and ends");
     auto copy = [](const InArray& a) { return std::vector<double>(a.data(), a.data() + a.shape(0)); };
-    return {copy(rates), copy(terms), copy(ends)};
+    core::CurveArrays out{copy(rates), copy(terms), copy(ends)};
+    for (std::size_t j = 0; j < out.terms.size(); ++j)
+        if (!(std::isfinite(out.terms[j]) && out.terms[j] > 0.0) || (j > 0 && !(out.ends[j] > out.ends[j - 1])))
+            throw std::invalid_argument("a curve needs finite positive terms and increasing ends");
+    return out;
 }
 
 #define SCHEDULE_ARGS                                                                                             \

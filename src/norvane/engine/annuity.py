@@ -361,20 +361,21 @@ def _discrete_simplified(**kw: Any) -> float | dict[str, Any]:
 @_with_closed_form("continuous_precision")
 def _continuous_precision(**kw: Any) -> float | dict[str, Any]:
     """Payments flowing continuously at 1 a year (times growth) over the term;
-    explicit amounts flow uniformly over their own periods."""
+    explicit amounts flow uniformly over their own periods, explicit times are
+    point payments."""
     plan = _plan_of(kw)
+    if kw.get("cashflow_times") is not None:
+        return _value_explicit(plan, *_explicit_inputs(plan, kw), kw["survival_func"], kw["decimals"],
+                               kw["return_flows"])
     amounts = kw.get("cashflow_amounts")
     amounts = None if amounts is None else np.asarray(amounts, dtype=np.float64)
-    if amounts is None and not kw["return_flows"]:
-        survival = _survival(kw["survival_func"], _interval_grid(plan)[2])
-        if np.ndim(survival) == 0:
-            whole = plan.curve.continuous_value(
-                a=plan.d, b=plan.d + plan.n, origin=plan.d, growth_kind=plan.growth_kind,
-                growth_rate=plan.growth_rate,
-            )
-            return _rounded(survival * whole, kw["decimals"])
+    survival = _survival(kw["survival_func"], _interval_grid(plan)[2])
+    if amounts is None and not kw["return_flows"] and np.ndim(survival) == 0:
+        whole = plan.curve.continuous_value(
+            a=plan.d, b=plan.d + plan.n, origin=plan.d, growth_kind=plan.growth_kind, growth_rate=plan.growth_rate,
+        )
+        return _rounded(survival * whole, kw["decimals"])
     ends, expected, pv = _continuous_intervals(plan, amounts=amounts)
-    survival = _survival(kw["survival_func"], ends)
     expected, pv = expected * survival, pv * survival
     if kw["return_flows"]:
         return _precision_flows(ends, expected, pv)
