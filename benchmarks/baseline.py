@@ -15,7 +15,12 @@ by step, with the obvious NumPy calls and no tuning:
   by (curve, ts, epoch), curves hashing by value;
 - ``baseline_annuity`` builds an annuity's payment schedule explicitly (times,
   amounts with growth, a pro-rata last payment), discounts it with ``vn`` and
-  sums it.
+  sums it;
+- ``baseline_portfolio_annuity`` values a book of annuities: ``np.unique`` over
+  the stacked (term, deferment, shift) rows with ``return_inverse``, a Python
+  loop valuing each distinct row once with ``baseline_annuity`` on the curve
+  shifted to its valuation time (one shifted curve per distinct shift), then the
+  unit values rounded, gathered back per policy and multiplied by the benefits.
 
 Inputs are checked with the package's own validator, so both sides pay for the
 same numeric check.
@@ -35,6 +40,7 @@ from norvane.helpers import _as_f64_safe, _finalize_scalar_or_array, _validate_n
 CACHE_MAXSIZE = 1000
 TOLERANCE_EPS = 1e-12
 PAYMENT_COUNT_TOL = 1e-12  # a remainder of n*m above this adds a pro-rata payment
+PERPETUITY_YEARS = 1000.0  # the term over which an infinite term is valued
 _DISCOUNT_MSG = ": (1+i) must be positive for discount factor computation per actuarial standards"
 
 
@@ -257,3 +263,43 @@ def baseline_annuity(curve, n, m, timing, d=0.0, growth=None, decimals=10):
         amounts *= np.power(1.0 + g, years) if kind == "geometric" else 1.0 + g * years
     discount = curve.vn(times)
     return float(np.round(np.sum(amounts * discount), decimals))
+
+
+def effective_schedule(n, d, ts, perpetuity_years=PERPETUITY_YEARS):
+    """(d_eff, n_eff) of an annuity valued at time ``ts``: the deferment left and the term left.
+
+    elapsed = max(0, ts - d), d_eff = max(0, d - ts), n_eff = max(0, n - elapsed);
+    an infinite ``n`` is a perpetuity over ``perpetuity_years``.
+    """
+    n = perpetuity_years if np.isinf(n) else float(n)
+    elapsed = max(0.0, ts - d)
+    return max(0.0, d - ts), max(0.0, n - elapsed)
+
+
+def baseline_portfolio_annuity(curve, n, d, ts, m, timing=0, benefits=None, decimals=10):
+    """Per-policy present values of a book of level annuities of 1 a year payable ``m``-thly.
+
+    ``n``, ``d``, ``ts`` (and ``benefits``) are arrays of one length N (``n`` may
+    hold infinities: perpetuities). Policies with the same (n, d, ts) row have the
+    same unit value, so each distinct row is valued once, on the curve seen from
+    its ``ts`` (``shifted_for_ts`` with a dictionary made for this call), by
+    ``baseline_annuity`` on its effective deferment and term; a zero effective term
+    is worth 0.0. The unit values are rounded with ``np.round(x, decimals)``,
+    gathered back to the policies and multiplied by ``benefits`` when given.
+    """
+    params = np.stack([np.asarray(n, np.float64), np.asarray(d, np.float64), np.asarray(ts, np.float64)], axis=1)
+    unique_params, inverse = np.unique(params, axis=0, return_inverse=True)
+    inverse = inverse.reshape(-1)  # (N,) whatever NumPy's version returns
+    shift_cache = {}
+    unit = np.empty(unique_params.shape[0], dtype=np.float64)
+    for k, (n_k, d_k, ts_k) in enumerate(unique_params.tolist()):
+        d_eff, n_eff = effective_schedule(n_k, d_k, ts_k)
+        if n_eff <= 0.0:
+            unit[k] = 0.0
+            continue
+        shifted = shifted_for_ts(curve, ts_k, shift_cache)
+        unit[k] = baseline_annuity(shifted, n_eff, m, timing, d_eff, None, decimals)
+    values = np.round(unit, decimals)[inverse]
+    if benefits is not None:
+        values = values * np.asarray(benefits, dtype=np.float64)
+    return values
