@@ -1,0 +1,670 @@
+"""The norvane command line: value a portfolio of annuities, report on a curve, project cash flows.
+
+Run ``norvane --help`` or ``norvane COMMAND --help``. Reading and writing CSV needs only the
+standard library and NumPy; Parquet needs pyarrow (``pip install "norvane[parquet]"``) and
+plots need matplotlib (``pip install "norvane[plot]"``).
+"""
+
+from __future__ import annotations
+
+import argparse
+import csv
+import gzip
+import io
+import json
+import math
+import os
+import re
+import sys
+import time
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any, Callable, Sequence, TextIO
+
+import numpy as np
+
+from ._version import __version__
+from .base import _ALLOWED_PAYMENT_FREQUENCIES
+from .config import Config
+from .engine.base import _CALCULATION_MODES
+
+EXIT_OK = 0
+EXIT_INPUT = 2
+
+DATA = Path(__file__).resolve().parent / "data"
+SAMPLE_PORTFOLIO = DATA / "sample_portfolio.csv.gz"
+SAMPLE_CURVE = DATA / "sample_curve.json"
+
+# Policies valued per call: bounds the memory of one call and paces the progress bar.
+CHUNK = 50_000
+# Default length of the flows grid when perpetuities are held: their later flows share the last year.
+PERPETUITY_YEARS = 100
+# Error messages listed in the summary; the output file has all of them.
+SHOWN_ERRORS = 5
+
+COMMANDS = ("value", "curve", "flows")
+
+POLICY_COLUMNS = f"""\
+policy columns (CSV header or Parquet column names, any case; other columns are ignored):
+  id         policy identifier, any text (default: the record number)
+  term       years of payments after the deferment; empty = perpetuity (required column)
+  deferment  years from inception to the start of the payments, default 0
+  shift      valuation time in years since inception, default 0
+  frequency  payments per year, one of {", ".join(map(str, _ALLOWED_PAYMENT_FREQUENCIES))}; default 1
+  timing     "due" (payments at the start of each period) or "immediate" (at the end),
+             default "due"
+  growth     annual geometric growth rate of the payments, e.g. 0.02; empty = level
+  benefit    annual amount, default 1
+
+Invalid records do not stop a run: they get no value (NaN) and a message in the
+output's "error" column. Exit status: 0 when the run completed (even with invalid
+records), 2 when the input cannot be used (missing or unreadable file, unreadable
+curve, no "term" column)."""
+
+# Library messages name the keyword arguments; the command line speaks in columns.
+_PARAMETER_COLUMNS = {"n": "term", "d": "deferment", "ts": "shift", "m": "frequency",
+                      "gr": "growth", "benefits": "benefit"}
+
+
+class InputError(Exception):
+    """The input cannot be used: the command stops with exit status 2."""
+
+
+# --------------------------------------------------------------------------- reading
+
+
+@dataclass
+class Portfolio:
+    """Policy parameters as NumPy arrays, with the records' own defects."""
+
+    ids: list[str]
+    term: np.ndarray
+    deferment: np.ndarray
+    shift: np.ndarray
+    frequency: np.ndarray  # int64
+    due: np.ndarray  # bool: annuity-due, else immediate
+    growth: np.ndarray  # NaN for level payments
+    benefit: np.ndarray
+    errors: list[str | None]  # first defect of each record, None when it can be valued
+
+    def __len__(self) -> int:
+        return len(self.ids)
+
+
+def _open_text(path: Path) -> TextIO:
+    with open(path, "rb") as raw:
+        compressed = raw.read(2) == b"\x1f\x8b"
+    if compressed:
+        return io.TextIOWrapper(gzip.open(path, "rb"), encoding="utf-8-sig", newline="")
+    return open(path, encoding="utf-8-sig", newline="")
+
+
+def _read_csv(path: Path) -> tuple[dict[str, Sequence[Any]], int, list[str | None]]:
+    with _open_text(path) as text:
+        reader = csv.reader(text)
+        header = next(reader, None)
+        if not header:
+            raise InputError(f"{path}: no header line")
+        width = len(header)
+        rows, defects = [], []
+        for row in reader:
+            if not row:
+                continue  # blank line
+            if len(row) != width:
+                defects.append(f"record has {len(row)} fields, the header has {width}")
+                row = (row + [""] * width)[:width]
+            else:
+                defects.append(None)
+            rows.append(row)
+    columns = list(zip(*rows)) if rows else [()] * width
+    table: dict[str, Sequence[Any]] = {}
+    for name, values in zip(header, columns):
+        table.setdefault(name.strip().lower(), values)
+    return table, len(rows), defects
+
+
+def _require_pyarrow(purpose: str):
+    try:
+        import pyarrow
+        import pyarrow.parquet
+    except ImportError:
+        raise InputError(f"{purpose} needs pyarrow: pip install \"norvane[parquet]\"") from None
+    return pyarrow
+
+
+def _read_parquet(path: Path) -> tuple[dict[str, Sequence[Any]], int, list[str | None]]:
+    pa = _require_pyarrow("reading Parquet")
+    try:
+        data = pa.parquet.read_table(path)
+    except (pa.ArrowException, OSError) as exc:
+        raise InputError(f"{path}: not a readable Parquet file ({exc})") from None
+    table: dict[str, Sequence[Any]] = {}
+    for name in data.column_names:
+        table.setdefault(name.strip().lower(), data.column(name).to_pylist())
+    return table, data.num_rows, [None] * data.num_rows
+
+
+def _note(errors: list[str | None], i: int, message: str) -> None:
+    if errors[i] is None:
+        errors[i] = message
+
+
+def _number(cell: Any) -> float | None:
+    try:
+        return float(cell)
+    except (TypeError, ValueError):
+        return None
+
+
+def _floats(raw: Sequence[Any] | None, count: int, default: float, column: str,
+            errors: list[str | None]) -> tuple[np.ndarray, np.ndarray]:
+    """A column as float64 with the default for empty cells, and the mask of given cells."""
+    if raw is None:
+        return np.full(count, default), np.zeros(count, dtype=bool)
+    cells = [x.strip() if isinstance(x, str) else x for x in raw]
+    given = [not (c is None or c == "") for c in cells]
+    parsed = [_number(c) if g else default for c, g in zip(cells, given)]
+    for i, value in enumerate(parsed):
+        if value is None:
+            parsed[i] = default
+            _note(errors, i, f"{column} is not a number, got {raw[i]!r}")
+    return np.array(parsed, dtype=float), np.array(given, dtype=bool)
+
+
+def _policies(table: dict[str, Sequence[Any]], count: int, defects: list[str | None],
+              source: Path) -> Portfolio:
+    if "term" not in table:
+        raise InputError(f"{source}: no 'term' column (columns: {', '.join(table) or 'none'})")
+    errors = list(defects)
+    raw_ids = table.get("id")
+    ids = [str(i + 1) for i in range(count)] if raw_ids is None else [
+        "" if x is None else str(x) for x in raw_ids]
+
+    # term, deferment and shift are checked by the valuation itself, record by record.
+    term, _ = _floats(table["term"], count, math.inf, "term", errors)
+    deferment, _ = _floats(table.get("deferment"), count, 0.0, "deferment", errors)
+    shift, _ = _floats(table.get("shift"), count, 0.0, "shift", errors)
+
+    # The library refuses a whole batch for a bad frequency, growth or benefit: check here.
+    freq, _ = _floats(table.get("frequency"), count, 1.0, "frequency", errors)
+    allowed = np.isin(freq, _ALLOWED_PAYMENT_FREQUENCIES)
+    for i in np.flatnonzero(~allowed):
+        _note(errors, i, f"frequency must be one of {_ALLOWED_PAYMENT_FREQUENCIES}, "
+                         f"got {table['frequency'][i]!r}")
+    frequency = np.where(allowed, freq, 1).astype(np.int64)
+
+    growth, has_growth = _floats(table.get("growth"), count, math.nan, "growth", errors)
+    bad = has_growth & ~(np.isfinite(growth) & (growth > -1.0))
+    for i in np.flatnonzero(bad):
+        _note(errors, i, f"growth must be a finite rate above -1, got {table['growth'][i]!r}")
+    growth[~has_growth | bad] = math.nan
+
+    benefit, _ = _floats(table.get("benefit"), count, 1.0, "benefit", errors)
+    bad = ~(np.isfinite(benefit) & (benefit >= 0.0))
+    for i in np.flatnonzero(bad):
+        _note(errors, i, f"benefit must be a finite amount >= 0, got {table['benefit'][i]!r}")
+    benefit[bad] = 0.0
+
+    due = np.ones(count, dtype=bool)
+    raw_timing = table.get("timing")
+    if raw_timing is not None:
+        for i, x in enumerate(raw_timing):
+            text = "" if x is None else str(x).strip().lower()
+            if text in ("", "due"):
+                continue
+            if text == "immediate":
+                due[i] = False
+            else:
+                _note(errors, i, f"timing must be 'due' or 'immediate', got {x!r}")
+    return Portfolio(ids, term, deferment, shift, frequency, due, growth, benefit, errors)
+
+
+def read_portfolio(path: Path) -> Portfolio:
+    """Policies from a CSV, gzip-compressed CSV or Parquet file."""
+    if not path.is_file():
+        raise InputError(f"{path}: no such file")
+    suffix = path.name.lower()
+    try:
+        if suffix.endswith((".parquet", ".pq")):
+            table, count, defects = _read_parquet(path)
+        else:
+            table, count, defects = _read_csv(path)
+    except (OSError, EOFError, UnicodeDecodeError, csv.Error) as exc:
+        raise InputError(f"{path}: not a readable CSV file ({exc})") from None
+    return _policies(table, count, defects, path)
+
+
+def load_curve(curve_file: Path | None, rate: float | None):
+    """The curve of a run and a short account of where it came from."""
+    from .interest_rates import InterestRate
+
+    if rate is not None:
+        try:
+            return InterestRate(rate), f"constant {_percent(rate)} (--rate)"
+        except (TypeError, ValueError) as exc:
+            raise InputError(f"--rate {rate}: {exc}") from None
+    path = SAMPLE_CURVE if curve_file is None else curve_file
+    try:
+        curve = InterestRate.from_export(path.read_text(encoding="utf-8"))
+    except (OSError, UnicodeDecodeError, TypeError, ValueError) as exc:
+        raise InputError(f"{path}: not a readable curve ({exc})") from None
+    label = "bundled sample curve" if curve_file is None else str(path)
+    return curve, f"{_curve_form(curve)} ({label})"
+
+
+def _curve_form(curve) -> str:
+    payload = curve.export("dict")
+    if curve.scenario_names:
+        active = curve.active_scenario
+        return f"{len(curve.scenario_names)} scenarios, active {active!r}: " + _payload_form(payload[active])
+    return _payload_form(payload)
+
+
+def _payload_form(payload: dict) -> str:
+    if payload["type"] == "constant":
+        return f"constant {_percent(payload['rate'])}"
+    rates = payload["rates"]
+    return f"piecewise, {len(rates)} rates from {_percent(min(rates))} to {_percent(max(rates))}"
+
+
+def _percent(rate: float) -> str:
+    return f"{rate * 100:.6g} %"
+
+
+# --------------------------------------------------------------------------- valuing
+
+
+class Progress:
+    """A plain text progress bar on stderr."""
+
+    def __init__(self, total: int, enabled: bool, label: str = "valuing", stream: TextIO | None = None):
+        self.total, self.enabled, self.label = max(total, 1), enabled, label
+        self.stream = sys.stderr if stream is None else stream
+        self.done = 0
+
+    def advance(self, count: int) -> None:
+        self.done += count
+        if self.enabled:
+            filled = int(30 * self.done / self.total)
+            self.stream.write(f"\r{self.label} [{'#' * filled}{'.' * (30 - filled)}] "
+                              f"{self.done:,}/{self.total:,}")
+            self.stream.flush()
+
+    def close(self) -> None:
+        if self.enabled:
+            self.stream.write("\n")
+            self.stream.flush()
+
+
+def _clean_message(message: str) -> str:
+    """A library message without the method prefix and batch index, in column names."""
+    message = re.sub(r"^\[[^\]]*\]\s*", "", message)
+    message = re.sub(r" at index \d+", "", message)
+    return re.sub(r"^'(\w+)'", lambda m: _PARAMETER_COLUMNS.get(m.group(1), m.group(0)), message)
+
+
+def _arguments(pf: Portfolio, rows: np.ndarray) -> dict[str, Any]:
+    growth = pf.growth[rows]
+    level = np.isnan(growth)
+    # A geometric rate of 0 is level payments; one float array is cheaper for the library
+    # than a list of per-policy growth objects.
+    gr = None if level.all() else np.where(level, 0.0, growth)
+    return dict(n=pf.term[rows], d=pf.deferment[rows], ts=pf.shift[rows], m=pf.frequency[rows],
+                gr=gr, benefits=pf.benefit[rows])
+
+
+def _value_rows(method: Callable, pf: Portfolio, rows: np.ndarray,
+                values: np.ndarray, errors: list[str | None]) -> None:
+    try:
+        result = method(**_arguments(pf, rows), on_error="nan")
+    except (TypeError, ValueError, ArithmeticError):
+        if len(rows) == 1:
+            raise
+        # Something the checks above did not foresee refused the batch: isolate the record.
+        for row in rows:
+            try:
+                _value_rows(method, pf, np.array([row]), values, errors)
+            except (TypeError, ValueError, ArithmeticError) as exc:
+                values[row] = math.nan
+                errors[row] = _clean_message(str(exc))
+        return
+    values[rows] = result.values
+    report = result.errors
+    for i, message in zip(report.invalid_indices, report.messages):
+        errors[rows[i]] = _clean_message(message)
+
+
+def value_portfolio(curve, pf: Portfolio, mode: str, progress: Progress) -> tuple[np.ndarray, list[str | None]]:
+    """Present values (NaN for invalid records) and the error message of each record."""
+    values = np.full(len(pf), math.nan)
+    errors = list(pf.errors)
+    usable = np.array([e is None for e in errors], dtype=bool)
+    progress.advance(int((~usable).sum()))
+    with Config().override(calculation_mode=mode):
+        for due, method in ((True, curve.ä), (False, curve.a)):
+            rows = np.flatnonzero(usable & (pf.due == due))
+            for start in range(0, len(rows), CHUNK):
+                part = rows[start:start + CHUNK]
+                _value_rows(method, pf, part, values, errors)
+                progress.advance(len(part))
+    progress.close()
+    return values, errors
+
+
+def portfolio_flows(curve, pf: Portfolio, valid: np.ndarray, mode: str, years: int) -> dict[str, np.ndarray]:
+    """Expected and discounted cash flows of the valid records on the grid 1, 2, ..., years.
+
+    Policies are grouped by (timing, frequency), one flows call per group; flows after the
+    last grid year (perpetuities) are gathered in the last year.
+    """
+    grid = np.arange(1.0, years + 1.0)
+    expected = np.zeros(years)
+    present = np.zeros(years)
+    with Config().override(calculation_mode=mode):
+        for due in (True, False):
+            method = curve.ä if due else curve.a
+            for m in np.unique(pf.frequency[valid & (pf.due == due)]):
+                rows = np.flatnonzero(valid & (pf.due == due) & (pf.frequency == m))
+                args = _arguments(pf, rows)
+                args["m"] = int(m)
+                flows = method(**args, return_flows=True, t_output=grid)
+                expected += flows["expected_cf"]
+                present += flows["pv_cf"]
+    return {"year": np.arange(1, years + 1), "expected_cf": expected, "pv_cf": present}
+
+
+# --------------------------------------------------------------------------- writing
+
+
+def _output_kind(path: Path) -> str:
+    name = path.name.lower()
+    if name.endswith((".csv", ".csv.gz")):
+        return "csv"
+    if name.endswith((".parquet", ".pq")):
+        return "parquet"
+    raise InputError(f"{path}: the output must end in .csv, .csv.gz or .parquet")
+
+
+def _check_output(path: Path | None) -> None:
+    if path is None:
+        return
+    if _output_kind(path) == "parquet":
+        _require_pyarrow("writing Parquet")
+    if not path.parent.is_dir():
+        raise InputError(f"{path}: the directory {path.parent} does not exist")
+
+
+def _cell(x: Any) -> str:
+    if x is None:
+        return ""
+    if isinstance(x, (float, np.floating)):
+        return repr(float(x))
+    return str(x)
+
+
+def write_table(path: Path, columns: dict[str, Sequence[Any]]) -> None:
+    """Columns to CSV (gzip-compressed for .gz) or Parquet, by the file name."""
+    if _output_kind(path) == "parquet":
+        pa = _require_pyarrow("writing Parquet")
+        data = {k: (np.asarray(v) if isinstance(v, np.ndarray) else list(v)) for k, v in columns.items()}
+        pa.parquet.write_table(pa.table(data), path)
+        return
+    opener = gzip.open if path.name.lower().endswith(".gz") else open
+    with opener(path, "wt", encoding="utf-8", newline="") as out:
+        writer = csv.writer(out, lineterminator="\n")
+        writer.writerow(columns)
+        cells = [[_cell(x) for x in col.tolist()] if isinstance(col, np.ndarray) else [_cell(x) for x in col]
+                 for col in columns.values()]
+        writer.writerows(zip(*cells))
+
+
+def _require_matplotlib():
+    try:
+        from matplotlib.figure import Figure
+    except ImportError:
+        raise InputError("plotting needs matplotlib: pip install \"norvane[plot]\"") from None
+    return Figure
+
+
+def _jsonable(x: Any) -> Any:
+    if isinstance(x, np.ndarray):
+        return x.tolist()
+    if isinstance(x, np.generic):
+        return x.item()
+    raise TypeError(f"{type(x).__name__} is not JSON serialisable")
+
+
+def _money(x: float) -> str:
+    return f"{x:,.2f}" if math.isfinite(x) else "unbounded" if x > 0 else str(x)
+
+
+def _print_pairs(pairs: list[tuple[str, str]]) -> None:
+    width = max(len(k) for k, _ in pairs)
+    for key, value in pairs:
+        print(f"  {key:<{width}}  {value}")
+
+
+# --------------------------------------------------------------------------- commands
+
+
+def _portfolio_label(path: Path | None) -> str:
+    return "bundled sample portfolio" if path is None else str(path)
+
+
+def run_value(args: argparse.Namespace) -> int:
+    started = time.perf_counter()
+    _check_output(args.output)
+    curve, curve_label = load_curve(args.curve, args.rate)
+    pf = read_portfolio(args.portfolio or SAMPLE_PORTFOLIO)
+    mode = args.mode or Config().calculation_mode
+    show = args.progress if args.progress is not None else (
+        not args.quiet and len(pf) > CHUNK and sys.stderr.isatty())
+    values, errors = value_portfolio(curve, pf, mode, Progress(len(pf), show))
+    if args.output is not None:
+        try:
+            write_table(args.output, {"id": pf.ids, "present_value": values, "error": errors})
+        except OSError as exc:
+            raise InputError(f"{args.output}: cannot write ({exc})") from None
+    elapsed = time.perf_counter() - started
+
+    failed = [i for i, e in enumerate(errors) if e is not None]
+    total = math.fsum(values[np.isfinite(values)].tolist())
+    if args.quiet:
+        print(f"{len(pf):,} policies, {len(pf) - len(failed):,} valued, {len(failed):,} errors, "
+              f"total present value {_money(total)}")
+        return EXIT_OK
+    print("norvane valuation")
+    _print_pairs([
+        ("portfolio", _portfolio_label(args.portfolio)),
+        ("curve", curve_label),
+        ("mode", mode),
+        ("policies", f"{len(pf):,}"),
+        ("valued", f"{len(pf) - len(failed):,}"),
+        ("errors", f"{len(failed):,}"),
+        ("total present value", _money(total)),
+        ("elapsed", f"{elapsed:.2f} s"),
+        *([("output", str(args.output))] if args.output is not None else []),
+    ])
+    if failed:
+        print(f"first errors (of {len(failed):,}):")
+        for i in failed[:SHOWN_ERRORS]:
+            print(f"  {pf.ids[i]}: {errors[i]}")
+    return EXIT_OK
+
+
+def run_curve(args: argparse.Namespace) -> int:
+    if args.plot is not None:
+        Figure = _require_matplotlib()
+        if not 0 < args.horizon < math.inf:
+            raise InputError(f"--horizon must be a positive number of years, got {args.horizon}")
+    curve, curve_label = load_curve(args.curve, args.rate)
+    report = {"curve": curve_label, "export": curve.export("dict"),
+              "analysis": curve.curve_analysis(), "validation": curve.validate()}
+    print(json.dumps(report, indent=2, default=_jsonable))
+    if args.plot is None:
+        return EXIT_OK
+    t = np.linspace(0.0, args.horizon, 601)
+    fig = Figure(figsize=(8, 9), dpi=100, layout="constrained")
+    panels = fig.subplots(3, 1, sharex=True)
+    for ax, ys, title in zip(panels, (curve.vn(t), curve.get_rate(t), curve.delta(t)),
+                             ("discount factor v(t)", "rate in force i(t)", "force of interest δ(t)")):
+        ax.plot(t, ys)
+        ax.set_title(title)
+        ax.grid(True, alpha=0.3)
+    panels[-1].set_xlabel("years")
+    fig.suptitle(curve_label)
+    _save(fig, args.plot)
+    print(f"plot written to {args.plot}")
+    return EXIT_OK
+
+
+def _save(fig, path: Path) -> None:
+    try:
+        fig.savefig(path)
+    except OSError as exc:
+        raise InputError(f"{path}: cannot write ({exc})") from None
+
+
+def run_flows(args: argparse.Namespace) -> int:
+    if args.plot is not None:
+        Figure = _require_matplotlib()
+    _check_output(args.output)
+    curve, curve_label = load_curve(args.curve, args.rate)
+    pf = read_portfolio(args.portfolio or SAMPLE_PORTFOLIO)
+    mode = args.mode or Config().calculation_mode
+    values, errors = value_portfolio(curve, pf, mode, Progress(len(pf), False))
+    valid = np.array([e is None for e in errors], dtype=bool)
+
+    ends = (pf.deferment + pf.term - pf.shift)[valid]
+    finite = np.isfinite(ends)
+    perpetuities = bool((~finite).any())
+    if args.horizon is not None:
+        if not args.horizon >= 1:
+            raise InputError(f"--horizon must be at least 1 year, got {args.horizon}")
+        years = int(math.ceil(args.horizon))
+    else:
+        last = int(math.ceil(ends[finite].max() - 1e-9)) if finite.any() else 1
+        years = max(last, PERPETUITY_YEARS if perpetuities else 1)
+    flows = portfolio_flows(curve, pf, valid, mode, years)
+    total = math.fsum(flows["pv_cf"].tolist())
+
+    print("norvane cash flows")
+    _print_pairs([("portfolio", _portfolio_label(args.portfolio)), ("curve", curve_label), ("mode", mode),
+                  ("policies", f"{len(pf):,}"), ("skipped (invalid)", f"{int((~valid).sum()):,}")])
+    gathered = perpetuities or (finite.any() and ends[finite].max() > years + 1e-9)
+    if perpetuities and (pf.benefit[valid][~finite] > 0).any():
+        # The undiscounted payments of a perpetuity have no finite sum.
+        flows["expected_cf"][-1] = math.inf
+    labels = [str(y) for y in flows["year"]]
+    if gathered:
+        labels[-1] += "+"
+    expected_total = math.fsum(flows["expected_cf"].tolist())
+    print(f"{'year':>6}  {'expected cash flow':>20}  {'present value':>20}")
+    for label, cf, pv in zip(labels, flows["expected_cf"], flows["pv_cf"]):
+        print(f"{label:>6}  {_money(cf):>20}  {_money(pv):>20}")
+    print(f"{'total':>6}  {_money(expected_total):>20}  {_money(total):>20}")
+    if gathered:
+        print(f"flows after year {years - 1} are shown in year {labels[-1]}"
+              + (" (perpetuities: no finite sum of payments)" if perpetuities else ""))
+    if args.output is not None:
+        try:
+            write_table(args.output, flows)
+        except OSError as exc:
+            raise InputError(f"{args.output}: cannot write ({exc})") from None
+        print(f"flows written to {args.output}")
+    if args.plot is not None:
+        fig = Figure(figsize=(9, 6), dpi=100, layout="constrained")
+        ax = fig.subplots()
+        width = 0.4
+        # An unbounded perpetual tail would flatten every other bar.
+        shown = np.where(np.isfinite(flows["expected_cf"]), flows["expected_cf"], np.nan)
+        ax.bar(flows["year"] - width / 2, shown, width, label="expected cash flow")
+        ax.bar(flows["year"] + width / 2, flows["pv_cf"], width, label="present value")
+        ax.set_xlabel("year after valuation")
+        ax.legend()
+        ax.grid(True, axis="y", alpha=0.3)
+        fig.suptitle(f"portfolio cash flows, {curve_label}")
+        _save(fig, args.plot)
+        print(f"plot written to {args.plot}")
+    return EXIT_OK
+
+
+# --------------------------------------------------------------------------- parser
+
+
+def build_parser() -> argparse.ArgumentParser:
+    raw = argparse.RawDescriptionHelpFormatter
+    parser = argparse.ArgumentParser(
+        prog="norvane", formatter_class=raw,
+        description="Actuarial interest-rate curves and annuity valuation. Without a command, "
+                    "'value' runs (on the bundled sample portfolio and curve when no files are given).",
+        epilog=POLICY_COLUMNS)
+    parser.add_argument("--version", action="version", version=f"norvane {__version__}")
+    commands = parser.add_subparsers(dest="command", metavar="COMMAND")
+
+    curve_options = argparse.ArgumentParser(add_help=False)
+    source = curve_options.add_mutually_exclusive_group()
+    source.add_argument("--curve", type=Path, metavar="FILE",
+                        help="curve as InterestRate.export writes it (JSON); default: the bundled sample curve")
+    source.add_argument("--rate", type=float, metavar="R", help="constant effective annual rate instead, e.g. 0.03")
+
+    book_options = argparse.ArgumentParser(add_help=False)
+    book_options.add_argument("--portfolio", type=Path, metavar="FILE",
+                              help="policies: .csv, .csv.gz or .parquet; default: the bundled sample portfolio")
+    book_options.add_argument("--mode", choices=_CALCULATION_MODES,
+                              help=f"calculation mode (default {Config().calculation_mode})")
+
+    value = commands.add_parser(
+        "value", parents=[book_options, curve_options], formatter_class=raw, epilog=POLICY_COLUMNS,
+        help="present value of every policy of a portfolio (the default command)",
+        description="Value every policy of a portfolio and print a summary.")
+    value.add_argument("--output", type=Path, metavar="FILE",
+                       help="write id, present_value and error per policy (.csv, .csv.gz or .parquet)")
+    value.add_argument("--quiet", action="store_true", help="print a one-line summary only")
+    value.add_argument("--progress", action=argparse.BooleanOptionalAction, default=None,
+                       help="progress bar on stderr (default: when stderr is a terminal and the portfolio is long)")
+    value.set_defaults(run=run_value)
+
+    curve = commands.add_parser(
+        "curve", parents=[curve_options], help="analysis and validation report of a curve",
+        description="Print a curve's analysis and validation report as JSON, optionally plot it.")
+    curve.add_argument("--plot", type=Path, metavar="FILE.png",
+                       help="plot discount factor, rate in force and force of interest (needs matplotlib)")
+    curve.add_argument("--horizon", type=float, default=60.0, metavar="YEARS", help="plot up to this time (default 60)")
+    curve.set_defaults(run=run_curve)
+
+    flows = commands.add_parser(
+        "flows", parents=[book_options, curve_options], formatter_class=raw, epilog=POLICY_COLUMNS,
+        help="aggregated expected and discounted cash flows of a portfolio by year",
+        description="Aggregate the portfolio's expected cash flows and their present values on a yearly "
+                    "grid after the valuation time. Invalid records are skipped and counted.")
+    flows.add_argument("--horizon", type=float, metavar="YEARS",
+                       help="last year of the grid (default: the last payment year of the finite policies, "
+                            f"at least {PERPETUITY_YEARS} with perpetuities; later flows are shown in the last year)")
+    flows.add_argument("--output", type=Path, metavar="FILE",
+                       help="write year, expected_cf and pv_cf (.csv, .csv.gz or .parquet)")
+    flows.add_argument("--plot", type=Path, metavar="FILE.png", help="bar chart of the flows (needs matplotlib)")
+    flows.set_defaults(run=run_flows)
+    return parser
+
+
+def main(argv: Sequence[str] | None = None) -> int:
+    """Run the command line; returns the exit status."""
+    args_list = list(sys.argv[1:] if argv is None else argv)
+    if not args_list or args_list[0] not in (*COMMANDS, "-h", "--help", "--version"):
+        args_list.insert(0, "value")
+    parser = build_parser()
+    try:
+        args = parser.parse_args(args_list)
+    except SystemExit as exc:  # --help, --version and usage errors
+        return exc.code if isinstance(exc.code, int) else EXIT_INPUT
+    try:
+        return args.run(args)
+    except InputError as exc:
+        print(f"norvane: error: {exc}", file=sys.stderr)
+        return EXIT_INPUT
+    except BrokenPipeError:
+        # The reader went away (``norvane curve | head``): stop quietly, as other tools do.
+        devnull = os.open(os.devnull, os.O_WRONLY)
+        os.dup2(devnull, sys.stdout.fileno())
+        return EXIT_OK

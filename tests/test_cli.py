@@ -1,0 +1,264 @@
+"""The command line, end to end: in-process through main() and once as ``python -m norvane``."""
+
+import csv
+import gzip
+import json
+import math
+import re
+import struct
+import subprocess
+import sys
+
+import numpy as np
+import pytest
+
+from norvane.cli import SAMPLE_PORTFOLIO, main
+from norvane.interest_rates import InterestRate
+
+V = 1 / 1.03  # every number below is checked on a constant 3 % curve
+
+
+def due(n, m=1):
+    """Annuity-due of n years, m payments a year of 1/m, at 3 %."""
+    return (1 - V**n) / (m * (1 - V ** (1 / m)))
+
+
+def immediate(n, m=1):
+    return (1 - V**n) / (m * (1.03 ** (1 / m) - 1))
+
+
+COLUMNS = ["id", "term", "deferment", "shift", "frequency", "timing", "growth", "benefit"]
+
+# (record, expected present value): independent closed forms.
+VALID = [
+    ({"id": "level", "term": "10"}, due(10)),
+    ({"id": "monthly-imm", "term": "10", "frequency": "12", "timing": "immediate", "benefit": "1200"},
+     1200 * immediate(10, 12)),
+    ({"id": "perpetuity", "term": "", "benefit": "2"}, 2 / (1 - V)),
+    ({"id": "deferred", "term": "20", "deferment": "5", "shift": "2"}, V**3 * due(20)),
+    ({"id": "seasoned", "term": "15", "shift": "4", "timing": "Immediate "}, immediate(11)),
+    ({"id": "growing", "term": "10", "growth": "0.02"}, (1 - (1.02 * V) ** 10) / (1 - 1.02 * V)),
+    ({"id": "quarterly", "term": "5", "frequency": "4", "timing": " due"}, due(5, 4)),
+    ({"id": "deferred-perp-imm", "term": "inf", "deferment": "3", "timing": "immediate"}, V**3 * V / (1 - V)),
+]
+# (record, the message's start): the record is not valued and the others are.
+INVALID = [
+    ({"id": "neg-term", "term": "-3"}, "term must be"),
+    ({"id": "text-term", "term": "abc"}, "term is not a number"),
+    ({"id": "nan-term", "term": "nan"}, "term must be"),
+    ({"id": "bad-freq", "term": "5", "frequency": "5"}, "frequency must be one of"),
+    ({"id": "frac-freq", "term": "5", "frequency": "12.5"}, "frequency must be one of"),
+    ({"id": "bad-timing", "term": "5", "timing": "monthly"}, "timing must be"),
+    ({"id": "bad-growth", "term": "5", "growth": "-2"}, "growth must be"),
+    ({"id": "text-growth", "term": "5", "growth": "2%"}, "growth is not a number"),
+    ({"id": "neg-benefit", "term": "5", "benefit": "-1"}, "benefit must be"),
+    ({"id": "neg-deferment", "term": "5", "deferment": "-1"}, "deferment must be"),
+    ({"id": "text-shift", "term": "5", "shift": "x"}, "shift is not a number"),
+]
+CASES = VALID[:4] + INVALID[:6] + VALID[4:] + INVALID[6:]  # bad rows between good ones
+
+
+def write_csv(path, records, columns=COLUMNS):
+    opener = gzip.open if path.suffix == ".gz" else open
+    with opener(path, "wt", newline="") as out:
+        writer = csv.DictWriter(out, columns, restval="")
+        writer.writeheader()
+        writer.writerows(records)
+    return path
+
+
+def read_output(path):
+    if path.suffix == ".parquet":
+        table = pytest.importorskip("pyarrow.parquet").read_table(path).to_pydict()
+        return [dict(zip(table, row)) for row in zip(*table.values())]
+    with (gzip.open(path, "rt", newline="") if path.suffix == ".gz" else open(path, newline="")) as f:
+        return list(csv.DictReader(f))
+
+
+def check_rows(rows, cases):
+    assert [r["id"] for r in rows] == [rec["id"] for rec, _ in cases]
+    for row, (record, expected) in zip(rows, cases):
+        value = float(row["present_value"])
+        if isinstance(expected, str):
+            assert math.isnan(value), record
+            assert row["error"].startswith(expected), (record, row["error"])
+        else:
+            assert value == pytest.approx(expected, rel=1e-10), record  # rounded to 10 decimals per unit
+            assert not row["error"], record
+
+
+@pytest.mark.parametrize("output", ["out.csv", "out.csv.gz", "out.parquet"])
+@pytest.mark.parametrize("source", ["book.csv", "book.csv.gz"])
+def test_invalid_records_get_nan_and_a_message_the_rest_closed_forms(tmp_path, capsys, source, output):
+    if output.endswith(".parquet"):
+        pytest.importorskip("pyarrow")
+    book = write_csv(tmp_path / source, [rec for rec, _ in CASES])
+    assert main(["--portfolio", str(book), "--rate", "0.03", "--output", str(tmp_path / output)]) == 0
+    check_rows(read_output(tmp_path / output), CASES)
+    summary = capsys.readouterr().out
+    expected_total = math.fsum(e for _, e in VALID)
+    assert re.search(rf"policies\s+{len(CASES)}\n", summary)
+    assert re.search(rf"valued\s+{len(VALID)}\n", summary) and re.search(rf"errors\s+{len(INVALID)}\n", summary)
+    assert f"total present value  {expected_total:,.2f}" in summary
+    assert "constant 3 %" in summary and "first errors (of 11)" in summary
+
+
+def test_parquet_portfolio_round_trip(tmp_path):
+    pa = pytest.importorskip("pyarrow")
+    pq = pytest.importorskip("pyarrow.parquet")
+    records = [rec for rec, _ in VALID]
+
+    def column(name, number):  # typed columns with nulls, as a real extract would hold them
+        cells = [rec.get(name, "").strip() or None for rec in records]
+        return [None if c is None else float(c) if number else c for c in cells]
+
+    table = pa.table({name.upper(): column(name, name not in ("id", "timing")) for name in COLUMNS})
+    pq.write_table(table, tmp_path / "book.parquet")
+    args = ["--portfolio", str(tmp_path / "book.parquet"), "--rate", "0.03", "--quiet"]
+    assert main([*args, "--output", str(tmp_path / "out.parquet")]) == 0
+    check_rows(read_output(tmp_path / "out.parquet"), VALID)
+
+
+def test_record_with_a_missing_field_is_invalid(tmp_path):
+    book = tmp_path / "book.csv"
+    book.write_text("id,term,benefit\nA,10,1\nB,10\nC,5,3\n")
+    assert main(["--portfolio", str(book), "--rate", "0.03", "--quiet", "--output", str(tmp_path / "o.csv")]) == 0
+    rows = read_output(tmp_path / "o.csv")
+    assert [float(r["present_value"]) for r in rows[::2]] == pytest.approx([due(10), 3 * due(5)], rel=1e-10)
+    assert math.isnan(float(rows[1]["present_value"])) and "2 fields" in rows[1]["error"]
+
+
+def test_bundled_sample_as_a_subprocess(tmp_path):
+    run = subprocess.run([sys.executable, "-m", "norvane", "--quiet", "--output", "out.csv"],
+                         cwd=tmp_path, capture_output=True, text=True, timeout=60)
+    assert run.returncode == 0, run.stderr
+    assert run.stderr == ""  # no progress bar without a terminal
+    with gzip.open(SAMPLE_PORTFOLIO, "rt", newline="") as f:
+        ids = [row["id"] for row in csv.DictReader(f)]
+    rows = read_output(tmp_path / "out.csv")
+    assert len(rows) == len(ids) > 50_000 and [r["id"] for r in rows] == ids
+    values = np.array([float(r["present_value"]) for r in rows])
+    bad = np.isnan(values)
+    assert (bad == np.array([bool(r["error"]) for r in rows])).all()
+    assert 0 < bad.sum() < 0.01 * len(rows) and (values[~bad] >= 0).all()
+    numbers = re.fullmatch(r"([\d,]+) policies, ([\d,]+) valued, ([\d,]+) errors, "
+                           r"total present value ([\d,.]+)\n", run.stdout)
+    assert numbers, run.stdout
+    policies, valued, errors, total = (float(g.replace(",", "")) for g in numbers.groups())
+    assert (policies, valued, errors) == (len(rows), (~bad).sum(), bad.sum())
+    assert total == pytest.approx(math.fsum(values[~bad]), abs=0.006)
+
+
+# A book of valid policies mixing every grouping key of the flows command.
+FLOW_BOOK = [
+    {"id": "a", "term": "10", "frequency": "12", "benefit": "1200"},
+    {"id": "b", "term": "7", "timing": "immediate", "frequency": "4", "benefit": "400"},
+    {"id": "c", "term": "12", "deferment": "3", "benefit": "50"},
+    {"id": "d", "term": "8", "frequency": "2", "timing": "immediate", "benefit": "10"},
+    {"id": "e", "term": "5", "frequency": "12", "timing": "immediate", "benefit": "30"},
+]
+
+
+@pytest.mark.parametrize("mode", ["discrete_precision", "discrete_simplified",
+                                  "continuous_precision", "continuous_simplified"])
+@pytest.mark.parametrize("extra", [[], [{"id": "p", "term": "", "benefit": "5"}, {"id": "g", "term": "9",
+                                   "shift": "2", "growth": "0.03", "benefit": "7"}]], ids=["level", "perp-growth"])
+def test_flows_total_equals_value_total(tmp_path, capsys, mode, extra):
+    book = write_csv(tmp_path / "book.csv", FLOW_BOOK + extra + [{"id": "bad", "term": "-1"}])
+    common = ["--portfolio", str(book), "--rate", "0.03", "--mode", mode]
+    assert main(["value", *common, "--quiet", "--output", str(tmp_path / "v.csv")]) == 0
+    assert main(["flows", *common, "--output", str(tmp_path / "f.csv")]) == 0
+    printed = capsys.readouterr().out
+    values = [float(r["present_value"]) for r in read_output(tmp_path / "v.csv")]
+    flows = read_output(tmp_path / "f.csv")
+    pv = math.fsum(float(r["pv_cf"]) for r in flows)
+    assert pv == pytest.approx(math.fsum(v for v in values if not math.isnan(v)), rel=1e-6)
+    assert re.search(rf"total .* {pv:,.2f}\n", printed) and re.search(r"skipped \(invalid\)\s+1\n", printed)
+    # The last payment: deferment 3 + term 12; perpetuities extend the grid to 100 years.
+    assert [int(r["year"]) for r in flows] == list(range(1, 101 if extra else 16))
+    if not extra:  # level payments from inception: the undiscounted total is benefit x term
+        total_cf = math.fsum(float(r["expected_cf"]) for r in flows)
+        assert total_cf == pytest.approx(sum(float(p["benefit"]) * float(p["term"]) for p in FLOW_BOOK))
+    else:
+        assert flows[-1]["expected_cf"] == "inf" and "100+" in printed
+
+
+@pytest.mark.parametrize("source", ["rate", "file", "bundled"])
+def test_curve_report(tmp_path, capsys, source):
+    curve = InterestRate(0.03) if source == "rate" else InterestRate(terms=[5, 10], rates=[0.02, 0.03, 0.035])
+    args = {"rate": ["--rate", "0.03"], "bundled": []}.get(source)
+    if args is None:
+        (tmp_path / "c.json").write_text(curve.export("json"))
+        args = ["--curve", str(tmp_path / "c.json")]
+    assert main(["curve", *args]) == 0
+    report = json.loads(capsys.readouterr().out)
+    restored = InterestRate.from_export(report["export"])
+    if source != "bundled":
+        assert restored == curve
+    assert report["validation"]["status"] == "valid"
+    assert report["analysis"]["key_discount_factors"]["10y"] == pytest.approx(restored.vn(10), rel=1e-15)
+    if source == "rate":
+        assert restored.vn(10) == pytest.approx(1.03**-10, rel=1e-14)
+
+
+def png_size(path):
+    head = path.read_bytes()[:24]
+    assert head[:8] == b"\x89PNG\r\n\x1a\n" and head[12:16] == b"IHDR"
+    return struct.unpack(">II", head[16:24])
+
+
+@pytest.mark.parametrize("command", [["curve", "--horizon", "30"], ["flows"]])
+def test_plots_are_written(tmp_path, capsys, command):
+    pytest.importorskip("matplotlib")
+    book = write_csv(tmp_path / "book.csv", FLOW_BOOK)
+    extra = ["--portfolio", str(book)] if command[0] == "flows" else []
+    assert main([*command, *extra, "--rate", "0.03", "--plot", str(tmp_path / "p.png")]) == 0
+    width, height = png_size(tmp_path / "p.png")
+    assert 400 <= width <= 3000 and 300 <= height <= 3000
+    assert "plot written" in capsys.readouterr().out
+
+
+@pytest.mark.parametrize("args, message", [
+    (["--portfolio", "{tmp}/missing.csv"], "no such file"),
+    (["--curve", "{tmp}/missing.json"], "not a readable curve"),
+    (["--curve", "{tmp}/bad.json"], "not a readable curve"),
+    (["--portfolio", "{tmp}/noterm.csv"], "no 'term' column"),
+    (["--portfolio", "{tmp}/book.csv", "--output", "{tmp}/out.txt"], "must end in"),
+    (["flows", "--portfolio", "{tmp}/missing.csv"], "no such file"),
+    (["curve", "--curve", "{tmp}/bad.json"], "not a readable curve"),
+    (["--rate", "-2"], "--rate"),
+])
+def test_unusable_input_exits_with_2(tmp_path, capsys, args, message):
+    (tmp_path / "bad.json").write_text('{"type": "piecewise", "terms": [5]}')
+    write_csv(tmp_path / "noterm.csv", [{"id": "x"}], columns=["id", "benefit"])
+    write_csv(tmp_path / "book.csv", [{"id": "x", "term": "1"}])
+    assert main([a.format(tmp=tmp_path) for a in args]) == 2
+    assert message in capsys.readouterr().err
+
+
+@pytest.mark.parametrize("blocked, args", [
+    ("pyarrow", ["--output", "{tmp}/out.parquet"]),
+    ("pyarrow", ["--portfolio", "{tmp}/book.parquet"]),
+    ("matplotlib", ["curve", "--plot", "{tmp}/c.png"]),
+])
+def test_missing_optional_library_is_named(tmp_path, capsys, monkeypatch, blocked, args):
+    (tmp_path / "book.parquet").write_bytes(b"PAR1")
+    for name in [m for m in sys.modules if m == blocked or m.startswith(blocked + ".")] + [blocked]:
+        monkeypatch.setitem(sys.modules, name, None)  # import now raises ImportError
+    assert main([a.format(tmp=tmp_path) for a in args] + ["--rate", "0.03"]) == 2
+    extra = "parquet" if blocked == "pyarrow" else "plot"
+    assert f"norvane[{extra}]" in capsys.readouterr().err
+
+
+@pytest.mark.parametrize("flag, shown", [(["--progress"], True), (["--no-progress"], False), ([], False)])
+def test_progress_bar(tmp_path, capsys, flag, shown):
+    book = write_csv(tmp_path / "book.csv", [rec for rec, _ in CASES])
+    assert main(["--portfolio", str(book), "--rate", "0.03", "--quiet", *flag]) == 0
+    err = capsys.readouterr().err
+    assert (f"{len(CASES)}/{len(CASES)}" in err) is shown
+
+
+def test_help_lists_commands_and_policy_columns(capsys):
+    assert main(["--help"]) == 0
+    text = capsys.readouterr().out
+    assert all(word in text for word in ("value", "curve", "flows", "perpetuity", "deferment", "growth"))
