@@ -101,7 +101,22 @@ def _checked_decimals(value: object) -> int:
 
 
 class Decimals:
-    """Rounding settings of results; ``annuities`` is an int from 0 to 15."""
+    """Rounding settings of results.
+
+    Parameters
+    ----------
+    annuities : int, default 10
+        Decimals to which annuity present values are rounded, 0 to 15.
+
+    Raises
+    ------
+    TypeError
+        When ``annuities`` is not an int (booleans included).
+    ValueError
+        When ``annuities`` is outside 0..15.
+    AttributeError
+        When any other setting is assigned.
+    """
 
     __slots__ = ("annuities",)
 
@@ -140,24 +155,37 @@ def _checked_flag(value: object) -> bool:
 class Config:
     """The one configuration object of the package.
 
-    ``Config()`` returns the same instance every time. Fields:
+    ``Config()`` returns the same instance every time, so a change is seen at
+    once by every curve.
 
-    ``days_per_year``
+    Attributes
+    ----------
+    days_per_year : float or None
         360.0, 365.0, 365.25 (default) or None ("not configured").
-    ``weeks_per_year``
+    weeks_per_year : float or None
         52.0, 52.1775 (default) or None.
-    ``calculation_mode``
+    calculation_mode : str
         One of the four annuity calculation modes; "discrete_precision" by default.
-    ``decimals``
-        A :class:`Decimals`; ``decimals.annuities`` (default 10) is the rounding
-        of annuity results. Assigning a mapping such as ``{"annuities": 6}`` or
-        another ``Decimals`` updates the existing object in place.
-    ``force_integer_ts``
+    decimals : Decimals
+        ``decimals.annuities`` (default 10) is the rounding of annuity
+        results. Assigning a mapping such as ``{"annuities": 6}`` or another
+        ``Decimals`` updates the existing object in place.
+    force_integer_ts : bool
         Refuse non-integral valuation times in the annuity methods; False by default.
 
-    Wrong kinds raise ``TypeError`` and wrong values ``ValueError`` at
-    assignment; reads are plain attribute reads. The object is process-global
-    and not thread-local: :meth:`override` in one thread is seen by all threads.
+    Raises
+    ------
+    TypeError
+        On assignment of a value of the wrong kind.
+    ValueError
+        On assignment of a value outside the accepted set.
+    AttributeError
+        On assignment of an unknown setting, or on deletion of any.
+
+    Notes
+    -----
+    Reads are plain attribute reads. The object is process-global and not
+    thread-local: :meth:`override` in one thread is seen by all threads.
     """
 
     __slots__ = ("days_per_year", "weeks_per_year", "calculation_mode", "decimals", "force_integer_ts")
@@ -238,6 +266,25 @@ class Config:
         All fields are validated before the block starts; if one is refused,
         none is changed. On exit, normal or by an exception, every field is
         restored to the value it had on entry.
+
+        Parameters
+        ----------
+        **fields
+            New values of settings, by name (``days_per_year``,
+            ``weeks_per_year``, ``calculation_mode``, ``decimals``,
+            ``force_integer_ts``).
+
+        Yields
+        ------
+        Config
+            The configuration itself, with the new values in force.
+
+        Raises
+        ------
+        TypeError
+            For an unknown setting name or a value of the wrong kind.
+        ValueError
+            For a value outside the accepted set.
 
         Examples
         --------

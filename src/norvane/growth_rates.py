@@ -32,6 +32,7 @@ class GrowthRate:
         arithmetic rate may be negative, in which case late factors can reach
         zero or below: that is the caller's model, not clipped here.
     kind : {"geometric", "arithmetic"}, default "geometric"
+        Compound (``(1 + rate) ** j``) or simple (``1 + rate * j``) growth.
 
     Raises
     ------
@@ -107,7 +108,22 @@ class GrowthRate:
     def payment_factors(self, n_payments: int, m: int) -> NDArray[np.float64]:
         """Growth factors of the first ``n_payments`` payments of an m-thly schedule.
 
-        Payment ``k`` falls in year ``k // m``, so it gets ``factors(k // m)``.
+        Parameters
+        ----------
+        n_payments : int
+            Number of payments, >= 0.
+        m : int
+            Payments per year, >= 1.
+
+        Returns
+        -------
+        ndarray of float64
+            Payment ``k`` falls in year ``k // m``, so it gets ``factors(k // m)``.
+
+        Raises
+        ------
+        ValueError
+            For a negative ``n_payments`` or an ``m`` below 1.
         """
         if n_payments < 0 or m < 1:
             raise ValueError("[GrowthRate.payment_factors] need n_payments >= 0 and m >= 1")
@@ -129,7 +145,18 @@ class GrowthRate:
 
 
 def _as_growth_rate(value: Any) -> GrowthRate | None:
-    """None stays None, a ``GrowthRate`` stays, a real number becomes geometric.
+    """Growth rate of an annuity argument.
+
+    Parameters
+    ----------
+    value : GrowthRate, real or None
+        The argument as given.
+
+    Returns
+    -------
+    GrowthRate or None
+        None stays None, a ``GrowthRate`` stays, a real number becomes a
+        geometric ``GrowthRate``.
 
     Raises
     ------

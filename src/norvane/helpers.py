@@ -361,6 +361,11 @@ def _validate_scalar_numeric(
     cast : callable, optional
         Applied to the accepted value (e.g. ``int``); None returns it unchanged.
 
+    Returns
+    -------
+    object
+        ``cast(value)``, or ``value`` itself when ``cast`` is None.
+
     Raises
     ------
     TypeError
@@ -376,7 +381,21 @@ def _validate_scalar_numeric(
 
 
 def _finalize_scalar_or_array(result: Any, is_scalar: bool) -> float | F64Array:
-    """Return ``float(result[0])`` for scalar input, else ``result`` unchanged."""
+    """Give a scalar caller a float and an array caller the array.
+
+    Parameters
+    ----------
+    result : ndarray or array-like
+        Values computed on the float64 form of the input.
+    is_scalar : bool
+        Whether the caller passed a single number.
+
+    Returns
+    -------
+    float or ndarray
+        ``float`` of the first element when ``is_scalar``, else ``result``
+        unchanged.
+    """
     if not is_scalar:
         return result
     if isinstance(result, np.ndarray):
@@ -414,6 +433,12 @@ def _detect_batch_ir_annuity(n: Any, d: Any, ts: Any, m: Any, gr: Any) -> tuple[
     ``ndim >= 1`` or pandas Series (a one-element array counts). A
     ``GrowthRate`` or a number for ``gr`` is a single value.
 
+    Parameters
+    ----------
+    n, d, ts, m, gr : object
+        The term, deferment, valuation time, payment frequency and growth
+        rate as the caller passed them.
+
     Returns
     -------
     is_batch : bool
@@ -433,6 +458,15 @@ _BATCH_ONLY_HINT = "requires batch mode (array n, d, ts, m, or gr)."
 def _validate_on_error_batch_only(on_error: Any, is_batch: bool, method_name: str) -> None:
     """Accept ``"raise"`` always and ``"nan"`` only in batch mode.
 
+    Parameters
+    ----------
+    on_error : object
+        The caller's error policy.
+    is_batch : bool
+        Whether the call values a batch of policies.
+    method_name : str
+        Prefix of the messages.
+
     Raises
     ------
     ValueError
@@ -450,6 +484,17 @@ def _validate_on_error_batch_only(on_error: Any, is_batch: bool, method_name: st
 
 def _validate_record_ids_batch_only(record_ids: Any, is_batch: bool, N: int, method_name: str) -> None:
     """Accept ``record_ids`` only in batch mode, as a sequence of N ids.
+
+    Parameters
+    ----------
+    record_ids : sequence, ndarray, pandas Series or None
+        Policy identifiers; None is always accepted.
+    is_batch : bool
+        Whether the call values a batch of policies.
+    N : int
+        Batch size.
+    method_name : str
+        Prefix of the messages.
 
     Raises
     ------
@@ -493,10 +538,29 @@ def _validate_t_output(
     are required and the grid must be one-dimensional, non-empty, finite,
     non-negative and strictly increasing.
 
+    Parameters
+    ----------
+    t_output : array-like or None
+        Output grid in years from the valuation time.
+    return_flows : bool
+        Whether the caller asked for cash flows.
+    is_batch : bool
+        Whether the call values a batch of policies.
+    method_name : str
+        Prefix of the messages.
+
     Returns
     -------
     ndarray of float64 or None
         The grid as a float64 array.
+
+    Raises
+    ------
+    TypeError
+        For a scalar or non-numeric grid.
+    ValueError
+        Outside batch mode, without ``return_flows``, or for a grid that
+        breaks one of the rules above.
     """
     if t_output is None:
         return None
@@ -534,9 +598,17 @@ def _validate_t_output(
 def _map_batch_n_none_to_inf(n: Any) -> Any:
     """Map ``None`` terms (perpetuities) to ``inf``.
 
-    A scalar None becomes ``np.inf``; None entries of a list, tuple, object
-    array or object Series become ``inf`` (a new list or array). Anything else
-    is returned unchanged; NaN is not None and stays NaN.
+    Parameters
+    ----------
+    n : object
+        A term or per-policy terms, as the caller passed them.
+
+    Returns
+    -------
+    object
+        A scalar None becomes ``np.inf``; None entries of a list, tuple,
+        object array or object Series become ``inf`` (a new list or array).
+        Anything else is returned unchanged; NaN is not None and stays NaN.
     """
     if n is None:
         return np.inf
@@ -642,8 +714,18 @@ def _resolve_batch_m(m: Any, N: int, method_name: str) -> int | NDArray[np.int64
 def _batch_m_for_nan_recurse(m: Any, valid_idx: NDArray[np.int64]) -> Any:
     """Payment frequency of the valid subset of an ``on_error="nan"`` batch.
 
-    A single frequency (scalar or length-1 array-like) is returned unchanged;
-    a per-policy one is indexed with ``valid_idx``.
+    Parameters
+    ----------
+    m : int or array-like of int
+        One frequency, or one per policy.
+    valid_idx : ndarray of int64
+        Positions of the valid policies.
+
+    Returns
+    -------
+    int or ndarray
+        A single frequency (scalar or length-1 array-like) unchanged; a
+        per-policy one indexed with ``valid_idx``.
     """
     if _arraylike_len_or_1(m) == 1:
         return m
@@ -654,8 +736,23 @@ def _batch_m_for_nan_recurse(m: Any, valid_idx: NDArray[np.int64]) -> Any:
 def _coerce_record_ids(record_ids: Any, N: int) -> np.ndarray:
     """Record ids as a one-dimensional array of length N.
 
-    ``None`` gives ``arange(N)`` (int64); given ids are kept as the original
-    objects in an object array, so that reports show them as passed.
+    Parameters
+    ----------
+    record_ids : sequence, ndarray, pandas Series or None
+        Policy identifiers as the caller passed them.
+    N : int
+        Batch size.
+
+    Returns
+    -------
+    ndarray
+        ``arange(N)`` (int64) for None; otherwise an object array holding the
+        given ids as the original objects, so that reports show them as passed.
+
+    Raises
+    ------
+    ValueError
+        When the ids are not one-dimensional or not N of them.
     """
     if record_ids is None:
         return np.arange(N, dtype=np.int64)
@@ -683,6 +780,14 @@ def _validate_benefits(benefits: Any, N: int, method_name: str) -> F64Array | No
     -------
     ndarray of float64 or None
         A new array of length N, or None when ``benefits`` is None.
+
+    Raises
+    ------
+    TypeError
+        For non-numeric values.
+    ValueError
+        For more than one dimension, a length other than N or 1, or a value
+        that is negative or not finite.
     """
     if benefits is None:
         return None
@@ -734,6 +839,17 @@ def _check_batch_param(
 
     Every value must be ``>= min_val`` and finite (``+inf`` passes when
     ``allow_inf``, for perpetual terms). NaN never passes.
+
+    Parameters
+    ----------
+    arr : scalar or array-like
+        Per-policy values of the parameter.
+    name, method_name : str
+        Parameter and method names for the message.
+    min_val : float, default 0.0
+        Smallest accepted value.
+    allow_inf : bool, default False
+        Accept ``+inf``.
 
     Raises
     ------
@@ -855,6 +971,8 @@ def _group_batch_m_gr_indices(
         (geometric rates) or None (level payments).
     N : int
         Batch size.
+    method_name : str, default ""
+        Prefix of the messages.
 
     Returns
     -------
@@ -863,6 +981,14 @@ def _group_batch_m_gr_indices(
         sorted int64 positions of the group's policies. Groups are ordered by
         frequency, then by first appearance of the growth rate. Numbers and
         equal ``GrowthRate`` objects fall in the same group.
+
+    Raises
+    ------
+    TypeError
+        For growth rates that are neither ``GrowthRate``, real numbers nor None.
+    ValueError
+        For an invalid geometric rate, or per-policy growth rates that are not
+        one-dimensional or not N (or 1) of them.
     """
     if N == 0:
         return []
@@ -885,8 +1011,21 @@ def _finalize_batch_unit_pv_with_benefits(
     """Round unit present values to ``decimals``, then weight them by benefits.
 
     Rounding first makes a batch value equal to the (rounded) scalar value
-    times the benefit. ``decimals=None`` skips rounding; ``benefits_arr=None``
-    leaves unit values.
+    times the benefit.
+
+    Parameters
+    ----------
+    unit_pv : array-like
+        Present values of one unit of benefit, one per policy.
+    benefits_arr : ndarray of float64 or None
+        Per-policy benefits; None leaves unit values.
+    decimals : int or None
+        Rounding of the unit values; None skips rounding.
+
+    Returns
+    -------
+    ndarray of float64
+        A new array of the weighted values.
     """
     values = _as_f64_safe(unit_pv)
     out = np.round(values, decimals) if decimals is not None else values.copy()
@@ -916,6 +1055,11 @@ def _aggregate_flow_parts(
         ``"total_pv"`` (float, the sum of ``pv_cf``). Without ``t_output``
         the grid is the sorted union of the flow times, times within a
         relative 1e-12 of each other being one point (its smallest time).
+
+    Raises
+    ------
+    ValueError
+        When a part's three arrays differ in length, or ``t_output`` is empty.
     """
     times, expected, pvs = [], [], []
     for k, (t, e, p) in enumerate(parts):
@@ -967,8 +1111,20 @@ def _has_growth_rate_param(gr: Any) -> bool:
 def _payment_count(n: float, m: int, tolerance_eps: float = _PAYMENT_COUNT_TOL) -> int:
     """Number of m-thly payments in a term of ``n`` years.
 
-    Whole payments of ``n * m``, plus one for a remainder above
-    ``tolerance_eps`` (a last partial period); smaller remainders are noise.
+    Parameters
+    ----------
+    n : float
+        Term in years, finite and >= 0.
+    m : int
+        Payments per year.
+    tolerance_eps : float, default 1e-12
+        Largest remainder of ``n * m`` that is treated as noise.
+
+    Returns
+    -------
+    int
+        Whole payments of ``n * m``, plus one for a remainder above
+        ``tolerance_eps`` (a last partial period).
     """
     total = n * m
     count = int(total)
@@ -1005,6 +1161,11 @@ def _cashflow_amounts_payment_skip(
         Number of amounts given.
     tolerance_eps : float
         Tolerance of the payment count.
+
+    Returns
+    -------
+    int
+        Number of leading amounts to skip (0 or more).
 
     Raises
     ------

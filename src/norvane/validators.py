@@ -105,6 +105,16 @@ def _validate_shift_deferment_and_duration(
 def _validate_frequency_and_payment_timing(*, m: Any, payment_timing: Any, method_name: str) -> None:
     """Check the payment frequency and the due/immediate code.
 
+    Parameters
+    ----------
+    m : int
+        Payments per year, one of ``1, 2, 3, 4, 6, 12, 13, 24, 26, 52, 365``.
+    payment_timing : int
+        0 for payments at the start of each period (due), 1 at the end
+        (immediate).
+    method_name : str
+        Prefix of the messages.
+
     Raises
     ------
     TypeError
@@ -159,6 +169,23 @@ def _validate_cashflow_inputs(
     without times, a finite ``n`` and exactly one amount per payment of the
     full schedule, ``ceil(n * m)`` of them (a remainder within
     ``tolerance_eps`` is not a payment).
+
+    Parameters
+    ----------
+    cashflow_times, cashflow_amounts : array-like or None
+        The explicit schedule; either may be None.
+    calculation_mode : str
+        The curve's annuity calculation mode.
+    m : int
+        Payments per year.
+    n : real or None
+        Term in years.
+    method_name : str
+        Prefix of the messages.
+    caller : Dispatcher
+        The public entry point asking for the check.
+    tolerance_eps : float, default 1e-12
+        Largest remainder of ``n * m`` that is not a payment.
 
     Returns
     -------
@@ -243,8 +270,18 @@ def _validate_cashflow_inputs(
 def _resolve_gr(gr: Any, method_name: str = "") -> GrowthRate | None:
     """Resolve the ``gr`` argument of an annuity.
 
-    None stays None, a ``GrowthRate`` is returned as is and a real number
-    becomes ``GrowthRate(gr)`` (geometric).
+    Parameters
+    ----------
+    gr : GrowthRate, real or None
+        Growth of payments as the caller passed it.
+    method_name : str, default ""
+        Prefix of the messages.
+
+    Returns
+    -------
+    GrowthRate or None
+        None stays None, a ``GrowthRate`` is returned as is and a real number
+        becomes ``GrowthRate(gr)`` (geometric).
 
     Raises
     ------

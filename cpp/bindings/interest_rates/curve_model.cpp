@@ -16,6 +16,26 @@ const std::array<const char*, SlotCount> kSlotNames = {
 
 namespace {
 
+const std::array<const char*, SlotCount> kSlotDocs = {
+    "Whether this curve was built as a constant curve.",
+    "The constant effective annual rate (a float), or None for other forms.",
+    "Segment lengths in years (read-only float64 array), or None.",
+    "Segment rates (read-only float64 array, one more than the terms), or None.",
+    "Cumulative segment ends in years (float64 array), or None.",
+    "Scenario name to curve, in insertion order (empty for a single curve).",
+    "Name of the active scenario, or None.",
+    "The package configuration (shared by every curve and its copies).",
+    "Per-curve settings (an _InterestRateMeta).",
+    "LRU cache of scalar rate lookups (time -> rate).",
+    "LRU cache of scalar forces of interest (time -> force).",
+    "Cached force of interest of a constant curve, or None.",
+    "Discount factor of each complete segment.",
+    "Discount factor from 0 to the end of each segment.",
+    "1 + rates, or None when stale.",
+    "Lock guarding the two LRU caches.",
+    "Generation of the shifted-curve cache; advances on every change of the curve.",
+    "Shifted curves by (curve, ts, generation)."};
+
 const char* kLengthRule =
     "For piecewise rates, rates must have length terms+1 (last rate applies indefinitely)";
 const char* kNotFinite = ". Infinite or NaN rates are not allowed in actuarial calculations.";
@@ -505,7 +525,8 @@ nb::object config_backed(const InterestRate& ir, MetaField field, const char* co
 
 CurveClass register_curve_model(nb::module_& m) {
     CurveClass cls(m, "InterestRate", kCurveDoc, nb::type_slots(curve_type_slots));
-    bind_slots(cls, kSlotNames, [](InterestRate& self, std::size_t i) -> nb::object& { return self.slot[i]; });
+    bind_slots(cls, kSlotNames, kSlotDocs,
+               [](InterestRate& self, std::size_t i) -> nb::object& { return self.slot[i]; });
 
     cls.def_prop_rw(
         "rates", [](InterestRate& ir) { return ir[Rates]; }, [](InterestRate& ir, nb::object v) { set_rates(ir, v); },
@@ -571,10 +592,13 @@ CurveClass register_curve_model(nb::module_& m) {
         [](nb::handle rates, nb::handle terms_len, const std::string& context) {
             validate_rates_array(rates, terms_len, context);
         },
-        nb::arg("rates"), nb::arg("terms_len").none() = nb::none(), nb::arg("context") = "");
+        nb::arg("rates"), nb::arg("terms_len").none() = nb::none(), nb::arg("context") = "",
+        "Refuse non-finite rates, rates <= -1 and (with terms_len) a wrong number of rates.");
     cls.def_static("_validate_terms_array", &validate_terms_array, nb::arg("terms"),
-                   nb::arg("rates_len").none() = nb::none());
-    cls.def_static("_validate_rate_value", &validate_rate_value, nb::arg("rate").none(), nb::arg("context") = "");
+                   nb::arg("rates_len").none() = nb::none(),
+                   "Refuse non-finite or non-positive terms and (with rates_len) a wrong number of terms.");
+    cls.def_static("_validate_rate_value", &validate_rate_value, nb::arg("rate").none(), nb::arg("context") = "",
+                   "Refuse a rate that is not a number (TypeError) or not finite (ValueError).");
     cls.def_static(
         "_validate_rate_for_force", &validate_rate_for_force, nb::arg("rate"), nb::arg("context") = "",
         "Refuse rates <= -1 (compared as given), for which ln(1 + i) is undefined.");

@@ -139,13 +139,14 @@ nb::dict policy_flags(InterestRate& ir);
 // Expose each named slot of T as a read/write attribute, plus a __slots__
 // tuple naming them, so the instance has a fixed attribute set and no __dict__.
 template <typename T, std::size_t N, typename Access>
-void bind_slots(nb::class_<T>& cls, const std::array<const char*, N>& names, Access access) {
+void bind_slots(nb::class_<T>& cls, const std::array<const char*, N>& names, const std::array<const char*, N>& docs,
+                Access access) {
     nb::list listed;
     for (std::size_t i = 0; i < N; ++i) {
         cls.def_prop_rw(
             names[i], [i, access](T& self) { return access(self, i); },
             [i, access](T& self, nb::object value) { access(self, i) = std::move(value); },
-            nb::for_setter(nb::arg("value").none()));
+            nb::for_setter(nb::arg("value").none()), docs[i]);
         listed.append(names[i]);
     }
     cls.attr("__slots__") = nb::tuple(listed);

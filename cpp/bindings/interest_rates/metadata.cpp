@@ -126,7 +126,16 @@ void register_metadata(nb::module_& m) {
         nb::arg("calculation_mode").none() = nb::none(), nb::arg("description").none() = nb::none(),
         nb::arg("cache_maxsize").none() = nb::none(), nb::arg("tolerance_eps").none() = nb::none(),
         nb::arg("perpetuity_n_eff").none() = nb::none());
-    bind_slots(cls, kMetaFieldNames, [](Meta& self, std::size_t i) -> nb::object& { return self.field[i]; });
+    static const std::array<const char*, Meta::kFields> docs = {
+        "Unit in which the curve's terms were given.",
+        "Days per year override (None: use Config).",
+        "Weeks per year override (None: use Config).",
+        "Calculation mode override (None: use Config).",
+        "Free text.",
+        "Bound of the rate and force LRU caches.",
+        "Tolerance of curve shifting and payment counting.",
+        "Horizon in years used for perpetuities."};
+    bind_slots(cls, kMetaFieldNames, docs, [](Meta& self, std::size_t i) -> nb::object& { return self.field[i]; });
 
     cls.def("model_dump", &dump, "The eight settings as a dict, in slot order.");
     cls.def("to_msgpack_dict", &dump, "The eight settings as a dict ready for msgpack or JSON.");

@@ -9,6 +9,15 @@ None), ``ir`` (the curve seen from the valuation time), ``decimals``,
 ``cashflow_amounts`` (explicit amounts aligned with the remaining schedule)
 and ``return_flows``. This module prepares arguments; the arithmetic runs in
 :mod:`norvane._kernels`.
+
+Each entry point returns the present value rounded to ``decimals`` (a float)
+or, with ``return_flows``, a flow dictionary: "time_grid", "expected_cf",
+"pv_cf" and "total_pv" in the precision modes and for explicit schedules
+(explicit point payments add "present_value" and "growth"); otherwise, in
+the simplified modes, the Woolhouse components ("coef_due" or
+"coef_immediate", "due", "immediate", "fractional", "fractional_tail",
+"woolhouse_coefficient", "total_pv") that
+``norvane.interest_rates._woolhouse_flows_to_grid`` projects onto one grid.
 """
 
 from __future__ import annotations

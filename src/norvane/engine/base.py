@@ -19,6 +19,12 @@ _CALCULATION_MODES: tuple[str, ...] = get_args(CalculationModeLiteral)
 
 
 class Dispatcher(enum.Enum):
-    """Which public entry point is asking the shared validators for a check."""
+    """Which public entry point is asking the shared validators for a check.
+
+    Attributes
+    ----------
+    ANNUITY
+        The annuity methods ``InterestRate.a`` and ``InterestRate.ä``.
+    """
 
     ANNUITY = "annuity"
