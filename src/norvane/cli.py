@@ -25,7 +25,8 @@ from ._version import __version__
 from .base import _ALLOWED_PAYMENT_FREQUENCIES
 from .config import Config
 from .engine.base import _CALCULATION_MODES
-from .portfolio import CHUNK, InputError, Portfolio, policies_from_table, portfolio_flows, value_portfolio
+from .portfolio import (CHUNK, PERPETUITY_YEARS, InputError, Portfolio, flow_years, last_payment_year, policies_from_table,
+                        portfolio_flows, value_portfolio)
 
 EXIT_OK = 0
 EXIT_INPUT = 2
@@ -34,8 +35,6 @@ DATA = Path(__file__).resolve().parent / "data"
 SAMPLE_PORTFOLIO = DATA / "sample_portfolio.csv.gz"
 SAMPLE_CURVE = DATA / "sample_curve.json"
 
-# Default length of the flows grid when perpetuities are held: their later flows share the last year.
-PERPETUITY_YEARS = 100
 # Error messages listed in the summary; the output file has all of them.
 SHOWN_ERRORS = 5
 
@@ -269,12 +268,87 @@ def _portfolio_label(path: Path | None) -> str:
     return "bundled sample portfolio" if path is None else str(path)
 
 
+def _summary(args: argparse.Namespace, curve_label: str, mode: str, count: int, failed: int, total: float,
+             elapsed: float, first_errors: list[tuple[str, str]]) -> None:
+    if args.quiet:
+        print(f"{count:,} policies, {count - failed:,} valued, {failed:,} errors, "
+              f"total present value {_money(total)}")
+        return
+    print("norvane valuation")
+    _print_pairs([
+        ("portfolio", _portfolio_label(args.portfolio)),
+        ("curve", curve_label),
+        ("mode", mode),
+        *([("cluster", "local" if args.dask == "local" else str(args.dask))] if args.dask else []),
+        ("policies", f"{count:,}"),
+        ("valued", f"{count - failed:,}"),
+        ("errors", f"{failed:,}"),
+        ("total present value", _money(total)),
+        ("elapsed", f"{elapsed:.2f} s"),
+        *([("output", str(args.output))] if args.output is not None else []),
+    ])
+    if failed:
+        print(f"first errors (of {failed:,}):")
+        for record, message in first_errors:
+            print(f"  {record}: {message}")
+
+
+def _dask_client(address: str, workers: int):
+    from distributed import Client, LocalCluster
+
+    if address == "local":
+        return Client(LocalCluster(n_workers=workers, threads_per_worker=1, processes=True))
+    return Client(address)
+
+
+def run_value_dask(args: argparse.Namespace, curve: Any, curve_label: str, mode: str, started: float) -> int:
+    """The value command on a Dask cluster: partitioned Parquet (or CSV) in and out."""
+    try:
+        import dask.dataframe as dd
+
+        from .dask import value_policies
+    except ImportError:
+        raise InputError('--dask needs dask and distributed: pip install "norvane[dask]"') from None
+    source = args.portfolio or SAMPLE_PORTFOLIO
+    if not source.exists():
+        raise InputError(f"{source}: no such file or directory")
+    if source.is_dir() or source.name.lower().endswith((".parquet", ".pq")):
+        policies = dd.read_parquet(source)
+    else:
+        # Compressed CSV cannot be split; Parquet datasets are the way to stream large books.
+        policies = dd.read_csv(source, dtype=object, keep_default_na=False,
+                               blocksize=None if source.name.lower().endswith(".gz") else "64MB")
+    policies = policies.rename(columns={c: str(c).strip().lower() for c in policies.columns})
+    if "term" not in policies.columns:
+        raise InputError(f"{source}: no 'term' column")
+    with _dask_client(args.dask, args.workers):
+        result = value_policies(policies, curve, mode=mode, with_errors=True)
+        if "id" in policies.columns:
+            result = result.assign(id=policies["id"].astype(str))[["id", "present_value", "error"]]
+        result = result.persist()
+        if args.output is not None:
+            kind = _output_kind(args.output)
+            if kind == "parquet":
+                result.to_parquet(args.output, write_index=False)
+            else:
+                result.to_csv(args.output, single_file=True, index=False,
+                              compression="gzip" if args.output.name.lower().endswith(".gz") else None)
+        count, failed, total = dd.compute(result.shape[0], (~result["error"].isna()).sum(),
+                                          result["present_value"].sum())
+        shown = result[~result["error"].isna()].head(SHOWN_ERRORS, npartitions=-1)
+        first = [(str(row.get("id", index)), row["error"]) for index, row in shown.iterrows()]
+    _summary(args, curve_label, mode, int(count), int(failed), float(total), time.perf_counter() - started, first)
+    return EXIT_OK
+
+
 def run_value(args: argparse.Namespace) -> int:
     started = time.perf_counter()
     _check_output(args.output)
     curve, curve_label = load_curve(args.curve, args.rate)
-    pf = read_portfolio(args.portfolio or SAMPLE_PORTFOLIO)
     mode = args.mode or Config().calculation_mode
+    if args.dask:
+        return run_value_dask(args, curve, curve_label, mode, started)
+    pf = read_portfolio(args.portfolio or SAMPLE_PORTFOLIO)
     show = args.progress if args.progress is not None else (
         not args.quiet and len(pf) > CHUNK and sys.stderr.isatty())
     values, errors = value_portfolio(curve, pf, mode, Progress(len(pf), show))
@@ -287,26 +361,8 @@ def run_value(args: argparse.Namespace) -> int:
 
     failed = [i for i, e in enumerate(errors) if e is not None]
     total = math.fsum(values[np.isfinite(values)].tolist())
-    if args.quiet:
-        print(f"{len(pf):,} policies, {len(pf) - len(failed):,} valued, {len(failed):,} errors, "
-              f"total present value {_money(total)}")
-        return EXIT_OK
-    print("norvane valuation")
-    _print_pairs([
-        ("portfolio", _portfolio_label(args.portfolio)),
-        ("curve", curve_label),
-        ("mode", mode),
-        ("policies", f"{len(pf):,}"),
-        ("valued", f"{len(pf) - len(failed):,}"),
-        ("errors", f"{len(failed):,}"),
-        ("total present value", _money(total)),
-        ("elapsed", f"{elapsed:.2f} s"),
-        *([("output", str(args.output))] if args.output is not None else []),
-    ])
-    if failed:
-        print(f"first errors (of {len(failed):,}):")
-        for i in failed[:SHOWN_ERRORS]:
-            print(f"  {pf.ids[i]}: {errors[i]}")
+    first = [(pf.ids[i], errors[i]) for i in failed[:SHOWN_ERRORS]]
+    _summary(args, curve_label, mode, len(pf), len(failed), total, elapsed, first)
     return EXIT_OK
 
 
@@ -353,24 +409,16 @@ def run_flows(args: argparse.Namespace) -> int:
     values, errors = value_portfolio(curve, pf, mode, Progress(len(pf), False))
     valid = np.array([e is None for e in errors], dtype=bool)
 
-    ends = (pf.deferment + pf.term - pf.shift)[valid]
-    finite = np.isfinite(ends)
-    perpetuities = bool((~finite).any())
-    if args.horizon is not None:
-        if not args.horizon >= 1:
-            raise InputError(f"--horizon must be at least 1 year, got {args.horizon}")
-        years = int(math.ceil(args.horizon))
-    else:
-        last = int(math.ceil(ends[finite].max() - 1e-9)) if finite.any() else 1
-        years = max(last, PERPETUITY_YEARS if perpetuities else 1)
+    last, perpetuities = last_payment_year(pf, valid)
+    years = flow_years(last, perpetuities, args.horizon)
     flows = portfolio_flows(curve, pf, valid, mode, years)
     total = math.fsum(flows["pv_cf"].tolist())
 
     print("norvane cash flows")
     _print_pairs([("portfolio", _portfolio_label(args.portfolio)), ("curve", curve_label), ("mode", mode),
                   ("policies", f"{len(pf):,}"), ("skipped (invalid)", f"{int((~valid).sum()):,}")])
-    gathered = perpetuities or (finite.any() and ends[finite].max() > years + 1e-9)
-    if perpetuities and (pf.benefit[valid][~finite] > 0).any():
+    gathered = perpetuities or last > years
+    if perpetuities and (pf.benefit[valid][~np.isfinite(pf.term[valid])] > 0).any():
         # The undiscounted payments of a perpetuity have no finite sum.
         flows["expected_cf"][-1] = math.inf
     labels = [str(y) for y in flows["year"]]
@@ -439,6 +487,12 @@ def build_parser() -> argparse.ArgumentParser:
     value.add_argument("--output", type=Path, metavar="FILE",
                        help="write id, present_value and error per policy (.csv, .csv.gz or .parquet)")
     value.add_argument("--quiet", action="store_true", help="print a one-line summary only")
+    value.add_argument("--dask", nargs="?", const="local", metavar="ADDRESS",
+                       help="value on a Dask cluster: the scheduler's address, or a local cluster when no "
+                            "address is given (needs the dask extra); reads Parquet datasets (directories) or "
+                            "CSV and writes a partitioned Parquet dataset for a .parquet output")
+    value.add_argument("--workers", type=int, default=2, metavar="N",
+                       help="worker processes of the local Dask cluster (default 2)")
     value.add_argument("--progress", action=argparse.BooleanOptionalAction, default=None,
                        help="progress bar on stderr (default: when stderr is a terminal and the portfolio is long)")
     value.set_defaults(run=run_value)

@@ -21,6 +21,8 @@ from .config import Config
 
 # Policies valued per call: bounds the memory of one call and paces progress reports.
 CHUNK = 50_000
+# Default length of the flows grid when perpetuities are held: their later flows share the last year.
+PERPETUITY_YEARS = 100
 
 
 class InputError(Exception):
@@ -216,3 +218,22 @@ def portfolio_flows(curve, pf: Portfolio, valid: np.ndarray, mode: str, years: i
                 expected += flows["expected_cf"]
                 present += flows["pv_cf"]
     return {"year": np.arange(1, years + 1), "expected_cf": expected, "pv_cf": present}
+
+
+def last_payment_year(pf: Portfolio, valid: np.ndarray) -> tuple[int, bool]:
+    """The last year with payments among the valid records, seen from their valuation
+    times, and whether any of them is a perpetuity."""
+    ends = (pf.deferment + pf.term - pf.shift)[valid]
+    finite = np.isfinite(ends)
+    last = int(math.ceil(ends[finite].max() - 1e-9)) if finite.any() else 1
+    return max(last, 1), bool((~finite).any())
+
+
+def flow_years(last: int, perpetuities: bool, horizon: float | None = None) -> int:
+    """Length of the yearly flows grid: the horizon when given, else the last payment
+    year, at least PERPETUITY_YEARS when perpetuities are held."""
+    if horizon is not None:
+        if not horizon >= 1:
+            raise InputError(f"--horizon must be at least 1 year, got {horizon}")
+        return int(math.ceil(horizon))
+    return max(last, PERPETUITY_YEARS if perpetuities else 1)
