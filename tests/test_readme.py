@@ -11,6 +11,8 @@ def test_readme_python_examples_run():
     assert blocks, "the README shows Python examples"
     namespace: dict = {}
     for block in blocks:
+        if block.startswith("# (needs a running Dask cluster)"):
+            continue  # the Dask tests run that path on a local cluster
         exec(compile(block, str(README), "exec"), namespace)
     # The examples' own claims, checked against closed forms.
     flat, curve = namespace["flat"], namespace["curve"]
