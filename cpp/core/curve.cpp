@@ -220,8 +220,10 @@ void PiecewiseTable::locate_one_step(const double* n, std::size_t len, double* x
     }
 }
 
-double constant_discount(double rate, double n) {
-    double v = exp_any(-n * std::log(1.0 + rate));
+double constant_discount(double rate, double n) { return constant_discount(rate, std::log(1.0 + rate), n); }
+
+double constant_discount(double rate, double log_base, double n) {
+    double v = exp_any(-n * log_base);
     return needs_pow(v) ? std::pow(1.0 + rate, -n) : v;
 }
 

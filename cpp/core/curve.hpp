@@ -98,6 +98,8 @@ private:
 // Constant curve: (1 + rate)^-n for every n (negative n accumulates),
 // evaluated as exp(-n * log(1 + rate)).
 double constant_discount(double rate, double n);
+// The same with log(1 + rate) already at hand.
+double constant_discount(double rate, double log_base, double n);
 void constant_discount(double rate, std::span<const double> n, std::span<double> out);
 
 }  // namespace norvane::core

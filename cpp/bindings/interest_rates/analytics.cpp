@@ -397,34 +397,218 @@ void register_analytics(CurveClass& cls) {
     cls.def("delta", &delta, nb::arg("t").none() = nb::none(),
             R"doc(Force of interest ln(1 + i) at time t (years).
 
-A float for a number (or for no t on a constant curve), else a float64 array of
-the input's shape. Piecewise curves need t; scalar queries are cached.
+Parameters
+----------
+t : float, array_like or None, default None
+    Time(s) in years, at the rate in force there (see `get_rate`). Optional
+    on a constant curve; required on a piecewise curve.
+
+Returns
+-------
+float or numpy.ndarray
+    A float for a number (or for no t), else a float64 array of the input's
+    shape. A zero rate gives exactly 0.0. Scalar queries are cached.
+
+Raises
+------
+TypeError
+    For booleans and non-numeric `t`.
+ValueError
+    If `t` is omitted on a piecewise curve.
+
+Examples
+--------
+>>> InterestRate(0.03).delta()
+0.02955880224154443
+>>> InterestRate(terms=[5], rates=[0.02, 0.03]).delta([2.0, 6.0]).tolist()
+[0.01980262729617973, 0.02955880224154443]
 )doc");
     cls.def("get_average_force", &average_force, nb::arg("n").none(),
-            "Average force over [0, n]: -ln(v^n) / n (a float; n > 0 years).");
+            R"doc(Average force of interest over [0, n]: -ln(v^n) / n.
+
+Parameters
+----------
+n : float
+    Horizon in years, > 0.
+
+Returns
+-------
+float
+    The average force; exactly 0.0 when v^n is 1.
+
+Raises
+------
+TypeError
+    If `n` is a boolean or not a number.
+ValueError
+    If `n` <= 0, or v^n is not positive.
+
+Examples
+--------
+>>> round(InterestRate(0.03).get_average_force(10), 6)
+0.029559
+)doc");
     cls.def(
         "i_m", [](InterestRate& ir, nb::handle m, nb::handle t) { return nominal_rate(ir, m, t, Nominal::Interest); },
         nb::arg("m").none(), nb::arg("t").none() = 0.0,
-        "Nominal interest rate convertible m-thly, m((1 + i)^(1/m) - 1), at the rate in force at t.");
+        R"doc(Nominal interest rate convertible m-thly: i^(m) = m((1 + i)^(1/m) - 1).
+
+Parameters
+----------
+m : int
+    Conversion frequency, any positive integer (not a boolean).
+t : float, default 0.0
+    Time in years (>= 0) whose rate in force i is converted.
+
+Returns
+-------
+float
+    i^(m); m = 1 gives i itself.
+
+Raises
+------
+TypeError
+    If `m` is a boolean or not an integer, or `t` is a boolean or not a
+    number.
+ValueError
+    If `m` <= 0, or `t` is negative or NaN.
+
+Examples
+--------
+>>> ir = InterestRate(0.03)
+>>> ir.i_m(1)
+0.03
+>>> round(ir.i_m(12), 6)
+0.029595
+)doc");
     cls.def(
         "d_m", [](InterestRate& ir, nb::handle m, nb::handle t) { return nominal_rate(ir, m, t, Nominal::Discount); },
         nb::arg("m").none(), nb::arg("t").none() = 0.0,
-        "Nominal discount rate convertible m-thly, m(1 - (1 + i)^(-1/m)), at the rate in force at t.");
+        R"doc(Nominal discount rate convertible m-thly: d^(m) = m(1 - (1 + i)^(-1/m)).
+
+Parameters
+----------
+m : int
+    Conversion frequency, any positive integer (not a boolean).
+t : float, default 0.0
+    Time in years (>= 0) whose rate in force i is converted.
+
+Returns
+-------
+float
+    d^(m); m = 1 gives d = i / (1 + i).
+
+Raises
+------
+TypeError
+    If `m` is a boolean or not an integer, or `t` is a boolean or not a
+    number.
+ValueError
+    If `m` <= 0, or `t` is negative or NaN.
+
+Examples
+--------
+>>> ir = InterestRate(0.03)
+>>> ir.d_m(1)
+0.029126213592233007
+>>> round(ir.d_m(12), 6)
+0.029522
+)doc");
     cls.def("get_effective_rate", &effective_rate, nb::arg("t_start").none(), nb::arg("t_end").none(),
-            "Compound annual rate over [t_start, t_end] from the curve's discount factors.");
+            R"doc(Compound annual rate over [t_start, t_end]: (v(t_end) / v(t_start))^(-1/tau) - 1.
+
+Parameters
+----------
+t_start, t_end : float
+    Times in years, 0 <= t_start < t_end; tau = t_end - t_start.
+
+Returns
+-------
+float
+    The effective annual rate; exactly 0.0 when the two discount factors
+    are equal.
+
+Raises
+------
+TypeError
+    For booleans and non-numeric times.
+ValueError
+    If t_end <= t_start, a time is negative, or a discount factor is zero.
+
+Examples
+--------
+>>> round(InterestRate(0.03).get_effective_rate(0.0, 1.0), 8)
+0.03
+)doc");
     cls.def("get_segment_info", &segment_info, nb::arg("t").none(),
-            "The segment in force at time t (years) as a dict of native values.");
+            R"doc(Describe the rate segment in force at time t (years).
+
+Parameters
+----------
+t : float
+    Time in years; negative and non-finite times are accepted.
+
+Returns
+-------
+dict
+    Keys "type", "rate", "rate_properties", "segment_start",
+    "segment_end" and "time_queried"; a piecewise curve adds
+    "segment_index", "segment_duration" and "position_in_segment". A
+    boundary time belongs to the earlier segment; the last segment ends at
+    inf.
+
+Raises
+------
+TypeError
+    If `t` is a boolean or not a number.
+
+Examples
+--------
+>>> ir = InterestRate(terms=[2.0, 3.0], rates=[0.01, 0.02, 0.03])
+>>> info = ir.get_segment_info(2.0)
+>>> info["segment_index"], info["segment_start"], info["segment_end"]
+(0, 0.0, 2.0)
+)doc");
     cls.def("_curve_policy", &curve_policy, "Flags stating what the discount engine supports.");
     cls.def("_check_monotonicity", &monotonicity,
             "Shape of the rate sequence: constant, single_rate, increasing, decreasing or non_monotonic.");
     cls.def("validate", &validate,
-            R"doc(Machine-readable validation report (a dict; findings never raise).
+            R"doc(Machine-readable validation report of the curve; findings never raise.
 
-Constant curves are always "valid"; piecewise curves are "valid" or
-"warning" (gaps between boundaries); containers report every scenario.
+Returns
+-------
+dict
+    Constant curve: "type", "rate", "rate_properties", "curve_policy" and
+    "status" (always "valid"). Piecewise curve: "type", "structure",
+    "rates", "rate_statistics", "curve_policy", "actuarial_metrics" and
+    "status" ("valid", or "warning" when boundaries do not increase).
+    Scenario container: "scenarios" (each scenario's report),
+    "scenario_summary" and "cross_scenario_analysis".
+
+Examples
+--------
+>>> report = InterestRate(terms=[5, 5], rates=[0.02, 0.03, 0.04]).validate()
+>>> report["status"], report["actuarial_metrics"]["curve_monotonicity"]
+('valid', 'increasing')
 )doc");
     cls.def("curve_analysis", &curve_analysis,
-            "Summary of the curve: type, policy, rate properties and key discount factors.");
+            R"doc(Concise analytical summary of the curve, as native Python values.
+
+Returns
+-------
+dict
+    Constant curve: "type", "curve_policy", "rate", "rate_properties" and
+    "key_discount_factors" at 10 and 30 years. Piecewise curve: "type",
+    "curve_policy", "curve_length", "segment_count", "rate_range",
+    "rate_properties", "curve_properties" and "key_discount_factors" at 1,
+    5, 10 and 30 years. Scenario container: each scenario's summary by
+    name.
+
+Examples
+--------
+>>> InterestRate(0.03).curve_analysis()["key_discount_factors"]
+{'10y': 0.7440939148967249, '30y': 0.4119867595159064}
+)doc");
 }
 
 }  // namespace norvane::bindings

@@ -553,6 +553,32 @@ record_ids : array_like, optional
 Returns
 -------
 float, numpy.ndarray, dict or BatchResult
+    A float for one policy; a float64 array of shape (N,) for a portfolio;
+    a dict of cash flows with return_flows=True (for a portfolio the keys
+    "time_grid", "expected_cf", "pv_cf" and "total_pv"); a BatchResult
+    (``values`` with NaN for invalid records, ``errors`` a report) with
+    on_error="nan".
+
+Raises
+------
+TypeError
+    For positional or unknown arguments, and for booleans or non-numbers
+    where numbers are expected.
+ValueError
+    For negative or non-finite ts or d, a negative or NaN n, a frequency
+    not allowed, portfolio-only options (benefits, t_output, record_ids,
+    on_error="nan") used for one policy, mismatched portfolio lengths, or
+    cash-flow amounts that do not match the schedule.
+
+Examples
+--------
+>>> ir = InterestRate(0.03)
+>>> ir.a(n=10)
+8.5302028368
+>>> ir.ä(n=5)
+4.7170984028
+>>> ir.ä(n=[5.0, 10.0]).tolist()
+[4.7170984028, 8.7861089219]
 )doc";
 
 std::string annuity_doc(const char* kind, const char* when, bool with_times) {

@@ -498,6 +498,7 @@ int curve_traverse(PyObject* self, visitproc visit, void* arg) {
     for (const auto& value : ir->slot) Py_VISIT(value.ptr());
     for (const auto& value : ir->table_key) Py_VISIT(value.ptr());
     for (const auto& value : ir->hash_key) Py_VISIT(value.ptr());
+    Py_VISIT(ir->constant_key.ptr());
     return 0;
 }
 
@@ -507,6 +508,7 @@ int curve_clear(PyObject* self) {
     for (auto& value : ir->slot) value = nb::none();
     for (auto& value : ir->table_key) value = nb::none();
     for (auto& value : ir->hash_key) value = nb::none();
+    ir->constant_key = nb::none();
     ir->table.reset();
     return 0;
 }
@@ -544,10 +546,26 @@ CurveClass register_curve_model(nb::module_& m) {
         nb::arg("rates").none() = nb::none(), nb::arg("term_unit").none() = "years");
     cls.def(
         "__deepcopy__", [](nb::handle self, nb::handle memo) { return deep_copy(self, memo); }, nb::arg("memo"),
-        "Deep copy sharing the package Config and owning a new lock.");
+        "Deep copy for copy.deepcopy: shares the package Config and owns a new lock.");
     cls.def(
         "copy", [](nb::handle self) { return deep_copy(self, nb::dict()); },
-        "An independent deep copy of the curve (sharing the package Config).");
+        R"doc(Return an independent deep copy of the curve.
+
+Scenarios, metadata and caches are copied; only the package Config is
+shared, so the copy keeps following the package configuration.
+
+Returns
+-------
+InterestRate
+    A new curve equal to this one.
+
+Examples
+--------
+>>> ir = InterestRate(0.03)
+>>> twin = ir.copy()
+>>> twin is ir, twin == ir
+(False, True)
+)doc");
 
     cls.def_prop_rw(
         "active_scenario", [](InterestRate& ir) { return ir[ActiveScenario]; },
@@ -578,14 +596,43 @@ CurveClass register_curve_model(nb::module_& m) {
     cls.def("_to_years", &to_years, nb::arg("values"), nb::arg("unit").none(),
             "Term lengths in `unit` converted to years (a new float64 array).");
     cls.def("add_scenario", &add_scenario, nb::arg("name").none(), nb::arg("scenario").none(),
-            "Add (or replace) a named constant or piecewise scenario; the first added becomes active.");
+            R"doc(Add a named scenario, turning the curve into a scenario container.
+
+Parameters
+----------
+name : str
+    Scenario name. An existing name is replaced in place (same position,
+    active scenario unchanged).
+scenario : InterestRate
+    A constant or piecewise curve, stored as is (not copied).
+
+Returns
+-------
+None
+    The first scenario added to a single curve becomes active; from then
+    on the computing methods act on the active scenario.
+
+Raises
+------
+TypeError
+    If `scenario` is not an InterestRate.
+ValueError
+    If `scenario` has scenarios of its own (nesting is not allowed).
+
+Examples
+--------
+>>> ir = InterestRate(0.01)
+>>> ir.add_scenario("stress", InterestRate(0.03))
+>>> ir.active_scenario, ir.get_rate(1.0)
+('stress', 0.03)
+)doc");
 
     cls.def("__eq__", [](nb::handle self, nb::handle other) -> nb::object {
         if (!nb::isinstance<InterestRate>(other)) return nb::borrow(Py_NotImplemented);
         if (self.is(other)) return nb::bool_(true);
         return nb::bool_(curves_equal(nb::cast<InterestRate&>(self), nb::cast<InterestRate&>(other)));
-    });
-    cls.def("__hash__", &curve_hash);
+    }, "Equality by value (kind, rates, terms in years, scenarios, active scenario).");
+    cls.def("__hash__", &curve_hash, "Hash by value, consistent with ==.");
 
     cls.def_static(
         "_validate_rates_array",
@@ -612,8 +659,8 @@ CurveClass register_curve_model(nb::module_& m) {
     cls.def(
         "_survival_one", [](InterestRate&, nb::handle) { return 1.0; }, nb::arg("t").none(),
         "Survival function of a certain (non-life) annuity: 1.0 at every time.");
-    cls.def("__getstate__", &get_state);
-    cls.def("__setstate__", &set_state);
+    cls.def("__getstate__", &get_state, "Pickle state: the curve's data as a tuple (caches and lock are left out).");
+    cls.def("__setstate__", &set_state, "Restore a curve from __getstate__ output, rebuilding its caches and lock.");
     return cls;
 }
 

@@ -135,16 +135,29 @@ void ensure_prefix_products(InterestRate& ir) {
 
 // ---- discount factors -------------------------------------------------------
 
+// The constant rate of `ir` as a double with its logarithm and validity,
+// recomputed only when the `rate` slot holds another object.
+void refresh_constant(InterestRate& ir) {
+    if (ir.constant_key.is_valid() && ir.constant_key.is(ir[Rate])) return;
+    const nb::object& rate = ir[Rate];
+    double value = PyFloat_Check(rate.ptr()) ? PyFloat_AS_DOUBLE(rate.ptr()) : nb::cast<double>(nb::float_(rate));
+    ir.constant_rate = value;
+    ir.constant_log = std::log(1.0 + value);
+    ir.constant_valid = PyFloat_Check(rate.ptr()) && std::isfinite(value) && value > -1.0;
+    ir.constant_key = rate;
+}
+
 nb::object constant_discount(InterestRate& ir, const Durations& d, bool validate) {
     if (ir[Rate].is_none()) internal_error("Internal error: constant rate is None in discount_factor.");
-    if (validate) {
+    if (validate && !(ir.constant_key.is(ir[Rate]) && ir.constant_valid)) {
         validate_rate_value(ir[Rate], "");
         validate_rate_for_discount(nb::cast<double>(nb::float_(ir[Rate])), "");
     }
-    double rate = nb::cast<double>(nb::float_(ir[Rate]));
+    refresh_constant(ir);
+    const double rate = ir.constant_rate;
     if (rate == 0.0) return ones_like(d);
     if (d.is_scalar) {
-        double n = *values_of(d), v = core::constant_discount(rate, n);
+        double n = *values_of(d), v = core::constant_discount(rate, ir.constant_log, n);
         // Python's own float power where it differs from a real result: it
         // raises for 0 to a negative power and on overflow, and goes complex
         // for a negative base.
@@ -418,21 +431,125 @@ True
     cls.def("vx", &vx, nb::arg("x").none(), nb::arg("x0").none() = 0.0,
             R"doc(Discount factor v^(x - x0) between times x0 <= x (years).
 
-Both arguments are numbers or array-likes; one may have size 1. The factor
-is the curve's discount over the duration x - x0 measured from time 0.
+On a piecewise curve this is the discount over the duration x - x0
+measured from time 0 of the curve, not a forward factor between the curve
+times x0 and x.
+
+Parameters
+----------
+x : float or array_like
+    Later time(s) in years, >= 0.
+x0 : float or array_like, default 0.0
+    Earlier time(s) in years, >= 0. `x` and `x0` must have the same shape
+    or one of them size 1.
+
+Returns
+-------
+float or numpy.ndarray
+    A float when both are numbers, else a float64 array.
+
+Raises
+------
+TypeError
+    For booleans and non-numeric input.
+ValueError
+    If `x` or `x0` has negative values, the shapes are incompatible, or
+    some x < x0.
+
+Examples
+--------
+>>> ir = InterestRate(terms=[5, 5], rates=[0.02, 0.03, 0.04])
+>>> ir.vx(7, 2) == ir.vn(5) == 1.02 ** -5
+True
+>>> ir.vx(3, 3)
+1.0
 )doc");
     cls.def("sn", &sn, nb::arg("n").none(),
-            R"doc(Accumulation factor (1 + i)^n = 1 / v^n; infinite where v^n underflows to 0.)doc");
+            R"doc(Accumulation factor (1 + i)^n = 1 / v^n for durations in years.
+
+Parameters
+----------
+n : float or array_like
+    Durations in years, as for `vn`.
+
+Returns
+-------
+float or numpy.ndarray
+    A float for a number, else a float64 array. Infinite (without a
+    warning) where v^n underflows to 0.
+
+Raises
+------
+TypeError
+    For booleans and non-numeric input.
+
+Examples
+--------
+>>> ir = InterestRate(0.03)
+>>> ir.sn(2)
+1.0609
+>>> ir.sn(1e6)
+inf
+)doc");
     cls.def("get_rate", &get_rate, nb::arg("t").none(),
-            R"doc(Rate in force at time t (years): the constant rate, or the rate of the
-segment holding t (a boundary belongs to the segment ending there; times <= 0
-get the first rate, times past the last term the last rate). Scalar lookups
-on piecewise curves are cached.
+            R"doc(Effective annual rate in force at time t (years).
+
+On a piecewise curve a time exactly on a boundary belongs to the earlier
+segment (the one ending there), times <= 0 get the first rate and times past
+the last term the last rate. Scalar lookups on piecewise curves are cached.
+
+Parameters
+----------
+t : float or array_like
+    Time(s) in years.
+
+Returns
+-------
+float or numpy.ndarray
+    A float for a number, else a new float64 array.
+
+Raises
+------
+TypeError
+    For booleans and non-numeric input.
+
+Examples
+--------
+>>> ir = InterestRate(terms=[1.0, 2.0], rates=[0.01, 0.015, 0.02])
+>>> ir.get_rate(1.0)
+0.01
+>>> ir.get_rate([-1.0, 1.5, 5.0]).tolist()
+[0.01, 0.015, 0.02]
 )doc");
     cls.def(
         "shifted", [](nb::handle self, nb::handle ts) { return shifted(self, ts); }, nb::arg("ts").none(),
-        R"doc(The curve as seen from time ts (years): a new curve with the first ts
-years cut away (a constant curve past the last term). Never changes self.
+        R"doc(The curve as seen from time ts: a new curve with the first ts years cut away.
+
+Parameters
+----------
+ts : float
+    Shift in years.
+
+Returns
+-------
+InterestRate
+    A new curve with terms in years; never self, and self is unchanged. A
+    copy for ts <= 0 or a constant curve; a constant curve of the last rate
+    for ts at or past the end of the last term. A segment ending at ts
+    (within the curve's tolerance) is dropped.
+
+Raises
+------
+TypeError
+    If `ts` is a boolean or not a number.
+
+Examples
+--------
+>>> ir = InterestRate(terms=[5, 5], rates=[0.02, 0.03, 0.04])
+>>> ir.shifted(2.5)
+InterestRate(terms=[2.5 5. ], rates=[0.02 0.03 0.04])
+>>> ir.shifted(12)
+InterestRate(rate=0.040000)
 )doc");
     cls.def(
         "_ir_shifted_for_ts",

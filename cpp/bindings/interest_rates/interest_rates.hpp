@@ -76,6 +76,12 @@ struct InterestRate {
     // one of the arrays it was built from (held in table_key) is replaced.
     std::shared_ptr<const core::PiecewiseTable> table;
     std::array<nb::object, 3> table_key;
+    // The constant rate as a double, log(1 + rate) and whether it passes the
+    // rate checks, valid while the `rate` slot holds constant_key (floats are
+    // immutable, so the checks need not run again for the same object).
+    nb::object constant_key;
+    double constant_rate = 0.0, constant_log = 0.0;
+    bool constant_valid = false;
     // Hash of a piecewise curve, valid while _terms and _rates are hash_key.
     Py_hash_t cached_hash = -1;
     std::array<nb::object, 2> hash_key;

@@ -150,7 +150,31 @@ void register_metadata(nb::module_& m) {
             return from_dict(data, nb::none());
         },
         nb::arg("update").none() = nb::none(),
-        "A validated copy with the settings in `update` (a dict or None) replaced.");
+        R"doc(Return a validated copy with some settings replaced.
+
+Parameters
+----------
+update : dict or None, default None
+    Settings to replace, by field name; a key set to None resets that
+    setting to its default, and unknown keys are ignored.
+
+Returns
+-------
+_InterestRateMeta
+    A new instance, validated again; self is unchanged.
+
+Raises
+------
+TypeError
+    If `update` is neither a dict nor None, or a value has the wrong type.
+ValueError
+    If a resulting setting is invalid.
+
+Examples
+--------
+>>> _InterestRateMeta().model_copy({"description": "stress"}).description
+'stress'
+)doc");
     nb::object builtins = nb::module_::import_("builtins");
     cls.attr("from_msgpack_dict") = builtins.attr("classmethod")(nb::cpp_function(
         [](nb::handle cls_, nb::object data) {
@@ -162,7 +186,33 @@ void register_metadata(nb::module_& m) {
             for (std::size_t i = 1; i < Meta::kFields; ++i) kwargs[kMetaFieldNames[i]] = get(kMetaFieldNames[i]);
             return cls_(**kwargs);
         },
-        nb::arg("cls"), nb::arg("data")));
+        nb::arg("cls"), nb::arg("data"),
+        R"doc(Build an instance from a dict such as `to_msgpack_dict` returns.
+
+Parameters
+----------
+data : dict
+    Settings by field name; a missing key takes the constructor default
+    ("years" for term_unit), unknown keys are ignored.
+
+Returns
+-------
+_InterestRateMeta
+    A new, validated instance.
+
+Raises
+------
+TypeError
+    If `data` is not a dict, or a value has the wrong type.
+ValueError
+    If a setting is invalid.
+
+Examples
+--------
+>>> meta = _InterestRateMeta(description="base")
+>>> _InterestRateMeta.from_msgpack_dict(meta.to_msgpack_dict()) == meta
+True
+)doc"));
     cls.def("__eq__", [](const Meta& self, nb::handle other) -> nb::object {
         if (!nb::isinstance<Meta>(other)) return nb::borrow(Py_NotImplemented);
         return nb::bool_(dump(self).equal(dump(nb::cast<const Meta&>(other))));

@@ -186,25 +186,87 @@ void register_reporting(CurveClass& cls) {
         nb::arg("format").none() = "dict",
         R"doc(Serialise the curve.
 
-"dict" gives the curve data (piecewise terms and rates rounded to six
-decimals), "json" the same as JSON text indented by two, and "regulatory"
-the dict with an export timestamp, the curve policy and rate statistics.
-`InterestRate.from_export` reads a "dict", "json" or "regulatory" export back.
+Parameters
+----------
+format : {"dict", "json", "regulatory"}, default "dict"
+    "dict": the curve data (a constant rate at full precision, piecewise
+    terms and rates rounded to six decimals; a container maps each scenario
+    name to its dict). "json": the same as JSON text indented by two.
+    "regulatory": the dict plus an export timestamp, the curve policy and,
+    for a single curve, the rate statistics. Any other value acts as "dict".
+
+Returns
+-------
+dict or str
+    A str for "json", else a dict. `from_export` reads any of them back.
+
+Examples
+--------
+>>> InterestRate(0.03).export()
+{'type': 'constant', 'rate': 0.03}
+>>> print(InterestRate(terms=[1.0], rates=[0.01, 0.02]).export("json"))
+{
+  "type": "piecewise",
+  "terms": [
+    1.0
+  ],
+  "rates": [
+    0.01,
+    0.02
+  ]
+}
 )doc");
     cls.def("_get_current_timestamp", [](InterestRate&) { return timestamp(); },
             "Local wall-clock time as ISO 8601 text.");
     nb::object builtins = nb::module_::import_("builtins");
     cls.attr("from_export") = builtins.attr("classmethod")(nb::cpp_function(
         &from_export, nb::arg("cls"), nb::arg("payload").none(),
-        R"doc(Rebuild a curve from the dict or JSON text that `export` wrote.
+        R"doc(Rebuild a curve from the payload that `export` wrote.
 
-Constant, piecewise and multi-scenario payloads are accepted, in the "dict",
-"json" or "regulatory" format; a regulatory container export restores its
-active scenario. A malformed payload raises ValueError.
+Parameters
+----------
+payload : dict or str
+    A constant, piecewise or scenario-container export in the "dict",
+    "json" (str) or "regulatory" format; metadata entries are ignored,
+    except that a regulatory container export restores its active scenario.
+
+Returns
+-------
+InterestRate
+    A new curve equal to the exported one (up to the six-decimal rounding
+    of piecewise exports).
+
+Raises
+------
+TypeError
+    If `payload` is neither a dict nor a str.
+ValueError
+    If the payload is malformed: invalid JSON, missing keys, an unknown
+    curve type, or curve data the constructor refuses.
+
+Examples
+--------
+>>> ir = InterestRate(terms=[5, 5], rates=[0.02, 0.03, 0.04])
+>>> InterestRate.from_export(ir.export("json")) == ir
+True
 )doc"));
-    cls.def("__str__", &text);
-    cls.def("summary", &text, "The human-readable text of the curve (the same as str()).");
-    cls.def("__repr__", &representation);
+    cls.def("__str__", &text, "Human-readable text of the curve, flagging zero and negative rates.");
+    cls.def("summary", &text, R"doc(Human-readable text of the curve, the same as str(curve).
+
+Returns
+-------
+str
+    Rates shown to six decimals; zero and negative rates are called out, and
+    a scenario container lists each scenario on its own line.
+
+Examples
+--------
+>>> InterestRate(0.03).summary()
+'InterestRate: constant rate = 0.030000'
+>>> InterestRate(terms=[5], rates=[0.0, -0.01]).summary()
+'InterestRate: piecewise terms=[5.], rates=[ 0.   -0.01] (1 zero, 1 negative)'
+)doc");
+    cls.def("__repr__", &representation, "Concise developer form, such as InterestRate(rate=0.030000).");
 }
 
 }  // namespace norvane::bindings
