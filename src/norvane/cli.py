@@ -109,7 +109,10 @@ def _read_parquet(path: Path) -> tuple[dict[str, Sequence[Any]], int, list[str |
         raise InputError(f"{path}: not a readable Parquet file ({exc})") from None
     table: dict[str, Sequence[Any]] = {}
     for name in data.column_names:
-        table.setdefault(name.strip().lower(), data.column(name).to_pylist())
+        # Data frames write missing numbers as NaN: in Parquet a NaN is a missing cell,
+        # as it is for the Dask path, which reads the same files through pandas.
+        cells = [None if isinstance(x, float) and math.isnan(x) else x for x in data.column(name).to_pylist()]
+        table.setdefault(name.strip().lower(), cells)
     return table, data.num_rows, [None] * data.num_rows
 
 

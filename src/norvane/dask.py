@@ -29,14 +29,7 @@ import numpy as np
 import pandas as pd
 
 from .config import Config
-from .portfolio import (
-    Portfolio,
-    flow_years,
-    last_payment_year,
-    policies_from_table,
-    portfolio_flows,
-    value_portfolio,
-)
+from .portfolio import Portfolio, flow_years, last_payment_year, policies_from_table, portfolio_flows, value_portfolio
 
 __all__ = ["value_policies", "policy_flows"]
 
@@ -51,8 +44,23 @@ def _portfolio(frame: pd.DataFrame) -> Portfolio:
     return policies_from_table(table, count, [None] * count, "partition")
 
 
-def _value_partition(frame: pd.DataFrame, curve: Any, mode: str, with_errors: bool) -> pd.DataFrame:
-    values, errors = value_portfolio(curve, _portfolio(frame), mode)
+def _settings(mode: str | None) -> dict[str, Any]:
+    """The caller's valuation settings, applied in the workers (each has its own Config)."""
+    config = Config()
+    return {"calculation_mode": mode or config.calculation_mode,
+            "decimals": {"annuities": config.decimals.annuities},
+            "force_integer_ts": config.force_integer_ts}
+
+
+def _valued(frame: pd.DataFrame, curve: Any, settings: dict[str, Any]) -> tuple[Portfolio, np.ndarray, list]:
+    pf = _portfolio(frame)
+    with Config().override(**settings):
+        values, errors = value_portfolio(curve, pf, settings["calculation_mode"])
+    return pf, values, errors
+
+
+def _value_partition(frame: pd.DataFrame, curve: Any, settings: dict[str, Any], with_errors: bool) -> pd.DataFrame:
+    _, values, errors = _valued(frame, curve, settings)
     result = pd.DataFrame({"present_value": values}, index=frame.index)
     if with_errors:
         result["error"] = pd.Series(errors, index=frame.index, dtype="string")
@@ -76,6 +84,7 @@ def value_policies(policies: dd.DataFrame, curve: Any, *, mode: str | None = Non
         The valuation curve (shipped to the workers once).
     mode : str, optional
         Calculation mode; default ``Config().calculation_mode`` of the caller.
+        The caller's annuity rounding and integer-shift settings apply too.
     with_errors : bool, default False
         Also return an "error" column: the message of each invalid record
         (whose present value is NaN), None for valid ones.
@@ -85,27 +94,25 @@ def value_policies(policies: dd.DataFrame, curve: Any, *, mode: str | None = Non
     dask.dataframe.Series or dask.dataframe.DataFrame
         "present_value" (and "error"), aligned with the input's index.
     """
-    mode = mode or Config().calculation_mode
     meta = pd.DataFrame({"present_value": pd.Series(dtype="float64")})
     if with_errors:
         meta["error"] = pd.Series(dtype="string")
-    result = policies.map_partitions(_value_partition, _shipped(curve), mode, with_errors, meta=meta)
+    result = policies.map_partitions(_value_partition, _shipped(curve), _settings(mode), with_errors, meta=meta)
     return result if with_errors else result["present_value"]
 
 
-def _partition_horizon(frame: pd.DataFrame, curve: Any, mode: str) -> tuple[int, bool, int]:
-    pf = _portfolio(frame)
-    _, errors = value_portfolio(curve, pf, mode)
+def _partition_horizon(frame: pd.DataFrame, curve: Any, settings: dict[str, Any]) -> tuple[int, bool, int]:
+    pf, _, errors = _valued(frame, curve, settings)
     valid = np.array([e is None for e in errors], dtype=bool)
     last, perpetuities = last_payment_year(pf, valid) if valid.any() else (1, False)
     return last, perpetuities, int((~valid).sum())
 
 
-def _partition_flows(frame: pd.DataFrame, curve: Any, mode: str, years: int) -> dict[str, np.ndarray]:
-    pf = _portfolio(frame)
-    _, errors = value_portfolio(curve, pf, mode)
+def _partition_flows(frame: pd.DataFrame, curve: Any, settings: dict[str, Any], years: int) -> dict[str, np.ndarray]:
+    pf, _, errors = _valued(frame, curve, settings)
     valid = np.array([e is None for e in errors], dtype=bool)
-    return portfolio_flows(curve, pf, valid, mode, years)
+    with Config().override(**settings):
+        return portfolio_flows(curve, pf, valid, settings["calculation_mode"], years)
 
 
 def _add(a: dict[str, np.ndarray], b: dict[str, np.ndarray]) -> dict[str, np.ndarray]:
@@ -134,14 +141,14 @@ def policy_flows(policies: dd.DataFrame, curve: Any, *, mode: str | None = None,
         "year", "expected_cf" and "pv_cf" (arrays), "total_pv" (the sum of
         "pv_cf") and "invalid" (records skipped), reduced across partitions.
     """
-    mode = mode or Config().calculation_mode
+    settings = _settings(mode)
     curve_key = _shipped(curve)
     parts = policies.to_delayed()
-    horizons = dask.compute(*[dask.delayed(_partition_horizon)(p, curve_key, mode) for p in parts])
+    horizons = dask.compute(*[dask.delayed(_partition_horizon)(p, curve_key, settings) for p in parts])
     last = max((h[0] for h in horizons), default=1)
     perpetuities = any(h[1] for h in horizons)
     years = flow_years(last, perpetuities, horizon)
-    pieces = [dask.delayed(_partition_flows)(p, curve_key, mode, years) for p in parts]
+    pieces = [dask.delayed(_partition_flows)(p, curve_key, settings, years) for p in parts]
     while len(pieces) > 1:  # a tree reduction keeps each task's inputs small
         pieces = [dask.delayed(_add)(*pieces[i:i + 2]) if i + 1 < len(pieces) else pieces[i]
                   for i in range(0, len(pieces), 2)]
