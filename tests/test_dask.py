@@ -21,6 +21,7 @@ from norvane.portfolio import policies_from_table, value_portfolio
 
 distributed = pytest.importorskip("distributed")
 dd = pytest.importorskip("dask.dataframe")
+dask = pytest.importorskip("dask")
 pd, pa, pq = (pytest.importorskip(name) for name in ("pandas", "pyarrow", "pyarrow.parquet"))
 
 from dask.utils import key_split  # noqa: E402
@@ -223,3 +224,16 @@ def test_missing_cells_and_the_callers_rounding_as_in_a_single_process(client, t
         expected, _ = single_process(tmp_path / "b.parquet")
         got = value_policies(dd.read_parquet(tmp_path / "b.parquet"), CURVE).compute().to_numpy()
     assert np.array_equal(got, expected, equal_nan=True)
+
+
+def test_threads_of_one_process_keep_their_own_settings(book):
+    # Tasks on several threads of one process must each value under the settings of
+    # their own call, even though the configuration is process-wide.
+    policies = dd.read_parquet(book["dir"])
+    reference, _ = single_process(book["dir"], "discrete_simplified")
+    with dask.config.set(scheduler="threads", num_workers=4):
+        got = value_policies(policies, CURVE, mode="discrete_simplified").compute().to_numpy()
+        default = value_policies(policies, CURVE).compute().to_numpy()
+    assert np.array_equal(got, reference, equal_nan=True)
+    assert np.array_equal(default, book["values"], equal_nan=True)
+    assert Config().calculation_mode == "discrete_precision"

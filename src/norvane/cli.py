@@ -325,10 +325,8 @@ def run_value_dask(args: argparse.Namespace, curve: Any, curve_label: str, mode:
     if "term" not in policies.columns:
         raise InputError(f"{source}: no 'term' column")
     with _dask_client(args.dask, args.workers):
-        result = value_policies(policies, curve, mode=mode, with_errors=True)
-        if "id" in policies.columns:
-            result = result.assign(id=policies["id"].astype(str))[["id", "present_value", "error"]]
-        result = result.persist()
+        carry = ["id"] if "id" in policies.columns else []
+        result = value_policies(policies, curve, mode=mode, with_errors=True, carry=carry).persist()
         if args.output is not None:
             kind = _output_kind(args.output)
             if kind == "parquet":

@@ -21,6 +21,8 @@ Examples
 
 from __future__ import annotations
 
+import threading
+from collections.abc import Sequence
 from typing import Any
 
 import dask
@@ -34,12 +36,25 @@ from .portfolio import Portfolio, flow_years, last_payment_year, policies_from_t
 __all__ = ["value_policies", "policy_flows"]
 
 
+# Valuation settings live in the process-wide Config; tasks that run on several
+# threads of one worker take turns, so that each values under its own settings
+# (the native kernels use the cores themselves).
+_SETTINGS_LOCK = threading.Lock()
+
+
+def _column(series: pd.Series) -> Any:
+    """A partition's column as the table reader takes it: numbers as a float array
+    (NaN missing), anything else as cells with None for missing ones."""
+    if series.dtype.kind in "iu":
+        return series.to_numpy()
+    if series.dtype.kind == "f":
+        return series.to_numpy(dtype=np.float64, na_value=np.nan)
+    return series.astype(object).where(series.notna(), None).tolist()
+
+
 def _portfolio(frame: pd.DataFrame) -> Portfolio:
     """The policies of one partition; missing cells (NaN, None) are empty cells."""
-    table = {
-        str(name).strip().lower(): frame[name].astype(object).where(frame[name].notna(), None).tolist()
-        for name in frame.columns
-    }
+    table = {str(name).strip().lower(): _column(frame[name]) for name in frame.columns}
     count = len(frame)
     return policies_from_table(table, count, [None] * count, "partition")
 
@@ -54,14 +69,16 @@ def _settings(mode: str | None) -> dict[str, Any]:
 
 def _valued(frame: pd.DataFrame, curve: Any, settings: dict[str, Any]) -> tuple[Portfolio, np.ndarray, list]:
     pf = _portfolio(frame)
-    with Config().override(**settings):
+    with _SETTINGS_LOCK, Config().override(**settings):
         values, errors = value_portfolio(curve, pf, settings["calculation_mode"])
     return pf, values, errors
 
 
-def _value_partition(frame: pd.DataFrame, curve: Any, settings: dict[str, Any], with_errors: bool) -> pd.DataFrame:
+def _value_partition(frame: pd.DataFrame, curve: Any, settings: dict[str, Any], with_errors: bool,
+                     carry: Sequence[str]) -> pd.DataFrame:
     _, values, errors = _valued(frame, curve, settings)
-    result = pd.DataFrame({"present_value": values}, index=frame.index)
+    result = pd.DataFrame({name: frame[name] for name in carry}, index=frame.index)
+    result["present_value"] = values
     if with_errors:
         result["error"] = pd.Series(errors, index=frame.index, dtype="string")
     return result
@@ -73,7 +90,7 @@ def _shipped(curve: Any) -> Any:
 
 
 def value_policies(policies: dd.DataFrame, curve: Any, *, mode: str | None = None,
-                   with_errors: bool = False) -> dd.Series | dd.DataFrame:
+                   with_errors: bool = False, carry: Sequence[str] = ()) -> dd.Series | dd.DataFrame:
     """Present values of a Dask DataFrame of policies, partition by partition.
 
     Parameters
@@ -87,18 +104,25 @@ def value_policies(policies: dd.DataFrame, curve: Any, *, mode: str | None = Non
         The caller's annuity rounding and integer-shift settings apply too.
     with_errors : bool, default False
         Also return an "error" column: the message of each invalid record
-        (whose present value is NaN), None for valid ones.
+        (whose present value is NaN), missing for valid ones.
+    carry : sequence of str, default ()
+        Input columns (for example "id") to carry into the result, computed in
+        the same tasks as the values so that they share their partitions.
 
     Returns
     -------
     dask.dataframe.Series or dask.dataframe.DataFrame
-        "present_value" (and "error"), aligned with the input's index.
+        "present_value" alone, or a frame of the carried columns, "present_value"
+        (and "error"), aligned with the input's index.
     """
-    meta = pd.DataFrame({"present_value": pd.Series(dtype="float64")})
+    carry = list(carry)
+    meta = policies._meta[carry].copy() if carry else pd.DataFrame(index=policies._meta.index)
+    meta["present_value"] = pd.Series(dtype="float64")
     if with_errors:
         meta["error"] = pd.Series(dtype="string")
-    result = policies.map_partitions(_value_partition, _shipped(curve), _settings(mode), with_errors, meta=meta)
-    return result if with_errors else result["present_value"]
+    result = policies.map_partitions(_value_partition, _shipped(curve), _settings(mode), with_errors, carry,
+                                     meta=meta)
+    return result if (with_errors or carry) else result["present_value"]
 
 
 def _partition_horizon(frame: pd.DataFrame, curve: Any, settings: dict[str, Any]) -> tuple[int, bool, int]:
@@ -111,7 +135,7 @@ def _partition_horizon(frame: pd.DataFrame, curve: Any, settings: dict[str, Any]
 def _partition_flows(frame: pd.DataFrame, curve: Any, settings: dict[str, Any], years: int) -> dict[str, np.ndarray]:
     pf, _, errors = _valued(frame, curve, settings)
     valid = np.array([e is None for e in errors], dtype=bool)
-    with Config().override(**settings):
+    with _SETTINGS_LOCK, Config().override(**settings):
         return portfolio_flows(curve, pf, valid, settings["calculation_mode"], years)
 
 

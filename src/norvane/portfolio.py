@@ -67,6 +67,11 @@ def _note(errors: list[str | None], i: int, message: str) -> None:
         errors[i] = message
 
 
+def _shown(cell: Any) -> str:
+    """A cell as messages show it: the repr of its plain Python value."""
+    return repr(cell.item() if isinstance(cell, np.generic) else cell)
+
+
 def _number(cell: Any) -> float | None:
     try:
         return float(cell)
@@ -79,13 +84,18 @@ def _floats(raw: Sequence[Any] | None, count: int, default: float, column: str,
     """A column as float64 with the default for empty cells, and the mask of given cells."""
     if raw is None:
         return np.full(count, default), np.zeros(count, dtype=bool)
+    if isinstance(raw, np.ndarray) and raw.dtype.kind in "fiu":
+        # A numeric column of a data frame: NaN is its missing value.
+        values = raw.astype(np.float64, copy=False)
+        given = ~np.isnan(values)
+        return np.where(given, values, default), given
     cells = [x.strip() if isinstance(x, str) else x for x in raw]
     given = [not (c is None or c == "") for c in cells]
     parsed = [_number(c) if g else default for c, g in zip(cells, given)]
     for i, value in enumerate(parsed):
         if value is None:
             parsed[i] = default
-            _note(errors, i, f"{column} is not a number, got {raw[i]!r}")
+            _note(errors, i, f"{column} is not a number, got {_shown(raw[i])}")
     return np.array(parsed, dtype=float), np.array(given, dtype=bool)
 
 
@@ -108,19 +118,19 @@ def policies_from_table(table: dict[str, Sequence[Any]], count: int, defects: li
     allowed = np.isin(freq, _ALLOWED_PAYMENT_FREQUENCIES)
     for i in np.flatnonzero(~allowed):
         _note(errors, i, f"frequency must be one of {_ALLOWED_PAYMENT_FREQUENCIES}, "
-                         f"got {table['frequency'][i]!r}")
+                         f"got {_shown(table['frequency'][i])}")
     frequency = np.where(allowed, freq, 1).astype(np.int64)
 
     growth, has_growth = _floats(table.get("growth"), count, math.nan, "growth", errors)
     bad = has_growth & ~(np.isfinite(growth) & (growth > -1.0))
     for i in np.flatnonzero(bad):
-        _note(errors, i, f"growth must be a finite rate above -1, got {table['growth'][i]!r}")
+        _note(errors, i, f"growth must be a finite rate above -1, got {_shown(table['growth'][i])}")
     growth[~has_growth | bad] = math.nan
 
     benefit, _ = _floats(table.get("benefit"), count, 1.0, "benefit", errors)
     bad = ~(np.isfinite(benefit) & (benefit >= 0.0))
     for i in np.flatnonzero(bad):
-        _note(errors, i, f"benefit must be a finite amount >= 0, got {table['benefit'][i]!r}")
+        _note(errors, i, f"benefit must be a finite amount >= 0, got {_shown(table['benefit'][i])}")
     benefit[bad] = 0.0
 
     due = np.ones(count, dtype=bool)
