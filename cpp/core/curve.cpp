@@ -67,27 +67,33 @@ inline double exp_any(double x) { return exp_core_in_range(x) ? exp_core(x) : st
 // (1 ** x is 1). Those results come out NaN and are redone as pow.
 inline bool needs_pow(double v) { return v != v; }
 
-// e^x over a block; cloned for AVX2 where the CPU has it (the same IEEE
-// operations either way, so results do not depend on the machine).
-__attribute__((target_clones("avx2", "default"))) void exp_block(const double* x, double* y, std::size_t len) {
-    for (std::size_t i = 0; i < len; ++i) y[i] = exp_core(x[i]);
+// out = scale * e^x over a block, exactly 1.0 for durations <= 0 when asked,
+// in one vectorised pass; returns whether any element needs the exact
+// fallback (exp out of its range, or a NaN from a special power). Cloned for
+// AVX-512 and AVX2 where the CPU has them: the same IEEE operations either
+// way, so results do not depend on the machine.
+__attribute__((target_clones("avx512f", "avx2", "default"))) bool scaled_exp_block(
+    const double* n, const double* x, const double* scale, double* out, std::size_t len, bool nonpositive_is_one) {
+    // Written without branches (no short-circuit operators) so that it vectorises.
+    // n <= NaN is never true: without the rule no element is replaced.
+    const double floor = nonpositive_is_one ? 0.0 : std::numeric_limits<double>::quiet_NaN();
+    unsigned special = 0;
+    for (std::size_t i = 0; i < len; ++i) {
+        const double v = scale[i] * exp_core(x[i]);
+        special |= static_cast<unsigned>(!(x[i] >= kExpLow)) | static_cast<unsigned>(!(x[i] <= kExpHigh)) |
+                   static_cast<unsigned>(v != v);
+        out[i] = n[i] <= floor ? 1.0 : v;
+    }
+    return special != 0;
 }
 
-// Shared tail of the array kernels: out = scale * e^x, exactly 1.0 for
-// durations <= 0 when asked, in one branch-free pass; the rare elements the
-// fast form cannot give (exp out of range, special powers) are redone after.
+// Shared tail of the array kernels: the vectorised pass, then the rare
+// elements the fast form cannot give redone with the library functions.
 // `pow_form(i)` recomputes element i as a power.
 template <typename PowForm>
 void finish_block(const double* n, const double* x, const double* scale, double* out, std::size_t len,
                   bool nonpositive_is_one, PowForm pow_form) {
-    exp_block(x, out, len);
-    bool special = false;
-    for (std::size_t i = 0; i < len; ++i) {
-        double v = scale[i] * out[i];
-        special |= !exp_core_in_range(x[i]) | (v != v);
-        out[i] = (nonpositive_is_one && n[i] <= 0.0) ? 1.0 : v;
-    }
-    if (!special) return;
+    if (!scaled_exp_block(n, x, scale, out, len, nonpositive_is_one)) return;
     for (std::size_t i = 0; i < len; ++i) {
         if (exp_core_in_range(x[i]) && out[i] == out[i]) continue;
         double v = scale[i] * std::exp(x[i]);
