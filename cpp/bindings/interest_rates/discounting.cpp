@@ -374,10 +374,6 @@ std::shared_ptr<const core::PiecewiseTable> valuation_table(InterestRate& ir) {
     return table_of(ir);
 }
 
-namespace {
-
-}  // namespace
-
 void register_discounting(nb::module_& m, CurveClass& cls) {
     cls.def(
         "_dfn",
