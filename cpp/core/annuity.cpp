@@ -328,7 +328,8 @@ struct TripletHash {
 // Bit pattern of a value with -0.0 folded into 0.0, so equal numbers share a key.
 std::uint64_t key_of(double x) { return std::bit_cast<std::uint64_t>(x == 0.0 ? 0.0 : x); }
 
-// The annuity a policy stands for at its valuation time (none for a zero term).
+}  // namespace
+
 std::optional<Annuity> policy_annuity(double n, double d, double ts, const PortfolioTerms& p) {
     const double elapsed = std::max(0.0, ts - d), d_eff = std::max(0.0, d - ts);
     const double term = std::isinf(n) ? p.perpetuity_n_eff : n;
@@ -339,8 +340,6 @@ std::optional<Annuity> policy_annuity(double n, double d, double ts, const Portf
     if (total - static_cast<double>(size) > p.tolerance_eps) ++size;  // a remainder within the tolerance is noise
     return Annuity{d_eff, n_eff, size, p.m, p.timing, p.growth};
 }
-
-}  // namespace
 
 void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::span<const double> d,
                       std::span<const double> ts, std::span<const double> benefits, const PortfolioTerms& terms,

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <unordered_map>
 #include <vector>
@@ -140,6 +141,14 @@ struct PortfolioTerms {
     double perpetuity_n_eff = 1000.0;
     int decimals = 10;
 };
+
+// The annuity a policy stands for at valuation time ts (years since
+// inception), deferment d and term n (infinite: perpetuity over
+// perpetuity_n_eff years): elapsed = max(0, ts - d), d_eff = max(0, d - ts),
+// n_eff = max(0, n - elapsed), and one payment per period of n_eff * m, plus
+// one for a remainder above tolerance_eps (a pro-rata last payment). None
+// when no term is left.
+std::optional<Annuity> policy_annuity(double n, double d, double ts, const PortfolioTerms& terms);
 
 // Unit present values of a portfolio at valuation times ts (years since
 // inception), deferments d and terms n (infinite: perpetuity), each rounded to
