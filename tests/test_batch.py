@@ -232,6 +232,19 @@ def test_woolhouse_without_fractional_grids():
     np.testing.assert_allclose(pv, [1.0, 1.7, 0.4, 0.45])
 
 
+@pytest.mark.parametrize("coef", ["abc", None, [1.0], b"1"])
+def test_woolhouse_coefficient_must_be_a_number(coef):
+    with pytest.raises(TypeError, match="coef_immediate"):
+        _woolhouse_flows_to_grid(woolhouse(coef_immediate=coef), 1)
+
+
+@pytest.mark.parametrize("gr", ["x", {}, b"1", True, object()])
+@pytest.mark.parametrize("method", ["a", "ä"])
+def test_batch_growth_must_be_a_growth_rate_or_number(ir, method, gr):
+    with pytest.raises(TypeError, match=r"^\[InterestRate\." + method + r"\] 'gr': "):
+        call(ir, method, n=[1.0, 2.0], gr=gr)
+
+
 @pytest.mark.parametrize("drop", ["coef_immediate", "due", "immediate", "fractional", "fractional_tail", "due.present_value"])
 def test_woolhouse_missing_keys(drop):
     flows = woolhouse()

@@ -383,6 +383,7 @@ def test_equality_and_hash(make_a, make_b, equal):
     if equal:
         assert hash(a) == hash(b) and {a: "hit"}[b] == "hit"
     assert a.__eq__(0.03) is NotImplemented and a != 0.03 and not a == "x"
+    assert a.__eq__(None) is NotImplemented and a != None and None != a and a in [None, a]  # noqa: E711
 
 
 @pytest.mark.parametrize("make", FORMS.values(), ids=FORMS.keys())

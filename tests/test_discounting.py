@@ -296,6 +296,15 @@ def test_sn_accumulates_and_overflows_quietly():
         assert out[1] == INF and close(out[0], 1.2) and make(PW).sn([[1e6]]).tolist() == [[INF]]
 
 
+@pytest.mark.parametrize("rate, n", [(0.03, -1e308), (0.03, -2.0**70), (-0.5, 1e308), (-0.5, 2**70)])
+@pytest.mark.parametrize("wrap", [lambda r: r, lambda r: {"s": r}], ids=["curve", "scenario"])
+def test_sn_overflow_follows_the_float_power(rate, n, wrap):
+    with pytest.raises(OverflowError):
+        (1.0 + rate) ** -n
+    with pytest.raises(OverflowError):
+        InterestRate(wrap(rate)).sn(n)
+
+
 # ---------------------------------------------------------------- rate lookup and its cache
 
 STEPS = ((1.0, 2.0), (0.01, 0.015, 0.02))

@@ -217,11 +217,12 @@ def test_nan_subsets_and_record_ids():
 
 def test_benefits():
     assert h._validate_benefits(None, 2, A) is None
-    assert h._validate_benefits(3.0, 3, A).tolist() == h._validate_benefits([3], 3, A).tolist() == [3.0] * 3
+    assert h._validate_benefits(3.0, 3, A).tolist() == [3.0] * 3  # a single number applies to every policy
     src = np.array([1.0, 0.0])
     h._validate_benefits(src, 2, A)[0] = 99.0  # a new array, never the caller's
     assert src[0] == 1.0
-    for bad, exc, text in (([1, 2, 3], ValueError, "expected 2, got 3"), ([1, -1], ValueError, "index 1, got -1.0"),
+    for bad, exc, text in (([1, 2, 3], ValueError, "expected 2, got 3"), ([1], ValueError, "expected 2, got 1"),
+                           ([1, -1], ValueError, "index 1, got -1.0"),
                            ([NAN, 1], ValueError, "index 0, got nan"), ([True, 1], TypeError, "real numbers")):
         with pytest.raises(exc, match=r"^\[InterestRate\.a\] 'benefits' .*" + re.escape(text)):
             h._validate_benefits(bad, 2, A)

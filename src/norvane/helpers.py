@@ -771,8 +771,8 @@ def _validate_benefits(benefits: Any, N: int, method_name: str) -> F64Array | No
     Parameters
     ----------
     benefits : sequence, array, Series, scalar or None
-        One finite non-negative weight per policy; a single value (scalar or
-        length 1) applies to every policy.
+        One finite non-negative weight per policy; a single number applies
+        to every policy.
     N : int
         Batch size.
 
@@ -786,7 +786,7 @@ def _validate_benefits(benefits: Any, N: int, method_name: str) -> F64Array | No
     TypeError
         For non-numeric values.
     ValueError
-        For more than one dimension, a length other than N or 1, or a value
+        For more than one dimension, a sequence whose length is not N, or a value
         that is negative or not finite.
     """
     if benefits is None:
@@ -797,8 +797,8 @@ def _validate_benefits(benefits: Any, N: int, method_name: str) -> F64Array | No
         raise TypeError(_prefixed(method_name, "'benefits' must contain real numbers.")) from None
     if arr.ndim > 1:
         raise ValueError(_prefixed(method_name, "'benefits' must be one-dimensional."))
-    if arr.size == 1:
-        arr = np.full(N, arr.reshape(-1)[0], dtype=np.float64)
+    if arr.ndim == 0:
+        arr = np.full(N, arr.item(), dtype=np.float64)
     elif arr.shape[0] != N:
         raise ValueError(
             _prefixed(method_name, f"'benefits' must have one value per policy: expected {N}, got {arr.shape[0]}.")

@@ -23,11 +23,6 @@ bool is_constant(InterestRate& ir) { return truthy(active_curve(ir)[IsConstant])
 
 double as_double(nb::handle h) { return nb::cast<double>(nb::float_(h)); }
 
-nb::object python_op(PyObject* result) {
-    if (!result) nb::raise_python_error();
-    return nb::steal(result);
-}
-
 // (array, is_scalar) from the package validator.
 std::pair<nb::object, bool> validated(nb::handle value, const char* method, const char* name) {
     nb::tuple checked = nb::borrow<nb::tuple>(refs().validate_numeric_input(
@@ -94,7 +89,7 @@ nb::object delta(InterestRate& self, nb::handle t) {
     auto view = nb::cast<nb::ndarray<double, nb::c_contig, nb::device::cpu>>(rates);
     std::span<double> r(view.data(), view.size());
     if (std::any_of(r.begin(), r.end(), [](double x) { return x <= -1.0; })) {
-        nb::object positions = numpy().attr("where")(python_op(PyObject_RichCompare(rates.ptr(), nb::float_(-1.0).ptr(), Py_LE)))[0];
+        nb::object positions = numpy().attr("where")(checked(PyObject_RichCompare(rates.ptr(), nb::float_(-1.0).ptr(), Py_LE)))[0];
         throw nb::value_error(("Rates ≤ -1 at indices " + py_str(positions)).c_str());
     }
     for (double& x : r) x = x == 0.0 ? 0.0 : std::log(1.0 + x);
@@ -104,8 +99,8 @@ nb::object delta(InterestRate& self, nb::handle t) {
 nb::object average_force(InterestRate& self, nb::handle n) {
     if (has_scenarios(self)) return average_force(active_curve(self), n);
     if (!is_numeric(n)) throw nb::type_error("Duration n must be numeric");
-    if (truthy(python_op(PyObject_RichCompare(n.ptr(), nb::int_(0).ptr(), Py_LE)))) {
-        std::string shown = py_str(python_op(PyObject_Format(n.ptr(), nb::str("").ptr())));
+    if (truthy(checked(PyObject_RichCompare(n.ptr(), nb::int_(0).ptr(), Py_LE)))) {
+        std::string shown = py_str(checked(PyObject_Format(n.ptr(), nb::str("").ptr())));
         throw nb::value_error(("Duration n must be positive per actuarial practice, got " + shown).c_str());
     }
     double v = as_double(vn_impl(self, n, "n", true));
@@ -114,7 +109,7 @@ nb::object average_force(InterestRate& self, nb::handle n) {
                                " ≤ 0 results in undefined average force per actuarial standards").c_str());
     if (v == 1.0) return nb::float_(0.0);
     // Divided by the caller's own n, as given.
-    return nb::float_(python_op(PyNumber_TrueDivide(nb::float_(-std::log(v)).ptr(), n.ptr())));
+    return nb::float_(checked(PyNumber_TrueDivide(nb::float_(-std::log(v)).ptr(), n.ptr())));
 }
 
 // ---- nominal and effective rates --------------------------------------------------
@@ -127,7 +122,7 @@ nb::object nominal_rate(InterestRate& self, nb::handle m_in, nb::handle t, Nomin
     nb::object m = refs().validate_scalar_numeric(m_in, "m", interest ? "InterestRate.i_m" : "InterestRate.d_m",
                                                   refs().integer_types, refs().int_type);
     if (!PyLong_CheckExact(m.ptr())) m = nb::int_(m);
-    if (truthy(python_op(PyObject_RichCompare(m.ptr(), nb::int_(0).ptr(), Py_LE))))
+    if (truthy(checked(PyObject_RichCompare(m.ptr(), nb::int_(0).ptr(), Py_LE))))
         throw nb::value_error(("m must be a positive integer, got " + py_str(m)).c_str());
     if (!is_numeric(t)) throw nb::type_error(("t must be numeric, got " + type_name_of(t)).c_str());
     double t_f = as_double(t);
@@ -148,18 +143,18 @@ nb::object nominal_rate(InterestRate& self, nb::handle m_in, nb::handle t, Nomin
 }
 
 nb::object effective_rate(InterestRate& self, nb::handle t_start, nb::handle t_end) {
-    if (truthy(python_op(PyObject_RichCompare(t_end.ptr(), t_start.ptr(), Py_LE))))
+    if (truthy(checked(PyObject_RichCompare(t_end.ptr(), t_start.ptr(), Py_LE))))
         throw nb::value_error("t_end must be greater than t_start");
-    nb::object tau = python_op(PyNumber_Subtract(t_end.ptr(), t_start.ptr()));
+    nb::object tau = checked(PyNumber_Subtract(t_end.ptr(), t_start.ptr()));
     double v_start = as_double(vx(self, t_start, nb::float_(0.0)));
     double v_end = as_double(vx(self, t_end, nb::float_(0.0)));
     if (v_start == 0.0) throw nb::value_error("Cannot compute effective rate: discount factor at t_start is zero");
     if (v_end == 0.0) throw nb::value_error("Cannot compute effective rate: discount factor at t_end is zero");
     double ratio = v_end / v_start;
     if (ratio == 1.0) return nb::float_(0.0);
-    nb::object exponent = python_op(PyNumber_TrueDivide(nb::float_(-1.0).ptr(), tau.ptr()));
-    nb::object power = python_op(PyNumber_Power(nb::float_(ratio).ptr(), exponent.ptr(), Py_None));
-    return nb::float_(python_op(PyNumber_Subtract(power.ptr(), nb::float_(1.0).ptr())));
+    nb::object exponent = checked(PyNumber_TrueDivide(nb::float_(-1.0).ptr(), tau.ptr()));
+    nb::object power = checked(PyNumber_Power(nb::float_(ratio).ptr(), exponent.ptr(), Py_None));
+    return nb::float_(checked(PyNumber_Subtract(power.ptr(), nb::float_(1.0).ptr())));
 }
 
 // ---- segment information ----------------------------------------------------------
@@ -252,7 +247,7 @@ nb::dict cross_scenario_analysis(InterestRate& ir) {
     nb::object lo = np_item("min", array), hi = np_item("max", array);
     cross["min_rate"] = lo;
     cross["max_rate"] = hi;
-    cross["rate_spread"] = python_op(PyNumber_Subtract(hi.ptr(), lo.ptr()));
+    cross["rate_spread"] = checked(PyNumber_Subtract(hi.ptr(), lo.ptr()));
     return cross;
 }
 
@@ -359,7 +354,7 @@ nb::dict curve_analysis(InterestRate& ir) {
     nb::dict range, properties, shape;
     range["min"] = lo;
     range["max"] = hi;
-    range["spread"] = python_op(PyNumber_Subtract(hi.ptr(), lo.ptr()));
+    range["spread"] = checked(PyNumber_Subtract(hi.ptr(), lo.ptr()));
     properties["zero_count"] = zeros;
     properties["negative_count"] = negatives;
     properties["positive_count"] = count_if(rates, is_positive);

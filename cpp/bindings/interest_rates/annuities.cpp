@@ -20,7 +20,7 @@ struct Siblings {
     nb::object dispatch_table, annuity_dispatcher, zero_flows;
     nb::object map_none_to_inf, len_or_1, benefits_check, batch_param_check, collect_errors, resolve_m;
     nb::object m_for_recurse, coerce_ids, group_indices, finalize_pv, aggregate, batch_result, error_report;
-    nb::object growth_rate, np, own_entries, portfolio_values;
+    nb::object np, own_entries, portfolio_values;
 };
 
 const Siblings& siblings() {
@@ -54,7 +54,6 @@ const Siblings& siblings() {
         r->aggregate = m.attr("_aggregate_flow_parts");
         r->batch_result = m.attr("BatchResult");
         r->error_report = m.attr("BatchErrorReport");
-        r->growth_rate = m.attr("GrowthRate");
         r->np = nb::module_::import_("numpy");
         r->own_entries = nb::module_::import_("norvane.engine.annuity").attr("_OWN_ENTRIES");
         r->portfolio_values = nb::module_::import_("norvane._kernels").attr("portfolio_values");
@@ -328,8 +327,7 @@ nb::object batch_financial(nb::handle self, nb::handle n_arr, nb::handle d_arr, 
                            nb::handle t_output, const std::string& method_name) {
     const Siblings& S = siblings();
     const long m = nb::cast<long>(nb::int_(m_in));
-    nb::object gr = nb::borrow(gr_in);
-    if (!gr.is_none() && is_numeric(gr)) gr = S.growth_rate(gr);
+    nb::object gr = S.resolve_gr(gr_in, method_name);
     nb::object mode = self.attr("calculation_mode");
     if (native_portfolio(mode, cashflow_times, cashflow_amounts, return_flows))
         return native_values(self, n_arr, d_arr, ts_arr, m, gr, payment_timing, mode, decimals, benefits_arr);
@@ -360,7 +358,7 @@ nb::object batch_financial(nb::handle self, nb::handle n_arr, nb::handle d_arr, 
     nb::module_ module = nb::module_::import_("norvane.interest_rates");
     nb::list parts;
     for (std::size_t k = 0; k < groups; ++k) {
-        nb::object mask = nb::steal(PyObject_RichCompare(inverse.ptr(), nb::int_(k).ptr(), Py_EQ));
+        nb::object mask = checked(PyObject_RichCompare(inverse.ptr(), nb::int_(k).ptr(), Py_EQ));
         nb::object weight = benefits_arr.is_none() ? nb::object(S.np.attr("count_nonzero")(mask))
                                                    : nb::object(benefits_arr[mask].attr("sum")());
         nb::object flows = value_group(k, true);
@@ -468,7 +466,12 @@ nb::tuple woolhouse_flows_to_grid(nb::handle flows, nb::handle n_policies) {
     const Siblings& S = siblings();
     nb::object np = S.np;
     nb::dict f = nb::borrow<nb::dict>(flows);
-    double coef = nb::cast<double>(nb::float_(f.contains("coef_due") ? f["coef_due"] : f["coef_immediate"]));
+    const char* coef_key = f.contains("coef_due") ? "coef_due" : "coef_immediate";
+    nb::object coef_value = f[coef_key];
+    if (!is_numeric(coef_value))
+        throw nb::type_error(("_woolhouse_flows_to_grid(): flows['" + std::string(coef_key) +
+                              "'] must be a real number, got " + type_name_of(coef_value)).c_str());
+    double coef = nb::cast<double>(nb::float_(coef_value));
     nb::object due = f["due"], immediate = f["immediate"], fractional = f["fractional"], tail = f["fractional_tail"];
     auto grid_of = [&](nb::handle component) {
         return nb::borrow<nb::dict>(component).contains("time_grid") ? component_array(component, "time_grid")
@@ -501,7 +504,7 @@ nb::tuple woolhouse_flows_to_grid(nb::handle flows, nb::handle n_policies) {
     auto reconstructed = [&](nb::handle component) {
         nb::object values = component_array(component, "present_value");
         nb::object factors = component_array(component, "discount_factor");
-        nb::object positive = nb::steal(PyObject_RichCompare(factors.ptr(), nb::float_(0.0).ptr(), Py_GT));
+        nb::object positive = checked(PyObject_RichCompare(factors.ptr(), nb::float_(0.0).ptr(), Py_GT));
         nb::object safe = np.attr("where")(positive, factors, 1.0);
         return std::make_pair(nb::object(np.attr("where")(positive, values / safe, 0.0)), values);
     };

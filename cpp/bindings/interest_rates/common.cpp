@@ -38,6 +38,11 @@ void init_refs(nb::module_& m) {
     g_refs = r;
 }
 
+nb::object checked(PyObject* result) {
+    if (!result) nb::raise_python_error();
+    return nb::steal(result);
+}
+
 std::string py_str(nb::handle h) { return nb::str(h).c_str(); }
 std::string py_repr(nb::handle h) { return nb::repr(h).c_str(); }
 std::string type_name_of(nb::handle h) { return nb::type_name(h.type()).c_str(); }

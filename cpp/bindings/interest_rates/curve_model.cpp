@@ -77,9 +77,7 @@ array([5., 5.])
 
 // Rich comparison without the identity shortcut, so that NaN != NaN.
 bool py_compare(nb::handle a, nb::handle b, int op) {
-    PyObject* res = PyObject_RichCompare(a.ptr(), b.ptr(), op);
-    if (!res) nb::raise_python_error();
-    return truthy(nb::steal(res));
+    return truthy(checked(PyObject_RichCompare(a.ptr(), b.ptr(), op)));
 }
 
 nb::object as_f64(nb::handle x) { return refs().as_f64_safe(x); }
@@ -153,7 +151,7 @@ nb::object to_years(InterestRate& ir, nb::handle values, nb::handle unit) {
     bool weeks = nb::isinstance<nb::str>(unit) && std::string_view(nb::borrow<nb::str>(unit).c_str()) == "weeks";
     double factor = term_unit_factor(unit, ir[Config], days ? meta.field[DaysPerYear] : nb::none(),
                                      weeks ? meta.field[WeeksPerYear] : nb::none());
-    return nb::steal(PyNumber_Multiply(as_f64(values).ptr(), nb::float_(factor).ptr()));
+    return checked(PyNumber_Multiply(as_f64(values).ptr(), nb::float_(factor).ptr()));
 }
 
 // ---- setters ------------------------------------------------------------
@@ -400,7 +398,7 @@ void validate_rate_value(nb::handle rate, const std::string& context) {
     bool finite;
     if (PyLong_Check(rate.ptr())) {
         nb::object max = refs().max_float64;
-        nb::object min = nb::steal(PyNumber_Negative(max.ptr()));
+        nb::object min = checked(PyNumber_Negative(max.ptr()));
         finite = !py_compare(rate, max, Py_GT) && !py_compare(rate, min, Py_LT);
     } else {
         finite = std::isfinite(nb::cast<double>(nb::float_(rate)));
@@ -416,7 +414,7 @@ void validate_rate_for_discount(double r, const std::string& context) {
 
 void validate_rate_for_force(nb::handle rate, const std::string& context) {
     if (!py_compare(rate, nb::float_(-1.0), Py_LE)) return;
-    std::string shown = nb::steal<nb::str>(PyObject_Format(rate.ptr(), nb::str("").ptr())).c_str();
+    std::string shown = py_str(checked(PyObject_Format(rate.ptr(), nb::str("").ptr())));
     value_error("Cannot calculate force of interest: rate " + shown + " ≤ -1" + context +
                 " would make ln(1 + i) undefined per actuarial standards");
 }
@@ -431,7 +429,7 @@ InterestRate& active_curve(InterestRate& ir) {
 nb::object deep_copy(nb::handle self, nb::handle memo) {
     nb::handle cls = self.type();
     nb::object result = blank_instance(cls);
-    memo[nb::steal(PyLong_FromVoidPtr(self.ptr()))] = result;
+    memo[checked(PyLong_FromVoidPtr(self.ptr()))] = result;
     nb::handle get = reinterpret_cast<PyObject*>(&PyBaseObject_Type);
     nb::object getattribute = get.attr("__getattribute__"), setattribute = get.attr("__setattr__");
     for (nb::handle klass : cls.attr("__mro__")) {
@@ -631,7 +629,7 @@ Examples
         if (!nb::isinstance<InterestRate>(other)) return nb::borrow(Py_NotImplemented);
         if (self.is(other)) return nb::bool_(true);
         return nb::bool_(curves_equal(nb::cast<InterestRate&>(self), nb::cast<InterestRate&>(other)));
-    }, "Equality by value (kind, rates, terms in years, scenarios, active scenario).");
+    }, nb::arg("other").none(), "Equality by value (kind, rates, terms in years, scenarios, active scenario).");
     cls.def("__hash__", &curve_hash, "Hash by value, consistent with ==.");
 
     cls.def_static(

@@ -162,7 +162,7 @@ nb::object constant_discount(InterestRate& ir, const Durations& d, bool validate
         // raises for 0 to a negative power and on overflow, and goes complex
         // for a negative base.
         if (1.0 + rate <= 0.0 || (std::isinf(v) && std::isfinite(n)))
-            return nb::steal(PyNumber_Power(nb::float_(1.0 + rate).ptr(), nb::float_(-n).ptr(), Py_None));
+            return checked(PyNumber_Power(nb::float_(1.0 + rate).ptr(), nb::float_(-n).ptr(), Py_None));
         return nb::float_(v);
     }
     return finish(d, [rate](const double* n, double* out, std::size_t k) {
@@ -272,8 +272,7 @@ nb::object as_returned(const Times& t) {
 
 nb::object vx(InterestRate& ir, nb::handle x_in, nb::handle x0_in) {
     auto [x, x0] = validate_x_and_x0(x_in, x0_in);
-    nb::object difference = nb::steal(PyNumber_Subtract(as_returned(x).ptr(), as_returned(x0).ptr()));
-    if (!difference.is_valid()) nb::raise_python_error();
+    nb::object difference = checked(PyNumber_Subtract(as_returned(x).ptr(), as_returned(x0).ptr()));
     return vn_impl(ir, difference, "x - x0", false);
 }
 

@@ -39,6 +39,10 @@ void init_refs(nb::module_& m);
 
 // ---- small conversions -----------------------------------------------------
 
+// The new reference a C-API call returned, or the Python error it set raised
+// as a C++ exception: every C-API call that can fail goes through this.
+nb::object checked(PyObject* result);
+
 std::string py_str(nb::handle h);
 std::string py_repr(nb::handle h);
 std::string type_name_of(nb::handle h);  // type(h).__name__

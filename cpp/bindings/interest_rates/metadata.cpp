@@ -216,7 +216,7 @@ True
     cls.def("__eq__", [](const Meta& self, nb::handle other) -> nb::object {
         if (!nb::isinstance<Meta>(other)) return nb::borrow(Py_NotImplemented);
         return nb::bool_(dump(self).equal(dump(nb::cast<const Meta&>(other))));
-    });
+    }, nb::arg("other").none());
     cls.attr("__hash__") = nb::none();
     cls.def("__repr__", [](const Meta& self) {
         std::string out = "_InterestRateMeta(";
