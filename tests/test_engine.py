@@ -374,34 +374,39 @@ def test_kernel_curve(curve):
     starts, ends = np.array([0.0, 1.5, 5.5, 6.0]), np.array([2.5, 1.5, 9.0, 6.75])
     np.testing.assert_allclose(c.interval_values(starts, ends),
                                [pw_integral(curve, a, b) for a, b in zip(starts, ends)], rtol=1e-13)
-    # continuous growth steps at origin + 1, origin + 2, ...
-    want = math.fsum(1.02 ** j * pw_integral(curve, max(0.75, 0.25 + j), min(0.25 + j + 1, 8.6)) for j in range(9))
-    close(c.continuous_value(a=0.75, b=8.6, origin=0.25, growth_kind="geometric", growth_rate=0.02), want)
-    # regular payments 3..19 of a quarterly immediate schedule from 1.5, plus a pro-rata one at 7.0
-    kw = {"start": 1.5, "m": 4, "timing": 1, "first": 3, "count": 17, "growth_kind": "geometric",
-          "growth_rate": 0.02, "partial_fraction": 0.4, "partial_time": 7.0, "partial_index": 20}
-    pays = [(1.5 + (k + 1) / 4, 1.02 ** (k // 4) / 4) for k in range(3, 20)] + [(7.0, 0.4 * 1.02 ** 5 / 4)]
-    times, amounts = _kernels.schedule_payments(**kw)
-    np.testing.assert_allclose(times, [t for t, _ in pays], rtol=1e-15)
-    np.testing.assert_allclose(amounts, [a for _, a in pays], rtol=1e-15)
-    close(c.schedule_value(**kw), math.fsum(a * pw_v(curve, t) for t, a in pays))
+    # a quarterly immediate schedule from 1.5 over 5.1 years: 20 regular payments and a pro-rata one at 6.6
+    annuity = _kernels.Annuity(d=1.5, n=5.1, payments_size=21, m=4, timing=1, growth_kind="geometric",
+                               growth_rate=0.02)
+    pays = [(1.5 + (k + 1) / 4, 1.02 ** (k // 4) / 4) for k in range(20)] + [(6.6, 0.4 * 1.02 ** 5 / 4)]
+    times, amounts = annuity.payments(3)
+    np.testing.assert_allclose(times, [t for t, _ in pays[3:]], rtol=1e-15)
+    np.testing.assert_allclose(amounts, [a for _, a in pays[3:]], rtol=1e-13)  # 5.1 * 4 is 20.4 less 1.4e-15
+    close(c.annuity_value(annuity, "discrete_precision"), math.fsum(a * pw_v(curve, t) for t, a in pays))
+    # continuous payments: growth steps at d + 1, d + 2, ...
+    want = math.fsum(1.02 ** j * pw_integral(curve, 1.5 + j, min(2.5 + j, 6.6)) for j in range(6))
+    close(c.annuity_value(annuity, "continuous_precision"), want)
+    starts, ends, growth = annuity.intervals(18)
+    np.testing.assert_allclose(np.c_[starts, ends, growth], [[6.0, 6.25, 1.02 ** 4], [6.25, 6.5, 1.02 ** 4],
+                                                             [6.5, 6.6, 1.02 ** 5]], rtol=1e-15)
 
 
-SCHEDULE = {"start": 0.0, "m": 12, "timing": 0, "first": 0, "count": 5}
+ANNUITY = {"d": 0.0, "n": 5.0, "payments_size": 60, "m": 12, "timing": 0}
 CONST = _kernels.Curve(np.array([I]), np.empty(0), np.empty(0))
 
 
 @pytest.mark.parametrize("call", [
-    lambda: CONST.schedule_value(**{**SCHEDULE, "m": 0}),
-    lambda: _kernels.schedule_payments(**{**SCHEDULE, "m": 0}),
-    lambda: CONST.schedule_value(**{**SCHEDULE, "timing": 2}),
-    lambda: _kernels.schedule_payments(**{**SCHEDULE, "growth_kind": "linear"}),
+    lambda: _kernels.Annuity(**{**ANNUITY, "m": 0}),
+    lambda: _kernels.Annuity(**{**ANNUITY, "timing": 2}),
+    lambda: _kernels.Annuity(**ANNUITY, growth_kind="linear"),
+    lambda: _kernels.Annuity(**{**ANNUITY, "n": -1.0}),
+    lambda: _kernels.Annuity(**{**ANNUITY, "n": 1e300}),
+    lambda: _kernels.payment_count(1e300, 12, 1e-12),
     lambda: CONST.interval_values(np.zeros(2), np.ones(3)),
     lambda: _kernels.Curve(np.array([0.01, 0.02]), np.array([1.0]), np.empty(0)),
     lambda: _kernels.Curve(np.array([0.01]), np.array([1.0]), np.array([1.0])),
     lambda: _kernels.Curve(np.empty(0), np.empty(0), np.empty(0)),
-], ids=["m0-value", "m0-payments", "timing", "growth-kind", "interval-lengths", "ends-length", "rates-length",
-        "no-rates"])
+], ids=["m0", "timing", "growth-kind", "negative-term", "too-many-payments", "count-too-many",
+        "interval-lengths", "ends-length", "rates-length", "no-rates"])
 def test_kernel_bad_arguments_raise_value_error(call):
     with pytest.raises(ValueError):
         call()

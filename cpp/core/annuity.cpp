@@ -46,14 +46,6 @@ double Growth::factor(std::size_t year) const {
     }
 }
 
-PiecewiseTable make_table(std::span<const double> rates, std::span<const double> terms,
-                          std::span<const double> ends) {
-    std::vector<double> one_plus(rates.size()), full(terms.size()), prefix(terms.size());
-    core::one_plus(rates, one_plus);
-    segment_discount_products(std::span<const double>(one_plus).first(terms.size()), terms, full, prefix);
-    return PiecewiseTable(rates, ends, prefix);
-}
-
 namespace {
 
 // The loop over the regular payments, from `at` up to payment `end`. Each
@@ -203,9 +195,34 @@ double continuous_value(const PiecewiseTable& curve, double a, double b, double 
     return total;
 }
 
+// ---- the rules of a policy ------------------------------------------------------
+
+TermAtValuation term_at_valuation(double n, double d, double ts) {
+    const double elapsed = std::max(0.0, ts - d);
+    return {elapsed, std::max(0.0, d - ts), std::max(0.0, n - elapsed)};
+}
+
+PaymentCount payment_count(double n, std::size_t m, double tolerance) {
+    const double total = n * static_cast<double>(m);
+    const double whole = std::floor(total);
+    PaymentCount count{static_cast<std::size_t>(whole), total - whole};
+    if (count.fraction > tolerance) ++count.size;
+    return count;
+}
+
+double woolhouse_weight(std::size_t m, bool continuous) {
+    return continuous ? 0.5 : static_cast<double>(m - 1) / (2.0 * static_cast<double>(m));
+}
+
+double round_like_numpy(double value, int decimals) {
+    if (!std::isfinite(value)) return value;
+    const double scale = std::pow(10.0, decimals);
+    return std::nearbyint(value * scale) / scale;
+}
+
 Schedule Annuity::schedule() const {
     const double total = n * static_cast<double>(m);
-    const std::size_t whole = static_cast<std::size_t>(total);
+    const std::size_t whole = static_cast<std::size_t>(std::floor(total));
     const bool partial = payments_size > whole;
     Schedule s;
     s.start = d;
@@ -215,11 +232,32 @@ Schedule Annuity::schedule() const {
     s.growth = growth;
     s.has_partial = partial;
     s.partial_fraction = partial ? total - static_cast<double>(whole) : 0.0;
-    // A pro-rata payment is made at the start of its period (due) or at the end of the term.
     s.partial_time = timing == 0 ? d + static_cast<double>(s.count) / static_cast<double>(m) : d + n;
     s.partial_index = s.count;
     return s;
 }
+
+std::optional<Annuity> policy_annuity(double n, double d, double ts, const PolicyTerms& p) {
+    const TermAtValuation at = term_at_valuation(std::isinf(n) ? p.perpetuity_n_eff : n, d, ts);
+    if (at.term == 0.0) return std::nullopt;
+    return Annuity{at.deferment, at.term, payment_count(at.term, p.m, p.tolerance_eps).size, p.m, p.timing, p.growth};
+}
+
+WoolhouseParts woolhouse_parts(const Annuity& annuity, bool continuous) {
+    const Schedule full = annuity.schedule();
+    WoolhouseParts parts{full, full, full, woolhouse_weight(full.m, continuous)};
+    parts.due.m = 1;
+    parts.due.timing = 0;
+    parts.due.count = full.count / full.m;
+    parts.due.has_partial = false;
+    parts.immediate = parts.due;
+    parts.immediate.timing = 1;
+    parts.fraction.first = parts.due.count * full.m;
+    parts.fraction.count = full.count - parts.fraction.first;
+    return parts;
+}
+
+// ---- values of an annuity ----------------------------------------------------------
 
 namespace {
 
@@ -227,37 +265,17 @@ double sum_of(const PiecewiseTable& curve, const ScheduleSums* sums, const Sched
     return sums ? sums->value(s) : schedule_value(curve, s);
 }
 
-// The annual due and immediate schedules over the whole years.
-std::pair<Schedule, Schedule> annual_schedules(const Annuity& annuity) {
-    const Schedule full = annuity.schedule();
-    Schedule annual = full;
-    annual.m = 1;
-    annual.first = 0;
-    annual.count = full.count / full.m;
-    annual.has_partial = false;
-    annual.timing = 0;
-    Schedule immediate = annual;
-    immediate.timing = 1;
-    return {annual, immediate};
-}
-
 double woolhouse_value(const PiecewiseTable& curve, const Annuity& annuity, bool continuous,
                        const ScheduleSums* sums) {
-    const Schedule full = annuity.schedule();
-    const std::size_t years = full.count / full.m;
-    const auto [annual_due, annual_immediate] = annual_schedules(annuity);
-    const double due = sum_of(curve, sums, annual_due);
-    const double immediate = sum_of(curve, sums, annual_immediate);
-    const double c = continuous ? 0.5 : static_cast<double>(full.m - 1) / (2.0 * static_cast<double>(full.m));
-    const double annual_value = annuity.timing == 0 ? (1.0 - c) * due + c * immediate : c * due + (1.0 - c) * immediate;
+    const WoolhouseParts parts = woolhouse_parts(annuity, continuous);
+    const double due = sum_of(curve, sums, parts.due), immediate = sum_of(curve, sums, parts.immediate);
+    const double c = parts.weight;
+    const double annual = annuity.timing == 0 ? (1.0 - c) * due + c * immediate : c * due + (1.0 - c) * immediate;
     if (continuous) {
-        const double start = annuity.d + static_cast<double>(years);
-        return annual_value + continuous_value(curve, start, annuity.d + annuity.n, annuity.d, annuity.growth);
+        const double start = annuity.d + static_cast<double>(parts.due.count);
+        return annual + continuous_value(curve, start, annuity.d + annuity.n, annuity.d, annuity.growth);
     }
-    Schedule fraction = full;
-    fraction.first = years * full.m;
-    fraction.count = full.count - fraction.first;
-    return annual_value + schedule_value(curve, fraction);
+    return annual + schedule_value(curve, parts.fraction);
 }
 
 }  // namespace
@@ -277,116 +295,10 @@ void reserve_schedules(const Annuity& annuity, Mode mode, ScheduleSums& sums) {
     if (mode == Mode::DiscretePrecision) {
         sums.reserve(annuity.schedule());
     } else if (mode != Mode::ContinuousPrecision) {
-        const auto [due, immediate] = annual_schedules(annuity);
-        sums.reserve(due);
-        sums.reserve(immediate);
+        const WoolhouseParts parts = woolhouse_parts(annuity, false);
+        sums.reserve(parts.due);
+        sums.reserve(parts.immediate);
     }
-}
-
-CurveArrays shifted_arrays(const CurveArrays& curve, double ts, double eps) {
-    if (curve.ends.empty() || ts <= eps) return curve;
-    const auto& ends = curve.ends;
-    const auto& terms = curve.terms;
-    const auto& rates = curve.rates;
-    CurveArrays constant{{rates.back()}, {}, {}};
-    if (ts >= ends.back()) return constant;
-    const std::size_t k = std::lower_bound(ends.begin(), ends.end(), ts) - ends.begin();
-    const double start = k > 0 ? ends[k - 1] : 0.0;
-    const double remaining = terms[k] - (ts - start);
-    CurveArrays out;
-    if (remaining <= eps) {
-        out.terms.assign(terms.begin() + k + 1, terms.end());
-        out.rates.assign(rates.begin() + k + 1, rates.end());
-    } else {
-        out.terms.push_back(remaining);
-        out.terms.insert(out.terms.end(), terms.begin() + k + 1, terms.end());
-        out.rates.assign(rates.begin() + k, rates.end());
-    }
-    if (out.terms.empty()) return constant;
-    out.ends.resize(out.terms.size());
-    cumulative_sum(out.terms, out.ends);
-    return out;
-}
-
-double round_like_numpy(double value, int decimals) {
-    if (!std::isfinite(value)) return value;
-    const double scale = std::pow(10.0, decimals);
-    return std::nearbyint(value * scale) / scale;
-}
-
-namespace {
-
-struct TripletHash {
-    std::size_t operator()(const std::array<std::uint64_t, 3>& key) const {
-        std::uint64_t h = key[0] * 0x9E3779B97F4A7C15ull;
-        h ^= key[1] + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
-        h ^= key[2] + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
-        return static_cast<std::size_t>(h);
-    }
-};
-
-// Bit pattern of a value with -0.0 folded into 0.0, so equal numbers share a key.
-std::uint64_t key_of(double x) { return std::bit_cast<std::uint64_t>(x == 0.0 ? 0.0 : x); }
-
-}  // namespace
-
-std::optional<Annuity> policy_annuity(double n, double d, double ts, const PortfolioTerms& p) {
-    const double elapsed = std::max(0.0, ts - d), d_eff = std::max(0.0, d - ts);
-    const double term = std::isinf(n) ? p.perpetuity_n_eff : n;
-    const double n_eff = std::max(0.0, term - elapsed);
-    if (n_eff == 0.0) return std::nullopt;
-    const double total = n_eff * static_cast<double>(p.m);
-    std::size_t size = static_cast<std::size_t>(total);
-    if (total - static_cast<double>(size) > p.tolerance_eps) ++size;  // a remainder within the tolerance is noise
-    return Annuity{d_eff, n_eff, size, p.m, p.timing, p.growth};
-}
-
-void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::span<const double> d,
-                      std::span<const double> ts, std::span<const double> benefits, const PortfolioTerms& terms,
-                      std::span<double> out) {
-    const std::size_t count = n.size();
-    std::unordered_map<std::array<std::uint64_t, 3>, std::uint32_t, TripletHash> group_of;
-    std::vector<std::uint32_t> group(count);
-    std::vector<std::array<double, 3>> rows;
-    for (std::size_t i = 0; i < count; ++i) {
-        auto [it, added] = group_of.try_emplace({key_of(n[i]), key_of(d[i]), key_of(ts[i])},
-                                                static_cast<std::uint32_t>(rows.size()));
-        if (added) rows.push_back({n[i], d[i], ts[i]});
-        group[i] = it->second;
-    }
-    // One shifted curve per distinct shift, each with the sums its schedules share.
-    std::unordered_map<std::uint64_t, std::size_t> curve_of;
-    std::vector<PiecewiseTable> curves;
-    std::vector<std::size_t> row_curve(rows.size());
-    for (std::size_t r = 0; r < rows.size(); ++r) {
-        auto [it, added] = curve_of.try_emplace(key_of(rows[r][2]), curves.size());
-        if (added) {
-            CurveArrays seen = shifted_arrays(curve, rows[r][2], terms.tolerance_eps);
-            curves.push_back(make_table(seen.rates, seen.terms, seen.ends));
-        }
-        row_curve[r] = it->second;
-    }
-    std::vector<ScheduleSums> sums;
-    sums.reserve(curves.size());
-    for (const auto& table : curves) sums.emplace_back(table);
-    std::vector<std::optional<Annuity>> annuities(rows.size());
-    for (std::size_t r = 0; r < rows.size(); ++r) {
-        annuities[r] = policy_annuity(rows[r][0], rows[r][1], rows[r][2], terms);
-        if (annuities[r]) reserve_schedules(*annuities[r], terms.mode, sums[row_curve[r]]);
-    }
-    parallel_for(sums.size(), 1, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t c = begin; c < end; ++c) sums[c].build();
-    });
-    std::vector<double> unit(rows.size());
-    parallel_for(rows.size(), 1024, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t r = begin; r < end; ++r) {
-            const auto& annuity = annuities[r];
-            const std::size_t c = row_curve[r];
-            unit[r] = annuity ? round_like_numpy(annuity_value(curves[c], *annuity, terms.mode, &sums[c]), terms.decimals)
-                              : 0.0;
-        }
-    });
-    for (std::size_t i = 0; i < count; ++i) out[i] = benefits.empty() ? unit[group[i]] : unit[group[i]] * benefits[i];
 }
 
 }  // namespace norvane::core

@@ -1,5 +1,7 @@
-// Payment-schedule sums on a curve: exact, closed form per curve segment and
-// growth year where the amounts allow it.
+// Annuities on a curve: the rules that turn a policy into a payment schedule,
+// and the schedule's value, exact and closed form per curve segment and
+// growth year where the amounts allow it. Each rule is written here once;
+// every route to a value (single call, engine entry, portfolio, life) uses it.
 #pragma once
 
 #include "core/curve.hpp"
@@ -41,10 +43,76 @@ struct Schedule {
     double amount(std::size_t k) const { return growth.factor(k / m) / static_cast<double>(m); }
 };
 
-// A curve built from its rates, segment lengths and ends, the way the curve
-// object builds its own tables (so discount factors agree with it exactly).
-PiecewiseTable make_table(std::span<const double> rates, std::span<const double> terms,
-                          std::span<const double> ends);
+// ---- the rules of a policy ------------------------------------------------------
+
+// A policy valued at ts (years since inception) with deferment d and term n:
+// the time already elapsed in payment, the deferment still to run and the
+// term still to run, each floored at 0.
+struct TermAtValuation {
+    double elapsed, deferment, term;
+};
+TermAtValuation term_at_valuation(double n, double d, double ts);
+
+// Payments in a term of n years at m a year: the whole periods, plus one
+// pro-rata payment when the remainder exceeds `tolerance` (a smaller one is
+// floating-point noise).
+struct PaymentCount {
+    std::size_t size;  // payments, the pro-rata one included
+    double fraction;   // n m minus the whole periods
+};
+// Terms whose payments cannot be counted exactly in a double are refused.
+inline constexpr double kMaxPayments = 9007199254740992.0;  // 2^53
+PaymentCount payment_count(double n, std::size_t m, double tolerance);
+
+// Woolhouse's weight of the annual immediate payments in an m-thly annuity-due,
+// (m - 1) / (2m); its limit 1/2 for continuous payments.
+double woolhouse_weight(std::size_t m, bool continuous);
+
+// np.round(value, decimals): scale, round half to even, unscale.
+double round_like_numpy(double value, int decimals);
+
+// An annuity of 1 a year payable m-thly, as seen from the valuation time:
+// deferment, remaining term and payment count (one more than the whole
+// periods when the schedule ends with a pro-rata payment).
+struct Annuity {
+    double d = 0.0, n = 0.0;
+    std::size_t payments_size = 0;
+    std::size_t m = 1;
+    int timing = 0;
+    Growth growth;
+
+    // The full schedule. A pro-rata last payment is made at the start of its
+    // period (due) or at the end of the term (immediate).
+    Schedule schedule() const;
+};
+
+// Everything that is common to the policies of a portfolio group.
+enum class Mode { DiscretePrecision, DiscreteSimplified, ContinuousPrecision, ContinuousSimplified };
+struct PolicyTerms {
+    std::size_t m = 1;
+    int timing = 0;
+    Growth growth;
+    Mode mode = Mode::DiscretePrecision;
+    double tolerance_eps = 1e-12;      // payment count and shift tolerance
+    double perpetuity_n_eff = 1000.0;  // horizon of a perpetuity (infinite n)
+    int decimals = 10;
+};
+
+// The annuity a policy (term n, infinite for a perpetuity; deferment d;
+// valuation time ts) stands for; none when no term is left.
+std::optional<Annuity> policy_annuity(double n, double d, double ts, const PolicyTerms& terms);
+
+// The parts of Woolhouse's approximation: annual due and immediate payments
+// over the whole years (weighted 1 - c and c for due, c and 1 - c for
+// immediate, c = woolhouse_weight), and the payments of the final fraction of
+// a year (m-thly ones and the pro-rata one), which are valued exactly.
+struct WoolhouseParts {
+    Schedule due, immediate, fraction;
+    double weight;
+};
+WoolhouseParts woolhouse_parts(const Annuity& annuity, bool continuous);
+
+// ---- values -----------------------------------------------------------------------
 
 // Present value of the whole schedule. Level and geometric amounts are summed
 // as geometric series per run of payments inside one segment and one year,
@@ -93,73 +161,17 @@ void schedule_payments(const Schedule& s, std::vector<double>& times, std::vecto
 // [a, b]; growth steps at origin + 1, origin + 2, ...
 double continuous_value(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth);
 
-// The four calculation modes of an annuity of 1 a year payable m-thly.
-enum class Mode { DiscretePrecision, DiscreteSimplified, ContinuousPrecision, ContinuousSimplified };
-
-// An annuity as the dispatcher prepares it: deferment and remaining term from
-// the valuation time, the payment count (one more than the whole periods when
-// the schedule ends with a pro-rata payment), frequency, timing and growth.
-struct Annuity {
-    double d = 0.0, n = 0.0;
-    std::size_t payments_size = 0;
-    std::size_t m = 1;
-    int timing = 0;
-    Growth growth;
-
-    // The full schedule: regular payments and the optional pro-rata one.
-    Schedule schedule() const;
-};
-
 // Present value (unrounded) with certain survival:
 // - DiscretePrecision: the exact sum over the schedule;
-// - DiscreteSimplified: Woolhouse on the whole years, due (1-c) ä + c a and
-//   immediate c ä + (1-c) a with c = (m-1)/(2m), plus the payments of the final
-//   fraction of a year valued exactly (m = 1 gives the exact sum);
+// - DiscreteSimplified: Woolhouse on the whole years plus the payments of the
+//   final fraction of a year valued exactly (m = 1 gives the exact sum);
 // - ContinuousPrecision: the integral of v(t) times growth over [d, d + n];
 // - ContinuousSimplified: (ä + a) / 2 on the whole years plus the final
 //   fraction's integral.
 double annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode,
                      const ScheduleSums* sums = nullptr);
 
-// The arrays of a curve (m rates, m-1 segment lengths and their ends).
-struct CurveArrays {
-    std::vector<double> rates, terms, ends;
-};
-
-// The curve seen from time ts: the first ts years cut away. A segment whose
-// remainder is within `eps` is dropped; past the last end only the last rate
-// is left (a constant curve). A shift within `eps` is no shift.
-CurveArrays shifted_arrays(const CurveArrays& curve, double ts, double eps);
-
-// Settings shared by every policy of a portfolio group.
-struct PortfolioTerms {
-    std::size_t m = 1;
-    int timing = 0;
-    Growth growth;
-    Mode mode = Mode::DiscretePrecision;
-    double tolerance_eps = 1e-12;  // payment count and shift tolerance
-    double perpetuity_n_eff = 1000.0;
-    int decimals = 10;
-};
-
-// The annuity a policy stands for at valuation time ts (years since
-// inception), deferment d and term n (infinite: perpetuity over
-// perpetuity_n_eff years): elapsed = max(0, ts - d), d_eff = max(0, d - ts),
-// n_eff = max(0, n - elapsed), and one payment per period of n_eff * m, plus
-// one for a remainder above tolerance_eps (a pro-rata last payment). None
-// when no term is left.
-std::optional<Annuity> policy_annuity(double n, double d, double ts, const PortfolioTerms& terms);
-
-// Unit present values of a portfolio at valuation times ts (years since
-// inception), deferments d and terms n (infinite: perpetuity), each rounded to
-// `decimals` as np.round does, then multiplied by the benefit when given. Each
-// distinct (n, d, ts) is valued once (hash grouping), each distinct ts shifts
-// the curve once.
-void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::span<const double> d,
-                      std::span<const double> ts, std::span<const double> benefits, const PortfolioTerms& terms,
-                      std::span<double> out);
-
-// np.round(value, decimals): scale, round half to even, unscale.
-double round_like_numpy(double value, int decimals);
+// Reserves in `sums` the schedules annuity_value(curve, annuity, mode, &sums) reads.
+void reserve_schedules(const Annuity& annuity, Mode mode, ScheduleSums& sums);
 
 }  // namespace norvane::core

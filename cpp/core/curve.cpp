@@ -239,4 +239,32 @@ void constant_discount(double rate, std::span<const double> n, std::span<double>
     });
 }
 
+PiecewiseTable discount_table(const CurveArrays& curve) {
+    const std::size_t segments = curve.terms.size();
+    std::vector<double> q(curve.rates.size()), full(segments), prefix(segments);
+    one_plus(curve.rates, q);
+    segment_discount_products(std::span<const double>(q).first(segments), curve.terms, full, prefix);
+    return PiecewiseTable(curve.rates, curve.ends, prefix);
+}
+
+CurveArrays shifted(const CurveArrays& curve, double ts, double eps) {
+    if (curve.ends.empty() || ts <= eps) return curve;
+    const auto& ends = curve.ends;
+    const auto& terms = curve.terms;
+    const auto& rates = curve.rates;
+    const CurveArrays constant{{rates.back()}, {}, {}};
+    if (!(ts < ends.back())) return constant;
+    const std::size_t k = std::lower_bound(ends.begin(), ends.end(), ts) - ends.begin();
+    const double remaining = terms[k] - (ts - (k > 0 ? ends[k - 1] : 0.0));
+    CurveArrays out;
+    if (remaining > eps) out.terms.push_back(remaining);
+    const std::size_t kept = remaining > eps ? k : k + 1;  // first rate that survives
+    out.terms.insert(out.terms.end(), terms.begin() + static_cast<std::ptrdiff_t>(k + 1), terms.end());
+    out.rates.assign(rates.begin() + static_cast<std::ptrdiff_t>(kept), rates.end());
+    if (out.terms.empty()) return constant;
+    out.ends.resize(out.terms.size());
+    cumulative_sum(out.terms, out.ends);
+    return out;
+}
+
 }  // namespace norvane::core

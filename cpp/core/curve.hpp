@@ -102,4 +102,20 @@ double constant_discount(double rate, double n);
 double constant_discount(double rate, double log_base, double n);
 void constant_discount(double rate, std::span<const double> n, std::span<double> out);
 
+// The arrays of a curve: m rates, m-1 segment lengths and their ends (one
+// rate and no segments for a constant curve).
+struct CurveArrays {
+    std::vector<double> rates, terms, ends;
+};
+
+// The discount table of a curve, built the way the curve object builds its
+// own prefix products, so that discount factors agree with it exactly.
+PiecewiseTable discount_table(const CurveArrays& curve);
+
+// The curve seen from time ts: the first ts years cut away. The segment
+// holding ts keeps its remainder, unless that is within `eps` (a ts on a
+// boundary drops the segment ending there); at or past the last end only the
+// last rate is left (a constant curve). A shift within `eps` is no shift.
+CurveArrays shifted(const CurveArrays& curve, double ts, double eps);
+
 }  // namespace norvane::core

@@ -7,30 +7,10 @@ from numpy.typing import NDArray
 
 # Input arrays must be one-dimensional, C-contiguous float64 arrays.
 
-class Curve:
+class Annuity:
     def __init__(
-        self, rates: NDArray[np.float64], terms: NDArray[np.float64], ends: NDArray[np.float64]
-    ) -> None: ...
-    def discount(self, times: NDArray[np.float64]) -> NDArray[np.float64]: ...
-    def schedule_value(
         self,
         *,
-        start: float,
-        m: int,
-        timing: int,
-        first: int,
-        count: int,
-        growth_kind: Literal["level", "geometric", "arithmetic"] = "level",
-        growth_rate: float = 0.0,
-        partial_fraction: float = 0.0,
-        partial_time: float = 0.0,
-        partial_index: int = 0,
-    ) -> float: ...
-    def interval_values(self, starts: NDArray[np.float64], ends: NDArray[np.float64]) -> NDArray[np.float64]: ...
-    def annuity_value(
-        self,
-        *,
-        mode: Literal["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"],
         d: float,
         n: float,
         payments_size: int,
@@ -38,16 +18,28 @@ class Curve:
         timing: int,
         growth_kind: Literal["level", "geometric", "arithmetic"] = "level",
         growth_rate: float = 0.0,
-    ) -> float: ...
-    def continuous_value(
+    ) -> None: ...
+    @property
+    def whole_years(self) -> int: ...
+    def payments(self, first: int = 0) -> tuple[NDArray[np.float64], NDArray[np.float64]]: ...
+    def intervals(self, first: int = 0) -> tuple[NDArray[np.float64], NDArray[np.float64], NDArray[np.float64]]: ...
+    def woolhouse_parts(self, continuous: bool) -> dict[str, object]: ...
+
+class Curve:
+    def __init__(self, rates: NDArray[np.float64], terms: NDArray[np.float64], ends: NDArray[np.float64]) -> None: ...
+    def discount(self, times: NDArray[np.float64]) -> NDArray[np.float64]: ...
+    def interval_values(self, starts: NDArray[np.float64], ends: NDArray[np.float64]) -> NDArray[np.float64]: ...
+    def annuity_value(
         self,
-        a: float,
-        b: float,
-        origin: float,
-        growth_kind: Literal["level", "geometric", "arithmetic"] = "level",
-        growth_rate: float = 0.0,
+        annuity: Annuity,
+        mode: Literal["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"],
+        decimals: int | None = None,
     ) -> float: ...
 
+def term_at_valuation(n: float, d: float, ts: float) -> tuple[float, float, float]: ...
+def payment_count(n: float, m: int, tolerance: float) -> tuple[int, float]: ...
+def round_value(value: float, decimals: int) -> float: ...
+def round_values(values: NDArray[np.float64], decimals: int) -> NDArray[np.float64]: ...
 def portfolio_values(
     rates: NDArray[np.float64],
     terms: NDArray[np.float64],
@@ -66,16 +58,3 @@ def portfolio_values(
     perpetuity_n_eff: float,
     decimals: int,
 ) -> NDArray[np.float64]: ...
-def schedule_payments(
-    *,
-    start: float,
-    m: int,
-    timing: int,
-    first: int,
-    count: int,
-    growth_kind: Literal["level", "geometric", "arithmetic"] = "level",
-    growth_rate: float = 0.0,
-    partial_fraction: float = 0.0,
-    partial_time: float = 0.0,
-    partial_index: int = 0,
-) -> tuple[NDArray[np.float64], NDArray[np.float64]]: ...

@@ -1,11 +1,14 @@
-// norvane._kernels: native valuation routines for the annuity engine. Works
-// on a curve's arrays, never on the curve class (which imports the engine).
+// norvane._kernels: the native routines of the annuity engine. Works on a
+// curve's arrays, never on the curve class (which imports the engine), and
+// exposes the schedule rules of cpp/core so that Python never restates them.
 #include <nanobind/nanobind.h>
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/pair.h>
 #include <nanobind/stl/string.h>
+#include <nanobind/stl/tuple.h>
 
 #include "core/annuity.hpp"
+#include "core/portfolio.hpp"
 
 #include <cmath>
 #include <cstring>
@@ -36,32 +39,29 @@ core::Growth growth_of(const std::string& kind, double rate) {
     throw std::invalid_argument("growth kind must be 'level', 'geometric' or 'arithmetic', got '" + kind + "'");
 }
 
-// Payment schedule from keyword arguments (see core::Schedule).
-core::Schedule schedule_of(double start, std::size_t m, int timing, std::size_t first, std::size_t count,
-                           const std::string& growth_kind, double growth_rate, double partial_fraction,
-                           double partial_time, std::size_t partial_index) {
-    if (m == 0) throw std::invalid_argument("m must be positive");
-    if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
-    core::Schedule s;
-    s.start = start;
-    s.m = m;
-    s.timing = timing;
-    s.first = first;
-    s.count = count;
-    s.growth = growth_of(growth_kind, growth_rate);
-    s.has_partial = partial_fraction > 0.0;
-    s.partial_fraction = partial_fraction;
-    s.partial_time = partial_time;
-    s.partial_index = partial_index;
-    return s;
-}
-
 core::Mode mode_of(const std::string& mode) {
     if (mode == "discrete_precision") return core::Mode::DiscretePrecision;
     if (mode == "discrete_simplified") return core::Mode::DiscreteSimplified;
     if (mode == "continuous_precision") return core::Mode::ContinuousPrecision;
     if (mode == "continuous_simplified") return core::Mode::ContinuousSimplified;
     throw std::invalid_argument("unknown calculation mode '" + mode + "'");
+}
+
+std::size_t frequency_of(std::size_t m) {
+    if (m == 0) throw std::invalid_argument("m must be positive");
+    return m;
+}
+
+void check_term(double n, std::size_t m) {
+    if (!(n >= 0.0) || !(n * static_cast<double>(m) < core::kMaxPayments))
+        throw std::invalid_argument("a term must be >= 0 with fewer than 2**53 payments");
+}
+
+core::Annuity annuity_of(double d, double n, std::size_t payments_size, std::size_t m, int timing,
+                         const std::string& kind, double rate) {
+    if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
+    check_term(n, frequency_of(m));
+    return {d, n, payments_size, m, timing, growth_of(kind, rate)};
 }
 
 struct Curve {
@@ -79,23 +79,92 @@ core::CurveArrays arrays_of(InArray rates, InArray terms, InArray ends) {
     return out;
 }
 
-#define SCHEDULE_ARGS                                                                                             \
-    nb::kw_only(), nb::arg("start"), nb::arg("m"), nb::arg("timing"), nb::arg("first"), nb::arg("count"),      \
-        nb::arg("growth_kind") = "level", nb::arg("growth_rate") = 0.0, nb::arg("partial_fraction") = 0.0,       \
-        nb::arg("partial_time") = 0.0, nb::arg("partial_index") = 0
+// Times and amounts of a schedule's payments.
+std::pair<OutArray, OutArray> payments_of(const core::Schedule& s) {
+    std::vector<double> times, amounts;
+    core::schedule_payments(s, times, amounts);
+    return {to_array(times), to_array(amounts)};
+}
+
+// The schedule from regular payment `first` on (the pro-rata payment included).
+core::Schedule from_payment(const core::Annuity& a, std::size_t first) {
+    core::Schedule s = a.schedule();
+    const std::size_t end = s.first + s.count;
+    s.first = std::min(first, end);
+    s.count = end - s.first;
+    return s;
+}
+
+// Starts, ends and growth factors of the payment periods from `first` on: the
+// due and immediate times of the same payments, so the last (pro-rata)
+// period ends with the term.
+std::tuple<OutArray, OutArray, OutArray> intervals_of(const core::Annuity& a, std::size_t first) {
+    core::Annuity due = a, immediate = a;
+    due.timing = 0;
+    immediate.timing = 1;
+    std::vector<double> starts, ends, amounts, growth;
+    core::schedule_payments(from_payment(due, first), starts, amounts);
+    core::schedule_payments(from_payment(immediate, first), ends, amounts);
+    const core::Schedule s = from_payment(a, first);
+    for (std::size_t k = s.first; k < s.first + s.count; ++k) growth.push_back(s.growth.factor(k / s.m));
+    if (s.has_partial) growth.push_back(s.growth.factor(s.partial_index / s.m));
+    return {to_array(starts), to_array(ends), to_array(growth)};
+}
+
+nb::dict woolhouse_parts_of(const core::Annuity& a, bool continuous) {
+    const core::WoolhouseParts parts = core::woolhouse_parts(a, continuous);
+    core::Schedule regular = parts.fraction, tail = parts.fraction;
+    regular.has_partial = false;
+    tail.first += tail.count;
+    tail.count = 0;
+    nb::dict out;
+    out["weight"] = parts.weight;
+    out["due"] = payments_of(parts.due);
+    out["immediate"] = payments_of(parts.immediate);
+    out["fraction"] = payments_of(regular);
+    out["tail"] = payments_of(tail);
+    out["first"] = parts.fraction.first;
+    return out;
+}
 
 }  // namespace
 
 NB_MODULE(_kernels, m) {
-    m.doc() = "Native valuation routines of the annuity engine (payment schedules on a curve's arrays).";
+    m.doc() = "Native routines of the annuity engine: schedule rules and sums on a curve's arrays.";
     nb::set_leak_warnings(false);  // curves cached by the engine outlive the module at shutdown
+
+    nb::class_<core::Annuity>(m, "Annuity",
+                              "An annuity of 1 a year payable m-thly, seen from the valuation time: deferment d, "
+                              "remaining term n and the payment count (one more than the whole periods when the "
+                              "schedule ends with a pro-rata payment).")
+        .def(
+            "__init__",
+            [](core::Annuity* self, double d, double n, std::size_t payments_size, std::size_t m_, int timing,
+               const std::string& kind, double rate) {
+                new (self) core::Annuity(annuity_of(d, n, payments_size, m_, timing, kind, rate));
+            },
+            nb::kw_only(), nb::arg("d"), nb::arg("n"), nb::arg("payments_size"), nb::arg("m"), nb::arg("timing"),
+            nb::arg("growth_kind") = "level", nb::arg("growth_rate") = 0.0)
+        .def_prop_ro("whole_years", [](const core::Annuity& a) { return a.schedule().count / a.m; },
+                     "Whole years of regular payments.")
+        .def(
+            "payments", [](const core::Annuity& a, std::size_t first) { return payments_of(from_payment(a, first)); },
+            nb::arg("first") = 0, "Times and amounts of the payments from regular payment `first` on.")
+        .def(
+            "intervals", [](const core::Annuity& a, std::size_t first) { return intervals_of(a, first); },
+            nb::arg("first") = 0, "Starts, ends and growth factors of the payment periods from `first` on.")
+        .def(
+            "woolhouse_parts", [](const core::Annuity& a, bool continuous) { return woolhouse_parts_of(a, continuous); },
+            nb::arg("continuous"),
+            "Woolhouse's parts: 'weight', annual 'due' and 'immediate' payments over the whole years, the "
+            "m-thly payments of the final fraction of a year ('fraction', from payment 'first') and the pro-rata "
+            "'tail', each as (times, amounts).");
 
     nb::class_<Curve>(m, "Curve", "A curve's rates, segment lengths and ends prepared for valuation.")
         .def(
             "__init__",
             [](Curve* self, InArray rates, InArray terms, InArray ends) {
-                core::CurveArrays a = arrays_of(rates, terms, ends);
-                new (self) Curve{core::make_table(a.rates, a.terms, a.ends)};
+                new (self) Curve{core::discount_table(arrays_of(rates, terms, ends))};
             },
             nb::arg("rates"), nb::arg("terms"), nb::arg("ends"))
         .def(
@@ -110,46 +179,57 @@ NB_MODULE(_kernels, m) {
             },
             nb::arg("times"), "Discount factors at times from the valuation time.")
         .def(
-            "schedule_value",
-            [](const Curve& c, double start, std::size_t m, int timing, std::size_t first, std::size_t count,
-               const std::string& kind, double rate, double fraction, double partial_time, std::size_t partial_index) {
-                core::Schedule s = schedule_of(start, m, timing, first, count, kind, rate, fraction, partial_time,
-                                               partial_index);
-                nb::gil_scoped_release release;
-                return core::schedule_value(c.table, s);
-            },
-            SCHEDULE_ARGS, "Present value of a regular payment schedule (1/m per payment times growth).")
-        .def(
             "interval_values",
             [](const Curve& c, InArray starts, InArray ends) {
                 if (starts.shape(0) != ends.shape(0)) throw std::invalid_argument("starts and ends differ in length");
                 std::vector<double> out(starts.shape(0));
                 const core::Growth level;
-                for (std::size_t i = 0; i < out.size(); ++i)
-                    out[i] = core::continuous_value(c.table, starts.data()[i], ends.data()[i], starts.data()[i], level);
+                for (std::size_t i = 0; i < out.size(); ++i) {
+                    const double a = starts.data()[i], b = ends.data()[i];
+                    if (!std::isfinite(a) || !(b < INFINITY)) throw std::invalid_argument("intervals must be finite");
+                    out[i] = core::continuous_value(c.table, a, b, a, level);
+                }
                 return to_array(out);
             },
             nb::arg("starts"), nb::arg("ends"), "Integral of v(t) over each interval [starts[i], ends[i]].")
         .def(
             "annuity_value",
-            [](const Curve& c, const std::string& mode, double d, double n, std::size_t payments_size,
-               std::size_t m, int timing, const std::string& kind, double rate) {
-                if (m == 0) throw std::invalid_argument("m must be positive");
-                core::Annuity annuity{d, n, payments_size, m, timing, growth_of(kind, rate)};
-                return core::annuity_value(c.table, annuity, mode_of(mode));
+            [](const Curve& c, const core::Annuity& annuity, const std::string& mode, nb::object decimals) {
+                const double value = core::annuity_value(c.table, annuity, mode_of(mode));
+                return decimals.is_none() ? value : core::round_like_numpy(value, nb::cast<int>(decimals));
             },
-            nb::kw_only(), nb::arg("mode"), nb::arg("d"), nb::arg("n"), nb::arg("payments_size"), nb::arg("m"),
-            nb::arg("timing"), nb::arg("growth_kind") = "level", nb::arg("growth_rate") = 0.0,
-            "Unrounded present value of an annuity of 1 a year payable m-thly (certain survival).")
-        .def(
-            "continuous_value",
-            [](const Curve& c, double a, double b, double origin, const std::string& kind, double rate) {
-                return core::continuous_value(c.table, a, b, origin, growth_of(kind, rate));
-            },
-            nb::arg("a"), nb::arg("b"), nb::arg("origin"), nb::arg("growth_kind") = "level",
-            nb::arg("growth_rate") = 0.0,
-            "Integral of v(t) times the growth of year floor(t - origin) over [a, b].");
+            nb::arg("annuity"), nb::arg("mode"), nb::arg("decimals").none() = nb::none(),
+            "Present value of the annuity with certain survival, rounded to `decimals` when given.");
 
+    m.def(
+        "term_at_valuation",
+        [](double n, double d, double ts) {
+            const core::TermAtValuation at = core::term_at_valuation(n, d, ts);
+            return std::make_tuple(at.elapsed, at.deferment, at.term);
+        },
+        nb::arg("n"), nb::arg("d"), nb::arg("ts"),
+        "(elapsed, deferment, term) of a policy with term n and deferment d valued at ts, each floored at 0.");
+    m.def(
+        "payment_count",
+        [](double n, std::size_t m_, double tolerance) {
+            check_term(n, frequency_of(m_));
+            const core::PaymentCount count = core::payment_count(n, m_, tolerance);
+            return std::make_pair(count.size, count.fraction);
+        },
+        nb::arg("n"), nb::arg("m"), nb::arg("tolerance"),
+        "(payments, fraction) in n years at m a year: whole periods, plus one pro-rata payment for a remainder "
+        "above `tolerance`.");
+    m.def(
+        "round_value", [](double value, int decimals) { return core::round_like_numpy(value, decimals); },
+        nb::arg("value"), nb::arg("decimals"), "The value rounded to `decimals` as numpy.round does.");
+    m.def(
+        "round_values",
+        [](InArray values, int decimals) {
+            std::vector<double> out(values.shape(0));
+            for (std::size_t i = 0; i < out.size(); ++i) out[i] = core::round_like_numpy(values.data()[i], decimals);
+            return to_array(out);
+        },
+        nb::arg("values"), nb::arg("decimals"), "Each value rounded to `decimals` as numpy.round does.");
     m.def(
         "portfolio_values",
         [](InArray rates, InArray terms, InArray ends, InArray n, InArray d, InArray ts, nb::object benefits,
@@ -157,15 +237,18 @@ NB_MODULE(_kernels, m) {
            double tolerance_eps, double perpetuity_n_eff, int decimals) {
             if (n.shape(0) != d.shape(0) || n.shape(0) != ts.shape(0))
                 throw std::invalid_argument("n, d and ts must have one length");
-            if (m_ == 0) throw std::invalid_argument("m must be positive");
+            if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
+            check_term(perpetuity_n_eff, frequency_of(m_));
+            for (std::size_t i = 0; i < n.shape(0); ++i)
+                if (!std::isinf(n.data()[i])) check_term(n.data()[i], m_);
             InArray weights;
             if (!benefits.is_none()) {
                 weights = nb::cast<InArray>(benefits);
                 if (weights.shape(0) != n.shape(0)) throw std::invalid_argument("benefits must match n in length");
             }
-            core::CurveArrays curve = arrays_of(rates, terms, ends);
-            core::PortfolioTerms p{m_, timing, growth_of(kind, rate), mode_of(mode), tolerance_eps, perpetuity_n_eff,
-                                   decimals};
+            const core::CurveArrays curve = arrays_of(rates, terms, ends);
+            const core::PolicyTerms p{m_, timing, growth_of(kind, rate), mode_of(mode), tolerance_eps,
+                                      perpetuity_n_eff, decimals};
             std::vector<double> out(n.shape(0));
             {
                 nb::gil_scoped_release release;
@@ -179,15 +262,4 @@ NB_MODULE(_kernels, m) {
         nb::arg("growth_rate"), nb::arg("mode"), nb::arg("tolerance_eps"), nb::arg("perpetuity_n_eff"),
         nb::arg("decimals"),
         "Rounded present values of a portfolio (times the benefits), each distinct (n, d, ts) valued once.");
-    m.def(
-        "schedule_payments",
-        [](double start, std::size_t m_, int timing, std::size_t first, std::size_t count, const std::string& kind,
-           double rate, double fraction, double partial_time, std::size_t partial_index) {
-            std::vector<double> times, amounts;
-            core::schedule_payments(
-                schedule_of(start, m_, timing, first, count, kind, rate, fraction, partial_time, partial_index),
-                times, amounts);
-            return std::make_pair(to_array(times), to_array(amounts));
-        },
-        SCHEDULE_ARGS, "Times and amounts of every payment of a schedule.");
 }

@@ -24,7 +24,6 @@ from __future__ import annotations
 
 import atexit
 import functools
-import math
 from collections.abc import Callable
 from typing import Any
 
@@ -82,61 +81,12 @@ def _is_certain(survival_func: Callable[[Any], Any]) -> bool:
     return getattr(survival_func, "__func__", None) is _certain_survival()
 
 
-class _Plan:
-    """One valuation's schedule: regular payments, then an optional pro-rata one."""
-
-    # A plain slotted class: built once per valuation, so construction cost counts.
-    __slots__ = ("curve", "d", "n", "m", "timing", "regular", "partial_fraction", "growth_kind", "growth_rate")
-
-    def __init__(self, curve: _kernels.Curve, d: float, n: float, m: int, timing: int, regular: int,
-                 partial_fraction: float, growth_kind: str, growth_rate: float) -> None:
-        self.curve, self.d, self.n, self.m, self.timing = curve, d, n, m, timing
-        self.regular = regular  # regular m-thly payments
-        self.partial_fraction = partial_fraction  # of a period; 0.0 without a partial payment
-        self.growth_kind, self.growth_rate = growth_kind, growth_rate
-
-    @property
-    def payments(self) -> int:
-        return self.regular + (self.partial_fraction > 0.0)
-
-    @property
-    def whole_years(self) -> int:
-        return self.regular // self.m
-
-    def schedule(self, first: int = 0, m: int | None = None, timing: int | None = None,
-                 count: int | None = None, partial: bool = True) -> dict[str, Any]:
-        """Keyword arguments of the native schedule functions."""
-        m = self.m if m is None else m
-        timing = self.timing if timing is None else timing
-        has_partial = partial and self.partial_fraction > 0.0
-        # A pro-rata payment is made at the start of its period (due) or at the
-        # end of the term (immediate).
-        partial_time = self.d + self.regular / self.m if self.timing == 0 else self.d + self.n
-        return {
-            "start": self.d, "m": m, "timing": timing, "first": first,
-            "count": (self.regular - first) if count is None else count,
-            "growth_kind": self.growth_kind, "growth_rate": self.growth_rate,
-            "partial_fraction": self.partial_fraction if has_partial else 0.0,
-            "partial_time": partial_time, "partial_index": self.regular,
-        }
-
-
-def _plan_of(kw: dict[str, Any]) -> _Plan:
-    """The schedule of the keywords an engine entry receives."""
-    return _plan(kw["ir"], kw["d"], kw["n"], kw["payments_size"], kw["m"], kw["gr"], kw["payment_timing"])
-
-
-def _plan(ir: Any, d: float, n: float, payments_size: int, m: int, gr: Any, payment_timing: int) -> _Plan:
-    d, n, m = float(d), float(n), int(m)
-    # The dispatcher adds one payment for a remainder above its tolerance; a
-    # schedule with more payments than whole periods ends with a partial one.
-    whole = int(n * m)
-    payments_size = int(payments_size)
-    partial = payments_size > whole
-    fraction = n * m - whole if partial else 0.0
-    regular = payments_size - 1 if partial else payments_size
+def _annuity(kw: dict[str, Any]) -> _kernels.Annuity:
+    """The native annuity of the keywords an engine entry receives."""
+    gr = kw["gr"]
     kind, rate = ("level", 0.0) if gr is None else (gr.kind, float(gr.rate))
-    return _Plan(_kernel_curve(ir), d, n, m, int(payment_timing), regular, fraction, kind, rate)
+    return _kernels.Annuity(d=float(kw["d"]), n=float(kw["n"]), payments_size=int(kw["payments_size"]),
+                            m=int(kw["m"]), timing=int(kw["payment_timing"]), growth_kind=kind, growth_rate=rate)
 
 
 def _survival(survival_func: Callable[[Any], Any], times: np.ndarray) -> float | np.ndarray:
@@ -149,15 +99,6 @@ def _survival(survival_func: Callable[[Any], Any], times: np.ndarray) -> float |
     return np.broadcast_to(np.asarray(result, dtype=np.float64), times.shape)
 
 
-def _rounded(value: float, decimals: int) -> float:
-    """``np.round(value, decimals)`` (scale, round half to even, unscale), the
-    batch path's rounding, so that batch and scalar values agree exactly."""
-    if not math.isfinite(value):
-        return float(value)
-    scale = 10.0**decimals
-    return round(value * scale) / scale
-
-
 def _precision_flows(times: np.ndarray, expected: np.ndarray, pv: np.ndarray, **extra: Any) -> dict[str, Any]:
     flows = {"time_grid": times, "expected_cf": expected, "pv_cf": pv, "total_pv": float(pv.sum())}
     flows.update(extra)
@@ -168,30 +109,36 @@ def _component(times: np.ndarray, pv: np.ndarray, discount: np.ndarray, **extra:
     return {"time_grid": times, "present_value": pv, "discount_factor": discount, **extra}
 
 
+def _has_explicit_schedule(kw: dict[str, Any]) -> bool:
+    return kw.get("cashflow_times") is not None or kw.get("cashflow_amounts") is not None
+
+
 # ---------------------------------------------------------------- explicit schedules
 
 
-def _explicit_times(plan: _Plan) -> np.ndarray:
-    """Payment times of an explicit-amounts schedule: the generated schedule's."""
-    regular, _ = _kernels.schedule_payments(**plan.schedule(partial=False))
-    if plan.partial_fraction > 0.0:
-        return np.append(regular, plan.schedule()["partial_time"])
-    return regular
+def _explicit_inputs(annuity: _kernels.Annuity, kw: dict[str, Any]) -> tuple[np.ndarray, np.ndarray]:
+    """(times, amounts) of an explicit schedule: the given times (amounts 1
+    by default), or the generated schedule's times for the given amounts."""
+    times, amounts = kw.get("cashflow_times"), kw.get("cashflow_amounts")
+    if times is not None:
+        times = np.asarray(times, dtype=np.float64)
+        amounts = np.ones_like(times) if amounts is None else np.asarray(amounts, dtype=np.float64)
+        return times, amounts
+    return annuity.payments()[0], np.asarray(amounts, dtype=np.float64)
 
 
-def _value_explicit(plan: _Plan, times: np.ndarray, amounts: np.ndarray, survival_func: Callable[[Any], Any],
-                    decimals: int, return_flows: bool) -> float | dict[str, Any]:
+def _value_explicit(curve: _kernels.Curve, times: np.ndarray, amounts: np.ndarray, kw: dict[str, Any]
+                    ) -> float | dict[str, Any]:
     """Exact sum of given amounts at given times (explicit times or amounts)."""
     if amounts.shape != times.shape:
         raise ValueError(
             f"'cashflow_amounts' holds {amounts.size} amounts for {times.size} remaining payments."
         )
-    survival = _survival(survival_func, times)
-    expected = amounts * survival
-    pv = expected * plan.curve.discount(times)
-    if return_flows:
+    expected = amounts * _survival(kw["survival_func"], times)
+    pv = expected * curve.discount(times)
+    if kw["return_flows"]:
         return _precision_flows(times, expected, pv, present_value=pv, growth=amounts)
-    return _rounded(float(pv.sum()), decimals)
+    return _kernels.round_value(float(pv.sum()), kw["decimals"])
 
 
 # ---------------------------------------------------------------- the four modes
@@ -210,87 +157,55 @@ def _with_closed_form(mode: str) -> Callable[[Callable[..., Any]], Callable[...,
         def entry(**kw: Any) -> Any:
             if kw["return_flows"] or _has_explicit_schedule(kw) or not _is_certain(kw["survival_func"]):
                 return valuate(**kw)
-            gr = kw["gr"]
-            kind, rate = ("level", 0.0) if gr is None else (gr.kind, float(gr.rate))
-            value = _kernel_curve(kw["ir"]).annuity_value(
-                mode=mode, d=float(kw["d"]), n=float(kw["n"]), payments_size=int(kw["payments_size"]),
-                m=int(kw["m"]), timing=int(kw["payment_timing"]), growth_kind=kind, growth_rate=rate,
-            )
-            return _rounded(value, kw["decimals"])
+            return _kernel_curve(kw["ir"]).annuity_value(_annuity(kw), mode, kw["decimals"])
 
         return entry
 
     return wrap
 
 
-
 @_with_closed_form("discrete_precision")
 def _discrete_precision(**kw: Any) -> float | dict[str, Any]:
     """Exact sum of amount x v(t) x survival(t) over the payment schedule."""
-    plan = _plan_of(kw)
+    annuity, curve = _annuity(kw), _kernel_curve(kw["ir"])
     if _has_explicit_schedule(kw):
-        return _value_explicit(plan, *_explicit_inputs(plan, kw), kw["survival_func"], kw["decimals"],
-                               kw["return_flows"])
-    times, amounts = _kernels.schedule_payments(**plan.schedule())
+        return _value_explicit(curve, *_explicit_inputs(annuity, kw), kw)
+    times, amounts = annuity.payments()
     survival = _survival(kw["survival_func"], times)
     if not kw["return_flows"] and np.ndim(survival) == 0:
         # Uniform survival: the closed-form sum per segment.
-        return _rounded(survival * plan.curve.schedule_value(**plan.schedule()), kw["decimals"])
+        return _kernels.round_value(survival * curve.annuity_value(annuity, "discrete_precision"), kw["decimals"])
     expected = amounts * survival
-    pv = expected * plan.curve.discount(times)
+    pv = expected * curve.discount(times)
     if kw["return_flows"]:
         return _precision_flows(times, expected, pv)
-    return _rounded(float(pv.sum()), kw["decimals"])
+    return _kernels.round_value(float(pv.sum()), kw["decimals"])
 
 
-def _has_explicit_schedule(kw: dict[str, Any]) -> bool:
-    return kw.get("cashflow_times") is not None or kw.get("cashflow_amounts") is not None
-
-
-def _explicit_inputs(plan: _Plan, kw: dict[str, Any]) -> tuple[np.ndarray, np.ndarray]:
-    """(times, amounts) of an explicit schedule: given times, or the generated schedule's."""
-    times, amounts = kw.get("cashflow_times"), kw.get("cashflow_amounts")
-    if times is not None:
-        times = np.asarray(times, dtype=np.float64)
-        amounts = np.ones_like(times) if amounts is None else np.asarray(amounts, dtype=np.float64)
-        return times, amounts
-    return _explicit_times(plan), np.asarray(amounts, dtype=np.float64)
-
-
-def _annual_parts(plan: _Plan) -> list[tuple[np.ndarray, np.ndarray, np.ndarray]]:
-    """Times, amounts and discount factors of the annual due and immediate
-    payments over the whole years (growth included)."""
-    years = plan.whole_years
-    parts = []
-    for timing in (0, 1):
-        schedule = plan.schedule(m=1, timing=timing, count=years, partial=False)
-        times, amounts = _kernels.schedule_payments(**schedule)
-        discount = plan.curve.discount(times)
-        parts.append((times, amounts, discount))
-    return parts
-
-
-def _woolhouse(plan: _Plan, kw: dict[str, Any], continuous: bool) -> float | dict[str, Any]:
+def _woolhouse(annuity: _kernels.Annuity, curve: _kernels.Curve, kw: dict[str, Any], continuous: bool
+               ) -> float | dict[str, Any]:
     """Woolhouse on the whole years, the final fraction of a year valued exactly."""
-    (t_due, g_due, v_due), (t_imm, g_imm, v_imm) = _annual_parts(plan)
-    fractional = _fraction_components(plan, continuous)
+    parts = annuity.woolhouse_parts(continuous)
+    (t_due, g_due), (t_imm, g_imm) = parts["due"], parts["immediate"]
+    v_due, v_imm = curve.discount(t_due), curve.discount(t_imm)
+    fractional = _fraction_components(annuity, curve, parts, continuous)
     times = np.concatenate([t_due, t_imm, fractional["time_grid"], fractional["tail_times"]])
     survival = np.broadcast_to(_survival(kw["survival_func"], times), times.shape)
     k_due, k_imm, k_frac = len(t_due), len(t_due) + len(t_imm), len(t_due) + len(t_imm) + len(fractional["time_grid"])
     s_due, s_imm, s_frac, s_tail = survival[:k_due], survival[k_due:k_imm], survival[k_imm:k_frac], survival[k_frac:]
     # Weights of the annual due and immediate payments: due ä(m) = (1-c)ä + c a,
-    # immediate a(m) = c ä + (1-c) a, c = (m-1)/(2m); the continuous limit is 1/2.
-    c = 0.5 if continuous else (plan.m - 1) / (2.0 * plan.m)
-    w_due, w_imm = (1.0 - c, c) if plan.timing == 0 else (c, 1.0 - c)
+    # immediate a(m) = c ä + (1-c) a.
+    c = parts["weight"]
+    w_due, w_imm = (1.0 - c, c) if kw["payment_timing"] == 0 else (c, 1.0 - c)
     due_growth, imm_growth = w_due * g_due * s_due, w_imm * g_imm * s_imm
     due_pv, imm_pv = due_growth * v_due, imm_growth * v_imm
     frac_pv = fractional["pv"] * s_frac
     tail_pv = fractional["tail_pv"] * s_tail
     total = float(due_pv.sum() + imm_pv.sum() + frac_pv.sum() + tail_pv.sum())
     if not kw["return_flows"]:
-        return _rounded(total, kw["decimals"])
+        return _kernels.round_value(total, kw["decimals"])
     return {
-        ("coef_due" if plan.timing == 0 else "coef_immediate"): 1.0,
+        ("coef_due" if kw["payment_timing"] == 0 else "coef_immediate"): 1.0,
         "woolhouse_coefficient": c,
         "due": _component(t_due, due_pv, v_due, growth=due_growth),
         "immediate": _component(t_imm, imm_pv, v_imm, growth=imm_growth),
@@ -300,71 +215,49 @@ def _woolhouse(plan: _Plan, kw: dict[str, Any], continuous: bool) -> float | dic
     }
 
 
-def _fraction_components(plan: _Plan, continuous: bool) -> dict[str, np.ndarray]:
+def _fraction_components(annuity: _kernels.Annuity, curve: _kernels.Curve, parts: dict[str, Any],
+                         continuous: bool) -> dict[str, np.ndarray]:
     """The payments of the final fraction of a year after the whole years.
 
     Discrete: the whole m-thly payments of that fraction and the pro-rata last
-    payment (the "tail"). Continuous: the m-thly intervals of the fraction,
+    payment (the "tail"). Continuous: the m-thly periods of the fraction,
     each with its exact integral, and no tail. ``discount`` is the present
     value per unit of expected payment, so that pv / discount gives it back.
     """
-    first = plan.whole_years * plan.m
     if continuous:
-        times, expected, pv = _continuous_intervals(plan, first)
+        times, expected, pv = _continuous_intervals(annuity, curve, parts["first"])
         discount = np.divide(pv, expected, out=np.zeros_like(pv), where=expected > 0.0)
         return {"time_grid": times, "pv": pv, "discount": discount,
                 "tail_times": _EMPTY, "tail_pv": _EMPTY, "tail_discount": _EMPTY}
-    times, amounts = _kernels.schedule_payments(**plan.schedule(first=first, partial=False))
-    discount = plan.curve.discount(times)
-    tail_times, tail_amounts = _EMPTY, _EMPTY
-    if plan.partial_fraction > 0.0:
-        tail = plan.schedule(first=first, count=0)
-        tail_times, tail_amounts = _kernels.schedule_payments(**tail)
-    tail_discount = plan.curve.discount(tail_times)
+    (times, amounts), (tail_times, tail_amounts) = parts["fraction"], parts["tail"]
+    discount, tail_discount = curve.discount(times), curve.discount(tail_times)
     return {"time_grid": times, "pv": amounts * discount, "discount": discount,
             "tail_times": tail_times, "tail_pv": tail_amounts * tail_discount, "tail_discount": tail_discount}
 
 
-def _interval_grid(plan: _Plan, first: int = 0) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
-    """Payment indices, starts and ends of the m-thly intervals from ``first``."""
-    index = first + np.arange(plan.payments - first)
-    starts = plan.d + index / plan.m
-    return index, starts, np.minimum(plan.d + (index + 1) / plan.m, plan.d + plan.n)
+def _continuous_intervals(annuity: _kernels.Annuity, curve: _kernels.Curve, first: int = 0,
+                          amounts: np.ndarray | None = None) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
+    """The payment periods from payment ``first`` to the end of the term.
 
-
-def _continuous_intervals(plan: _Plan, first: int = 0, amounts: np.ndarray | None = None
-                          ) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
-    """The m-thly intervals from payment ``first`` to the end of the term.
-
-    Returns the interval ends, the amount flowing uniformly in each (growth
+    Returns the period ends, the amount flowing uniformly in each (growth
     included, or the explicit ``amounts``) and its exact present value.
     """
-    index, starts, ends = _interval_grid(plan, first)
+    starts, ends, growth = annuity.intervals(first)
     length = ends - starts
-    integral = plan.curve.interval_values(starts, ends)
+    integral = curve.interval_values(starts, ends)
     if amounts is None:
-        growth = _growth_factors(plan, index // plan.m)
         return ends, growth * length, growth * integral
     per_year = np.divide(amounts, length, out=np.zeros_like(amounts), where=length > 0.0)
     return ends, amounts, per_year * integral
 
 
-def _growth_factors(plan: _Plan, years: np.ndarray) -> np.ndarray:
-    if plan.growth_kind == "geometric":
-        return (1.0 + plan.growth_rate) ** years.astype(np.float64)
-    if plan.growth_kind == "arithmetic":
-        return 1.0 + plan.growth_rate * years.astype(np.float64)
-    return np.ones(years.shape, dtype=np.float64)
-
-
 @_with_closed_form("discrete_simplified")
 def _discrete_simplified(**kw: Any) -> float | dict[str, Any]:
     """Woolhouse's approximation on the whole years; explicit schedules exactly."""
-    plan = _plan_of(kw)
+    annuity, curve = _annuity(kw), _kernel_curve(kw["ir"])
     if _has_explicit_schedule(kw):
-        return _value_explicit(plan, *_explicit_inputs(plan, kw), kw["survival_func"], kw["decimals"],
-                               kw["return_flows"])
-    return _woolhouse(plan, kw, continuous=False)
+        return _value_explicit(curve, *_explicit_inputs(annuity, kw), kw)
+    return _woolhouse(annuity, curve, kw, continuous=False)
 
 
 @_with_closed_form("continuous_precision")
@@ -372,23 +265,20 @@ def _continuous_precision(**kw: Any) -> float | dict[str, Any]:
     """Payments flowing continuously at 1 a year (times growth) over the term;
     explicit amounts flow uniformly over their own periods, explicit times are
     point payments."""
-    plan = _plan_of(kw)
+    annuity, curve = _annuity(kw), _kernel_curve(kw["ir"])
     if kw.get("cashflow_times") is not None:
-        return _value_explicit(plan, *_explicit_inputs(plan, kw), kw["survival_func"], kw["decimals"],
-                               kw["return_flows"])
+        return _value_explicit(curve, *_explicit_inputs(annuity, kw), kw)
     amounts = kw.get("cashflow_amounts")
     amounts = None if amounts is None else np.asarray(amounts, dtype=np.float64)
-    survival = _survival(kw["survival_func"], _interval_grid(plan)[2])
+    ends, expected, pv = _continuous_intervals(annuity, curve, amounts=amounts)
+    survival = _survival(kw["survival_func"], ends)
     if amounts is None and not kw["return_flows"] and np.ndim(survival) == 0:
-        whole = plan.curve.continuous_value(
-            a=plan.d, b=plan.d + plan.n, origin=plan.d, growth_kind=plan.growth_kind, growth_rate=plan.growth_rate,
-        )
-        return _rounded(survival * whole, kw["decimals"])
-    ends, expected, pv = _continuous_intervals(plan, amounts=amounts)
+        whole = curve.annuity_value(annuity, "continuous_precision")
+        return _kernels.round_value(survival * whole, kw["decimals"])
     expected, pv = expected * survival, pv * survival
     if kw["return_flows"]:
         return _precision_flows(ends, expected, pv)
-    return _rounded(float(pv.sum()), kw["decimals"])
+    return _kernels.round_value(float(pv.sum()), kw["decimals"])
 
 
 @_with_closed_form("continuous_simplified")
@@ -396,8 +286,7 @@ def _continuous_simplified(**kw: Any) -> float | dict[str, Any]:
     """(ä + a) / 2 on the whole years, the final fraction valued continuously."""
     if kw.get("cashflow_amounts") is not None:
         return _continuous_precision(**kw)  # explicit amounts are valued exactly
-    plan = _plan_of(kw)
-    return _woolhouse(plan, kw, continuous=True)
+    return _woolhouse(_annuity(kw), _kernel_curve(kw["ir"]), kw, continuous=True)
 
 
 def _zero_flows(calculation_mode: str, payment_timing: int) -> dict[str, Any]:
