@@ -81,7 +81,11 @@ def split_top_level(text: str) -> list[str]:
 
 
 def runtime_params(func: object) -> list[tuple[str, inspect._ParameterKind, object]]:
-    """(name, kind, default) of each parameter, from nanobind's recorded signature."""
+    """(name, kind, default) of each parameter, from nanobind's recorded signature
+    (or Python's, for the functions the extension installs from a sibling)."""
+    if not hasattr(func, "__nb_signature__"):
+        return [(p.name, p.kind, MISSING if p.default is p.empty else p.default)
+                for p in inspect.signature(func).parameters.values()]
     (signature,) = func.__nb_signature__  # type: ignore[attr-defined]
     text, _doc, defaults = signature
     params, kind = [], POS_OR_KW

@@ -202,12 +202,22 @@ TermAtValuation term_at_valuation(double n, double d, double ts) {
     return {elapsed, std::max(0.0, d - ts), std::max(0.0, n - elapsed)};
 }
 
+bool countable(double n, std::size_t m) { return n >= 0.0 && n * static_cast<double>(m) < kMaxPayments; }
+
 PaymentCount payment_count(double n, std::size_t m, double tolerance) {
     const double total = n * static_cast<double>(m);
     const double whole = std::floor(total);
     PaymentCount count{static_cast<std::size_t>(whole), total - whole};
     if (count.fraction > tolerance) ++count.size;
     return count;
+}
+
+std::optional<Mode> mode_named(std::string_view name) {
+    if (name == "discrete_precision") return Mode::DiscretePrecision;
+    if (name == "discrete_simplified") return Mode::DiscreteSimplified;
+    if (name == "continuous_precision") return Mode::ContinuousPrecision;
+    if (name == "continuous_simplified") return Mode::ContinuousSimplified;
+    return std::nullopt;
 }
 
 double woolhouse_weight(std::size_t m, bool continuous) {

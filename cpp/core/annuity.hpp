@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -62,6 +63,8 @@ struct PaymentCount {
 };
 // Terms whose payments cannot be counted exactly in a double are refused.
 inline constexpr double kMaxPayments = 9007199254740992.0;  // 2^53
+bool countable(double n, std::size_t m);
+// Requires countable(n, m).
 PaymentCount payment_count(double n, std::size_t m, double tolerance);
 
 // Woolhouse's weight of the annual immediate payments in an m-thly annuity-due,
@@ -86,8 +89,12 @@ struct Annuity {
     Schedule schedule() const;
 };
 
-// Everything that is common to the policies of a portfolio group.
+// The four calculation modes, and the mode of a name ("discrete_precision",
+// "discrete_simplified", "continuous_precision", "continuous_simplified").
 enum class Mode { DiscretePrecision, DiscreteSimplified, ContinuousPrecision, ContinuousSimplified };
+std::optional<Mode> mode_named(std::string_view name);
+
+// Everything that is common to the policies of a portfolio group.
 struct PolicyTerms {
     std::size_t m = 1;
     int timing = 0;
@@ -99,7 +106,8 @@ struct PolicyTerms {
 };
 
 // The annuity a policy (term n, infinite for a perpetuity; deferment d;
-// valuation time ts) stands for; none when no term is left.
+// valuation time ts) stands for; none when no term is left. Requires the term
+// (or the perpetuity's horizon) to be countable at m a year.
 std::optional<Annuity> policy_annuity(double n, double d, double ts, const PolicyTerms& terms);
 
 // The parts of Woolhouse's approximation: annual due and immediate payments

@@ -248,7 +248,7 @@ PiecewiseTable discount_table(const CurveArrays& curve) {
 }
 
 CurveArrays shifted(const CurveArrays& curve, double ts, double eps) {
-    if (curve.ends.empty() || ts <= eps) return curve;
+    if (curve.ends.empty() || ts <= 0.0) return curve;
     const auto& ends = curve.ends;
     const auto& terms = curve.terms;
     const auto& rates = curve.rates;

@@ -112,10 +112,14 @@ struct CurveArrays {
 // own prefix products, so that discount factors agree with it exactly.
 PiecewiseTable discount_table(const CurveArrays& curve);
 
-// The curve seen from time ts: the first ts years cut away. The segment
+// The curve seen from time ts > 0: the first ts years cut away. The segment
 // holding ts keeps its remainder, unless that is within `eps` (a ts on a
 // boundary drops the segment ending there); at or past the last end only the
-// last rate is left (a constant curve). A shift within `eps` is no shift.
+// last rate is left (a constant curve). ts <= 0 leaves the curve as it is.
 CurveArrays shifted(const CurveArrays& curve, double ts, double eps);
+
+// Whether valuing from ts needs a shifted curve: a shift within the
+// tolerance `eps` is no shift.
+inline bool is_shift(double ts, double eps) { return ts > eps; }
 
 }  // namespace norvane::core

@@ -47,7 +47,8 @@ void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::
     for (std::size_t r = 0; r < rows.size(); ++r) {
         auto [it, added] = curve_of.try_emplace(key_of(rows[r][2]), curves.size());
         if (added) {
-            const CurveArrays seen = shifted(curve, rows[r][2], terms.tolerance_eps);
+            const double ts = rows[r][2];
+            const CurveArrays seen = is_shift(ts, terms.tolerance_eps) ? shifted(curve, ts, terms.tolerance_eps) : curve;
             curves.push_back(discount_table(seen));
         }
         row_curve[r] = it->second;

@@ -19,6 +19,7 @@ from typing import TYPE_CHECKING, Any
 import numpy as np
 from numpy.typing import NDArray
 
+from . import _kernels
 from .base import _ALLOWED_PAYMENT_FREQUENCIES, _NUMERIC_TYPES
 
 if TYPE_CHECKING:
@@ -1028,7 +1029,10 @@ def _finalize_batch_unit_pv_with_benefits(
         A new array of the weighted values.
     """
     values = _as_f64_safe(unit_pv)
-    out = np.round(values, decimals) if decimals is not None else values.copy()
+    if decimals is None:
+        out = values.copy()
+    else:
+        out = _kernels.round_values(values.reshape(-1), int(decimals)).reshape(values.shape)
     if benefits_arr is not None:
         out = out * benefits_arr
     return out
@@ -1126,11 +1130,7 @@ def _payment_count(n: float, m: int, tolerance_eps: float = _PAYMENT_COUNT_TOL) 
         Whole payments of ``n * m``, plus one for a remainder above
         ``tolerance_eps`` (a last partial period).
     """
-    total = n * m
-    count = int(total)
-    if total - count > tolerance_eps:
-        count += 1
-    return count
+    return _kernels.payment_count(float(n), int(m), float(tolerance_eps))[0]
 
 
 def _cashflow_amounts_payment_skip(

@@ -12,20 +12,9 @@ namespace {
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
-[[noreturn]] void assertion(const char* message) {
-    PyErr_SetString(PyExc_AssertionError, message);
-    throw nb::python_error();
-}
-
-nb::module_ numpy() { return nb::module_::import_("numpy"); }
-
-bool is_constant(InterestRate& ir) { return truthy(active_curve(ir)[IsConstant]); }
-
-double as_double(nb::handle h) { return nb::cast<double>(nb::float_(h)); }
-
 // (array, is_scalar) from the package validator.
 std::pair<nb::object, bool> validated(nb::handle value, const char* method, const char* name) {
-    nb::tuple checked = nb::borrow<nb::tuple>(refs().validate_numeric_input(
+    nb::tuple checked = nb::borrow<nb::tuple>(registry().validate_numeric_input(
         value, nb::arg("allow_none") = false, nb::arg("allow_sequence") = true, nb::arg("method_name") = method,
         nb::arg("attr_name") = name));
     return {checked[0], truthy(checked[1])};
@@ -40,7 +29,7 @@ nb::dict sign_properties(double rate) {
 }
 
 std::span<const double> rates_of(InterestRate& ir) {
-    if (ir[Rates].is_none()) assertion("Piecewise curve missing internal term/rate arrays");
+    if (ir[Rates].is_none()) raise(PyExc_AssertionError, "Piecewise curve missing internal term/rate arrays");
     return f64_span(ir[Rates]);
 }
 
@@ -52,7 +41,7 @@ bool is_negative(double r) { return r < 0.0; }
 bool is_positive(double r) { return r > 0.0; }
 
 // NumPy's own reductions where its summation order defines the result.
-nb::object np_item(const char* reduction, nb::handle array) { return numpy().attr(reduction)(array).attr("item")(); }
+nb::object np_item(const nb::object& reduction, nb::handle array) { return reduction(array).attr("item")(); }
 
 // ---- forces of interest -----------------------------------------------------------
 
@@ -60,53 +49,53 @@ nb::object delta(InterestRate& self, nb::handle t) {
     if (has_scenarios(self)) return delta(active_curve(self), t);
     InterestRate& ir = self;
     if (truthy(ir[IsConstant])) {
-        if (ir[Rate].is_none()) assertion("constant curve without a rate");
+        if (ir[Rate].is_none()) raise(PyExc_AssertionError, "constant curve without a rate");
         validate_rate_for_force(ir[Rate], "");
         if (ir[ConstantDelta].is_none()) {
-            double rate = as_double(ir[Rate]);
+            double rate = to_double(ir[Rate], "rate");
             ir[ConstantDelta] = nb::float_(rate == 0.0 ? 0.0 : std::log(1.0 + rate));
         }
         if (t.is_none()) return ir[ConstantDelta];
         auto [array, is_scalar] = validated(t, "InterestRate.delta()", "t");
         if (is_scalar) return ir[ConstantDelta];
-        return numpy().attr("full_like")(array, ir[ConstantDelta], nb::arg("dtype") = "float64");
+        return registry().np_full_like(array, ir[ConstantDelta], nb::arg("dtype") = "float64");
     }
-    if (t.is_none()) throw nb::value_error("For piecewise rates, time t must be specified.");
+    if (t.is_none()) raise(PyExc_ValueError, "For piecewise rates, time t must be specified.");
     const bool numeric_key = is_numeric(t);
     if (numeric_key) {
-        nb::object cached = lru_touch_get(ir, ir[ForceCache], as_double(t));
+        nb::object cached = lru_touch_get(ir, ir[ForceCache], to_double(t, "t"));
         if (!cached.is_none()) return cached;
     }
     auto [array, is_scalar] = validated(t, "InterestRate.delta()", "t");
     if (is_scalar) {
-        double rate = as_double(get_rate(ir, array.attr("item")()));
-        if (rate <= -1.0) throw nb::value_error(("Rate " + float_str(rate) + " ≤ -1").c_str());
+        double rate = to_double(get_rate(ir, array.attr("item")()), "rate");
+        if (rate <= -1.0) raise(PyExc_ValueError, "Rate " + float_str(rate) + " ≤ -1");
         double force = rate == 0.0 ? 0.0 : std::log(rate + 1.0);
-        if (numeric_key) lru_store(ir, ir[ForceCache], as_double(t), force, meta_of(ir).field[CacheMaxsize]);
+        if (numeric_key) lru_store(ir, ir[ForceCache], to_double(t, "t"), force, meta_of(ir).field[CacheMaxsize]);
         return nb::float_(force);
     }
     nb::object rates = get_rate(ir, array);  // a new array, ours to overwrite
     auto view = nb::cast<nb::ndarray<double, nb::c_contig, nb::device::cpu>>(rates);
     std::span<double> r(view.data(), view.size());
-    if (std::any_of(r.begin(), r.end(), [](double x) { return x <= -1.0; })) {
-        nb::object positions = numpy().attr("where")(checked(PyObject_RichCompare(rates.ptr(), nb::float_(-1.0).ptr(), Py_LE)))[0];
-        throw nb::value_error(("Rates ≤ -1 at indices " + py_str(positions)).c_str());
-    }
+    std::vector<std::size_t> bad;
+    for (std::size_t i = 0; i < r.size(); ++i)
+        if (r[i] <= -1.0) bad.push_back(i);
+    if (!bad.empty()) raise(PyExc_ValueError, "Rates ≤ -1 at indices " + py_str(registry().np_array(nb::cast(bad))));
     for (double& x : r) x = x == 0.0 ? 0.0 : std::log(1.0 + x);
     return rates;
 }
 
 nb::object average_force(InterestRate& self, nb::handle n) {
     if (has_scenarios(self)) return average_force(active_curve(self), n);
-    if (!is_numeric(n)) throw nb::type_error("Duration n must be numeric");
+    if (!is_numeric(n)) raise(PyExc_TypeError, "Duration n must be numeric");
     if (truthy(checked(PyObject_RichCompare(n.ptr(), nb::int_(0).ptr(), Py_LE)))) {
         std::string shown = py_str(checked(PyObject_Format(n.ptr(), nb::str("").ptr())));
-        throw nb::value_error(("Duration n must be positive per actuarial practice, got " + shown).c_str());
+        raise(PyExc_ValueError, "Duration n must be positive per actuarial practice, got " + shown);
     }
-    double v = as_double(vn_impl(self, n, "n", true));
+    double v = to_double(vn_impl(self, n, "n", true), "n");
     if (!(v > 0.0))
-        throw nb::value_error(("Cannot calculate average force: discount factor " + float_str(v) +
-                               " ≤ 0 results in undefined average force per actuarial standards").c_str());
+        raise(PyExc_ValueError, "Cannot calculate average force: discount factor " + float_str(v) +
+                               " ≤ 0 results in undefined average force per actuarial standards");
     if (v == 1.0) return nb::float_(0.0);
     // Divided by the caller's own n, as given.
     return nb::float_(checked(PyNumber_TrueDivide(nb::float_(-std::log(v)).ptr(), n.ptr())));
@@ -118,21 +107,21 @@ enum class Nominal { Interest, Discount };
 
 nb::object nominal_rate(InterestRate& self, nb::handle m_in, nb::handle t, Nominal kind) {
     const bool interest = kind == Nominal::Interest;
-    if (PyBool_Check(m_in.ptr())) throw nb::type_error(("m must be a plain integer, got " + type_name_of(m_in)).c_str());
-    nb::object m = refs().validate_scalar_numeric(m_in, "m", interest ? "InterestRate.i_m" : "InterestRate.d_m",
-                                                  refs().integer_types, refs().int_type);
+    if (PyBool_Check(m_in.ptr())) raise(PyExc_TypeError, "m must be a plain integer, got " + type_name_of(m_in));
+    nb::object m = registry().validate_scalar_numeric(m_in, "m", interest ? "InterestRate.i_m" : "InterestRate.d_m",
+                                                  registry().integer_types, registry().int_type);
     if (!PyLong_CheckExact(m.ptr())) m = nb::int_(m);
     if (truthy(checked(PyObject_RichCompare(m.ptr(), nb::int_(0).ptr(), Py_LE))))
-        throw nb::value_error(("m must be a positive integer, got " + py_str(m)).c_str());
-    if (!is_numeric(t)) throw nb::type_error(("t must be numeric, got " + type_name_of(t)).c_str());
-    double t_f = as_double(t);
-    if (!(t_f >= 0.0)) throw nb::value_error(("t must be non-negative, got " + py_str(t)).c_str());
+        raise(PyExc_ValueError, "m must be a positive integer, got " + py_str(m));
+    if (!is_numeric(t)) raise(PyExc_TypeError, "t must be numeric, got " + type_name_of(t));
+    double t_f = to_double(t, "t");
+    if (!(t_f >= 0.0)) raise(PyExc_ValueError, "t must be non-negative, got " + py_str(t));
     if (has_scenarios(self)) return nominal_rate(active_curve(self), m, nb::float_(t_f), kind);
 
-    double rate = as_double(get_rate(self, nb::float_(t_f)));
+    double rate = to_double(get_rate(self, nb::float_(t_f)), "rate");
     validate_rate_for_force(nb::float_(rate), " at t=" + float_str(t_f) + (interest ? " (computing i^(" : " (computing d^(") +
                                                   py_str(m) + "))");
-    double md = nb::cast<double>(m);
+    double md = to_double(m, "m");
     if (md == 1.0) return nb::float_(interest ? rate : rate / (rate + 1.0));
     if (interest) {
         double p = std::exp(std::log(1.0 + rate) * (1.0 / md));
@@ -144,12 +133,12 @@ nb::object nominal_rate(InterestRate& self, nb::handle m_in, nb::handle t, Nomin
 
 nb::object effective_rate(InterestRate& self, nb::handle t_start, nb::handle t_end) {
     if (truthy(checked(PyObject_RichCompare(t_end.ptr(), t_start.ptr(), Py_LE))))
-        throw nb::value_error("t_end must be greater than t_start");
+        raise(PyExc_ValueError, "t_end must be greater than t_start");
     nb::object tau = checked(PyNumber_Subtract(t_end.ptr(), t_start.ptr()));
-    double v_start = as_double(vx(self, t_start, nb::float_(0.0)));
-    double v_end = as_double(vx(self, t_end, nb::float_(0.0)));
-    if (v_start == 0.0) throw nb::value_error("Cannot compute effective rate: discount factor at t_start is zero");
-    if (v_end == 0.0) throw nb::value_error("Cannot compute effective rate: discount factor at t_end is zero");
+    double v_start = to_double(vx(self, t_start, nb::float_(0.0)), "t_start");
+    double v_end = to_double(vx(self, t_end, nb::float_(0.0)), "t_end");
+    if (v_start == 0.0) raise(PyExc_ValueError, "Cannot compute effective rate: discount factor at t_start is zero");
+    if (v_end == 0.0) raise(PyExc_ValueError, "Cannot compute effective rate: discount factor at t_end is zero");
     double ratio = v_end / v_start;
     if (ratio == 1.0) return nb::float_(0.0);
     nb::object exponent = checked(PyNumber_TrueDivide(nb::float_(-1.0).ptr(), tau.ptr()));
@@ -160,14 +149,14 @@ nb::object effective_rate(InterestRate& self, nb::handle t_start, nb::handle t_e
 // ---- segment information ----------------------------------------------------------
 
 nb::dict segment_info(InterestRate& self, nb::handle t) {
-    if (!is_numeric(t)) throw nb::type_error("[InterestRate] Parameter 't' must be numeric.");
+    if (!is_numeric(t)) raise(PyExc_TypeError, "[InterestRate] Parameter 't' must be numeric.");
     if (has_scenarios(self)) return segment_info(active_curve(self), t);
     InterestRate& ir = self;
-    const double time = as_double(t);
+    const double time = to_double(t, "t");
     nb::dict info;
     if (truthy(ir[IsConstant])) {
-        if (ir[Rate].is_none()) assertion("constant curve without a rate");
-        double rate = as_double(ir[Rate]);
+        if (ir[Rate].is_none()) raise(PyExc_AssertionError, "constant curve without a rate");
+        double rate = to_double(ir[Rate], "rate");
         info["type"] = "constant";
         info["rate"] = rate;
         info["rate_properties"] = sign_properties(rate);
@@ -176,12 +165,9 @@ nb::dict segment_info(InterestRate& self, nb::handle t) {
         info["time_queried"] = time;
         return info;
     }
-    if (ir[CumTerms].is_none() || ir[Rates].is_none()) assertion("Piecewise curve missing internal term/rate arrays");
+    if (ir[CumTerms].is_none() || ir[Rates].is_none()) raise(PyExc_AssertionError, "Piecewise curve missing internal term/rate arrays");
     std::span<const double> ends = f64_span(ir[CumTerms]), rates = f64_span(ir[Rates]);
-    // side="left": a time on a boundary belongs to the segment ending there.
-    std::size_t k = std::lower_bound(ends.begin(), ends.end(), time) - ends.begin();
-    if (std::isnan(time)) k = ends.size();
-    k = std::min(k, rates.size() - 1);
+    const std::size_t k = valuation_table(ir)->segment_of(time);
     double start = k > 0 ? ends[k - 1] : 0.0;
     double end = k < ends.size() ? ends[k] : kInf;
     info["type"] = "piecewise";
@@ -233,7 +219,7 @@ nb::dict cross_scenario_analysis(InterestRate& ir) {
     for (auto [name, scenario] : nb::borrow<nb::dict>(ir[Scenarios])) {
         InterestRate& s = nb::cast<InterestRate&>(scenario);
         if (is_constant(s)) {
-            pool.push_back(as_double(s[Rate]));
+            pool.push_back(to_double(s[Rate], "rate"));
         } else {
             auto r = rates_of(s);
             pool.insert(pool.end(), r.begin(), r.end());
@@ -244,7 +230,7 @@ nb::dict cross_scenario_analysis(InterestRate& ir) {
     cross["total_rates"] = pool.size();
     cross["zero_count"] = count_if(pool, is_zero);
     cross["negative_count"] = count_if(pool, is_negative);
-    nb::object lo = np_item("min", array), hi = np_item("max", array);
+    nb::object lo = np_item(registry().np_min, array), hi = np_item(registry().np_max, array);
     cross["min_rate"] = lo;
     cross["max_rate"] = hi;
     cross["rate_spread"] = checked(PyNumber_Subtract(hi.ptr(), lo.ptr()));
@@ -253,7 +239,7 @@ nb::dict cross_scenario_analysis(InterestRate& ir) {
 
 nb::dict piecewise_report(InterestRate& ir) {
     if (ir[Rates].is_none() || ir[Terms].is_none() || ir[CumTerms].is_none())
-        assertion("Piecewise curve missing internal term/rate arrays");
+        raise(PyExc_AssertionError, "Piecewise curve missing internal term/rate arrays");
     std::span<const double> rates = f64_span(ir[Rates]), terms = f64_span(ir[Terms]), ends = f64_span(ir[CumTerms]);
     bool has_gaps = false;
     for (std::size_t i = 1; i < ends.size(); ++i) has_gaps = has_gaps || !(ends[i] - ends[i - 1] > 0.0);
@@ -262,23 +248,23 @@ nb::dict piecewise_report(InterestRate& ir) {
     structure["terms_count"] = terms.size();
     structure["rates_count"] = rates.size();
     structure["terms_valid"] = std::all_of(terms.begin(), terms.end(), [](double t) { return t > 0.0; });
-    structure["terms_sum"] = np_item("sum", ir[Terms]);
+    structure["terms_sum"] = np_item(registry().np_sum, ir[Terms]);
     structure["has_gaps"] = has_gaps;
-    structure["max_term"] = np_item("max", ir[Terms]);
-    structure["min_term"] = np_item("min", ir[Terms]);
+    structure["max_term"] = np_item(registry().np_max, ir[Terms]);
+    structure["min_term"] = np_item(registry().np_min, ir[Terms]);
 
     const std::size_t zeros = count_if(rates, is_zero), negatives = count_if(rates, is_negative);
-    nb::object mean = np_item("mean", ir[Rates]), std_dev = np_item("std", ir[Rates]);
-    double mean_d = as_double(mean);
+    nb::object mean = np_item(registry().np_mean, ir[Rates]), std_dev = np_item(registry().np_std, ir[Rates]);
+    double mean_d = to_double(mean, "mean");
     nb::dict stats;
     stats["zero_count"] = zeros;
     stats["negative_count"] = negatives;
     stats["positive_count"] = count_if(rates, is_positive);
-    stats["min_rate"] = np_item("min", ir[Rates]);
-    stats["max_rate"] = np_item("max", ir[Rates]);
+    stats["min_rate"] = np_item(registry().np_min, ir[Rates]);
+    stats["max_rate"] = np_item(registry().np_max, ir[Rates]);
     stats["mean_rate"] = mean;
     stats["std_rate"] = std_dev;
-    stats["rate_volatility"] = mean_d != 0.0 ? as_double(std_dev) / std::abs(mean_d) : kInf;
+    stats["rate_volatility"] = mean_d != 0.0 ? to_double(std_dev, "std") / std::abs(mean_d) : kInf;
     stats["has_zero_segments"] = zeros > 0;
 
     nb::dict metrics;
@@ -289,7 +275,7 @@ nb::dict piecewise_report(InterestRate& ir) {
     nb::dict report;
     report["type"] = "piecewise";
     report["structure"] = structure;
-    report["rates"] = numpy().attr("round")(ir[Rates], 6);
+    report["rates"] = registry().np_round(ir[Rates], 6);
     report["rate_statistics"] = stats;
     report["curve_policy"] = curve_policy(ir);
     report["actuarial_metrics"] = metrics;
@@ -309,8 +295,8 @@ nb::dict validate(InterestRate& ir) {
         return report;
     }
     if (!truthy(ir[IsConstant])) return piecewise_report(ir);
-    if (ir[Rate].is_none()) assertion("constant curve without a rate");
-    double rate = as_double(ir[Rate]);
+    if (ir[Rate].is_none()) raise(PyExc_AssertionError, "constant curve without a rate");
+    double rate = to_double(ir[Rate], "rate");
     nb::dict properties = sign_properties(rate);
     properties["is_finite"] = rate == rate && std::abs(rate) < 1e308;
     report["type"] = "constant";
@@ -332,8 +318,8 @@ nb::dict curve_analysis(InterestRate& ir) {
     }
     nb::dict factors;
     if (truthy(ir[IsConstant])) {
-        if (ir[Rate].is_none()) assertion("constant curve without a rate");
-        double rate = as_double(ir[Rate]);
+        if (ir[Rate].is_none()) raise(PyExc_AssertionError, "constant curve without a rate");
+        double rate = to_double(ir[Rate], "rate");
         nb::dict properties = sign_properties(rate);
         properties["absolute_value"] = std::abs(rate);
         factors["10y"] = vn_impl(ir, nb::int_(10), "n", true);
@@ -345,10 +331,10 @@ nb::dict curve_analysis(InterestRate& ir) {
         result["key_discount_factors"] = factors;
         return result;
     }
-    if (ir[Terms].is_none()) assertion("Piecewise curve missing internal term/rate arrays");
+    if (ir[Terms].is_none()) raise(PyExc_AssertionError, "Piecewise curve missing internal term/rate arrays");
     std::span<const double> rates = rates_of(ir);
-    nb::object lo = np_item("min", ir[Rates]), hi = np_item("max", ir[Rates]);
-    nb::object std_dev = np_item("std", ir[Rates]), mean = np_item("mean", ir[Rates]);
+    nb::object lo = np_item(registry().np_min, ir[Rates]), hi = np_item(registry().np_max, ir[Rates]);
+    nb::object std_dev = np_item(registry().np_std, ir[Rates]), mean = np_item(registry().np_mean, ir[Rates]);
     const std::size_t zeros = count_if(rates, is_zero), negatives = count_if(rates, is_negative);
 
     nb::dict range, properties, shape;
@@ -367,14 +353,14 @@ nb::dict curve_analysis(InterestRate& ir) {
     shape["mean_rate"] = mean;
 
     // One vectorised call for the four horizons.
-    nb::object horizons = numpy().attr("array")(nb::make_tuple(1, 5, 10, 30));
-    nb::object values = numpy().attr("atleast_1d")(vn_impl(ir, horizons, "n", true));
+    nb::object horizons = registry().np_array(nb::make_tuple(1, 5, 10, 30));
+    nb::object values = registry().np_atleast_1d(vn_impl(ir, horizons, "n", true));
     const char* labels[] = {"1y", "5y", "10y", "30y"};
-    for (std::size_t i = 0; i < 4; ++i) factors[labels[i]] = nb::float_(as_double(values[nb::int_(i)]));
+    for (std::size_t i = 0; i < 4; ++i) factors[labels[i]] = nb::float_(to_double(values[nb::int_(i)], "discount factor"));
 
     result["type"] = "piecewise";
     result["curve_policy"] = curve_policy(ir);
-    result["curve_length"] = np_item("sum", ir[Terms]);
+    result["curve_length"] = np_item(registry().np_sum, ir[Terms]);
     result["segment_count"] = nb::len(ir[Terms]);
     result["rate_range"] = range;
     result["rate_properties"] = properties;

@@ -14,9 +14,7 @@ class LockGuard {
 public:
     explicit LockGuard(nb::handle lock) : lock_(nb::borrow(lock)) {
         static PyObject* acquire = interned("acquire");
-        PyObject* res = PyObject_CallMethodNoArgs(lock_.ptr(), acquire);
-        if (!res) nb::raise_python_error();
-        Py_DECREF(res);
+        checked(PyObject_CallMethodNoArgs(lock_.ptr(), acquire));
     }
     ~LockGuard() {
         static PyObject* release = interned("release");
@@ -34,17 +32,16 @@ private:
     nb::object lock_;
 };
 
-bool dict_contains(nb::handle mapping, nb::handle key) {
-    int res = PySequence_Contains(mapping.ptr(), key.ptr());
-    if (res < 0) nb::raise_python_error();
-    return res == 1;
+// The caches are OrderedDicts; a caller passing anything else gets a TypeError.
+void require_cache(nb::handle cache) {
+    if (!PyDict_Check(cache.ptr())) raise(PyExc_TypeError, "cache must be a dict, got " + type_name_of(cache));
 }
 
 nb::object as_maxsize(nb::handle maxsize) {
     if (PyLong_Check(maxsize.ptr()) && !PyBool_Check(maxsize.ptr())) return nb::borrow(maxsize);
     if (PyBool_Check(maxsize.ptr()) || !is_numeric(maxsize))
-        throw nb::type_error(("maxsize must be an integer, got " +
-                              type_name_of(maxsize)).c_str());
+        raise(PyExc_TypeError, "maxsize must be an integer, got " +
+                              type_name_of(maxsize));
     return nb::int_(maxsize);
 }
 
@@ -52,29 +49,29 @@ nb::object as_maxsize(nb::handle maxsize) {
 
 nb::object lru_touch_get(InterestRate& ir, nb::handle cache, double key) {
     nb::float_ k(key);
+    require_cache(cache);
     LockGuard hold(ir[CacheLock]);
-    if (!dict_contains(cache, k)) return nb::none();
+    if (!contains(cache, k)) return nb::none();
     // Removing and re-inserting moves the entry to the most-recently-used end.
-    nb::object value = nb::steal(PyObject_GetItem(cache.ptr(), k.ptr()));
-    if (!value.is_valid() || PyObject_DelItem(cache.ptr(), k.ptr()) < 0 ||
-        PyObject_SetItem(cache.ptr(), k.ptr(), value.ptr()) < 0)
-        nb::raise_python_error();
+    nb::object value = checked(PyObject_GetItem(cache.ptr(), k.ptr()));
+    checked(PyObject_DelItem(cache.ptr(), k.ptr()));
+    checked(PyObject_SetItem(cache.ptr(), k.ptr(), value.ptr()));
     return value;
 }
 
 void lru_store(InterestRate& ir, nb::handle cache, double key, double value, nb::handle maxsize) {
     nb::float_ k(key);
+    require_cache(cache);
     LockGuard hold(ir[CacheLock]);
     // An existing entry is neither replaced nor refreshed.
-    if (dict_contains(cache, k)) return;
-    int full = PyObject_RichCompareBool(nb::int_(nb::len(cache)).ptr(), maxsize.ptr(), Py_GE);
-    if (full < 0) nb::raise_python_error();
-    if (full) cache.attr("popitem")(nb::arg("last") = false);
-    if (PyObject_SetItem(cache.ptr(), k.ptr(), nb::float_(value).ptr()) < 0) nb::raise_python_error();
+    if (contains(cache, k)) return;
+    if (checked(PyObject_RichCompareBool(nb::int_(nb::len(cache)).ptr(), maxsize.ptr(), Py_GE)))
+        cache.attr("popitem")(nb::arg("last") = false);  // the least recently used
+    checked(PyObject_SetItem(cache.ptr(), k.ptr(), nb::float_(value).ptr()));
 }
 
 void clear_lru_caches(InterestRate& ir) {
-    if (ir[CacheLock].is_none()) ir[CacheLock] = refs().lock_type();
+    if (ir[CacheLock].is_none()) ir[CacheLock] = registry().lock_type();
     LockGuard hold(ir[CacheLock]);
     ir[RateCache].attr("clear")();
     ir[ForceCache].attr("clear")();
@@ -89,15 +86,15 @@ void invalidate_caches(InterestRate& ir) {
     clear_lru_caches(ir);
     bump_ts_shift_cache(ir);
     ir[OnePlusRates] = nb::none();
-    ir[FullSegProd] = refs().empty_f64;
-    ir[PrefixProd] = refs().empty_f64;
+    ir[FullSegProd] = registry().empty_f64;
+    ir[PrefixProd] = registry().empty_f64;
 }
 
 void recompute_prefix_products(InterestRate& ir) {
     if (ir[Rates].is_none()) {
         ir[OnePlusRates] = nb::none();
-        ir[FullSegProd] = refs().empty_f64;
-        ir[PrefixProd] = refs().empty_f64;
+        ir[FullSegProd] = registry().empty_f64;
+        ir[PrefixProd] = registry().empty_f64;
         return;
     }
     std::span<const double> rates = f64_span(ir[Rates]);
@@ -105,14 +102,14 @@ void recompute_prefix_products(InterestRate& ir) {
     core::one_plus(rates, {one_plus.data, rates.size()});
     ir[OnePlusRates] = one_plus.array;
     if (ir[Terms].is_none() || nb::len(ir[Terms]) == 0) {
-        ir[FullSegProd] = refs().empty_f64;
-        ir[PrefixProd] = refs().empty_f64;
+        ir[FullSegProd] = registry().empty_f64;
+        ir[PrefixProd] = registry().empty_f64;
         return;
     }
     std::span<const double> terms = f64_span(ir[Terms]);
     std::size_t k = rates.empty() ? 0 : rates.size() - 1;
     if (terms.size() != k)
-        throw nb::value_error("For piecewise rates, rates must have length terms+1 (last rate applies indefinitely)");
+        raise(PyExc_ValueError, "For piecewise rates, rates must have length terms+1 (last rate applies indefinitely)");
     NewArray full = new_f64_array(k), prefix = new_f64_array(k);
     core::segment_discount_products({one_plus.data, k}, terms, {full.data, k}, {prefix.data, k});
     ir[FullSegProd] = full.array;

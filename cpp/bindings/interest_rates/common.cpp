@@ -1,65 +1,114 @@
-// Conversions and array plumbing shared by every binding file.
-#include "interest_rates.hpp"
+// The registry, raising, checked calls, conversions and array plumbing shared
+// by every binding file.
+#include "common.hpp"
+
+#include <algorithm>
 
 namespace norvane::bindings {
 
 namespace {
-PyRefs* g_refs = nullptr;
+Registry* g_registry = nullptr;
 }
 
-PyRefs& refs() { return *g_refs; }
+const Registry& registry() { return *g_registry; }
 
-void init_refs(nb::module_& m) {
-    auto* r = new PyRefs();  // leaked deliberately, see the header
-    auto typing = nb::module_::import_("typing");
+void init_registry(nb::module_& m) {
+    auto* r = new Registry();  // leaked deliberately, see the header
     auto np = nb::module_::import_("numpy");
+    auto builtins = nb::module_::import_("builtins");
     r->numeric_types = m.attr("_NUMERIC_TYPES");
     r->max_float64 = m.attr("_MAX_FLOAT64");
     r->empty_f64 = m.attr("_EMPTY_F64");
     r->as_f64_safe = m.attr("_as_f64_safe");
     r->validate_numeric_input = m.attr("_validate_numeric_input");
     r->validate_float_sequence = m.attr("_validate_float_sequence");
+    r->validate_scalar_numeric = m.attr("_validate_scalar_numeric");
     r->config_cls = m.attr("Config");
     r->calendar_constant_allowed = m.attr("_calendar_constant_allowed");
     r->allowed_days = m.attr("_ALLOWED_DAYS_PER_YEAR");
     r->allowed_weeks = m.attr("_ALLOWED_WEEKS_PER_YEAR");
-    r->calculation_modes = typing.attr("get_args")(m.attr("CalculationModeLiteral"));
+    r->calculation_modes = nb::module_::import_("typing").attr("get_args")(m.attr("CalculationModeLiteral"));
     r->valid_term_units = m.attr("VALID_TERM_UNITS");
+    r->dispatch_table = m.attr("_ANNUITY_CALCULATION_MODE_DISPATCH");
+    nb::module_ engine = nb::module_::import_("norvane.engine.annuity");
+    r->own_entries = engine.attr("_OWN_ENTRIES");
+    r->annuity_public_route = nb::module_::import_("norvane.engine.dispatch").attr("annuity_public_route");
+    for (nb::handle m_ : nb::module_::import_("norvane.base").attr("_ALLOWED_PAYMENT_FREQUENCIES"))
+        r->allowed_frequencies.push_back(nb::cast<long>(m_));
     r->lock_type = nb::module_::import_("threading").attr("Lock");
     r->ordered_dict = nb::module_::import_("collections").attr("OrderedDict");
     r->deepcopy = nb::module_::import_("copy").attr("deepcopy");
+    r->datetime_now = nb::module_::import_("datetime").attr("datetime").attr("now");
+    nb::module_ json = nb::module_::import_("json");
+    r->json_dumps = json.attr("dumps");
+    r->json_loads = json.attr("loads");
+    r->builtin_round = builtins.attr("round");
+    r->int_type = builtins.attr("int");
+    r->integer_types = nb::make_tuple(r->int_type, np.attr("integer"));
     r->np_generic = np.attr("generic");
     r->np_ndarray = np.attr("ndarray");
-    r->np_array_equal = np.attr("array_equal");
+    r->np_array = np.attr("array");
     r->np_empty = np.attr("empty");
-    r->validate_scalar_numeric = m.attr("_validate_scalar_numeric");
-    r->int_type = nb::module_::import_("builtins").attr("int");
-    r->integer_types = nb::make_tuple(r->int_type, np.attr("integer"));
-    g_refs = r;
+    r->np_array_equal = np.attr("array_equal");
+    r->np_round = np.attr("round");
+    r->np_full_like = np.attr("full_like");
+    r->np_greater_equal = np.attr("greater_equal");
+    r->np_all = np.attr("all");
+    r->np_atleast_1d = np.attr("atleast_1d");
+    r->np_sum = np.attr("sum");
+    r->np_min = np.attr("min");
+    r->np_max = np.attr("max");
+    r->np_mean = np.attr("mean");
+    r->np_std = np.attr("std");
+    g_registry = r;
+}
+
+void raise(PyObject* type, const std::string& message) {
+    PyErr_SetString(type, message.c_str());
+    throw nb::python_error();
 }
 
 nb::object checked(PyObject* result) {
-    if (!result) nb::raise_python_error();
+    if (!result) throw nb::python_error();
     return nb::steal(result);
 }
 
-std::string py_str(nb::handle h) { return nb::str(h).c_str(); }
-std::string py_repr(nb::handle h) { return nb::repr(h).c_str(); }
+int checked(int status) {
+    if (status < 0) throw nb::python_error();
+    return status;
+}
+
+std::string py_str(nb::handle h) { return nb::borrow<nb::str>(checked(PyObject_Str(h.ptr()))).c_str(); }
+std::string py_repr(nb::handle h) { return nb::borrow<nb::str>(checked(PyObject_Repr(h.ptr()))).c_str(); }
 std::string type_name_of(nb::handle h) { return nb::type_name(h.type()).c_str(); }
 std::string float_str(double x) { return py_repr(nb::float_(x)); }
 
 bool is_numeric(nb::handle h) {
     if (PyBool_Check(h.ptr())) return false;  // booleans are never numbers
     if (PyFloat_Check(h.ptr()) || PyLong_Check(h.ptr())) return true;
-    int res = PyObject_IsInstance(h.ptr(), refs().numeric_types.ptr());
-    if (res < 0) nb::raise_python_error();
-    return res == 1;
+    return checked(PyObject_IsInstance(h.ptr(), registry().numeric_types.ptr())) == 1;
 }
 
-bool truthy(nb::handle h) {
-    int res = PyObject_IsTrue(h.ptr());
-    if (res < 0) nb::raise_python_error();
-    return res == 1;
+bool truthy(nb::handle h) { return checked(PyObject_IsTrue(h.ptr())) == 1; }
+
+bool contains(nb::handle container, nb::handle item) {
+    return checked(PySequence_Contains(container.ptr(), item.ptr())) == 1;
+}
+
+double to_double(nb::handle h, const std::string& what) {
+    if (PyFloat_Check(h.ptr())) return PyFloat_AS_DOUBLE(h.ptr());
+    if (!PyBool_Check(h.ptr())) {
+        const double value = PyFloat_AsDouble(h.ptr());
+        if (!(value == -1.0 && PyErr_Occurred())) return value;
+        if (!PyErr_ExceptionMatches(PyExc_TypeError)) throw nb::python_error();
+        PyErr_Clear();
+    }
+    raise(PyExc_TypeError, what + " must be a real number, got " + type_name_of(h));
+}
+
+bool allowed_frequency(long m) {
+    const auto& allowed = registry().allowed_frequencies;
+    return std::find(allowed.begin(), allowed.end(), m) != allowed.end();
 }
 
 using ReadonlyArray = nb::ndarray<nb::numpy, const double, nb::ndim<1>>;
@@ -79,11 +128,14 @@ nb::object readonly_copy(std::span<const double> values) {
 
 std::span<const double> f64_span(nb::handle h) {
     nb::ndarray<const double, nb::ndim<1>, nb::c_contig, nb::device::cpu> view;
-    if (!nb::try_cast(h, view, false))
-        throw nb::type_error("expected a one-dimensional contiguous float64 array");
+    if (!nb::try_cast(h, view, false)) raise(PyExc_TypeError, "expected a one-dimensional contiguous float64 array");
     return {view.data(), view.shape(0)};
 }
 
-std::size_t ndim_of(nb::handle array) { return nb::cast<std::size_t>(array.attr("ndim")); }
+std::size_t ndim_of(nb::handle array) {
+    const long ndim = PyLong_AsLong(checked(PyObject_GetAttrString(array.ptr(), "ndim")).ptr());
+    if (ndim == -1 && PyErr_Occurred()) throw nb::python_error();
+    return static_cast<std::size_t>(ndim);
+}
 
 }  // namespace norvane::bindings

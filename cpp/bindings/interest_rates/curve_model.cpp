@@ -36,9 +36,6 @@ const std::array<const char*, SlotCount> kSlotDocs = {
     "Generation of the shifted-curve cache; advances on every change of the curve.",
     "Shifted curves by (curve, ts, generation)."};
 
-const char* kLengthRule =
-    "For piecewise rates, rates must have length terms+1 (last rate applies indefinitely)";
-const char* kNotFinite = ". Infinite or NaN rates are not allowed in actuarial calculations.";
 
 const char* kCurveDoc = R"doc(Interest-rate curve: constant, piecewise, or a container of scenarios.
 
@@ -71,22 +68,18 @@ array([5., 5.])
 )doc";
 
 
-[[noreturn]] void value_error(const std::string& message) {
-    throw nb::value_error(message.c_str());
-}
-
 // Rich comparison without the identity shortcut, so that NaN != NaN.
 bool py_compare(nb::handle a, nb::handle b, int op) {
     return truthy(checked(PyObject_RichCompare(a.ptr(), b.ptr(), op)));
 }
 
-nb::object as_f64(nb::handle x) { return refs().as_f64_safe(x); }
+nb::object as_f64(nb::handle x) { return registry().as_f64_safe(x); }
 
 // terms_len / rates_len: an integer or None.
 std::optional<std::size_t> optional_length(const char* name, nb::handle value) {
     if (value.is_none()) return std::nullopt;
     if (PyBool_Check(value.ptr()) || !PyIndex_Check(value.ptr()))
-        throw nb::type_error((std::string(name) + " must be an int or None, got " + type_name_of(value)).c_str());
+        raise(PyExc_TypeError, std::string(name) + " must be an int or None, got " + type_name_of(value));
     Py_ssize_t n = PyNumber_AsSsize_t(value.ptr(), PyExc_OverflowError);
     if (n == -1 && PyErr_Occurred()) nb::raise_python_error();
     return n < 0 ? SIZE_MAX : static_cast<std::size_t>(n);
@@ -97,27 +90,27 @@ std::optional<std::size_t> optional_length(const char* name, nb::handle value) {
 void validate_rates_array(nb::handle rates_in, nb::handle terms_len, const std::string& context) {
     auto expected_terms = optional_length("terms_len", terms_len);
     nb::object rates = as_f64(rates_in);
-    if (ndim_of(rates) != 1) value_error("rates must be a one-dimensional sequence of numerics.");
+    if (ndim_of(rates) != 1) raise(PyExc_ValueError, "rates must be a one-dimensional sequence of numerics.");
     std::span<const double> r = f64_span(rates);
     if (auto idx = core::first_non_finite(r))
-        value_error("Interest rate must be finite at position " + std::to_string(*idx) + context + ", got " +
+        raise(PyExc_ValueError, "Interest rate must be finite at position " + std::to_string(*idx) + context + ", got " +
                     float_str(r[*idx]) + kNotFinite);
     if (auto idx = core::first_at_or_below(r, -1.0))
-        value_error("Rate " + float_str(r[*idx]) + " ≤ -1" + context +
+        raise(PyExc_ValueError, "Rate " + float_str(r[*idx]) + " ≤ -1" + context +
                     ": (1+i) must be positive for discount factor computation per actuarial standards");
-    if (expected_terms && r.size() != *expected_terms + 1) value_error(kLengthRule);
+    if (expected_terms && r.size() != *expected_terms + 1) raise(PyExc_ValueError, kLengthRule);
 }
 
 void validate_terms_array(nb::handle terms_in, nb::handle rates_len) {
     auto expected_rates = optional_length("rates_len", rates_len);
     nb::object terms = as_f64(terms_in);
-    if (ndim_of(terms) != 1) value_error("terms must be a one-dimensional sequence of numerics.");
+    if (ndim_of(terms) != 1) raise(PyExc_ValueError, "terms must be a one-dimensional sequence of numerics.");
     std::span<const double> t = f64_span(terms);
     if (auto idx = core::first_non_finite(t))
-        value_error("Term length must be finite at position " + std::to_string(*idx) + ", got " +
+        raise(PyExc_ValueError, "Term length must be finite at position " + std::to_string(*idx) + ", got " +
                     float_str(t[*idx]) + ".");
-    if (core::first_at_or_below(t, 0.0)) value_error("All terms must be positive");
-    if (expected_rates && *expected_rates != t.size() + 1) value_error(kLengthRule);
+    if (core::first_at_or_below(t, 0.0)) raise(PyExc_ValueError, "All terms must be positive");
+    if (expected_rates && *expected_rates != t.size() + 1) raise(PyExc_ValueError, kLengthRule);
 }
 
 // ---- term units ----------------------------------------------------------
@@ -125,10 +118,10 @@ void validate_terms_array(nb::handle terms_in, nb::handle rates_len) {
 double calendar_factor(const char* name, nb::handle override_value, nb::handle config_value,
                        nb::handle allowed) {
     nb::handle per_year = override_value.is_none() ? config_value : override_value;
-    if (per_year.is_none()) value_error(std::string(name) + " is not configured");
-    if (!truthy(refs().calendar_constant_allowed(per_year, allowed)))
-        value_error(std::string(name) + " must be one of " + py_str(allowed) + ", got " + py_str(per_year));
-    return 1.0 / nb::cast<double>(nb::float_(per_year));
+    if (per_year.is_none()) raise(PyExc_ValueError, std::string(name) + " is not configured");
+    if (!truthy(registry().calendar_constant_allowed(per_year, allowed)))
+        raise(PyExc_ValueError, std::string(name) + " must be one of " + py_str(allowed) + ", got " + py_str(per_year));
+    return 1.0 / to_double(per_year, name);
 }
 
 double term_unit_factor(nb::handle unit, nb::handle config, nb::handle days_per_year,
@@ -138,11 +131,11 @@ double term_unit_factor(nb::handle unit, nb::handle config, nb::handle days_per_
     if (u == "months") return 1.0 / 12;
     if (u == "days")
         return calendar_factor("days_per_year", days_per_year, config.attr("days_per_year"),
-                               refs().allowed_days);
+                               registry().allowed_days);
     if (u == "weeks")
         return calendar_factor("weeks_per_year", weeks_per_year, config.attr("weeks_per_year"),
-                               refs().allowed_weeks);
-    value_error("Unknown term unit: " + py_str(unit) + ". Valid units: years, months, weeks, days.");
+                               registry().allowed_weeks);
+    raise(PyExc_ValueError, "Unknown term unit: " + py_str(unit) + ". Valid units: years, months, weeks, days.");
 }
 
 nb::object to_years(InterestRate& ir, nb::handle values, nb::handle unit) {
@@ -201,20 +194,20 @@ void set_terms(InterestRate& ir, nb::handle value) {
 void set_defaults(InterestRate& ir) {
     ir[Scenarios] = nb::dict();
     ir[ActiveScenario] = nb::none();
-    ir[Config] = refs().config_cls();
-    ir[RateCache] = refs().ordered_dict();
-    ir[ForceCache] = refs().ordered_dict();
-    ir[CacheLock] = refs().lock_type();
+    ir[Config] = registry().config_cls();
+    ir[RateCache] = registry().ordered_dict();
+    ir[ForceCache] = registry().ordered_dict();
+    ir[CacheLock] = registry().lock_type();
     ir[ShiftCacheEpoch] = nb::int_(0);
     ir[TsShiftCache] = nb::dict();
     ir[IsConstant] = nb::bool_(false);
     ir[Rate] = ir[Terms] = ir[Rates] = ir[CumTerms] = ir[ConstantDelta] = ir[OnePlusRates] = nb::none();
-    ir[FullSegProd] = refs().empty_f64;
-    ir[PrefixProd] = refs().empty_f64;
+    ir[FullSegProd] = registry().empty_f64;
+    ir[PrefixProd] = registry().empty_f64;
 }
 
 nb::tuple validate_numeric(nb::handle value, bool allow_sequence, const char* attr) {
-    return nb::borrow<nb::tuple>(refs().validate_numeric_input(
+    return nb::borrow<nb::tuple>(registry().validate_numeric_input(
         value, nb::arg("allow_none") = false, nb::arg("allow_sequence") = allow_sequence,
         nb::arg("method_name") = "InterestRate", nb::arg("attr_name") = attr));
 }
@@ -226,13 +219,13 @@ void build_scenarios(InterestRate& ir, nb::handle scenarios_in, nb::handle term_
     nb::dict scenarios = nb::borrow<nb::dict>(ir[Scenarios]);
     for (auto [name, value] : nb::borrow<nb::dict>(scenarios_in)) {
         if (!nb::isinstance<nb::str>(name))
-            throw nb::type_error(("Scenario name must be a string. Found: " + py_repr(name)).c_str());
-        if (Py_IS_TYPE(value.ptr(), &PyBool_Type)) value_error("Rate value cannot be boolean.");
+            raise(PyExc_TypeError, "Scenario name must be a string. Found: " + py_repr(name));
+        if (Py_IS_TYPE(value.ptr(), &PyBool_Type)) raise(PyExc_ValueError, "Rate value cannot be boolean.");
         if (is_numeric(value)) {
-            nb::object v = nb::isinstance(value, refs().np_generic) ? value.attr("item")() : nb::borrow(value);
+            nb::object v = nb::isinstance(value, registry().np_generic) ? value.attr("item")() : nb::borrow(value);
             std::string context = scenario_context(name);
             validate_rate_value(v, context);
-            validate_rate_for_discount(nb::cast<double>(nb::float_(v)), context);
+            validate_rate_for_discount(to_double(v, "rate"), context);
             scenarios[name] = curve_type(v);
         } else if ((nb::isinstance<nb::list>(value) || nb::isinstance<nb::tuple>(value)) && nb::len(value) == 2) {
             nb::object scenario_terms = value[0], scenario_rates = value[1];
@@ -240,7 +233,7 @@ void build_scenarios(InterestRate& ir, nb::handle scenarios_in, nb::handle term_
             scenarios[name] = curve_type(nb::arg("terms") = scenario_terms, nb::arg("rates") = scenario_rates,
                                          nb::arg("term_unit") = term_unit);
         } else {
-            value_error("Invalid scenario format for '" + py_str(name) + "': " + py_repr(value));
+            raise(PyExc_ValueError, "Invalid scenario format for '" + py_str(name) + "': " + py_repr(value));
         }
     }
     if (nb::len(scenarios) == 0) {
@@ -255,7 +248,7 @@ void build_scenarios(InterestRate& ir, nb::handle scenarios_in, nb::handle term_
 }
 
 void build_piecewise(InterestRate& ir, nb::handle terms, nb::handle rates, nb::handle term_unit) {
-    if (nb::len(terms) == 0 || nb::len(rates) == 0) value_error("terms and rates must not be empty");
+    if (nb::len(terms) == 0 || nb::len(rates) == 0) raise(PyExc_ValueError, "terms and rates must not be empty");
     nb::object t = to_years(ir, terms, term_unit);
     nb::object r = as_f64(rates);
     validate_terms_array(t, nb::int_(nb::len(r)));
@@ -268,10 +261,10 @@ void build_piecewise(InterestRate& ir, nb::handle terms, nb::handle rates, nb::h
 
 void build_constant(InterestRate& ir, nb::handle rate) {
     if (!is_numeric(rate))
-        value_error("Invalid arguments: provide either a float rate, terms and rates, or a dictionary of scenarios.");
-    nb::float_ x(rate);
+        raise(PyExc_ValueError, "Invalid arguments: provide either a float rate, terms and rates, or a dictionary of scenarios.");
+    nb::float_ x(to_double(rate, "rate"));
     validate_rate_value(x, "");
-    validate_rate_for_discount(nb::cast<double>(x), "");
+    validate_rate_for_discount(to_double(x, "rate"), "");
     ir[IsConstant] = nb::bool_(true);
     ir[Rate] = x;
     set_terms(ir, nb::none());
@@ -295,10 +288,10 @@ InterestRate construct(nb::handle rate_in, nb::handle terms_in, nb::handle rates
     }
     if (!rates.is_none()) {
         rates = validate_numeric(rates, true, "rates")[0];
-        if (ndim_of(rates) != 1) value_error("rates must be a one-dimensional sequence of numerics.");
+        if (ndim_of(rates) != 1) raise(PyExc_ValueError, "rates must be a one-dimensional sequence of numerics.");
     }
     if (!terms.is_none())
-        terms = refs().validate_float_sequence(nb::arg("seq") = terms, nb::arg("method_name") = "InterestRate",
+        terms = registry().validate_float_sequence(nb::arg("seq") = terms, nb::arg("method_name") = "InterestRate",
                                                nb::arg("attr_name") = "terms");
     set_defaults(ir);
     if (is_scenario_dict)
@@ -315,7 +308,7 @@ InterestRate construct(nb::handle rate_in, nb::handle terms_in, nb::handle rates
 
 void set_active_scenario(InterestRate& ir, nb::handle name) {
     if (!has_scenarios(ir) || !nb::borrow<nb::dict>(ir[Scenarios]).contains(name))
-        value_error("Scenario '" + py_str(name) + "' not found.");
+        raise(PyExc_ValueError, "Scenario '" + py_str(name) + "' not found.");
     if (py_compare(name, ir[ActiveScenario], Py_NE)) {
         ir[ActiveScenario] = nb::borrow(name);
         invalidate_caches(ir);
@@ -324,31 +317,28 @@ void set_active_scenario(InterestRate& ir, nb::handle name) {
 
 void add_scenario(InterestRate& ir, nb::handle name, nb::handle scenario) {
     if (!nb::isinstance<InterestRate>(scenario))
-        throw nb::type_error(("scenario must be an InterestRate instance, got " + type_name_of(scenario)).c_str());
+        raise(PyExc_TypeError, "scenario must be an InterestRate instance, got " + type_name_of(scenario));
     if (has_scenarios(nb::cast<InterestRate&>(scenario)))
-        value_error("Nested multi-scenario InterestRate is not allowed. Add only simple scenarios (constant or piecewise).");
+        raise(PyExc_ValueError, "Nested multi-scenario InterestRate is not allowed. Add only simple scenarios (constant or piecewise).");
     ir[Scenarios][name] = scenario;
     if (ir[ActiveScenario].is_none()) ir[ActiveScenario] = nb::borrow(name);
     invalidate_caches(ir);
 }
 
-nb::object active_curve_is_constant(const InterestRate& ir) {
-    if (!has_scenarios(ir)) return ir[IsConstant];
-    return nb::cast<InterestRate&>(ir[Scenarios][ir[ActiveScenario]])[IsConstant];
-}
+nb::object active_curve_is_constant(InterestRate& ir) { return active_curve(ir)[IsConstant]; }
 
 // ---- equality, hashing, copying ------------------------------------------
 
 bool curves_equal(const InterestRate& a, const InterestRate& b) {
     bool a_const = truthy(a[IsConstant]), b_const = truthy(b[IsConstant]);
     if (a_const != b_const) return false;
-    if (a_const) return nb::cast<double>(nb::float_(a[Rate])) == nb::cast<double>(nb::float_(b[Rate]));
+    if (a_const) return to_double(a[Rate], "rate") == to_double(b[Rate], "rate");
     if (has_scenarios(a))
         return py_compare(a[Scenarios], b[Scenarios], Py_EQ) &&
                py_compare(a[ActiveScenario], b[ActiveScenario], Py_EQ);
     if (a[Terms].is_none() || b[Terms].is_none()) return a[Terms].is_none() && b[Terms].is_none();
-    return truthy(refs().np_array_equal(a[Terms], b[Terms])) &&
-           truthy(refs().np_array_equal(a[Rates], b[Rates]));
+    return truthy(registry().np_array_equal(a[Terms], b[Terms])) &&
+           truthy(registry().np_array_equal(a[Rates], b[Rates]));
 }
 
 Py_hash_t curve_hash(InterestRate& ir) {
@@ -374,7 +364,7 @@ const Slot kArraySlots[] = {Terms, Rates, CumTerms, FullSegProd, PrefixProd, One
 // Deep copies of arrays come back writable; stored arrays stay read-only.
 void freeze_arrays(InterestRate& ir) {
     for (Slot s : kArraySlots)
-        if (nb::isinstance(ir[s], refs().np_ndarray) && !ir[s].is(refs().empty_f64))
+        if (nb::isinstance(ir[s], registry().np_ndarray) && !ir[s].is(registry().empty_f64))
             ir[s].attr("flags").attr("writeable") = false;
 }
 
@@ -394,36 +384,44 @@ nb::object blank_instance(nb::handle cls) {
 // float32 infinity would not compare above the float64 maximum.
 void validate_rate_value(nb::handle rate, const std::string& context) {
     if (!is_numeric(rate))
-        throw nb::type_error(("Interest rate must be numeric" + context + ", got " + type_name_of(rate)).c_str());
+        raise(PyExc_TypeError, "Interest rate must be numeric" + context + ", got " + type_name_of(rate));
     bool finite;
     if (PyLong_Check(rate.ptr())) {
-        nb::object max = refs().max_float64;
+        nb::object max = registry().max_float64;
         nb::object min = checked(PyNumber_Negative(max.ptr()));
         finite = !py_compare(rate, max, Py_GT) && !py_compare(rate, min, Py_LT);
     } else {
-        finite = std::isfinite(nb::cast<double>(nb::float_(rate)));
+        finite = std::isfinite(to_double(rate, "rate"));
     }
-    if (!finite) value_error("Interest rate must be finite" + context + ", got " + py_str(rate) + kNotFinite);
+    if (!finite) raise(PyExc_ValueError, "Interest rate must be finite" + context + ", got " + py_str(rate) + kNotFinite);
 }
 
 void validate_rate_for_discount(double r, const std::string& context) {
     if (r > -1.0) return;  // NaN fails this test and is refused
-    value_error("Rate " + float_str(r) + " ≤ -1" + context +
+    raise(PyExc_ValueError, "Rate " + float_str(r) + " ≤ -1" + context +
                 ": (1+i) must be positive for discount factor computation per actuarial standards");
 }
 
 void validate_rate_for_force(nb::handle rate, const std::string& context) {
     if (!py_compare(rate, nb::float_(-1.0), Py_LE)) return;
     std::string shown = py_str(checked(PyObject_Format(rate.ptr(), nb::str("").ptr())));
-    value_error("Cannot calculate force of interest: rate " + shown + " ≤ -1" + context +
+    raise(PyExc_ValueError, "Cannot calculate force of interest: rate " + shown + " ≤ -1" + context +
                 " would make ln(1 + i) undefined per actuarial standards");
+}
+
+InterestRate& curve_arg(nb::handle h, const char* what) {
+    if (!nb::isinstance<InterestRate>(h))
+        raise(PyExc_TypeError, std::string(what) + " must be an InterestRate, got " + type_name_of(h));
+    return nb::cast<InterestRate&>(h);
 }
 
 bool has_scenarios(const InterestRate& ir) { return truthy(ir[Scenarios]); }
 
+bool is_constant(InterestRate& ir) { return truthy(active_curve(ir)[IsConstant]); }
+
 InterestRate& active_curve(InterestRate& ir) {
     if (!has_scenarios(ir)) return ir;
-    return nb::cast<InterestRate&>(ir[Scenarios][ir[ActiveScenario]]);
+    return curve_arg(ir[Scenarios][ir[ActiveScenario]], "scenario");
 }
 
 nb::object deep_copy(nb::handle self, nb::handle memo) {
@@ -447,9 +445,9 @@ nb::object deep_copy(nb::handle self, nb::handle memo) {
             if (slot == "_config")
                 setattribute(result, name, value);  // copies keep following the package configuration
             else if (slot == "_cache_lock")
-                setattribute(result, name, refs().lock_type());
+                setattribute(result, name, registry().lock_type());
             else
-                setattribute(result, name, refs().deepcopy(value, memo));
+                setattribute(result, name, registry().deepcopy(value, memo));
         }
     }
     freeze_arrays(nb::cast<InterestRate&>(result));
@@ -467,7 +465,9 @@ nb::tuple get_state(const InterestRate& ir) {
 }
 
 void set_state(InterestRate& self, nb::tuple state) {
-    if (nb::len(state) != 7) value_error("invalid InterestRate pickle state");
+    if (nb::len(state) != 7) raise(PyExc_ValueError, "invalid InterestRate pickle state");
+    if (!nb::isinstance<Meta>(state[0]) || !nb::isinstance<nb::dict>(state[5]))
+        raise(PyExc_TypeError, "invalid InterestRate pickle state: metadata or scenarios of the wrong type");
     InterestRate ir;
     set_defaults(ir);
     ir[MetaData] = state[0];
@@ -650,7 +650,7 @@ Examples
     cls.def_static(
         "_validate_rate_for_discount",
         [](nb::handle rate, const std::string& context) {
-            validate_rate_for_discount(nb::cast<double>(nb::float_(rate)), context);
+            validate_rate_for_discount(to_double(rate, "rate"), context);
         },
         nb::arg("rate"), nb::arg("context") = "", "Refuse rates <= -1 (and NaN), for which (1 + i) is not positive.");
 

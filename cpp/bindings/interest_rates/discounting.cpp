@@ -12,9 +12,7 @@ namespace {
 // Below this many durations the GIL is kept: releasing costs more than it saves.
 constexpr std::size_t kReleaseGilAbove = 4096;
 
-const char* kNotPositive = ": (1+i) must be positive for discount factor computation per actuarial standards";
-
-[[noreturn]] void internal_error(const char* message) { throw std::runtime_error(message); }
+[[noreturn]] void internal_error(const char* message) { raise(PyExc_RuntimeError, message); }
 
 // ---- inputs -----------------------------------------------------------------
 
@@ -52,16 +50,16 @@ Durations read_durations(nb::handle n, const std::string& param_name, bool valid
         PyErr_Clear();  // an int too large for a double: let the validator speak
     }
     nb::ndarray<const double, nb::c_contig, nb::device::cpu> view;
-    if (nb::isinstance(n, refs().np_ndarray) && nb::try_cast(n, view, false)) return from_array(n, false);
+    if (nb::isinstance(n, registry().np_ndarray) && nb::try_cast(n, view, false)) return from_array(n, false);
     if (validate) {
-        nb::tuple checked = nb::borrow<nb::tuple>(refs().validate_numeric_input(
+        nb::tuple checked = nb::borrow<nb::tuple>(registry().validate_numeric_input(
             n, nb::arg("allow_none") = false, nb::arg("allow_sequence") = true,
             nb::arg("method_name") = "InterestRate", nb::arg("attr_name") = param_name));
-        return from_array(refs().as_f64_safe(checked[0]), truthy(checked[1]));
+        return from_array(registry().as_f64_safe(checked[0]), truthy(checked[1]));
     }
     bool is_scalar = !PyBool_Check(n.ptr()) &&
-                     (PyFloat_Check(n.ptr()) || PyLong_Check(n.ptr()) || nb::isinstance(n, refs().np_generic));
-    return from_array(refs().as_f64_safe(n), is_scalar);
+                     (PyFloat_Check(n.ptr()) || PyLong_Check(n.ptr()) || nb::isinstance(n, registry().np_generic));
+    return from_array(registry().as_f64_safe(n), is_scalar);
 }
 
 const double* values_of(const Durations& d) { return d.is_scalar && !d.data ? &d.scalar : d.data; }
@@ -78,7 +76,7 @@ struct Output {
 Output new_result(const Durations& like) {
     nb::list shape;
     for (std::size_t extent : like.shape) shape.append(extent);
-    nb::object array = refs().np_empty(nb::tuple(shape), "float64");
+    nb::object array = registry().np_empty(nb::tuple(shape), "float64");
     auto view = nb::cast<nb::ndarray<double, nb::c_contig, nb::device::cpu>>(array);
     return {array, view.data()};
 }
@@ -140,7 +138,7 @@ void ensure_prefix_products(InterestRate& ir) {
 void refresh_constant(InterestRate& ir) {
     if (ir.constant_key.is_valid() && ir.constant_key.is(ir[Rate])) return;
     const nb::object& rate = ir[Rate];
-    double value = PyFloat_Check(rate.ptr()) ? PyFloat_AS_DOUBLE(rate.ptr()) : nb::cast<double>(nb::float_(rate));
+    double value = to_double(rate, "rate");
     ir.constant_rate = value;
     ir.constant_log = std::log(1.0 + value);
     ir.constant_valid = PyFloat_Check(rate.ptr()) && std::isfinite(value) && value > -1.0;
@@ -151,7 +149,7 @@ nb::object constant_discount(InterestRate& ir, const Durations& d, bool validate
     if (ir[Rate].is_none()) internal_error("Internal error: constant rate is None in discount_factor.");
     if (validate && !(ir.constant_key.is(ir[Rate]) && ir.constant_valid)) {
         validate_rate_value(ir[Rate], "");
-        validate_rate_for_discount(nb::cast<double>(nb::float_(ir[Rate])), "");
+        validate_rate_for_discount(to_double(ir[Rate], "rate"), "");
     }
     refresh_constant(ir);
     const double rate = ir.constant_rate;
@@ -187,8 +185,8 @@ nb::object piecewise_discount(InterestRate& ir, const Durations& d, bool validat
         if (table->has_rate_at_or_below_minus_one()) {
             auto bad = positions_on_bad_rates(*table, n, d.size);
             if (!bad.empty()) {
-                nb::object positions = nb::module_::import_("numpy").attr("array")(nb::cast(bad));
-                throw nb::value_error(("Rates ≤ -1 at indices " + py_str(positions) + kNotPositive).c_str());
+                nb::object positions = registry().np_array(nb::cast(bad));
+                raise(PyExc_ValueError, "Rates ≤ -1 at indices " + py_str(positions) + kNotPositive);
             }
         }
     }
@@ -226,10 +224,10 @@ struct Times {
 };
 
 Times validated_times(nb::handle value, const char* name) {
-    nb::tuple checked = nb::borrow<nb::tuple>(refs().validate_numeric_input(
+    nb::tuple checked = nb::borrow<nb::tuple>(registry().validate_numeric_input(
         value, nb::arg("allow_none") = false, nb::arg("allow_sequence") = true,
         nb::arg("method_name") = "InterestRate", nb::arg("attr_name") = name));
-    nb::object array = refs().as_f64_safe(checked[0]);
+    nb::object array = registry().as_f64_safe(checked[0]);
     nb::ndarray<const double, nb::c_contig, nb::device::cpu> view = nb::cast<decltype(view)>(array);
     return {array, {view.data(), view.size()}, truthy(checked[1])};
 }
@@ -240,13 +238,13 @@ bool any_negative(std::span<const double> v) {
 
 std::pair<Times, Times> validate_x_and_x0(nb::handle x_in, nb::handle x0_in) {
     Times x = validated_times(x_in, "x"), x0 = validated_times(x0_in, "x0");
-    if (any_negative(x.values)) throw nb::value_error("'x' contains negative values.");
-    if (any_negative(x0.values)) throw nb::value_error("'x0' contains negative values.");
+    if (any_negative(x.values)) raise(PyExc_ValueError, "'x' contains negative values.");
+    if (any_negative(x0.values)) raise(PyExc_ValueError, "'x0' contains negative values.");
     nb::object x_shape = x.array.attr("shape"), x0_shape = x0.array.attr("shape");
     if (!x_shape.equal(x0_shape) && x.values.size() > 1 && x0.values.size() > 1)
-        throw nb::value_error(("Incompatible shapes for 'x' and 'x0': " + py_str(x_shape) + " and " +
+        raise(PyExc_ValueError, ("Incompatible shapes for 'x' and 'x0': " + py_str(x_shape) + " and " +
                                py_str(x0_shape) + ". Both must have the same shape or one must have size 1.")
-                                  .c_str());
+                                  );
     // Same shapes compare element by element, a single value against all;
     // other broadcasts (empty against many) are left to NumPy's rules.
     bool ordered;
@@ -257,10 +255,10 @@ std::pair<Times, Times> validate_x_and_x0(nb::handle x_in, nb::handle x0_in) {
         for (std::size_t i = 0; i < k && ordered; ++i)
             ordered = x.values[x.values.size() == 1 ? 0 : i] >= x0.values[x0.values.size() == 1 ? 0 : i];
     } else {
-        auto np = nb::module_::import_("numpy");
-        ordered = truthy(np.attr("all")(np.attr("greater_equal")(x.array, x0.array)));
+        const Registry& py = registry();
+        ordered = truthy(py.np_all(py.np_greater_equal(x.array, x0.array)));
     }
-    if (!ordered) throw nb::value_error("All values in 'x' must be greater than or equal to 'x0'.");
+    if (!ordered) raise(PyExc_ValueError, "All values in 'x' must be greater than or equal to 'x0'.");
     return {x, x0};
 }
 
@@ -294,17 +292,17 @@ nb::object sn(InterestRate& ir, nb::handle n) {
 
 nb::object get_rate(InterestRate& self, nb::handle t) {
     InterestRate& ir = active_curve(self);
-    if (Py_IS_TYPE(t.ptr(), &PyBool_Type)) throw nb::type_error("[InterestRate] Parameter 't' must be numeric.");
+    if (Py_IS_TYPE(t.ptr(), &PyBool_Type)) raise(PyExc_TypeError, "[InterestRate] Parameter 't' must be numeric.");
     bool scalar = is_numeric(t);
     if (truthy(ir[IsConstant])) {
         if (scalar) return ir[Rate];
-        nb::object like = refs().as_f64_safe(t);
+        nb::object like = registry().as_f64_safe(t);
         Durations d = from_array(like, false);
-        double rate = nb::cast<double>(nb::float_(ir[Rate]));
+        double rate = to_double(ir[Rate], "rate");
         return finish(d, [rate](const double*, double* out, std::size_t k) { std::fill(out, out + k, rate); });
     }
     if (scalar) {
-        double time = nb::cast<double>(nb::float_(t));
+        double time = to_double(t, "t");
         nb::object cached = lru_touch_get(ir, ir[RateCache], time);
         if (!cached.is_none()) return cached;
         double rate = table_of(ir)->rate(table_of(ir)->segment_of(time));
@@ -313,7 +311,7 @@ nb::object get_rate(InterestRate& self, nb::handle t) {
             lru_store(ir, ir[RateCache], time, rate, meta_of(ir).field[CacheMaxsize]);
         return nb::float_(rate);
     }
-    Durations d = from_array(refs().as_f64_safe(t), false);
+    Durations d = from_array(registry().as_f64_safe(t), false);
     auto table = table_of(ir);
     return finish(d, [table](const double* x, double* out, std::size_t k) { table->rates_at({x, k}, {out, k}); });
 }
@@ -322,44 +320,38 @@ namespace {
 
 // ---- shifting -----------------------------------------------------------------
 
-nb::object constant_curve(double rate) { return nb::type<InterestRate>()(nb::float_(rate)); }
+// A new curve of the arrays, in years: constant when no segment is left.
+nb::object curve_of(const core::CurveArrays& arrays) {
+    nb::handle curve_type = nb::type<InterestRate>();
+    if (arrays.terms.empty()) return curve_type(nb::float_(arrays.rates.back()));
+    return curve_type(nb::arg("terms") = readonly_copy(arrays.terms), nb::arg("rates") = readonly_copy(arrays.rates),
+                      nb::arg("term_unit") = "years");
+}
 
 nb::object shifted(nb::handle self_obj, nb::handle ts_in) {
-    if (!is_numeric(ts_in)) throw nb::type_error("[InterestRate] Parameter 'ts' must be numeric.");
-    InterestRate& self = nb::cast<InterestRate&>(self_obj);
+    if (!is_numeric(ts_in)) raise(PyExc_TypeError, "[InterestRate] Parameter 'ts' must be numeric.");
+    InterestRate& self = curve_arg(self_obj, "self");
     if (has_scenarios(self)) return shifted(self[Scenarios][self[ActiveScenario]], ts_in);
-    double ts = nb::cast<double>(nb::float_(ts_in));
+    const double ts = to_double(ts_in, "ts");
     if (truthy(self[IsConstant]) || ts <= 0.0) return deep_copy(self_obj, nb::dict());
-    if (self[CumTerms].is_none() || self[Terms].is_none() || self[Rates].is_none()) {
-        PyErr_SetString(PyExc_AssertionError, "piecewise curve without terms or rates cannot be shifted");
-        throw nb::python_error();
-    }
-    std::span<const double> cum = f64_span(self[CumTerms]), terms = f64_span(self[Terms]), rates = f64_span(self[Rates]);
-    const double eps = nb::cast<double>(nb::float_(meta_of(self).field[ToleranceEps]));
-    if (cum.empty() || ts >= cum.back()) return constant_curve(rates.back());
-    std::size_t k = std::lower_bound(cum.begin(), cum.end(), ts) - cum.begin();
-    double start = k > 0 ? cum[k - 1] : 0.0;
-    double remaining = terms[k] - (ts - start);
-    std::vector<double> new_terms, new_rates;
-    if (remaining <= eps) {  // segment k used up within the tolerance
-        new_terms.assign(terms.begin() + k + 1, terms.end());
-        new_rates.assign(rates.begin() + k + 1, rates.end());
-    } else {
-        new_terms.push_back(remaining);
-        new_terms.insert(new_terms.end(), terms.begin() + k + 1, terms.end());
-        new_rates.assign(rates.begin() + k, rates.end());
-    }
-    if (new_terms.empty()) return constant_curve(rates.back());
-    return nb::type<InterestRate>()(nb::arg("terms") = readonly_copy(new_terms),
-                                    nb::arg("rates") = readonly_copy(new_rates), nb::arg("term_unit") = "years");
+    if (self[CumTerms].is_none() || self[Terms].is_none() || self[Rates].is_none())
+        raise(PyExc_AssertionError, "piecewise curve without terms or rates cannot be shifted");
+    auto as_vector = [](nb::handle array) {
+        std::span<const double> values = f64_span(array);
+        return std::vector<double>(values.begin(), values.end());
+    };
+    const core::CurveArrays arrays{as_vector(self[Rates]), as_vector(self[Terms]), as_vector(self[CumTerms])};
+    return curve_of(core::shifted(arrays, ts, to_double(meta_of(self).field[ToleranceEps], "tolerance_eps")));
 }
 
 }  // namespace
 
 nb::object shifted_for_ts(nb::handle ir_obj, double ts, nb::handle cache) {
-    InterestRate& ir = nb::cast<InterestRate&>(ir_obj);
-    if (truthy(active_curve(ir)[IsConstant]) || ts <= nb::cast<double>(nb::float_(meta_of(ir).field[ToleranceEps])))
-        return nb::borrow(ir_obj);  // a shift within the tolerance is no shift
+    InterestRate& ir = curve_arg(ir_obj, "ir");
+    if (!PyDict_Check(cache.ptr())) raise(PyExc_TypeError, "cache must be a dict, got " + type_name_of(cache));
+    if (truthy(active_curve(ir)[IsConstant]) ||
+        !core::is_shift(ts, to_double(meta_of(ir).field[ToleranceEps], "tolerance_eps")))
+        return nb::borrow(ir_obj);
     nb::object key = nb::make_tuple(ir_obj, nb::float_(ts), ir[ShiftCacheEpoch]);
     nb::object hit = cache.attr("get")(key);
     if (!hit.is_none()) return hit;
@@ -369,8 +361,17 @@ nb::object shifted_for_ts(nb::handle ir_obj, double ts, nb::handle cache) {
 }
 
 std::shared_ptr<const core::PiecewiseTable> valuation_table(InterestRate& ir) {
-    ensure_prefix_products(ir);
-    return table_of(ir);
+    if (!truthy(ir[IsConstant])) {
+        ensure_prefix_products(ir);
+        return table_of(ir);
+    }
+    // A constant curve's table, kept while the rate slot holds the same float.
+    if (!ir.table || !ir.table_key[0].is(ir[Rate])) {
+        ir.table = std::make_shared<const core::PiecewiseTable>(
+            core::discount_table({{to_double(ir[Rate], "rate")}, {}, {}}));
+        ir.table_key = {ir[Rate], nb::none(), nb::none()};
+    }
+    return ir.table;
 }
 
 void register_discounting(nb::module_& m, CurveClass& cls) {
@@ -549,7 +550,7 @@ InterestRate(rate=0.040000)
     cls.def(
         "_ir_shifted_for_ts",
         [](nb::handle self, nb::handle ts, nb::handle cache) {
-            return shifted_for_ts(self, nb::cast<double>(nb::float_(ts)), cache);
+            return shifted_for_ts(self, to_double(ts, "ts"), cache);
         },
         nb::arg("ts"), nb::arg("cache"), "Shifted curve through the cache `cache`.");
     m.def(

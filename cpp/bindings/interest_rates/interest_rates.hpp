@@ -1,69 +1,17 @@
-// Private layout and shared glue of the interest_rates extension.
+// Private layout of the interest_rates extension: the curve and metadata
+// objects, and what the binding files share about them.
 #pragma once
 
-#include <nanobind/nanobind.h>
-#include <nanobind/ndarray.h>
-#include <nanobind/stl/string.h>
-#include <nanobind/stl/vector.h>
+#include "common.hpp"
 
 #include "core/curve.hpp"
 
 #include <array>
 #include <cstddef>
 #include <memory>
-#include <span>
 #include <string>
-#include <string_view>
 
 namespace norvane::bindings {
-
-namespace nb = nanobind;
-
-// Python objects the module takes from its siblings and the standard library,
-// looked up once at import. Leaked on purpose: they must outlive every curve,
-// and releasing them after interpreter shutdown would crash.
-struct PyRefs {
-    // siblings
-    nb::object numeric_types, max_float64, empty_f64;
-    nb::object as_f64_safe, validate_numeric_input, validate_float_sequence;
-    nb::object config_cls, calendar_constant_allowed, allowed_days, allowed_weeks;
-    nb::object calculation_modes, validate_scalar_numeric;
-    // this module
-    nb::object valid_term_units;
-    // standard library and numpy
-    nb::object lock_type, ordered_dict, deepcopy, np_generic, np_ndarray, np_array_equal, np_empty;
-    nb::object int_type, integer_types;  // int, and (int, np.integer)
-};
-PyRefs& refs();
-void init_refs(nb::module_& m);
-
-// ---- small conversions -----------------------------------------------------
-
-// The new reference a C-API call returned, or the Python error it set raised
-// as a C++ exception: every C-API call that can fail goes through this.
-nb::object checked(PyObject* result);
-
-std::string py_str(nb::handle h);
-std::string py_repr(nb::handle h);
-std::string type_name_of(nb::handle h);  // type(h).__name__
-// str() of a float, the way Python (and NumPy) print a float64.
-std::string float_str(double x);
-bool is_numeric(nb::handle h);  // isinstance(h, _NUMERIC_TYPES) and not a bool
-bool truthy(nb::handle h);
-
-// A read-only 1-D float64 NumPy array owning a fresh buffer of n elements.
-struct NewArray {
-    nb::object array;
-    double* data;
-};
-NewArray new_f64_array(std::size_t n);
-// A private read-only copy of a 1-D float64 array.
-nb::object readonly_copy(std::span<const double> values);
-
-// View of a C-contiguous 1-D float64 array (as the sibling converter returns).
-// Raises TypeError for anything else. Valid while `h` is alive.
-std::span<const double> f64_span(nb::handle h);
-std::size_t ndim_of(nb::handle array);
 
 // ---- the curve -----------------------------------------------------------
 
@@ -76,8 +24,9 @@ extern const std::array<const char*, SlotCount> kSlotNames;
 
 struct InterestRate {
     std::array<nb::object, SlotCount> slot;
-    // Native mirror of the piecewise arrays for the kernels, rebuilt whenever
-    // one of the arrays it was built from (held in table_key) is replaced.
+    // Native mirror of the curve for the kernels (of the piecewise arrays, or
+    // of a constant rate), rebuilt whenever an object it was built from (held
+    // in table_key) is replaced.
     std::shared_ptr<const core::PiecewiseTable> table;
     std::array<nb::object, 3> table_key;
     // The constant rate as a double, log(1 + rate) and whether it passes the
@@ -128,7 +77,11 @@ void register_reporting(CurveClass& cls);
 void register_annuities(nb::module_& m, CurveClass& cls);
 
 // Curve helpers shared across binding files.
+// `h` as a curve; a TypeError naming `what` for anything else.
+InterestRate& curve_arg(nb::handle h, const char* what);
 bool has_scenarios(const InterestRate& ir);
+// Whether the curve (the active scenario of a container) is constant.
+bool is_constant(InterestRate& ir);
 InterestRate& active_curve(InterestRate& ir);  // the active scenario, or ir itself
 nb::object deep_copy(nb::handle self, nb::handle memo);
 void validate_rate_value(nb::handle rate, const std::string& context);
@@ -142,7 +95,7 @@ nb::object get_rate(InterestRate& self, nb::handle t);
 nb::dict validation_report(InterestRate& ir);
 // The curve seen from ts through `cache` (keyed by curve, ts and generation).
 nb::object shifted_for_ts(nb::handle ir_obj, double ts, nb::handle cache);
-// The native table of a piecewise curve, prefix products rebuilt if dropped.
+// The native discount table of a curve (prefix products rebuilt if dropped).
 std::shared_ptr<const core::PiecewiseTable> valuation_table(InterestRate& ir);
 nb::dict policy_flags(InterestRate& ir);
 

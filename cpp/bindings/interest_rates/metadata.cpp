@@ -27,7 +27,7 @@ serialise to and from plain dicts.
 nb::object coerce_float(const char* name, nb::handle value) {
     if (value.is_none() || PyFloat_CheckExact(value.ptr())) return nb::borrow(value);
     if (!is_numeric(value))
-        throw nb::type_error((std::string(name) + " must be a number, got " + type_name_of(value)).c_str());
+        raise(PyExc_TypeError, std::string(name) + " must be a number, got " + type_name_of(value));
     return nb::float_(value);
 }
 
@@ -36,31 +36,23 @@ nb::object coerce_float(const char* name, nb::handle value) {
 nb::object coerce_int(const char* name, nb::handle value) {
     if (value.is_none() || PyLong_CheckExact(value.ptr())) return nb::borrow(value);
     if (!is_numeric(value))
-        throw nb::type_error((std::string(name) + " must be an int, got " + type_name_of(value)).c_str());
-    if (!std::isfinite(nb::cast<double>(nb::float_(value))))
-        throw nb::value_error((std::string(name) + " must be a positive integer").c_str());
+        raise(PyExc_TypeError, std::string(name) + " must be an int, got " + type_name_of(value));
+    if (!std::isfinite(to_double(value, name)))
+        raise(PyExc_ValueError, std::string(name) + " must be a positive integer");
     return nb::int_(value);
 }
 
 void check_calendar(const char* name, nb::handle value, nb::handle allowed) {
     if (value.is_none()) return;
-    if (!truthy(refs().calendar_constant_allowed(value, allowed)))
-        throw nb::value_error((std::string(name) + " " + py_str(value) + " not in allowed set " +
-                               py_str(allowed)).c_str());
-}
-
-bool contains(nb::handle container, nb::handle item) {
-    int res = PySequence_Contains(container.ptr(), item.ptr());
-    if (res < 0) nb::raise_python_error();
-    return res == 1;
+    if (!truthy(registry().calendar_constant_allowed(value, allowed)))
+        raise(PyExc_ValueError, std::string(name) + " " + py_str(value) + " not in allowed set " +
+                               py_str(allowed));
 }
 
 nb::object positive_count(const char* name, nb::handle value, long fallback) {
     nb::object count = value.is_none() ? nb::object(nb::int_(fallback)) : nb::object(nb::int_(value));
-    int non_positive = PyObject_RichCompareBool(count.ptr(), nb::int_(0).ptr(), Py_LE);
-    if (non_positive < 0) nb::raise_python_error();
-    if (non_positive)
-        throw nb::value_error((std::string(name) + " must be a positive integer").c_str());
+    if (checked(PyObject_RichCompareBool(count.ptr(), nb::int_(0).ptr(), Py_LE)))
+        raise(PyExc_ValueError, std::string(name) + " must be a positive integer");
     return count;
 }
 
@@ -91,22 +83,22 @@ Meta make_meta(nb::handle term_unit, nb::handle days_per_year, nb::handle weeks_
     nb::object n_eff = coerce_int("perpetuity_n_eff", perpetuity_n_eff);
 
     Meta meta;
-    if (!contains(refs().valid_term_units, term_unit))
-        throw nb::value_error(("Invalid term_unit: " + py_str(term_unit) + ". Must be one of " +
-                               py_str(refs().valid_term_units)).c_str());
+    if (!contains(registry().valid_term_units, term_unit))
+        raise(PyExc_ValueError, "Invalid term_unit: " + py_str(term_unit) + ". Must be one of " +
+                               py_str(registry().valid_term_units));
     meta.field[TermUnitField] = nb::borrow(term_unit);
     meta.field[DaysPerYear] = days;
     meta.field[WeeksPerYear] = weeks;
-    check_calendar("days_per_year", days, refs().allowed_days);
-    check_calendar("weeks_per_year", weeks, refs().allowed_weeks);
-    if (!calculation_mode.is_none() && !contains(refs().calculation_modes, calculation_mode))
-        throw nb::value_error(("Invalid calculation_mode: " + py_str(calculation_mode)).c_str());
+    check_calendar("days_per_year", days, registry().allowed_days);
+    check_calendar("weeks_per_year", weeks, registry().allowed_weeks);
+    if (!calculation_mode.is_none() && !contains(registry().calculation_modes, calculation_mode))
+        raise(PyExc_ValueError, "Invalid calculation_mode: " + py_str(calculation_mode));
     meta.field[CalculationMode] = nb::borrow(calculation_mode);
     meta.field[Description] = nb::borrow(description);
     meta.field[CacheMaxsize] = positive_count("cache_maxsize", maxsize, 1000);
     meta.field[ToleranceEps] = eps.is_none() ? nb::float_(1e-12) : nb::float_(eps);
-    if (nb::cast<double>(meta.field[ToleranceEps]) < 0.0)
-        throw nb::value_error("tolerance_eps must be non-negative");
+    if (to_double(meta.field[ToleranceEps], "tolerance_eps") < 0.0)
+        raise(PyExc_ValueError, "tolerance_eps must be non-negative");
     meta.field[PerpetuityNEff] = positive_count("perpetuity_n_eff", n_eff, 1000);
     return meta;
 }
@@ -143,7 +135,7 @@ void register_metadata(nb::module_& m) {
         "model_copy",
         [](const Meta& self, nb::object update) {
             if (!update.is_none() && !nb::isinstance<nb::dict>(update))
-                throw nb::type_error(("update must be a dict or None, got " + type_name_of(update)).c_str());
+                raise(PyExc_TypeError, "update must be a dict or None, got " + type_name_of(update));
             nb::dict data = dump(self);
             if (truthy(update)) data.attr("update")(update);
             // No fallback: a key set to None in `update` resets that setting.
@@ -175,11 +167,10 @@ Examples
 >>> _InterestRateMeta().model_copy({"description": "stress"}).description
 'stress'
 )doc");
-    nb::object builtins = nb::module_::import_("builtins");
-    cls.attr("from_msgpack_dict") = builtins.attr("classmethod")(nb::cpp_function(
+    cls.attr("from_msgpack_dict") = checked(PyClassMethod_New(nb::cpp_function(
         [](nb::handle cls_, nb::object data) {
             if (!nb::isinstance<nb::dict>(data))
-                throw nb::type_error(("data must be a dict, got " + type_name_of(data)).c_str());
+                raise(PyExc_TypeError, "data must be a dict, got " + type_name_of(data));
             nb::object get = data.attr("get");
             nb::dict kwargs;
             kwargs["term_unit"] = get("term_unit", "years");
@@ -212,7 +203,7 @@ Examples
 >>> meta = _InterestRateMeta(description="base")
 >>> _InterestRateMeta.from_msgpack_dict(meta.to_msgpack_dict()) == meta
 True
-)doc"));
+)doc").ptr()));
     cls.def("__eq__", [](const Meta& self, nb::handle other) -> nb::object {
         if (!nb::isinstance<Meta>(other)) return nb::borrow(Py_NotImplemented);
         return nb::bool_(dump(self).equal(dump(nb::cast<const Meta&>(other))));
@@ -228,6 +219,10 @@ True
     cls.def("__setstate__", [](Meta& self, nb::dict state) { new (&self) Meta(from_dict(state, nb::str("years"))); });
 }
 
-Meta& meta_of(const InterestRate& ir) { return nb::cast<Meta&>(ir[MetaData]); }
+Meta& meta_of(const InterestRate& ir) {
+    if (!nb::isinstance<Meta>(ir[MetaData]))
+        raise(PyExc_TypeError, "_meta must be an _InterestRateMeta, got " + type_name_of(ir[MetaData]));
+    return nb::cast<Meta&>(ir[MetaData]);
+}
 
 }  // namespace norvane::bindings

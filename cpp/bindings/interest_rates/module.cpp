@@ -90,7 +90,7 @@ NB_MODULE(interest_rates, m) {
     nb::set_leak_warnings(false);
     import_siblings(m);
     bind_constants(m);
-    init_refs(m);
+    init_registry(m);
     register_metadata(m);
     bind_shift_cache_alias(m);
     CurveClass cls = register_curve_model(m);

@@ -6,39 +6,29 @@ namespace norvane::bindings {
 
 namespace {
 
-[[noreturn]] void assertion(const char* message) {
-    PyErr_SetString(PyExc_AssertionError, message);
-    throw nb::python_error();
-}
-
-bool is_constant(InterestRate& ir) { return truthy(active_curve(ir)[IsConstant]); }
-
-nb::object timestamp() {
-    return nb::module_::import_("datetime").attr("datetime").attr("now")().attr("isoformat")();
-}
+nb::object timestamp() { return registry().datetime_now().attr("isoformat")(); }
 
 // The host's round(x, 6) on each element, into a list.
 nb::list rounded_list(nb::handle array) {
-    nb::object round = nb::module_::import_("builtins").attr("round");
     nb::list out;
-    for (double x : f64_span(array)) out.append(round(nb::float_(x), 6));
+    for (double x : f64_span(array)) out.append(registry().builtin_round(nb::float_(x), 6));
     return out;
 }
 
 // NumPy's printed form of the array rounded to six decimals: [5. 5.], [0.02 0.03].
-std::string printed(nb::handle array) { return py_str(nb::module_::import_("numpy").attr("round")(array, 6)); }
+std::string printed(nb::handle array) { return py_str(registry().np_round(array, 6)); }
 
 std::string fixed6(nb::handle rate) { return py_str(nb::str("{:.6f}").attr("format")(rate)); }
 
 nb::dict single_payload(InterestRate& ir) {
     nb::dict result;
     if (is_constant(ir)) {
-        if (ir[Rate].is_none()) assertion("constant curve without a rate");
+        if (ir[Rate].is_none()) raise(PyExc_AssertionError, "constant curve without a rate");
         result["type"] = "constant";
-        result["rate"] = nb::float_(nb::cast<double>(nb::float_(ir[Rate])));
+        result["rate"] = nb::float_(to_double(ir[Rate], "rate"));
         return result;
     }
-    if (ir[Terms].is_none() || ir[Rates].is_none()) assertion("Piecewise curve missing internal term/rate arrays");
+    if (ir[Terms].is_none() || ir[Rates].is_none()) raise(PyExc_AssertionError, "Piecewise curve missing internal term/rate arrays");
     result["type"] = "piecewise";
     result["terms"] = rounded_list(ir[Terms]);
     result["rates"] = rounded_list(ir[Rates]);
@@ -72,14 +62,14 @@ nb::object export_curve(InterestRate& ir, const std::string& format) {
             result["_regulatory_metadata"] = meta;
         }
     }
-    if (format == "json") return nb::module_::import_("json").attr("dumps")(result, nb::arg("indent") = 2);
+    if (format == "json") return registry().json_dumps(result, nb::arg("indent") = 2);
     return result;
 }
 
 // ---- reading an export back -------------------------------------------------------
 
 [[noreturn]] void malformed(const std::string& why) {
-    throw nb::value_error(("[InterestRate.from_export] malformed payload: " + why).c_str());
+    raise(PyExc_ValueError, "[InterestRate.from_export] malformed payload: " + why);
 }
 
 nb::object required(nb::handle mapping, const char* key, const std::string& where) {
@@ -101,14 +91,14 @@ nb::object from_export(nb::handle cls, nb::handle payload_in) {
     nb::object payload = nb::borrow(payload_in);
     if (nb::isinstance<nb::str>(payload)) {
         try {
-            payload = nb::module_::import_("json").attr("loads")(payload);
+            payload = registry().json_loads(payload);
         } catch (nb::python_error& e) {
             if (!e.matches(PyExc_ValueError)) throw;
             malformed("not valid JSON (" + py_str(e.value()) + ")");
         }
     } else if (!nb::isinstance<nb::dict>(payload)) {
-        throw nb::type_error(("[InterestRate.from_export] payload must be a dict or a JSON string, got " +
-                              type_name_of(payload)).c_str());
+        raise(PyExc_TypeError, "[InterestRate.from_export] payload must be a dict or a JSON string, got " +
+                              type_name_of(payload));
     }
     if (!nb::isinstance<nb::dict>(payload)) malformed("the JSON text is not an object");
     nb::dict data = nb::borrow<nb::dict>(payload);
@@ -149,7 +139,7 @@ std::string text(InterestRate& ir) {
         return "InterestRate scenarios: " + names + " (active: " + py_str(ir[ActiveScenario]) + ")" + lines;
     }
     if (is_constant(ir)) {
-        double rate = nb::cast<double>(nb::float_(ir[Rate]));
+        double rate = to_double(ir[Rate], "rate");
         std::string flag = rate == 0.0 ? " (zero rate)" : rate < 0.0 ? " (negative rate)" : "";
         return "InterestRate: constant rate = " + fixed6(ir[Rate]) + flag;
     }
@@ -170,7 +160,7 @@ std::string representation(InterestRate& ir) {
         return "InterestRate(scenarios=" + py_repr(nb::list(ir[Scenarios].attr("keys")())) + ", active='" +
                py_str(ir[ActiveScenario]) + "')";
     if (is_constant(ir)) return "InterestRate(rate=" + fixed6(ir[Rate]) + ")";
-    if (ir[Terms].is_none() || ir[Rates].is_none()) assertion("Piecewise curve missing internal term/rate arrays");
+    if (ir[Terms].is_none() || ir[Rates].is_none()) raise(PyExc_AssertionError, "Piecewise curve missing internal term/rate arrays");
     return "InterestRate(terms=" + printed(ir[Terms]) + ", rates=" + printed(ir[Rates]) + ")";
 }
 
@@ -218,8 +208,7 @@ Examples
 )doc");
     cls.def("_get_current_timestamp", [](InterestRate&) { return timestamp(); },
             "Local wall-clock time as ISO 8601 text.");
-    nb::object builtins = nb::module_::import_("builtins");
-    cls.attr("from_export") = builtins.attr("classmethod")(nb::cpp_function(
+    cls.attr("from_export") = checked(PyClassMethod_New(nb::cpp_function(
         &from_export, nb::arg("cls"), nb::arg("payload").none(),
         R"doc(Rebuild a curve from the payload that `export` wrote.
 
@@ -249,7 +238,7 @@ Examples
 >>> ir = InterestRate(terms=[5, 5], rates=[0.02, 0.03, 0.04])
 >>> InterestRate.from_export(ir.export("json")) == ir
 True
-)doc"));
+)doc").ptr()));
     cls.def("__str__", &text, "Human-readable text of the curve, flagging zero and negative rates.");
     cls.def("summary", &text, R"doc(Human-readable text of the curve, the same as str(curve).
 

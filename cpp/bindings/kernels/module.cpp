@@ -40,10 +40,7 @@ core::Growth growth_of(const std::string& kind, double rate) {
 }
 
 core::Mode mode_of(const std::string& mode) {
-    if (mode == "discrete_precision") return core::Mode::DiscretePrecision;
-    if (mode == "discrete_simplified") return core::Mode::DiscreteSimplified;
-    if (mode == "continuous_precision") return core::Mode::ContinuousPrecision;
-    if (mode == "continuous_simplified") return core::Mode::ContinuousSimplified;
+    if (auto known = core::mode_named(mode)) return *known;
     throw std::invalid_argument("unknown calculation mode '" + mode + "'");
 }
 
@@ -53,7 +50,7 @@ std::size_t frequency_of(std::size_t m) {
 }
 
 void check_term(double n, std::size_t m) {
-    if (!(n >= 0.0) || !(n * static_cast<double>(m) < core::kMaxPayments))
+    if (!core::countable(n, m))
         throw std::invalid_argument("a term must be >= 0 with fewer than 2**53 payments");
 }
 
