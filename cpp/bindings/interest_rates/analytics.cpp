@@ -12,14 +12,6 @@ namespace {
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
-// (array, is_scalar) from the package validator.
-std::pair<nb::object, bool> validated(nb::handle value, const char* method, const char* name) {
-    nb::tuple checked = nb::borrow<nb::tuple>(registry().validate_numeric_input(
-        value, nb::arg("allow_none") = false, nb::arg("allow_sequence") = true, nb::arg("method_name") = method,
-        nb::arg("attr_name") = name));
-    return {checked[0], truthy(checked[1])};
-}
-
 nb::dict sign_properties(double rate) {
     nb::dict d;
     d["is_zero"] = rate == 0.0;
@@ -29,7 +21,7 @@ nb::dict sign_properties(double rate) {
 }
 
 std::span<const double> rates_of(InterestRate& ir) {
-    if (ir[Rates].is_none()) raise(PyExc_AssertionError, "Piecewise curve missing internal term/rate arrays");
+    if (ir[Rates].is_none()) raise(PyExc_AssertionError, kMissingArrays);
     return f64_span(ir[Rates]);
 }
 
@@ -49,14 +41,14 @@ nb::object delta(InterestRate& self, nb::handle t) {
     if (has_scenarios(self)) return delta(active_curve(self), t);
     InterestRate& ir = self;
     if (truthy(ir[IsConstant])) {
-        if (ir[Rate].is_none()) raise(PyExc_AssertionError, "constant curve without a rate");
+        if (ir[Rate].is_none()) raise(PyExc_AssertionError, kNoConstantRate);
         validate_rate_for_force(ir[Rate], "");
         if (ir[ConstantDelta].is_none()) {
             double rate = to_double(ir[Rate], "rate");
             ir[ConstantDelta] = nb::float_(rate == 0.0 ? 0.0 : std::log(1.0 + rate));
         }
         if (t.is_none()) return ir[ConstantDelta];
-        auto [array, is_scalar] = validated(t, "InterestRate.delta()", "t");
+        auto [array, is_scalar] = numeric_input(t, "InterestRate.delta()", "t");
         if (is_scalar) return ir[ConstantDelta];
         return registry().np_full_like(array, ir[ConstantDelta], nb::arg("dtype") = "float64");
     }
@@ -66,7 +58,7 @@ nb::object delta(InterestRate& self, nb::handle t) {
         nb::object cached = lru_touch_get(ir, ir[ForceCache], to_double(t, "t"));
         if (!cached.is_none()) return cached;
     }
-    auto [array, is_scalar] = validated(t, "InterestRate.delta()", "t");
+    auto [array, is_scalar] = numeric_input(t, "InterestRate.delta()", "t");
     if (is_scalar) {
         double rate = to_double(get_rate(ir, array.attr("item")()), "rate");
         if (rate <= -1.0) raise(PyExc_ValueError, "Rate " + float_str(rate) + " ≤ -1");
@@ -149,13 +141,13 @@ nb::object effective_rate(InterestRate& self, nb::handle t_start, nb::handle t_e
 // ---- segment information ----------------------------------------------------------
 
 nb::dict segment_info(InterestRate& self, nb::handle t) {
-    if (!is_numeric(t)) raise(PyExc_TypeError, "[InterestRate] Parameter 't' must be numeric.");
+    if (!is_numeric(t)) raise(PyExc_TypeError, kTimeNotNumeric);
     if (has_scenarios(self)) return segment_info(active_curve(self), t);
     InterestRate& ir = self;
     const double time = to_double(t, "t");
     nb::dict info;
     if (truthy(ir[IsConstant])) {
-        if (ir[Rate].is_none()) raise(PyExc_AssertionError, "constant curve without a rate");
+        if (ir[Rate].is_none()) raise(PyExc_AssertionError, kNoConstantRate);
         double rate = to_double(ir[Rate], "rate");
         info["type"] = "constant";
         info["rate"] = rate;
@@ -165,7 +157,7 @@ nb::dict segment_info(InterestRate& self, nb::handle t) {
         info["time_queried"] = time;
         return info;
     }
-    if (ir[CumTerms].is_none() || ir[Rates].is_none()) raise(PyExc_AssertionError, "Piecewise curve missing internal term/rate arrays");
+    if (ir[CumTerms].is_none() || ir[Rates].is_none()) raise(PyExc_AssertionError, kMissingArrays);
     std::span<const double> ends = f64_span(ir[CumTerms]), rates = f64_span(ir[Rates]);
     const std::size_t k = valuation_table(ir)->segment_of(time);
     double start = k > 0 ? ends[k - 1] : 0.0;
@@ -239,7 +231,7 @@ nb::dict cross_scenario_analysis(InterestRate& ir) {
 
 nb::dict piecewise_report(InterestRate& ir) {
     if (ir[Rates].is_none() || ir[Terms].is_none() || ir[CumTerms].is_none())
-        raise(PyExc_AssertionError, "Piecewise curve missing internal term/rate arrays");
+        raise(PyExc_AssertionError, kMissingArrays);
     std::span<const double> rates = f64_span(ir[Rates]), terms = f64_span(ir[Terms]), ends = f64_span(ir[CumTerms]);
     bool has_gaps = false;
     for (std::size_t i = 1; i < ends.size(); ++i) has_gaps = has_gaps || !(ends[i] - ends[i - 1] > 0.0);
@@ -295,7 +287,7 @@ nb::dict validate(InterestRate& ir) {
         return report;
     }
     if (!truthy(ir[IsConstant])) return piecewise_report(ir);
-    if (ir[Rate].is_none()) raise(PyExc_AssertionError, "constant curve without a rate");
+    if (ir[Rate].is_none()) raise(PyExc_AssertionError, kNoConstantRate);
     double rate = to_double(ir[Rate], "rate");
     nb::dict properties = sign_properties(rate);
     properties["is_finite"] = rate == rate && std::abs(rate) < 1e308;
@@ -318,7 +310,7 @@ nb::dict curve_analysis(InterestRate& ir) {
     }
     nb::dict factors;
     if (truthy(ir[IsConstant])) {
-        if (ir[Rate].is_none()) raise(PyExc_AssertionError, "constant curve without a rate");
+        if (ir[Rate].is_none()) raise(PyExc_AssertionError, kNoConstantRate);
         double rate = to_double(ir[Rate], "rate");
         nb::dict properties = sign_properties(rate);
         properties["absolute_value"] = std::abs(rate);
@@ -331,7 +323,7 @@ nb::dict curve_analysis(InterestRate& ir) {
         result["key_discount_factors"] = factors;
         return result;
     }
-    if (ir[Terms].is_none()) raise(PyExc_AssertionError, "Piecewise curve missing internal term/rate arrays");
+    if (ir[Terms].is_none()) raise(PyExc_AssertionError, kMissingArrays);
     std::span<const double> rates = rates_of(ir);
     nb::object lo = np_item(registry().np_min, ir[Rates]), hi = np_item(registry().np_max, ir[Rates]);
     nb::object std_dev = np_item(registry().np_std, ir[Rates]), mean = np_item(registry().np_mean, ir[Rates]);

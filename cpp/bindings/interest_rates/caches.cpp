@@ -34,7 +34,7 @@ private:
 
 // The caches are OrderedDicts; a caller passing anything else gets a TypeError.
 void require_cache(nb::handle cache) {
-    if (!PyDict_Check(cache.ptr())) raise(PyExc_TypeError, "cache must be a dict, got " + type_name_of(cache));
+    require_dict(cache, "cache");
 }
 
 nb::object as_maxsize(nb::handle maxsize) {

@@ -111,6 +111,18 @@ bool allowed_frequency(long m) {
     return std::find(allowed.begin(), allowed.end(), m) != allowed.end();
 }
 
+void require_dict(nb::handle h, const char* what) {
+    if (!PyDict_Check(h.ptr())) raise(PyExc_TypeError, std::string(what) + " must be a dict, got " + type_name_of(h));
+}
+
+NumericInput numeric_input(nb::handle value, const char* method_name, const char* attr_name, bool allow_sequence) {
+    const Registry& py = registry();
+    nb::tuple checked = nb::borrow<nb::tuple>(
+        py.validate_numeric_input(value, nb::arg("allow_none") = false, nb::arg("allow_sequence") = allow_sequence,
+                                  nb::arg("method_name") = method_name, nb::arg("attr_name") = attr_name));
+    return {py.as_f64_safe(checked[0]), truthy(checked[1])};
+}
+
 using ReadonlyArray = nb::ndarray<nb::numpy, const double, nb::ndim<1>>;
 
 NewArray new_f64_array(std::size_t n) {

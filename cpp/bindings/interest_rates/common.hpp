@@ -65,6 +65,17 @@ bool contains(nb::handle container, nb::handle item);  // item in container
 double to_double(nb::handle h, const std::string& what);
 // A payment frequency the package allows.
 bool allowed_frequency(long m);
+// `h` itself when it is a dict; a TypeError naming `what` otherwise.
+void require_dict(nb::handle h, const char* what);
+
+// The package's numeric validator: the value as a float64 array (a single
+// number as a one-element array) and whether the caller gave a single number.
+struct NumericInput {
+    nb::object array;
+    bool is_scalar;
+};
+NumericInput numeric_input(nb::handle value, const char* method_name, const char* attr_name,
+                           bool allow_sequence = true);
 
 // ---- arrays ----------------------------------------------------------------------------
 
@@ -89,6 +100,7 @@ inline constexpr const char* kNotFinite = ". Infinite or NaN rates are not allow
 inline constexpr const char* kLengthRule =
     "For piecewise rates, rates must have length terms+1 (last rate applies indefinitely)";
 inline constexpr const char* kMissingArrays = "Piecewise curve missing internal term/rate arrays";
+inline constexpr const char* kNoConstantRate = "constant curve without a rate";
 inline constexpr const char* kTimeNotNumeric = "[InterestRate] Parameter 't' must be numeric.";
 
 }  // namespace norvane::bindings

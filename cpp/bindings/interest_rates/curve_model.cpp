@@ -16,6 +16,8 @@ const std::array<const char*, SlotCount> kSlotNames = {
 
 namespace {
 
+const char* kRatesNotOneDimensional = "rates must be a one-dimensional sequence of numerics.";
+
 const std::array<const char*, SlotCount> kSlotDocs = {
     "Whether this curve was built as a constant curve.",
     "The constant effective annual rate (a float), or None for other forms.",
@@ -90,14 +92,14 @@ std::optional<std::size_t> optional_length(const char* name, nb::handle value) {
 void validate_rates_array(nb::handle rates_in, nb::handle terms_len, const std::string& context) {
     auto expected_terms = optional_length("terms_len", terms_len);
     nb::object rates = as_f64(rates_in);
-    if (ndim_of(rates) != 1) raise(PyExc_ValueError, "rates must be a one-dimensional sequence of numerics.");
+    if (ndim_of(rates) != 1) raise(PyExc_ValueError, kRatesNotOneDimensional);
     std::span<const double> r = f64_span(rates);
     if (auto idx = core::first_non_finite(r))
         raise(PyExc_ValueError, "Interest rate must be finite at position " + std::to_string(*idx) + context + ", got " +
                     float_str(r[*idx]) + kNotFinite);
     if (auto idx = core::first_at_or_below(r, -1.0))
         raise(PyExc_ValueError, "Rate " + float_str(r[*idx]) + " ≤ -1" + context +
-                    ": (1+i) must be positive for discount factor computation per actuarial standards");
+                    kNotPositive);
     if (expected_terms && r.size() != *expected_terms + 1) raise(PyExc_ValueError, kLengthRule);
 }
 
@@ -206,12 +208,6 @@ void set_defaults(InterestRate& ir) {
     ir[PrefixProd] = registry().empty_f64;
 }
 
-nb::tuple validate_numeric(nb::handle value, bool allow_sequence, const char* attr) {
-    return nb::borrow<nb::tuple>(registry().validate_numeric_input(
-        value, nb::arg("allow_none") = false, nb::arg("allow_sequence") = allow_sequence,
-        nb::arg("method_name") = "InterestRate", nb::arg("attr_name") = attr));
-}
-
 std::string scenario_context(nb::handle name) { return " for scenario '" + py_str(name) + "'"; }
 
 void build_scenarios(InterestRate& ir, nb::handle scenarios_in, nb::handle term_unit) {
@@ -279,16 +275,12 @@ InterestRate construct(nb::handle rate_in, nb::handle terms_in, nb::handle rates
     nb::object rate = nb::borrow(rate_in), terms = nb::borrow(terms_in), rates = nb::borrow(rates_in);
     bool is_scenario_dict = nb::isinstance<nb::dict>(rate);
     if (!rate.is_none() && !is_scenario_dict) {
-        nb::tuple checked = validate_numeric(rate, false, "rate");
-        nb::object value = checked[0];
-        if (truthy(checked[1]))
-            rate = nb::hasattr(value, "item") ? value.attr("item")() : nb::object(nb::float_(value));
-        else
-            rate = value;
+        NumericInput checked = numeric_input(rate, "InterestRate", "rate", false);
+        rate = checked.is_scalar ? checked.array.attr("item")() : checked.array;
     }
     if (!rates.is_none()) {
-        rates = validate_numeric(rates, true, "rates")[0];
-        if (ndim_of(rates) != 1) raise(PyExc_ValueError, "rates must be a one-dimensional sequence of numerics.");
+        rates = numeric_input(rates, "InterestRate", "rates").array;
+        if (ndim_of(rates) != 1) raise(PyExc_ValueError, kRatesNotOneDimensional);
     }
     if (!terms.is_none())
         terms = registry().validate_float_sequence(nb::arg("seq") = terms, nb::arg("method_name") = "InterestRate",

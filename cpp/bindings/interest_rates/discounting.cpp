@@ -52,10 +52,8 @@ Durations read_durations(nb::handle n, const std::string& param_name, bool valid
     nb::ndarray<const double, nb::c_contig, nb::device::cpu> view;
     if (nb::isinstance(n, registry().np_ndarray) && nb::try_cast(n, view, false)) return from_array(n, false);
     if (validate) {
-        nb::tuple checked = nb::borrow<nb::tuple>(registry().validate_numeric_input(
-            n, nb::arg("allow_none") = false, nb::arg("allow_sequence") = true,
-            nb::arg("method_name") = "InterestRate", nb::arg("attr_name") = param_name));
-        return from_array(registry().as_f64_safe(checked[0]), truthy(checked[1]));
+        NumericInput checked = numeric_input(n, "InterestRate", param_name.c_str());
+        return from_array(checked.array, checked.is_scalar);
     }
     bool is_scalar = !PyBool_Check(n.ptr()) &&
                      (PyFloat_Check(n.ptr()) || PyLong_Check(n.ptr()) || nb::isinstance(n, registry().np_generic));
@@ -224,12 +222,9 @@ struct Times {
 };
 
 Times validated_times(nb::handle value, const char* name) {
-    nb::tuple checked = nb::borrow<nb::tuple>(registry().validate_numeric_input(
-        value, nb::arg("allow_none") = false, nb::arg("allow_sequence") = true,
-        nb::arg("method_name") = "InterestRate", nb::arg("attr_name") = name));
-    nb::object array = registry().as_f64_safe(checked[0]);
-    nb::ndarray<const double, nb::c_contig, nb::device::cpu> view = nb::cast<decltype(view)>(array);
-    return {array, {view.data(), view.size()}, truthy(checked[1])};
+    NumericInput checked = numeric_input(value, "InterestRate", name);
+    Durations d = from_array(checked.array, checked.is_scalar);
+    return {checked.array, {d.data, d.size}, checked.is_scalar};
 }
 
 bool any_negative(std::span<const double> v) {
@@ -242,9 +237,8 @@ std::pair<Times, Times> validate_x_and_x0(nb::handle x_in, nb::handle x0_in) {
     if (any_negative(x0.values)) raise(PyExc_ValueError, "'x0' contains negative values.");
     nb::object x_shape = x.array.attr("shape"), x0_shape = x0.array.attr("shape");
     if (!x_shape.equal(x0_shape) && x.values.size() > 1 && x0.values.size() > 1)
-        raise(PyExc_ValueError, ("Incompatible shapes for 'x' and 'x0': " + py_str(x_shape) + " and " +
-                               py_str(x0_shape) + ". Both must have the same shape or one must have size 1.")
-                                  );
+        raise(PyExc_ValueError, "Incompatible shapes for 'x' and 'x0': " + py_str(x_shape) + " and " +
+                                    py_str(x0_shape) + ". Both must have the same shape or one must have size 1.");
     // Same shapes compare element by element, a single value against all;
     // other broadcasts (empty against many) are left to NumPy's rules.
     bool ordered;
@@ -292,7 +286,7 @@ nb::object sn(InterestRate& ir, nb::handle n) {
 
 nb::object get_rate(InterestRate& self, nb::handle t) {
     InterestRate& ir = active_curve(self);
-    if (Py_IS_TYPE(t.ptr(), &PyBool_Type)) raise(PyExc_TypeError, "[InterestRate] Parameter 't' must be numeric.");
+    if (Py_IS_TYPE(t.ptr(), &PyBool_Type)) raise(PyExc_TypeError, kTimeNotNumeric);
     bool scalar = is_numeric(t);
     if (truthy(ir[IsConstant])) {
         if (scalar) return ir[Rate];
@@ -348,7 +342,7 @@ nb::object shifted(nb::handle self_obj, nb::handle ts_in) {
 
 nb::object shifted_for_ts(nb::handle ir_obj, double ts, nb::handle cache) {
     InterestRate& ir = curve_arg(ir_obj, "ir");
-    if (!PyDict_Check(cache.ptr())) raise(PyExc_TypeError, "cache must be a dict, got " + type_name_of(cache));
+    require_dict(cache, "cache");
     if (truthy(active_curve(ir)[IsConstant]) ||
         !core::is_shift(ts, to_double(meta_of(ir).field[ToleranceEps], "tolerance_eps")))
         return nb::borrow(ir_obj);

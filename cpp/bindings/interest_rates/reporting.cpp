@@ -23,12 +23,12 @@ std::string fixed6(nb::handle rate) { return py_str(nb::str("{:.6f}").attr("form
 nb::dict single_payload(InterestRate& ir) {
     nb::dict result;
     if (is_constant(ir)) {
-        if (ir[Rate].is_none()) raise(PyExc_AssertionError, "constant curve without a rate");
+        if (ir[Rate].is_none()) raise(PyExc_AssertionError, kNoConstantRate);
         result["type"] = "constant";
         result["rate"] = nb::float_(to_double(ir[Rate], "rate"));
         return result;
     }
-    if (ir[Terms].is_none() || ir[Rates].is_none()) raise(PyExc_AssertionError, "Piecewise curve missing internal term/rate arrays");
+    if (ir[Terms].is_none() || ir[Rates].is_none()) raise(PyExc_AssertionError, kMissingArrays);
     result["type"] = "piecewise";
     result["terms"] = rounded_list(ir[Terms]);
     result["rates"] = rounded_list(ir[Rates]);
@@ -160,7 +160,7 @@ std::string representation(InterestRate& ir) {
         return "InterestRate(scenarios=" + py_repr(nb::list(ir[Scenarios].attr("keys")())) + ", active='" +
                py_str(ir[ActiveScenario]) + "')";
     if (is_constant(ir)) return "InterestRate(rate=" + fixed6(ir[Rate]) + ")";
-    if (ir[Terms].is_none() || ir[Rates].is_none()) raise(PyExc_AssertionError, "Piecewise curve missing internal term/rate arrays");
+    if (ir[Terms].is_none() || ir[Rates].is_none()) raise(PyExc_AssertionError, kMissingArrays);
     return "InterestRate(terms=" + printed(ir[Terms]) + ", rates=" + printed(ir[Rates]) + ")";
 }
 
