@@ -22,13 +22,12 @@ import statistics
 from types import SimpleNamespace
 
 import numpy as np
+from baseline import PAYMENT_COUNT_TOL, BaselineCurve, baseline_annuity
+from bench_discounting import calibrate, fmt_time, print_machine, print_table, run
 
 from norvane.engine.annuity import _ANNUITY_CALCULATION_MODE_DISPATCH as DISPATCH
 from norvane.growth_rates import GrowthRate
 from norvane.interest_rates import InterestRate
-
-from baseline import PAYMENT_COUNT_TOL, BaselineCurve, baseline_annuity
-from bench_discounting import calibrate, fmt_time, print_machine, print_table, run
 
 SEED = 20240611  # the discounting benchmark's seed: the same 40-segment curve
 CONSTANT_RATE = 0.03
@@ -60,10 +59,19 @@ def engine_kwargs(curve, n, m, timing=0, d=0.0, growth=None):
     whole = int(n * m)
     fraction = n * m - whole
     return {
-        "d": d, "n": n, "payments_size": whole + (fraction > PAYMENT_COUNT_TOL), "payments_frac": fraction,
-        "m": m, "gr": None if growth is None else GrowthRate(growth), "ir": curve, "decimals": DECIMALS,
-        "payment_timing": timing, "survival_func": curve._survival_one, "cashflow_times": None,
-        "cashflow_amounts": None, "return_flows": False,
+        "d": d,
+        "n": n,
+        "payments_size": whole + (fraction > PAYMENT_COUNT_TOL),
+        "payments_frac": fraction,
+        "m": m,
+        "gr": None if growth is None else GrowthRate(growth),
+        "ir": curve,
+        "decimals": DECIMALS,
+        "payment_timing": timing,
+        "survival_func": curve._survival_one,
+        "cashflow_times": None,
+        "cashflow_amounts": None,
+        "return_flows": False,
     }
 
 
@@ -77,8 +85,7 @@ def base_call(curve, n, m, timing=0, d=0.0, growth=None):
 
 
 def ours_loop(curve, m):
-    calls = [functools.partial(DISPATCH["discrete_precision"], **engine_kwargs(curve, float(n), m))
-             for n in LOOP_TERMS]
+    calls = [functools.partial(DISPATCH["discrete_precision"], **engine_kwargs(curve, float(n), m)) for n in LOOP_TERMS]
     order = [calls[i % len(calls)] for i in range(LOOP_VALUATIONS)]
 
     def valuations():
@@ -106,29 +113,55 @@ def make_cases(ours, base, has_public):
     cases = [
         ("ä(n=30, m=12) piecewise", 360, lambda: (ours_call(ours.pw, 30.0, 12), base_call(base.pw, 30.0, 12))),
         ("ä(n=30, m=12) constant", 360, lambda: (ours_call(ours.const, 30.0, 12), base_call(base.const, 30.0, 12))),
-        ("a(n=30, m=12) piecewise", 360,
-         lambda: (ours_call(ours.pw, 30.0, 12, timing=1), base_call(base.pw, 30.0, 12, timing=1))),
-        (f"ä(n=30, m=12, g={GROWTH:g}) piecewise", 360,
-         lambda: (ours_call(ours.pw, 30.0, 12, growth=GROWTH), base_call(base.pw, 30.0, 12, growth=GROWTH))),
-        ("ä(n=20.37, m=12, d=5) piecewise", 245,
-         lambda: (ours_call(ours.pw, 20.37, 12, d=5.0), base_call(base.pw, 20.37, 12, d=5.0))),
-        (TEN_YEAR_LABEL.format("piecewise"), 120,
-         lambda: (ours_call(ours.pw, 10.0, 12), base_call(base.pw, 10.0, 12))),
-        (PERPETUITY_LABEL.format("piecewise"), int(y * 12),
-         lambda: (ours_call(ours.pw, y, 12), base_call(base.pw, y, 12))),
-        (TEN_YEAR_LABEL.format("constant"), 120,
-         lambda: (ours_call(ours.const, 10.0, 12), base_call(base.const, 10.0, 12))),
-        (PERPETUITY_LABEL.format("constant"), int(y * 12),
-         lambda: (ours_call(ours.const, y, 12), base_call(base.const, y, 12))),
-        (f"{LOOP_VALUATIONS:,} valuations n=1..40, m=12 piecewise", int(LOOP_VALUATIONS * 20.5 * 12),
-         lambda: (ours_loop(ours.pw, 12), base_loop(base.pw, 12))),
+        (
+            "a(n=30, m=12) piecewise",
+            360,
+            lambda: (ours_call(ours.pw, 30.0, 12, timing=1), base_call(base.pw, 30.0, 12, timing=1)),
+        ),
+        (
+            f"ä(n=30, m=12, g={GROWTH:g}) piecewise",
+            360,
+            lambda: (ours_call(ours.pw, 30.0, 12, growth=GROWTH), base_call(base.pw, 30.0, 12, growth=GROWTH)),
+        ),
+        (
+            "ä(n=20.37, m=12, d=5) piecewise",
+            245,
+            lambda: (ours_call(ours.pw, 20.37, 12, d=5.0), base_call(base.pw, 20.37, 12, d=5.0)),
+        ),
+        (TEN_YEAR_LABEL.format("piecewise"), 120, lambda: (ours_call(ours.pw, 10.0, 12), base_call(base.pw, 10.0, 12))),
+        (
+            PERPETUITY_LABEL.format("piecewise"),
+            int(y * 12),
+            lambda: (ours_call(ours.pw, y, 12), base_call(base.pw, y, 12)),
+        ),
+        (
+            TEN_YEAR_LABEL.format("constant"),
+            120,
+            lambda: (ours_call(ours.const, 10.0, 12), base_call(base.const, 10.0, 12)),
+        ),
+        (
+            PERPETUITY_LABEL.format("constant"),
+            int(y * 12),
+            lambda: (ours_call(ours.const, y, 12), base_call(base.const, y, 12)),
+        ),
+        (
+            f"{LOOP_VALUATIONS:,} valuations n=1..40, m=12 piecewise",
+            int(LOOP_VALUATIONS * 20.5 * 12),
+            lambda: (ours_loop(ours.pw, 12), base_loop(base.pw, 12)),
+        ),
     ]
     if has_public:
         cases += [
-            ("public ä(n=30, m=12) piecewise", 360,
-             lambda: (public_call(ours.pw, 30.0, 12), base_call(base.pw, 30.0, 12))),
-            ("public ä(n=30, m=12) constant", 360,
-             lambda: (public_call(ours.const, 30.0, 12), base_call(base.const, 30.0, 12))),
+            (
+                "public ä(n=30, m=12) piecewise",
+                360,
+                lambda: (public_call(ours.pw, 30.0, 12), base_call(base.pw, 30.0, 12)),
+            ),
+            (
+                "public ä(n=30, m=12) constant",
+                360,
+                lambda: (public_call(ours.const, 30.0, 12), base_call(base.const, 30.0, 12)),
+            ),
         ]
     return [(label, payments, *make()) for label, payments, make in cases]
 
@@ -181,10 +214,14 @@ def main():
 
     print_machine()
     terms, ours, base = make_curves()
-    print(f"curve   : {terms.size} segments over {terms.sum():.1f} years, rates in [0, 0.06], seed {SEED}; "
-          f"constant curve {CONSTANT_RATE}")
-    print(f"annuity : 1 a year payable m-thly, rounded to {DECIMALS} decimals; perpetuity over "
-          f"{PERPETUITY_YEARS:g} years; ours = engine entry as the scalar dispatcher calls it")
+    print(
+        f"curve   : {terms.size} segments over {terms.sum():.1f} years, rates in [0, 0.06], seed {SEED}; "
+        f"constant curve {CONSTANT_RATE}"
+    )
+    print(
+        f"annuity : 1 a year payable m-thly, rounded to {DECIMALS} decimals; perpetuity over "
+        f"{PERPETUITY_YEARS:g} years; ours = engine entry as the scalar dispatcher calls it"
+    )
     has_public = hasattr(InterestRate, PUBLIC_DUE)
     print(f"public  : InterestRate.{PUBLIC_DUE} {'present, timed too' if has_public else 'not present, skipped'}")
     print(f"timing  : median of {repeats} interleaved repeats of >= {min_time * 1e3:.0f} ms each\n")
@@ -208,12 +245,15 @@ def main():
         if label not in times:
             times[label] = tuple(time_sides([call_o, call_b], repeats, min_time))
         t_o, t_b = times[label]
-        rows.append((label, f"{payments:,}", fmt_time(t_o), fmt_time(t_b), f"{t_b / t_o:.1f}x",
-                     f"{t_b / payments * 1e9:.1f}"))
+        rows.append(
+            (label, f"{payments:,}", fmt_time(t_o), fmt_time(t_b), f"{t_b / t_o:.1f}x", f"{t_b / payments * 1e9:.1f}")
+        )
     print_table(("case", "payments", "ours", "baseline", "speed-up", "ns/payment baseline"), rows)
 
-    print("\ncost of the perpetuity (12,000 monthly payments) relative to the 10-year monthly annuity,"
-          " both timed in one interleaved set")
+    print(
+        "\ncost of the perpetuity (12,000 monthly payments) relative to the 10-year monthly annuity,"
+        " both timed in one interleaved set"
+    )
     rows = []
     for curve_name in ("piecewise", "constant"):
         perp, ten = times[PERPETUITY_LABEL.format(curve_name)], times[TEN_YEAR_LABEL.format(curve_name)]

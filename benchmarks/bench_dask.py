@@ -42,8 +42,10 @@ from pathlib import Path
 import numpy as np
 
 SEED = 20250101
-CURVE_TERMS, CURVE_RATES = [1, 2, 3, 5, 7, 10, 15, 20, 30], [0.02, 0.022, 0.024, 0.026, 0.028, 0.03,
-                                                              0.032, 0.033, 0.034, 0.035]
+CURVE_TERMS, CURVE_RATES = (
+    [1, 2, 3, 5, 7, 10, 15, 20, 30],
+    [0.02, 0.022, 0.024, 0.026, 0.028, 0.03, 0.032, 0.033, 0.034, 0.035],
+)
 
 
 def make_part(start: int, count: int, seed: int):
@@ -56,12 +58,18 @@ def make_part(start: int, count: int, seed: int):
     term[rng.random(count) < 0.02] = np.nan  # perpetuities: missing terms
     deferment = np.where(rng.random(count) < 0.35, rng.integers(1, 26, count), 0).astype(float)
     shift = np.floor(rng.random(count) * 10) * (rng.random(count) < 0.5)
-    frame = pd.DataFrame({
-        "id": [f"P{i:09d}" for i in range(start, start + count)], "term": term, "deferment": deferment,
-        "shift": shift, "frequency": rng.choice([1, 4, 12], count, p=[0.3, 0.2, 0.5]),
-        "timing": np.where(rng.random(count) < 0.7, "due", "immediate"),
-        "growth": np.where(rng.random(count) < 0.2, rng.choice([0.01, 0.02, 0.03], count), np.nan),
-        "benefit": np.round(rng.uniform(100.0, 10_000.0, count), 2)})
+    frame = pd.DataFrame(
+        {
+            "id": [f"P{i:09d}" for i in range(start, start + count)],
+            "term": term,
+            "deferment": deferment,
+            "shift": shift,
+            "frequency": rng.choice([1, 4, 12], count, p=[0.3, 0.2, 0.5]),
+            "timing": np.where(rng.random(count) < 0.7, "due", "immediate"),
+            "growth": np.where(rng.random(count) < 0.2, rng.choice([0.01, 0.02, 0.03], count), np.nan),
+            "benefit": np.round(rng.uniform(100.0, 10_000.0, count), 2),
+        }
+    )
     bad = rng.choice(count, max(1, count // 10_000), replace=False)
     frame.loc[bad[::2], "term"] = -1.0
     frame.loc[bad[1::2], "timing"] = "arrears"
@@ -89,8 +97,10 @@ def ensure_book(directory: Path, policies: int, files: int) -> Path:
         pq.write_table(pa.Table.from_pandas(part, preserve_index=False), directory / f"part-{k:03d}.parquet")
     marker.write_text(json.dumps(stamp))
     size = sum(f.stat().st_size for f in directory.glob("*.parquet"))
-    print(f"book    : {policies:,} policies in {files} files ({size / 1e6:.0f} MB), generated in "
-          f"{time.perf_counter() - started:.1f} s into {directory}")
+    print(
+        f"book    : {policies:,} policies in {files} files ({size / 1e6:.0f} MB), generated in "
+        f"{time.perf_counter() - started:.1f} s into {directory}"
+    )
     return directory
 
 
@@ -124,8 +134,9 @@ def _warm_up() -> None:
     import norvane.dask  # noqa: F401
 
 
-def run_on(client, book: Path, curve, curve_file: Path, first: np.ndarray, repeats: int,
-           scratch: Path) -> tuple[float, float, float, str]:
+def run_on(
+    client, book: Path, curve, curve_file: Path, first: np.ndarray, repeats: int, scratch: Path
+) -> tuple[float, float, float, str]:
     """Seconds of the sum and of the command line on the cluster behind ``client``, the
     sum, and the command line's one-line summary."""
     import dask.dataframe as dd
@@ -146,8 +157,20 @@ def run_on(client, book: Path, curve, curve_file: Path, first: np.ndarray, repea
         shutil.rmtree(scratch, ignore_errors=True)
         out = io.StringIO()
         with contextlib.redirect_stdout(out):
-            status = norvane_main(["value", "--dask", client.scheduler.address, "--portfolio", str(book),
-                                   "--curve", str(curve_file), "--output", str(scratch), "--quiet"])
+            status = norvane_main(
+                [
+                    "value",
+                    "--dask",
+                    client.scheduler.address,
+                    "--portfolio",
+                    str(book),
+                    "--curve",
+                    str(curve_file),
+                    "--output",
+                    str(scratch),
+                    "--quiet",
+                ]
+            )
         if status != 0:
             raise SystemExit(f"norvane value --dask exited with {status}")
         printed.append(out.getvalue().strip())
@@ -167,25 +190,26 @@ def main() -> None:
     import dask
     import distributed
     import pyarrow
+    from bench_discounting import print_machine, print_table
     from distributed import Client, LocalCluster
 
-    from bench_discounting import print_machine, print_table
     from norvane.interest_rates import InterestRate
 
     print_machine()
     print(f"dask    : dask {dask.__version__}, distributed {distributed.__version__}, pyarrow {pyarrow.__version__}")
     tmp = Path(tempfile.gettempdir())
-    book = ensure_book(opts.data or tmp / f"norvane-bench-dask-{opts.policies}-{opts.files}",
-                       opts.policies, opts.files)
+    book = ensure_book(opts.data or tmp / f"norvane-bench-dask-{opts.policies}-{opts.files}", opts.policies, opts.files)
     curve = InterestRate(terms=CURVE_TERMS, rates=CURVE_RATES)
-    print(f"curve   : piecewise, {len(CURVE_RATES)} rates from 2 % to 3.5 %; mode discrete_precision; "
-          f"median of {opts.repeats} run(s)\n")
+    print(
+        f"curve   : piecewise, {len(CURVE_RATES)} rates from 2 % to 3.5 %; mode discrete_precision; "
+        f"median of {opts.repeats} run(s)\n"
+    )
 
     files = sorted(book.glob("*.parquet"))
     one, first, split = single_process(files[0], curve)  # warm-up
     one, first, split = single_process(files[0], curve)
     per = len(first)
-    rows = [("1 process (1 partition x %d)" % len(files), f"{one * len(files):.2f}", f"{per / one:,.0f}", "", "")]
+    rows = [(f"1 process (1 partition x {len(files)})", f"{one * len(files):.2f}", f"{per / one:,.0f}", "", "")]
     scratch = Path(tempfile.mkdtemp(prefix="norvane-bench-dask-out-"))
     curve_file = scratch / "curve.json"
     curve_file.write_text(curve.export("json"))
@@ -199,26 +223,37 @@ def main() -> None:
                 cluster = None
                 label = f"{address} ({len(client.scheduler_info()['workers'])} workers)"
             else:
-                cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True,
-                                       dashboard_address=None)
+                cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=None)
                 client = Client(cluster)
                 label = f"local cluster, {workers} worker{'s' if workers > 1 else ''}"
             startup = time.perf_counter() - started
             with client:
-                t_sum, t_write, total, summary = run_on(client, book, curve, curve_file, first, opts.repeats,
-                                                        scratch / "values.parquet")
+                t_sum, t_write, total, summary = run_on(
+                    client, book, curve, curve_file, first, opts.repeats, scratch / "values.parquet"
+                )
             if cluster is not None:
                 cluster.close()
             totals.append(total)
-            rows.append((f"{label} (start {startup:.1f} s)", f"{t_sum:.2f}", f"{opts.policies / t_sum:,.0f}",
-                         f"{t_write:.2f}", f"{opts.policies / t_write:,.0f}"))
+            rows.append(
+                (
+                    f"{label} (start {startup:.1f} s)",
+                    f"{t_sum:.2f}",
+                    f"{opts.policies / t_sum:,.0f}",
+                    f"{t_write:.2f}",
+                    f"{opts.policies / t_write:,.0f}",
+                )
+            )
     finally:
         shutil.rmtree(scratch, ignore_errors=True)
     print_table(("setup", "sum s", "policies/s", "norvane value s", "policies/s"), rows)
-    print(f"\none partition in this process: {per:,} policies, read into policies {split['read']:.2f} s, "
-          f"value {split['value']:.2f} s")
-    print(f"total present value: {totals[-1]:,.2f}" + (
-        "" if all(math.isclose(t, totals[0], rel_tol=1e-12) for t in totals) else f" (runs differ: {totals})"))
+    print(
+        f"\none partition in this process: {per:,} policies, read into policies {split['read']:.2f} s, "
+        f"value {split['value']:.2f} s"
+    )
+    print(
+        f"total present value: {totals[-1]:,.2f}"
+        + ("" if all(math.isclose(t, totals[0], rel_tol=1e-12) for t in totals) else f" (runs differ: {totals})")
+    )
     print(f"norvane value --dask: {summary}")
 
 

@@ -25,11 +25,10 @@ import tracemalloc
 from types import SimpleNamespace
 
 import numpy as np
+from baseline import BaselineCurve, shifted_for_ts
 
 import norvane
 from norvane.interest_rates import InterestRate, _interest_rate_shifted_for_ts
-
-from baseline import BaselineCurve, shifted_for_ts
 
 N = 10**6
 SEED = 20240611
@@ -101,9 +100,7 @@ def check_agreement(label, ours, base):
     (kind_o, v_o), (kind_b, v_b) = comparable(ours), comparable(base)
     same = kind_o == kind_b and v_o.shape == v_b.shape and np.allclose(v_o, v_b, rtol=1e-12, atol=0.0)
     if not same:
-        raise AssertionError(
-            f"{label}: ours ({kind_o} {v_o.shape}) and the baseline ({kind_b} {v_b.shape}) differ"
-        )
+        raise AssertionError(f"{label}: ours ({kind_o} {v_o.shape}) and the baseline ({kind_b} {v_b.shape}) differ")
 
 
 # -- timing ---------------------------------------------------------------------
@@ -173,7 +170,9 @@ def memory_child(side_name, curve_name):
 def measure_memory(side_name, curve_name):
     proc = subprocess.run(
         [sys.executable, __file__, "--memory-child", side_name, curve_name],
-        capture_output=True, text=True, check=False,
+        capture_output=True,
+        text=True,
+        check=False,
     )
     if proc.returncode != 0 or not proc.stdout.strip():
         reason = (proc.stderr.strip().splitlines() or ["no output"])[-1]
@@ -230,8 +229,10 @@ def main():
 
     print_machine()
     d = make_data()
-    print(f"curve   : {d.terms.size} segments over {d.terms.sum():.1f} years, rates in [0, 0.06]; "
-          f"constant curve {CONSTANT_RATE}; durations uniform in [0, 60], seed {SEED}")
+    print(
+        f"curve   : {d.terms.size} segments over {d.terms.sum():.1f} years, rates in [0, 0.06]; "
+        f"constant curve {CONSTANT_RATE}; durations uniform in [0, 60], seed {SEED}"
+    )
     print(f"timing  : median of {repeats} interleaved repeats of >= {min_time * 1e3:.0f} ms each\n")
 
     ours, base = make_sides(d)

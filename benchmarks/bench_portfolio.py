@@ -35,12 +35,11 @@ import statistics
 from types import SimpleNamespace
 
 import numpy as np
-
-from norvane.config import Config
-
 from baseline import baseline_annuity, baseline_portfolio_annuity
 from bench_annuity import MODES, PUBLIC_DUE, SEED, check_agreement, make_curves
 from bench_discounting import calibrate, fmt_time, print_machine, print_table, run
+
+from norvane.config import Config
 
 N = 10**6
 CHECK_N = 10**4  # policies checked against the baseline before timing
@@ -73,8 +72,10 @@ def make_portfolios(n=N):
     benefits = np.round(rng.uniform(100.0, 10_000.0, n), 2)
     whole = rng.integers(1, MAX_TERM + 1, n).astype(np.float64)
     fractional = np.round(rng.uniform(1.0, float(MAX_TERM), n), TERM_DECIMALS)
-    return (SimpleNamespace(n=whole, d=d, ts=ts, benefits=benefits),
-            SimpleNamespace(n=fractional, d=d, ts=ts, benefits=benefits))
+    return (
+        SimpleNamespace(n=whole, d=d, ts=ts, benefits=benefits),
+        SimpleNamespace(n=fractional, d=d, ts=ts, benefits=benefits),
+    )
 
 
 def head(book, size):
@@ -85,8 +86,9 @@ def distinct_rows(book):
     """Number of distinct (n, d, ts) rows. The values lie on a grid (n in steps of
     10**-4, whole d and ts), so one int64 key per row identifies it exactly; that
     is much faster than ``np.unique(axis=0)`` and is only used for reporting."""
-    key = (np.rint(book.n * 10**TERM_DECIMALS).astype(np.int64) * (MAX_DEFERMENT + 1)
-           + book.d.astype(np.int64)) * (MAX_SHIFT + 1) + book.ts.astype(np.int64)
+    key = (np.rint(book.n * 10**TERM_DECIMALS).astype(np.int64) * (MAX_DEFERMENT + 1) + book.d.astype(np.int64)) * (
+        MAX_SHIFT + 1
+    ) + book.ts.astype(np.int64)
     return np.unique(key).size
 
 
@@ -94,13 +96,15 @@ def distinct_rows(book):
 
 
 def ours_call(curve, book):
-    return functools.partial(getattr(curve, PUBLIC_DUE), n=book.n, d=book.d, ts=book.ts, m=M,
-                             benefits=book.benefits), ()
+    return functools.partial(
+        getattr(curve, PUBLIC_DUE), n=book.n, d=book.d, ts=book.ts, m=M, benefits=book.benefits
+    ), ()
 
 
 def base_call(curve, book):
-    return functools.partial(baseline_portfolio_annuity, curve, book.n, book.d, book.ts, M, 0,
-                             book.benefits, DECIMALS), ()
+    return functools.partial(
+        baseline_portfolio_annuity, curve, book.n, book.d, book.ts, M, 0, book.benefits, DECIMALS
+    ), ()
 
 
 def ours_scalar(curve):
@@ -113,9 +117,11 @@ def base_scalar(curve):
 
 def in_mode(mode, func):
     """``func`` run with the package configuration's calculation mode set to ``mode``."""
+
     def call(*args):
         with Config().override(calculation_mode=mode):
             return func(*args)
+
     return call
 
 
@@ -134,8 +140,10 @@ def check_modes(curve, book):
     for mode in MODES:
         with Config().override(calculation_mode=mode):
             batch = due(n=sample.n, d=sample.d, ts=sample.ts, m=M, benefits=sample.benefits)
-            scalar = [due(n=float(n), d=float(d), ts=float(ts), m=M) * b
-                      for n, d, ts, b in zip(sample.n, sample.d, sample.ts, sample.benefits, strict=True)]
+            scalar = [
+                due(n=float(n), d=float(d), ts=float(ts), m=M) * b
+                for n, d, ts, b in zip(sample.n, sample.d, sample.ts, sample.benefits, strict=True)
+            ]
         check_agreement(f"{mode}: batch against scalar", batch, scalar, rtol=1e-12)
 
 
@@ -191,20 +199,26 @@ def main():
     terms, ours, base = make_curves()
     whole, fractional = make_portfolios()
     print(f"curve   : {terms.size} segments over {terms.sum():.1f} years, rates in [0, 0.06], seed {SEED}")
-    print(f"books   : {N:,} policies, seed {POLICY_SEED}: d in 0..{MAX_DEFERMENT}, ts in 0..{MAX_SHIFT} "
-          f"(whole years), benefits in [100, 10000]; terms 1..{MAX_TERM} (whole years) or uniform "
-          f"in [1, {MAX_TERM}] to {TERM_DECIMALS} decimals; ä payable m={M}, unit values rounded to "
-          f"{DECIMALS} decimals")
+    print(
+        f"books   : {N:,} policies, seed {POLICY_SEED}: d in 0..{MAX_DEFERMENT}, ts in 0..{MAX_SHIFT} "
+        f"(whole years), benefits in [100, 10000]; terms 1..{MAX_TERM} (whole years) or uniform "
+        f"in [1, {MAX_TERM}] to {TERM_DECIMALS} decimals; ä payable m={M}, unit values rounded to "
+        f"{DECIMALS} decimals"
+    )
     n_distinct_terms = np.unique(fractional.n).size
     if n_distinct_terms < MIN_DISTINCT_TERMS:
         raise AssertionError(f"only {n_distinct_terms} distinct fractional terms")
     rows_whole, rows_frac = distinct_rows(whole), distinct_rows(fractional)
-    print(f"distinct: whole-year terms {np.unique(whole.n).size} terms, {rows_whole:,} (n, d, ts) rows; "
-          f"fractional terms {n_distinct_terms:,} terms, {rows_frac:,} rows "
-          f"(first {SUBSET_N:,} policies: {distinct_rows(head(fractional, SUBSET_N)):,} rows)")
-    print(f"timing  : median of interleaved repeats; fast calls {repeats} repeats of >= {min_time * 1e3:.0f} ms "
-          f"after a calibration; calls over {SLOW_CALL:g} s (the baseline on {N:,} or {SUBSET_N:,} policies, "
-          f"ours on fractional terms) {slow_repeats} repeats of one call, the first call counted\n")
+    print(
+        f"distinct: whole-year terms {np.unique(whole.n).size} terms, {rows_whole:,} (n, d, ts) rows; "
+        f"fractional terms {n_distinct_terms:,} terms, {rows_frac:,} rows "
+        f"(first {SUBSET_N:,} policies: {distinct_rows(head(fractional, SUBSET_N)):,} rows)"
+    )
+    print(
+        f"timing  : median of interleaved repeats; fast calls {repeats} repeats of >= {min_time * 1e3:.0f} ms "
+        f"after a calibration; calls over {SLOW_CALL:g} s (the baseline on {N:,} or {SUBSET_N:,} policies, "
+        f"ours on fractional terms) {slow_repeats} repeats of one call, the first call counted\n"
+    )
 
     # Correctness first: nothing is timed unless both sides agree.
     check_portfolio(f"whole-year terms, first {CHECK_N:,} policies", ours.pw, base.pw, head(whole, CHECK_N))
@@ -212,35 +226,63 @@ def main():
     (f_o, a_o), (f_b, a_b) = ours_scalar(ours.pw), base_scalar(base.pw)
     check_agreement("scalar ä(n=30, m=12)", f_o(*a_o), f_b(*a_b))
     check_modes(ours.pw, whole)
-    print(f"checked : ours = baseline (rtol 1e-10) on the first {CHECK_N:,} policies of both books and on "
-          f"the scalar annuity; in all four modes batch = benefit x scalar on {MODE_CHECK_N} policies\n")
+    print(
+        f"checked : ours = baseline (rtol 1e-10) on the first {CHECK_N:,} policies of both books and on "
+        f"the scalar annuity; in all four modes batch = benefit x scalar on {MODE_CHECK_N} policies\n"
+    )
 
     rows = []
     # 1. whole-year terms, 10**6 policies on both sides
-    t_o, t_b = time_sides([(*ours_call(ours.pw, whole), repeats),
-                           (*base_call(base.pw, whole), slow_repeats)], min_time)
-    rows.append((f"1. ä portfolio, whole-year terms ({N:,})", f"{rows_whole:,}", fmt_time(t_o), fmt_time(t_b),
-                 f"{t_b / t_o:.1f}x", target_status("whole", t_o, t_b / t_o)))
+    t_o, t_b = time_sides([(*ours_call(ours.pw, whole), repeats), (*base_call(base.pw, whole), slow_repeats)], min_time)
+    rows.append(
+        (
+            f"1. ä portfolio, whole-year terms ({N:,})",
+            f"{rows_whole:,}",
+            fmt_time(t_o),
+            fmt_time(t_b),
+            f"{t_b / t_o:.1f}x",
+            target_status("whole", t_o, t_b / t_o),
+        )
+    )
     t_whole = t_o
     params = np.stack([whole.n, whole.d, whole.ts], axis=1)
     t_unique = run(functools.partial(np.unique, params, axis=0, return_inverse=True), (), 1)
     del params
     # 2. fractional terms: ours on 10**6 policies, the baseline on the first 10**5, extrapolated
     subset = head(fractional, SUBSET_N)
-    t_o, t_sub = time_sides([(*ours_call(ours.pw, fractional), slow_repeats),
-                             (*base_call(base.pw, subset), slow_repeats)], min_time)
+    t_o, t_sub = time_sides(
+        [(*ours_call(ours.pw, fractional), slow_repeats), (*base_call(base.pw, subset), slow_repeats)], min_time
+    )
     t_b = t_sub * (N / SUBSET_N)
-    rows.append((f"2. ä portfolio, fractional terms ({N:,})", f"{rows_frac:,}", fmt_time(t_o),
-                 f"{fmt_time(t_b)} (extrapolated)", f"{t_b / t_o:.1f}x", target_status("fractional", t_o, None)))
+    rows.append(
+        (
+            f"2. ä portfolio, fractional terms ({N:,})",
+            f"{rows_frac:,}",
+            fmt_time(t_o),
+            f"{fmt_time(t_b)} (extrapolated)",
+            f"{t_b / t_o:.1f}x",
+            target_status("fractional", t_o, None),
+        )
+    )
     rows.append((f"   baseline measured on the first {SUBSET_N:,}", "", "", fmt_time(t_sub), "", ""))
     # 3. one policy through the public method
     t_o, t_b = time_sides([(*ours_scalar(ours.pw), repeats), (*base_scalar(base.pw), repeats)], min_time)
-    rows.append(("3. scalar ä(n=30, m=12)", "1", fmt_time(t_o), fmt_time(t_b), f"{t_b / t_o:.1f}x",
-                 target_status("scalar", t_o, t_b / t_o)))
+    rows.append(
+        (
+            "3. scalar ä(n=30, m=12)",
+            "1",
+            fmt_time(t_o),
+            fmt_time(t_b),
+            f"{t_b / t_o:.1f}x",
+            target_status("scalar", t_o, t_b / t_o),
+        )
+    )
     print_table(("case", "distinct rows", "ours", "baseline", "speed-up", "target"), rows)
 
-    print(f"\n4. case 1 ({N:,} policies, whole-year terms) by calculation mode, ours only "
-          f"(set with Config().override(calculation_mode=...))")
+    print(
+        f"\n4. case 1 ({N:,} policies, whole-year terms) by calculation mode, ours only "
+        f"(set with Config().override(calculation_mode=...))"
+    )
     func, args = ours_call(ours.pw, whole)
     sides = [(in_mode(mode, func), args, repeats) for mode in MODES]
     times = time_sides(sides, min_time)
@@ -249,9 +291,11 @@ def main():
         total = float(np.sum(f_mode(*a_mode)))
         rows.append((mode, f"{total:,.2f}", fmt_time(t_mode), f"{t_mode / times[0]:.2f}"))
     print_table(("mode", "portfolio value", "ours", "time / discrete_precision"), rows)
-    print(f"\nnotes   : case 1 in the default mode, timed above in its own set: {fmt_time(t_whole)}; of the "
-          f"baseline's time on case 1, np.unique over the {N:,} stacked rows takes {fmt_time(t_unique)} "
-          f"(one call)")
+    print(
+        f"\nnotes   : case 1 in the default mode, timed above in its own set: {fmt_time(t_whole)}; of the "
+        f"baseline's time on case 1, np.unique over the {N:,} stacked rows takes {fmt_time(t_unique)} "
+        f"(one call)"
+    )
 
 
 if __name__ == "__main__":

@@ -24,9 +24,20 @@ COLUMNS = ["id", "term", "deferment", "shift", "frequency", "timing", "growth", 
 
 # Malformed records, each breaking one field the way real extracts do.
 BROKEN = [
-    ("term", "-5"), ("term", "abc"), ("term", "nan"), ("deferment", "-1"), ("shift", "-2"),
-    ("shift", "x"), ("frequency", "5"), ("frequency", "monthly"), ("frequency", "12.5"),
-    ("timing", "arrears"), ("growth", "-1.5"), ("growth", "2%"), ("benefit", "-100"), ("benefit", "n/a"),
+    ("term", "-5"),
+    ("term", "abc"),
+    ("term", "nan"),
+    ("deferment", "-1"),
+    ("shift", "-2"),
+    ("shift", "x"),
+    ("frequency", "5"),
+    ("frequency", "monthly"),
+    ("frequency", "12.5"),
+    ("timing", "arrears"),
+    ("growth", "-1.5"),
+    ("growth", "2%"),
+    ("benefit", "-100"),
+    ("benefit", "n/a"),
 ]
 
 
@@ -59,16 +70,18 @@ def make_rows(policies: int, seed: int) -> list[list[str]]:
 
     rows = []
     for i in range(policies):
-        rows.append([
-            f"P{i + 1:06d}",
-            "" if perpetual[i] else _number(term[i]),
-            _number(deferment[i]),
-            _number(shift[i]),
-            str(frequency[i]),
-            str(timing[i]),
-            _number(growth[i]) if growing[i] else "",
-            f"{benefit[i]:.2f}",
-        ])
+        rows.append(
+            [
+                f"P{i + 1:06d}",
+                "" if perpetual[i] else _number(term[i]),
+                _number(deferment[i]),
+                _number(shift[i]),
+                str(frequency[i]),
+                str(timing[i]),
+                _number(growth[i]) if growing[i] else "",
+                f"{benefit[i]:.2f}",
+            ]
+        )
     # About 0.1 % malformed records, at random places.
     n_broken = max(1, policies // 1000)
     for k, i in enumerate(rng.choice(policies, n_broken, replace=False)):

@@ -70,6 +70,7 @@ def same(got, want):
 
 # ---------------------------------------------------------------- force of interest
 
+
 @pytest.mark.parametrize("rate", [0.03, -0.005, 0.0, 0.25])
 def test_delta_of_constant_curve(rate):
     ir = InterestRate(rate)
@@ -93,7 +94,9 @@ def test_delta_of_piecewise_curve_and_its_cache():
     arr = ir.delta(np.array(list(want)))
     assert arr.dtype == np.float64 and arr == pytest.approx(list(want.values()), rel=1e-15, abs=0)
     assert set(ir._force_cache) == set(want) | {7.0}  # every numeric scalar query, as a float key
-    assert ir.delta(np.array(8.0)) == ir.delta([8.0])[0] == 0.0 and 8.0 not in ir._force_cache  # other kinds are not cached
+    assert (
+        ir.delta(np.array(8.0)) == ir.delta([8.0])[0] == 0.0 and 8.0 not in ir._force_cache
+    )  # other kinds are not cached
     with exact(ValueError, "For piecewise rates, time t must be specified."):
         ir.delta()
     cache = InterestRate(terms=[5], rates=[0.02, 0.03])
@@ -128,15 +131,30 @@ def test_delta_refuses_rates_at_or_below_minus_one():
     assert len(ir._force_cache) == 0 and ir.delta(1.5) == pytest.approx(math.log(1.02), rel=1e-15)
 
 
-@pytest.mark.parametrize("curve, t0, t1", [
-    (0.03, 0.0, 1.0), (0.03, 2.5, 10), (-0.005, 0, 0.25), (PW, 0, 5), (PW, 0, 7.5), (PW, 3, 12), (PW, 6, 9.5), (PW, 11, 40),
-    (([3], [0.0, 0.05]), 1, 7), (0.0, 1, 2), (([2, 2], [0.0, 0.0, 0.0]), 1, 5), (([3], [0.0, 0.05]), 0.5, 2),
-])
+@pytest.mark.parametrize(
+    "curve, t0, t1",
+    [
+        (0.03, 0.0, 1.0),
+        (0.03, 2.5, 10),
+        (-0.005, 0, 0.25),
+        (PW, 0, 5),
+        (PW, 0, 7.5),
+        (PW, 3, 12),
+        (PW, 6, 9.5),
+        (PW, 11, 40),
+        (([3], [0.0, 0.05]), 1, 7),
+        (0.0, 1, 2),
+        (([2, 2], [0.0, 0.0, 0.0]), 1, 5),
+        (([3], [0.0, 0.05]), 0.5, 2),
+    ],
+)
 def test_average_force_and_effective_rate_from_discount_factors(curve, t0, t1):
     ir, terms, rates = make(curve)
     force, rate = ir.get_average_force(t1), ir.get_effective_rate(t0, t1)
     assert type(force) is float and force == pytest.approx(-math.log(ref_v(terms, rates, t1)) / t1, rel=1e-12, abs=0)
-    want = (ref_v(terms, rates, t1) / ref_v(terms, rates, t0)) ** (-1 / (t1 - t0)) - 1  # exactly 0.0 without discounting
+    want = (ref_v(terms, rates, t1) / ref_v(terms, rates, t0)) ** (
+        -1 / (t1 - t0)
+    ) - 1  # exactly 0.0 without discounting
     assert type(rate) is float and rate == pytest.approx(want, rel=1e-10, abs=0)
     assert ir.get_effective_rate(t_start=t0, t_end=t1) == rate
     assert min(rates) - 1e-12 <= rate <= max(rates) + 1e-12
@@ -158,16 +176,25 @@ POS = "Duration n must be positive per actuarial practice, got "
 AVG = "Cannot calculate average force: discount factor {} \u2264 0 results in undefined average force per actuarial standards"
 
 
-@pytest.mark.parametrize("n, exc, msg", [(n, TypeError, "Duration n must be numeric") for n in (True, False, "1", None, [1.0])] + [
-    (0, ValueError, POS + "0"), (0.0, ValueError, POS + "0.0"), (-1.5, ValueError, POS + "-1.5"),
-    (np.int64(-2), ValueError, POS + "-2"), (INF, ValueError, AVG.format("0.0")), (NAN, ValueError, AVG.format("nan")),
-])
+@pytest.mark.parametrize(
+    "n, exc, msg",
+    [(n, TypeError, "Duration n must be numeric") for n in (True, False, "1", None, [1.0])]
+    + [
+        (0, ValueError, POS + "0"),
+        (0.0, ValueError, POS + "0.0"),
+        (-1.5, ValueError, POS + "-1.5"),
+        (np.int64(-2), ValueError, POS + "-2"),
+        (INF, ValueError, AVG.format("0.0")),
+        (NAN, ValueError, AVG.format("nan")),
+    ],
+)
 def test_average_force_failures(n, exc, msg):
     with exact(exc, msg):
         InterestRate(0.03).get_average_force(n)
 
 
 # ---------------------------------------------------------------- nominal and effective rates
+
 
 @pytest.mark.parametrize("rate", [0.03, -0.005, 0.25, 0.0])
 @pytest.mark.parametrize("m", [1, 2, 4, 5, 12, 24, 365, np.int64(12)])
@@ -194,16 +221,25 @@ def test_nominal_rates_order_and_segments():
         assert curve.i_m(1, t) == rate
 
 
-@pytest.mark.parametrize("m, t, exc, msg", [
-    (True, 0.0, TypeError, "m must be a plain integer, got bool"), (True, -1, TypeError, "m must be a plain integer, got bool"),
-    (1.5, 0.0, TypeError, None), ("12", 0.0, TypeError, None), (np.bool_(True), 0.0, TypeError, None),
-    (0, 0.0, ValueError, "m must be a positive integer, got 0"), (-4, "x", ValueError, "m must be a positive integer, got -4"),
-    (np.int64(-4), 0.0, ValueError, "m must be a positive integer, got -4"),
-    (12, "1", TypeError, "t must be numeric, got str"), (12, True, TypeError, "t must be numeric, got bool"),
-    (12, None, TypeError, "t must be numeric, got NoneType"),
-    (12, -0.5, ValueError, "t must be non-negative, got -0.5"), (12, -1, ValueError, "t must be non-negative, got -1"),
-    (12, NAN, ValueError, "t must be non-negative, got nan"),
-])
+@pytest.mark.parametrize(
+    "m, t, exc, msg",
+    [
+        (True, 0.0, TypeError, "m must be a plain integer, got bool"),
+        (True, -1, TypeError, "m must be a plain integer, got bool"),
+        (1.5, 0.0, TypeError, None),
+        ("12", 0.0, TypeError, None),
+        (np.bool_(True), 0.0, TypeError, None),
+        (0, 0.0, ValueError, "m must be a positive integer, got 0"),
+        (-4, "x", ValueError, "m must be a positive integer, got -4"),
+        (np.int64(-4), 0.0, ValueError, "m must be a positive integer, got -4"),
+        (12, "1", TypeError, "t must be numeric, got str"),
+        (12, True, TypeError, "t must be numeric, got bool"),
+        (12, None, TypeError, "t must be numeric, got NoneType"),
+        (12, -0.5, ValueError, "t must be non-negative, got -0.5"),
+        (12, -1, ValueError, "t must be non-negative, got -1"),
+        (12, NAN, ValueError, "t must be non-negative, got nan"),
+    ],
+)
 @pytest.mark.parametrize("method", ["i_m", "d_m"])
 @pytest.mark.parametrize("curve", [0.03, {"a": 0.03}])
 def test_nominal_rate_argument_checks(curve, method, m, t, exc, msg):
@@ -239,15 +275,33 @@ def test_effective_rate_failures_and_zero_discounting():
 
 # ---------------------------------------------------------------- segment information
 
-@pytest.mark.parametrize("t, k, start, end", [
-    (1.5, 0, 0.0, 2.0), (2.0, 0, 0.0, 2.0), (2.000001, 1, 2.0, 5.0), (3, 1, 2.0, 5.0), (np.float64(5.0), 1, 2.0, 5.0),
-    (7.0, 2, 5.0, INF), (-1.0, 0, 0.0, 2.0), (np.int32(9), 2, 5.0, INF),
-])
+
+@pytest.mark.parametrize(
+    "t, k, start, end",
+    [
+        (1.5, 0, 0.0, 2.0),
+        (2.0, 0, 0.0, 2.0),
+        (2.000001, 1, 2.0, 5.0),
+        (3, 1, 2.0, 5.0),
+        (np.float64(5.0), 1, 2.0, 5.0),
+        (7.0, 2, 5.0, INF),
+        (-1.0, 0, 0.0, 2.0),
+        (np.int32(9), 2, 5.0, INF),
+    ],
+)
 def test_segment_info_of_piecewise_curve(t, k, start, end):
     rates = [0.01, 0.0, -0.02]
-    want = {"type": "piecewise", "segment_index": k, "rate": rates[k], "rate_properties": props(rates[k]),
-            "segment_start": start, "segment_end": end, "segment_duration": end - start,
-            "time_queried": float(t), "position_in_segment": float(t) - start}
+    want = {
+        "type": "piecewise",
+        "segment_index": k,
+        "rate": rates[k],
+        "rate_properties": props(rates[k]),
+        "segment_start": start,
+        "segment_end": end,
+        "segment_duration": end - start,
+        "time_queried": float(t),
+        "position_in_segment": float(t) - start,
+    }
     box = InterestRate({"c": 0.05, "p": ([2.0, 3.0], rates)})
     box.active_scenario = "p"
     same(pw([2.0, 3.0], rates).get_segment_info(t), want)
@@ -256,8 +310,14 @@ def test_segment_info_of_piecewise_curve(t, k, start, end):
 
 @pytest.mark.parametrize("rate", [0.03, 0.0, -0.005])
 def test_segment_info_of_constant_curve(rate):
-    want = {"type": "constant", "rate": rate, "rate_properties": props(rate),
-            "segment_start": 0.0, "segment_end": INF, "time_queried": 4.0}
+    want = {
+        "type": "constant",
+        "rate": rate,
+        "rate_properties": props(rate),
+        "segment_start": 0.0,
+        "segment_end": INF,
+        "time_queried": 4.0,
+    }
     for t in (4, 4.0, np.float32(4.0)):
         same(InterestRate(rate).get_segment_info(t), want)
         same(InterestRate({"only": rate}).get_segment_info(t), want)
@@ -277,39 +337,77 @@ def test_non_numeric_times_are_refused(curve, t):
 
 # ---------------------------------------------------------------- validation report and curve analysis
 
+
 def stats(rates):
     a = np.array(rates)
     mean, std = float(np.mean(a)), float(np.std(a))
-    return {"zero_count": int(np.sum(a == 0)), "negative_count": int(np.sum(a < 0)), "positive_count": int(np.sum(a > 0)),
-            "min_rate": min(rates), "max_rate": max(rates), "mean_rate": mean, "std_rate": std,
-            "rate_volatility": std / abs(mean) if mean != 0 else INF, "has_zero_segments": bool(np.any(a == 0))}
+    return {
+        "zero_count": int(np.sum(a == 0)),
+        "negative_count": int(np.sum(a < 0)),
+        "positive_count": int(np.sum(a > 0)),
+        "min_rate": min(rates),
+        "max_rate": max(rates),
+        "mean_rate": mean,
+        "std_rate": std,
+        "rate_volatility": std / abs(mean) if mean != 0 else INF,
+        "has_zero_segments": bool(np.any(a == 0)),
+    }
 
 
-@pytest.mark.parametrize("terms, rates, shape", [
-    ([1, 2.5, 0.5], [0.0, -0.01, 0.0, 0.0312345678], "non_monotonic"), ([5, 5], [0.02, 0.03, 0.04], "increasing"),
-    ([1], [0.03, 0.03], "increasing"), ([1, 1], [0.04, 0.03, 0.02], "decreasing"), ([1], [-0.01, 0.01], "increasing"),
-    ([2, 2], [0.02, 0.04, 0.03], "non_monotonic"), ([1, 2, 3], [0.05, 0.0, 0.0, -0.01], "decreasing"),
-])
+@pytest.mark.parametrize(
+    "terms, rates, shape",
+    [
+        ([1, 2.5, 0.5], [0.0, -0.01, 0.0, 0.0312345678], "non_monotonic"),
+        ([5, 5], [0.02, 0.03, 0.04], "increasing"),
+        ([1], [0.03, 0.03], "increasing"),
+        ([1, 1], [0.04, 0.03, 0.02], "decreasing"),
+        ([1], [-0.01, 0.01], "increasing"),
+        ([2, 2], [0.02, 0.04, 0.03], "non_monotonic"),
+        ([1, 2, 3], [0.05, 0.0, 0.0, -0.01], "decreasing"),
+    ],
+)
 def test_validate_piecewise_report(terms, rates, shape):
     ir = pw(terms, rates)
     s = stats(rates)
-    want = {"type": "piecewise",
-            "structure": {"terms_count": len(terms), "rates_count": len(rates), "terms_valid": True,
-                          "terms_sum": float(sum(terms)), "has_gaps": False,
-                          "max_term": float(max(terms)), "min_term": float(min(terms))},
-            "rates": np.round(np.array(rates), 6), "rate_statistics": s, "curve_policy": POLICY,
-            "actuarial_metrics": {"curve_monotonicity": shape, "zero_segments_optimal": s["zero_count"] <= 1,
-                                  "negative_concentration": s["negative_count"] / len(rates)},
-            "status": "valid"}
+    want = {
+        "type": "piecewise",
+        "structure": {
+            "terms_count": len(terms),
+            "rates_count": len(rates),
+            "terms_valid": True,
+            "terms_sum": float(sum(terms)),
+            "has_gaps": False,
+            "max_term": float(max(terms)),
+            "min_term": float(min(terms)),
+        },
+        "rates": np.round(np.array(rates), 6),
+        "rate_statistics": s,
+        "curve_policy": POLICY,
+        "actuarial_metrics": {
+            "curve_monotonicity": shape,
+            "zero_segments_optimal": s["zero_count"] <= 1,
+            "negative_concentration": s["negative_count"] / len(rates),
+        },
+        "status": "valid",
+    }
     same(ir.validate(), want)
     assert ir._check_monotonicity() == shape
-    analysis = {"type": "piecewise", "curve_policy": POLICY, "curve_length": float(sum(terms)), "segment_count": len(terms),
-                "rate_range": {"min": s["min_rate"], "max": s["max_rate"], "spread": s["max_rate"] - s["min_rate"]},
-                "rate_properties": {k: s[k] for k in ("zero_count", "negative_count", "positive_count")} | {"all_finite": True},
-                "curve_properties": {"monotonicity": shape, "zero_rate_segments": s["zero_count"],
-                                     "negative_rate_segments": s["negative_count"], "volatility": s["std_rate"],
-                                     "mean_rate": s["mean_rate"]},
-                "key_discount_factors": {f"{n}y": ref_v(terms, rates, n) for n in (1, 5, 10, 30)}}
+    analysis = {
+        "type": "piecewise",
+        "curve_policy": POLICY,
+        "curve_length": float(sum(terms)),
+        "segment_count": len(terms),
+        "rate_range": {"min": s["min_rate"], "max": s["max_rate"], "spread": s["max_rate"] - s["min_rate"]},
+        "rate_properties": {k: s[k] for k in ("zero_count", "negative_count", "positive_count")} | {"all_finite": True},
+        "curve_properties": {
+            "monotonicity": shape,
+            "zero_rate_segments": s["zero_count"],
+            "negative_rate_segments": s["negative_count"],
+            "volatility": s["std_rate"],
+            "mean_rate": s["mean_rate"],
+        },
+        "key_discount_factors": {f"{n}y": ref_v(terms, rates, n) for n in (1, 5, 10, 30)},
+    }
     same(ir.curve_analysis(), analysis)
 
 
@@ -330,18 +428,35 @@ def test_validate_and_analysis_edge_values():
         with_rates(pw(), [0.02, 0.03, -1.5]).curve_analysis()
 
 
-@pytest.mark.parametrize("rate, finite", [(0.03, True), (0.0, True), (-0.005, True), (1e308, False), (NAN, False), (-INF, False)])
+@pytest.mark.parametrize(
+    "rate, finite", [(0.03, True), (0.0, True), (-0.005, True), (1e308, False), (NAN, False), (-INF, False)]
+)
 def test_constant_report_and_analysis(rate, finite):
     ir = InterestRate(0.03)
     ir.rate = rate
     properties = props(rate)
-    same(ir.validate(), {"type": "constant", "rate": rate, "rate_properties": properties | {"is_finite": finite},
-                         "curve_policy": POLICY, "status": "valid"})
+    same(
+        ir.validate(),
+        {
+            "type": "constant",
+            "rate": rate,
+            "rate_properties": properties | {"is_finite": finite},
+            "curve_policy": POLICY,
+            "status": "valid",
+        },
+    )
     assert ir._check_monotonicity() == "constant" and list(ir._curve_policy().items()) == list(POLICY.items())
     if finite:
-        same(ir.curve_analysis(), {"type": "constant", "curve_policy": POLICY, "rate": rate,
-                                   "rate_properties": properties | {"absolute_value": abs(rate)},
-                                   "key_discount_factors": {"10y": (1 + rate) ** -10, "30y": (1 + rate) ** -30}})
+        same(
+            ir.curve_analysis(),
+            {
+                "type": "constant",
+                "curve_policy": POLICY,
+                "rate": rate,
+                "rate_properties": properties | {"absolute_value": abs(rate)},
+                "key_discount_factors": {"10y": (1 + rate) ** -10, "30y": (1 + rate) ** -30},
+            },
+        )
 
 
 @pytest.mark.parametrize("active", ["base", "shock"])
@@ -354,9 +469,21 @@ def test_multi_scenario_reports(active):
     kinds = ["constant", "constant", "piecewise"]
     assert [r["type"] for r in report["scenarios"].values()] == [a["type"] for a in analysis.values()] == kinds
     assert report["scenarios"]["shock"]["curve_policy"] == POLICY  # each scenario is a single curve
-    same(report["scenario_summary"], {"total_scenarios": 3, "active_scenario": active, "scenario_names": ["base", "zero", "shock"]})
-    same(report["cross_scenario_analysis"], {"total_rates": 5, "zero_count": 1, "negative_count": 1,
-                                             "min_rate": -0.01, "max_rate": 0.03, "rate_spread": 0.03 - -0.01})
+    same(
+        report["scenario_summary"],
+        {"total_scenarios": 3, "active_scenario": active, "scenario_names": ["base", "zero", "shock"]},
+    )
+    same(
+        report["cross_scenario_analysis"],
+        {
+            "total_rates": 5,
+            "zero_count": 1,
+            "negative_count": 1,
+            "min_rate": -0.01,
+            "max_rate": 0.03,
+            "rate_spread": 0.03 - -0.01,
+        },
+    )
     same(box._curve_policy(), {"flat_or_piecewise_discount": True, "multi_scenario_curves": True})
     assert analysis["shock"]["key_discount_factors"]["30y"] == pytest.approx(1.02**-5 * 0.99**-5 * 1.03**-20, rel=1e-12)
     assert analysis["base"]["key_discount_factors"] == pytest.approx({"10y": 1.01**-10, "30y": 1.01**-30}, rel=1e-12)

@@ -282,8 +282,12 @@ MODES = ["discrete_precision", "discrete_simplified", "continuous_precision", "c
 
 
 @pytest.mark.parametrize("mode", MODES)
-@pytest.mark.parametrize("make", [lambda: InterestRate(0.03), lambda: InterestRate(terms=[1.5, 2.25, 4], rates=[0.01, 0.0, -0.004, 0.05])])
-@pytest.mark.parametrize("n, d, ts, m", [(30.0, 0.0, 0.0, 12), (7.3, 2.0, 1.25, 4), (None, 0.0, 3.0, 2), (0.5, 1.0, 0.0, 52)])
+@pytest.mark.parametrize(
+    "make", [lambda: InterestRate(0.03), lambda: InterestRate(terms=[1.5, 2.25, 4], rates=[0.01, 0.0, -0.004, 0.05])]
+)
+@pytest.mark.parametrize(
+    "n, d, ts, m", [(30.0, 0.0, 0.0, 12), (7.3, 2.0, 1.25, 4), (None, 0.0, 3.0, 2), (0.5, 1.0, 0.0, 52)]
+)
 def test_single_values_equal_the_engine_path_exactly(mode, make, n, d, ts, m):
     # The plain-number fast path and the full dispatch through the engine's
     # entry must give the same float, bit for bit.

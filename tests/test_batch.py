@@ -36,17 +36,34 @@ def immediate(n):
 @pytest.mark.parametrize(
     ("method", "kwargs", "tail"),
     [
-        ("a", {"n": [10.0, 20.0], "d": [0.0, 1.0, 2.0]},
-         "] Incompatible batch lengths: n=2, d=3, ts=1. All arrays must share the same length or be length-1 (broadcast)."),
-        ("ä", {"n": [10.0, 20.0, 5.0], "ts": [0.0, 1.0]},
-         "] Incompatible batch lengths: n=3, d=1, ts=2. All arrays must share the same length or be length-1 (broadcast)."),
-        ("ä", {"n": [10.0, 10.0], "m": [1, 12], "return_flows": True},
-         ("] return_flows=True is not supported when m is a vector with heterogeneous values. "
-          "Use a scalar m or split the batch by payment frequency and call separately.")),
-        ("a", {"n": [10.0, -1.0], "on_error": "nan", "return_flows": True},
-         "] on_error='nan' is not supported with return_flows=True in batch mode."),
-        ("a", {"n": [10.0, 20.0], "d": [0.0, 1.0, 2.0], "on_error": "nan", "return_flows": True},
-         "] on_error='nan' is not supported with return_flows=True in batch mode."),
+        (
+            "a",
+            {"n": [10.0, 20.0], "d": [0.0, 1.0, 2.0]},
+            "] Incompatible batch lengths: n=2, d=3, ts=1. All arrays must share the same length or be length-1 (broadcast).",
+        ),
+        (
+            "ä",
+            {"n": [10.0, 20.0, 5.0], "ts": [0.0, 1.0]},
+            "] Incompatible batch lengths: n=3, d=1, ts=2. All arrays must share the same length or be length-1 (broadcast).",
+        ),
+        (
+            "ä",
+            {"n": [10.0, 10.0], "m": [1, 12], "return_flows": True},
+            (
+                "] return_flows=True is not supported when m is a vector with heterogeneous values. "
+                "Use a scalar m or split the batch by payment frequency and call separately."
+            ),
+        ),
+        (
+            "a",
+            {"n": [10.0, -1.0], "on_error": "nan", "return_flows": True},
+            "] on_error='nan' is not supported with return_flows=True in batch mode.",
+        ),
+        (
+            "a",
+            {"n": [10.0, 20.0], "d": [0.0, 1.0, 2.0], "on_error": "nan", "return_flows": True},
+            "] on_error='nan' is not supported with return_flows=True in batch mode.",
+        ),
     ],
 )
 def test_batch_dispatch_messages(ir, method, kwargs, tail):
@@ -81,13 +98,21 @@ def test_on_error_nan_report(ir):
 
 
 def test_on_error_nan_with_ids_and_benefits(ir):
-    res = ir.a(n=[10.0, np.nan, 5.0, 20.0], d=[0.0, 0.0, -2.0, 1.0], ts=[0.0, 0.0, 0.0, -1.0],
-               benefits=[1.0, 2.0, 3.0, 4.0], record_ids=["p1", "p2", "p3", "p4"], on_error="nan")
+    res = ir.a(
+        n=[10.0, np.nan, 5.0, 20.0],
+        d=[0.0, 0.0, -2.0, 1.0],
+        ts=[0.0, 0.0, 0.0, -1.0],
+        benefits=[1.0, 2.0, 3.0, 4.0],
+        record_ids=["p1", "p2", "p3", "p4"],
+        on_error="nan",
+    )
     assert res.values[0] == ir.a(n=10.0)
     assert np.isnan(res.values[1:]).all()
     assert res.errors.invalid_indices.tolist() == [1, 2, 3]
     assert list(res.errors.record_ids) == ["p2", "p3", "p4"]
-    assert ["'n'" in res.errors.messages[0], "'d'" in res.errors.messages[1], "'ts'" in res.errors.messages[2]] == [True] * 3
+    assert ["'n'" in res.errors.messages[0], "'d'" in res.errors.messages[1], "'ts'" in res.errors.messages[2]] == [
+        True
+    ] * 3
 
 
 @pytest.mark.parametrize("method", ["a", "ä"])
@@ -109,10 +134,13 @@ def test_grouping_matches_scalar_calls(ir, method, kwargs):
 
 
 INVALID = -1.0
-term = st.one_of(st.sampled_from([0.0, 0.25, 1.0, 3.5, 10.0, 40.0, math.inf, INVALID, math.nan]),
-                 st.floats(0.0, 60.0))
-record = st.tuples(term, st.one_of(st.floats(0.0, 10.0), st.just(INVALID)),
-                   st.one_of(st.floats(0.0, 15.0), st.just(INVALID)), st.floats(0.0, 1e6))
+term = st.one_of(st.sampled_from([0.0, 0.25, 1.0, 3.5, 10.0, 40.0, math.inf, INVALID, math.nan]), st.floats(0.0, 60.0))
+record = st.tuples(
+    term,
+    st.one_of(st.floats(0.0, 10.0), st.just(INVALID)),
+    st.one_of(st.floats(0.0, 15.0), st.just(INVALID)),
+    st.floats(0.0, 1e6),
+)
 
 
 @settings(max_examples=40, deadline=None)
@@ -136,8 +164,12 @@ def test_benefits_scale_exactly(records, m, method):
 
 def test_pandas_series_keep_input_order(ir):
     idx = [7, 3, 1]
-    out = ir.ä(n=pd.Series([10.0, 5.0, 20.0], index=idx), m=pd.Series([1, 12, 1], index=idx),
-               d=pd.Series([0.0, 0.0, 2.0], index=idx), benefits=pd.Series([1.0, 2.0, 0.5], index=idx))
+    out = ir.ä(
+        n=pd.Series([10.0, 5.0, 20.0], index=idx),
+        m=pd.Series([1, 12, 1], index=idx),
+        d=pd.Series([0.0, 0.0, 2.0], index=idx),
+        benefits=pd.Series([1.0, 2.0, 0.5], index=idx),
+    )
     expected = [(1 - V**10) / D, 2.0 * (1 - V**5) / (12 * (1 - V ** (1 / 12))), 0.5 * V**2 * (1 - V**20) / D]
     np.testing.assert_allclose(np.asarray(out), expected, atol=TOL)
 
@@ -182,14 +214,23 @@ def test_gridded_flows_land_on_next_grid_time(ir):
     flows = ir.a(n=[10.0, 20.0], return_flows=True, t_output=GRID)
     # yearly payments 1..20: 1-2 -> 2.5, 3-5 -> 5, 6-20 -> 12 (the last grid time)
     np.testing.assert_allclose(flows["expected_cf"], [0.0, 4.0, 6.0, 20.0], atol=1e-12)
-    pv = [0.0, 2 * (V + V**2), 2 * (V**3 + V**4 + V**5), 2 * sum(V**k for k in range(6, 11)) + sum(V**k for k in range(11, 21))]
+    pv = [
+        0.0,
+        2 * (V + V**2),
+        2 * (V**3 + V**4 + V**5),
+        2 * sum(V**k for k in range(6, 11)) + sum(V**k for k in range(11, 21)),
+    ]
     np.testing.assert_allclose(flows["pv_cf"], pv, atol=1e-12)
 
 
 @pytest.mark.parametrize(
     ("method", "kwargs", "tail"),
     [
-        ("a", {"n": [3.0], "gr": 0.01, "cashflow_amounts": [1.0, 1.0, 1.0]}, "] 'gr' and 'cashflow_amounts' are mutually exclusive"),
+        (
+            "a",
+            {"n": [3.0], "gr": 0.01, "cashflow_amounts": [1.0, 1.0, 1.0]},
+            "] 'gr' and 'cashflow_amounts' are mutually exclusive",
+        ),
         ("ä", {"n": [3.0, 4.0], "cashflow_amounts": [1.0, 1.0, 1.0]}, "]"),
     ],
 )
@@ -245,7 +286,9 @@ def test_batch_growth_must_be_a_growth_rate_or_number(ir, method, gr):
         call(ir, method, n=[1.0, 2.0], gr=gr)
 
 
-@pytest.mark.parametrize("drop", ["coef_immediate", "due", "immediate", "fractional", "fractional_tail", "due.present_value"])
+@pytest.mark.parametrize(
+    "drop", ["coef_immediate", "due", "immediate", "fractional", "fractional_tail", "due.present_value"]
+)
 def test_woolhouse_missing_keys(drop):
     flows = woolhouse()
     if "." in drop:
@@ -255,4 +298,3 @@ def test_woolhouse_missing_keys(drop):
         del flows[drop]
     with pytest.raises(KeyError):
         _woolhouse_flows_to_grid(flows, 1)
-

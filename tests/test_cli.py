@@ -32,8 +32,10 @@ COLUMNS = ["id", "term", "deferment", "shift", "frequency", "timing", "growth", 
 # (record, expected present value): independent closed forms.
 VALID = [
     ({"id": "level", "term": "10"}, due(10)),
-    ({"id": "monthly-imm", "term": "10", "frequency": "12", "timing": "immediate", "benefit": "1200"},
-     1200 * immediate(10, 12)),
+    (
+        {"id": "monthly-imm", "term": "10", "frequency": "12", "timing": "immediate", "benefit": "1200"},
+        1200 * immediate(10, 12),
+    ),
     ({"id": "perpetuity", "term": "", "benefit": "2"}, 2 / (1 - V)),
     ({"id": "deferred", "term": "20", "deferment": "5", "shift": "2"}, V**3 * due(20)),
     ({"id": "seasoned", "term": "15", "shift": "4", "timing": "Immediate "}, immediate(11)),
@@ -71,7 +73,7 @@ def read_output(path):
     if path.suffix == ".parquet":
         table = pytest.importorskip("pyarrow.parquet").read_table(path).to_pydict()
         return [dict(zip(table, row)) for row in zip(*table.values())]
-    with (gzip.open(path, "rt", newline="") if path.suffix == ".gz" else open(path, newline="")) as f:
+    with gzip.open(path, "rt", newline="") if path.suffix == ".gz" else open(path, newline="") as f:
         return list(csv.DictReader(f))
 
 
@@ -129,8 +131,13 @@ def test_record_with_a_missing_field_is_invalid(tmp_path):
 
 
 def test_bundled_sample_as_a_subprocess(tmp_path):
-    run = subprocess.run([sys.executable, "-m", "norvane", "--quiet", "--output", "out.csv"],
-                         cwd=tmp_path, capture_output=True, text=True, timeout=60)
+    run = subprocess.run(
+        [sys.executable, "-m", "norvane", "--quiet", "--output", "out.csv"],
+        cwd=tmp_path,
+        capture_output=True,
+        text=True,
+        timeout=60,
+    )
     assert run.returncode == 0, run.stderr
     assert run.stderr == ""  # no progress bar without a terminal
     with gzip.open(SAMPLE_PORTFOLIO, "rt", newline="") as f:
@@ -141,8 +148,11 @@ def test_bundled_sample_as_a_subprocess(tmp_path):
     bad = np.isnan(values)
     assert (bad == np.array([bool(r["error"]) for r in rows])).all()
     assert 0 < bad.sum() < 0.01 * len(rows) and (values[~bad] >= 0).all()
-    numbers = re.fullmatch(r"([\d,]+) policies, ([\d,]+) valued, ([\d,]+) errors, "
-                           r"total present value ([\d,.]+)\n", run.stdout)
+    numbers = re.fullmatch(
+        r"([\d,]+) policies, ([\d,]+) valued, ([\d,]+) errors, "
+        r"total present value ([\d,.]+)\n",
+        run.stdout,
+    )
     assert numbers, run.stdout
     policies, valued, errors, total = (float(g.replace(",", "")) for g in numbers.groups())
     assert (policies, valued, errors) == (len(rows), (~bad).sum(), bad.sum())
@@ -159,10 +169,20 @@ FLOW_BOOK = [
 ]
 
 
-@pytest.mark.parametrize("mode", ["discrete_precision", "discrete_simplified",
-                                  "continuous_precision", "continuous_simplified"])
-@pytest.mark.parametrize("extra", [[], [{"id": "p", "term": "", "benefit": "5"}, {"id": "g", "term": "9",
-                                   "shift": "2", "growth": "0.03", "benefit": "7"}]], ids=["level", "perp-growth"])
+@pytest.mark.parametrize(
+    "mode", ["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"]
+)
+@pytest.mark.parametrize(
+    "extra",
+    [
+        [],
+        [
+            {"id": "p", "term": "", "benefit": "5"},
+            {"id": "g", "term": "9", "shift": "2", "growth": "0.03", "benefit": "7"},
+        ],
+    ],
+    ids=["level", "perp-growth"],
+)
 def test_flows_total_equals_value_total(tmp_path, capsys, mode, extra):
     book = write_csv(tmp_path / "book.csv", FLOW_BOOK + extra + [{"id": "bad", "term": "-1"}])
     common = ["--portfolio", str(book), "--rate", "0.03", "--mode", mode]
@@ -218,16 +238,19 @@ def test_plots_are_written(tmp_path, capsys, command):
     assert "plot written" in capsys.readouterr().out
 
 
-@pytest.mark.parametrize("args, message", [
-    (["--portfolio", "{tmp}/missing.csv"], "no such file"),
-    (["--curve", "{tmp}/missing.json"], "not a readable curve"),
-    (["--curve", "{tmp}/bad.json"], "not a readable curve"),
-    (["--portfolio", "{tmp}/noterm.csv"], "no 'term' column"),
-    (["--portfolio", "{tmp}/book.csv", "--output", "{tmp}/out.txt"], "must end in"),
-    (["flows", "--portfolio", "{tmp}/missing.csv"], "no such file"),
-    (["curve", "--curve", "{tmp}/bad.json"], "not a readable curve"),
-    (["--rate", "-2"], "--rate"),
-])
+@pytest.mark.parametrize(
+    "args, message",
+    [
+        (["--portfolio", "{tmp}/missing.csv"], "no such file"),
+        (["--curve", "{tmp}/missing.json"], "not a readable curve"),
+        (["--curve", "{tmp}/bad.json"], "not a readable curve"),
+        (["--portfolio", "{tmp}/noterm.csv"], "no 'term' column"),
+        (["--portfolio", "{tmp}/book.csv", "--output", "{tmp}/out.txt"], "must end in"),
+        (["flows", "--portfolio", "{tmp}/missing.csv"], "no such file"),
+        (["curve", "--curve", "{tmp}/bad.json"], "not a readable curve"),
+        (["--rate", "-2"], "--rate"),
+    ],
+)
 def test_unusable_input_exits_with_2(tmp_path, capsys, args, message):
     (tmp_path / "bad.json").write_text('{"type": "piecewise", "terms": [5]}')
     write_csv(tmp_path / "noterm.csv", [{"id": "x"}], columns=["id", "benefit"])
@@ -236,11 +259,14 @@ def test_unusable_input_exits_with_2(tmp_path, capsys, args, message):
     assert message in capsys.readouterr().err
 
 
-@pytest.mark.parametrize("blocked, args", [
-    ("pyarrow", ["--output", "{tmp}/out.parquet"]),
-    ("pyarrow", ["--portfolio", "{tmp}/book.parquet"]),
-    ("matplotlib", ["curve", "--plot", "{tmp}/c.png"]),
-])
+@pytest.mark.parametrize(
+    "blocked, args",
+    [
+        ("pyarrow", ["--output", "{tmp}/out.parquet"]),
+        ("pyarrow", ["--portfolio", "{tmp}/book.parquet"]),
+        ("matplotlib", ["curve", "--plot", "{tmp}/c.png"]),
+    ],
+)
 def test_missing_optional_library_is_named(tmp_path, capsys, monkeypatch, blocked, args):
     (tmp_path / "book.parquet").write_bytes(b"PAR1")
     for name in [m for m in sys.modules if m == blocked or m.startswith(blocked + ".")] + [blocked]:

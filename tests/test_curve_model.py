@@ -17,7 +17,9 @@ import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
-from norvane.config import _ALLOWED_DAYS_PER_YEAR as DAYS, _ALLOWED_WEEKS_PER_YEAR as WEEKS, Config
+from norvane.config import _ALLOWED_DAYS_PER_YEAR as DAYS
+from norvane.config import _ALLOWED_WEEKS_PER_YEAR as WEEKS
+from norvane.config import Config
 from norvane.helpers import _EMPTY_F64
 from norvane.interest_rates import InterestRate
 
@@ -25,7 +27,9 @@ NAN, INF = float("nan"), float("inf")
 LE = "\u2264"  # the messages use the less-than-or-equal sign, not "<="
 LOCK = type(threading.Lock())
 RATE_MSG = "Rate {} " + LE + " -1{}: (1+i) must be positive for discount factor computation per actuarial standards"
-FORCE_MSG = "Cannot calculate force of interest: rate {} " + LE + " -1{} would make ln(1 + i) undefined per actuarial standards"
+FORCE_MSG = (
+    "Cannot calculate force of interest: rate {} " + LE + " -1{} would make ln(1 + i) undefined per actuarial standards"
+)
 FINITE = "Interest rate must be finite{}, got {}. Infinite or NaN rates are not allowed in actuarial calculations."
 FINITE_AT = "Interest rate must be finite at position {}{}, got {}. Infinite or NaN rates are not allowed in actuarial calculations."
 TERM_AT = "Term length must be finite at position {}, got {}."
@@ -63,16 +67,25 @@ def fill_caches(ir):
 
 
 def powers(terms, rates):
-    full = [(1.0 + r) ** -t for t, r in zip(terms, rates[:len(terms)], strict=True)]
+    full = [(1.0 + r) ** -t for t, r in zip(terms, rates[: len(terms)], strict=True)]
     return full, list(itertools.accumulate(full, operator.mul))
 
 
 # ---------------------------------------------------------------- construction
 
-@pytest.mark.parametrize("value, expected", [
-    (0.03, 0.03), (np.float64(0.03), 0.03), (np.float32(0.25), 0.25), (0, 0.0), (np.int64(2), 2.0),
-    (-0.999999, -0.999999), (2**60, float(2**60)),
-])
+
+@pytest.mark.parametrize(
+    "value, expected",
+    [
+        (0.03, 0.03),
+        (np.float64(0.03), 0.03),
+        (np.float32(0.25), 0.25),
+        (0, 0.0),
+        (np.int64(2), 2.0),
+        (-0.999999, -0.999999),
+        (2**60, float(2**60)),
+    ],
+)
 def test_constant_form(value, expected):
     ir = InterestRate(value)
     assert ir.is_constant and ir._is_constant is True and type(ir.rate) is float and ir.rate == expected
@@ -96,7 +109,11 @@ def test_piecewise_form_and_argument_precedence():
     ir = pw()
     assert not ir.is_constant and ir.rate is None and ir.scenarios == {}
     assert ir.terms is ir._terms and ir.rates is ir._rates
-    assert ir._terms.tolist() == [5.0, 5.0] and ir._rates.tolist() == [0.02, 0.03, 0.04] and ir._cum_terms.tolist() == [5.0, 10.0]
+    assert (
+        ir._terms.tolist() == [5.0, 5.0]
+        and ir._rates.tolist() == [0.02, 0.03, 0.04]
+        and ir._cum_terms.tolist() == [5.0, 10.0]
+    )
     assert InterestRate(None, [1, 1], [0.01, 0.015, 0.02], "years")._cum_terms.tolist() == [1.0, 2.0]
     both = InterestRate(0.05, [1], [0.01, 0.02])  # terms with rates win over rate
     assert not both.is_constant and both.rate is None
@@ -104,31 +121,43 @@ def test_piecewise_form_and_argument_precedence():
     assert InterestRate(terms=[6, 12], rates=[0.01, 0.012, 0.013], term_unit="months")._terms.tolist() == [0.5, 1.0]
 
 
-@pytest.mark.parametrize("args, kwargs, msg", [
-    ((), {}, ARGS_MSG), ((), {"terms": [1, 2]}, ARGS_MSG), ((), {"rates": [0.01, 0.02]}, ARGS_MSG),
-    ((None,), {"term_unit": "months"}, ARGS_MSG), ((0.03,), {"term_unit": "hours"}, UNIT_MSG),
-    (("x",), {"term_unit": "hours"}, UNIT_MSG),  # metadata is checked before anything else
-    ((), {"terms": [], "rates": [], "term_unit": "hours"}, UNIT_MSG),
-    ((-1,), {}, RATE_MSG.format("-1.0", "")), ((-1.5,), {}, RATE_MSG.format("-1.5", "")),
-    ((np.float64(-3),), {}, RATE_MSG.format("-3.0", "")), ((NAN,), {}, FINITE.format("", "nan")),
-    ((INF,), {}, FINITE.format("", "inf")), ((-INF,), {}, FINITE.format("", "-inf")),  # finiteness before sign
-    ((), {"terms": [], "rates": []}, EMPTY), ((), {"terms": [], "rates": [0.01]}, EMPTY),
-    ((), {"terms": [1], "rates": []}, EMPTY),
-    ((), {"terms": [1, 1], "rates": [0.01, 0.02]}, LEN_MSG), ((), {"terms": [1], "rates": [0.01, 0.02, 0.03]}, LEN_MSG),
-    ((), {"terms": [1], "rates": 0.01}, LEN_MSG),  # a scalar is one rate
-    ((), {"terms": [1], "rates": [[0.01, 0.02]]}, RATES_1D),
-    ((), {"terms": [1, 0], "rates": [0.01] * 3}, POSITIVE), ((), {"terms": [1, -2], "rates": [0.01] * 3}, POSITIVE),
-    ((), {"terms": [1, NAN], "rates": [0.1] * 3}, TERM_AT.format(1, "nan")),
-    ((), {"terms": [INF], "rates": [0.1] * 2}, TERM_AT.format(0, "inf")),
-    ((), {"terms": [12, 6, -INF], "rates": [0.1] * 4, "term_unit": "months"}, TERM_AT.format(2, "-inf")),
-    ((), {"terms": [0, NAN], "rates": [NAN] * 3}, TERM_AT.format(1, "nan")),  # terms before rates
-    ((), {"terms": [0, 1], "rates": [NAN, 0.1, 0.1]}, POSITIVE),
-    ((), {"terms": [1, 1], "rates": [NAN, -2]}, LEN_MSG),  # the length is checked with the terms
-    ((), {"terms": [1, 1], "rates": [0.01, -2, NAN]}, FINITE_AT.format(2, "", "nan")),
-    ((), {"terms": [1, 1], "rates": [0.01, -1, -2]}, RATE_MSG.format("-1.0", "")),
-    ((), {"terms": [1], "rates": [-1.25, INF]}, FINITE_AT.format(1, "", "inf")),
-    ((), {"terms": [1], "rates": [0.01, -1.0000001]}, RATE_MSG.format("-1.0000001", "")),
-])
+@pytest.mark.parametrize(
+    "args, kwargs, msg",
+    [
+        ((), {}, ARGS_MSG),
+        ((), {"terms": [1, 2]}, ARGS_MSG),
+        ((), {"rates": [0.01, 0.02]}, ARGS_MSG),
+        ((None,), {"term_unit": "months"}, ARGS_MSG),
+        ((0.03,), {"term_unit": "hours"}, UNIT_MSG),
+        (("x",), {"term_unit": "hours"}, UNIT_MSG),  # metadata is checked before anything else
+        ((), {"terms": [], "rates": [], "term_unit": "hours"}, UNIT_MSG),
+        ((-1,), {}, RATE_MSG.format("-1.0", "")),
+        ((-1.5,), {}, RATE_MSG.format("-1.5", "")),
+        ((np.float64(-3),), {}, RATE_MSG.format("-3.0", "")),
+        ((NAN,), {}, FINITE.format("", "nan")),
+        ((INF,), {}, FINITE.format("", "inf")),
+        ((-INF,), {}, FINITE.format("", "-inf")),  # finiteness before sign
+        ((), {"terms": [], "rates": []}, EMPTY),
+        ((), {"terms": [], "rates": [0.01]}, EMPTY),
+        ((), {"terms": [1], "rates": []}, EMPTY),
+        ((), {"terms": [1, 1], "rates": [0.01, 0.02]}, LEN_MSG),
+        ((), {"terms": [1], "rates": [0.01, 0.02, 0.03]}, LEN_MSG),
+        ((), {"terms": [1], "rates": 0.01}, LEN_MSG),  # a scalar is one rate
+        ((), {"terms": [1], "rates": [[0.01, 0.02]]}, RATES_1D),
+        ((), {"terms": [1, 0], "rates": [0.01] * 3}, POSITIVE),
+        ((), {"terms": [1, -2], "rates": [0.01] * 3}, POSITIVE),
+        ((), {"terms": [1, NAN], "rates": [0.1] * 3}, TERM_AT.format(1, "nan")),
+        ((), {"terms": [INF], "rates": [0.1] * 2}, TERM_AT.format(0, "inf")),
+        ((), {"terms": [12, 6, -INF], "rates": [0.1] * 4, "term_unit": "months"}, TERM_AT.format(2, "-inf")),
+        ((), {"terms": [0, NAN], "rates": [NAN] * 3}, TERM_AT.format(1, "nan")),  # terms before rates
+        ((), {"terms": [0, 1], "rates": [NAN, 0.1, 0.1]}, POSITIVE),
+        ((), {"terms": [1, 1], "rates": [NAN, -2]}, LEN_MSG),  # the length is checked with the terms
+        ((), {"terms": [1, 1], "rates": [0.01, -2, NAN]}, FINITE_AT.format(2, "", "nan")),
+        ((), {"terms": [1, 1], "rates": [0.01, -1, -2]}, RATE_MSG.format("-1.0", "")),
+        ((), {"terms": [1], "rates": [-1.25, INF]}, FINITE_AT.format(1, "", "inf")),
+        ((), {"terms": [1], "rates": [0.01, -1.0000001]}, RATE_MSG.format("-1.0000001", "")),
+    ],
+)
 def test_construction_messages(args, kwargs, msg):
     with exact(ValueError, msg):
         InterestRate(*args, **kwargs)
@@ -150,12 +179,18 @@ def _readonly(a):
 
 
 VARIANTS = {
-    "list": list, "tuple": tuple, "f64": lambda v: np.array(v, dtype=np.float64),
-    "f32": lambda v: np.array(v, dtype=np.float32), "i64": lambda v: np.array(v, dtype=np.int64),
-    "u8": lambda v: np.array(v, dtype=np.uint8), "big_endian": lambda v: np.array(v, dtype=">f8"),
-    "read_only": _readonly, "strided": lambda v: np.repeat(np.array(v, dtype=np.float64), 2)[::2],
+    "list": list,
+    "tuple": tuple,
+    "f64": lambda v: np.array(v, dtype=np.float64),
+    "f32": lambda v: np.array(v, dtype=np.float32),
+    "i64": lambda v: np.array(v, dtype=np.int64),
+    "u8": lambda v: np.array(v, dtype=np.uint8),
+    "big_endian": lambda v: np.array(v, dtype=">f8"),
+    "read_only": _readonly,
+    "strided": lambda v: np.repeat(np.array(v, dtype=np.float64), 2)[::2],
     "series": lambda v: pd.Series(v, index=[3 * i + 10 for i in range(len(v))], dtype=float),
-    "int_series": lambda v: pd.Series(v, dtype="int64"), "reversed": lambda v: np.array(v[::-1], dtype=np.float64)[::-1],
+    "int_series": lambda v: pd.Series(v, dtype="int64"),
+    "reversed": lambda v: np.array(v[::-1], dtype=np.float64)[::-1],
 }
 
 
@@ -179,9 +214,19 @@ def test_stored_arrays_are_private_read_only_f64(make, via_setters):
 
 # ---------------------------------------------------------------- scenario dict form
 
+
 def test_scenario_dict_form():
-    ir = InterestRate({"base": 0.01, "stress": ([5], [0.02, 0.03]), "np": np.float64(0.02), "zero": 0,
-                       "list": [[1, 2], [0.01, 0.02, 0.03]]}, terms=[1], rates=[0.5, 0.5])
+    ir = InterestRate(
+        {
+            "base": 0.01,
+            "stress": ([5], [0.02, 0.03]),
+            "np": np.float64(0.02),
+            "zero": 0,
+            "list": [[1, 2], [0.01, 0.02, 0.03]],
+        },
+        terms=[1],
+        rates=[0.5, 0.5],
+    )
     assert ir.active_scenario == "base" and ir.scenario_names == ["base", "stress", "np", "zero", "list"]
     assert ir.rate is None and ir._terms is None and ir._rates is None and ir._is_constant is False
     assert ir.is_constant  # the active scenario is constant
@@ -194,26 +239,35 @@ def test_scenario_dict_form():
     assert months._terms.tolist() == [0.5, 1.0] and months._meta.term_unit == "months"
 
 
-@pytest.mark.parametrize("scenarios, exc, msg", [
-    ({1: 0.01}, TypeError, "Scenario name must be a string. Found: 1"),
-    ({None: True}, TypeError, "Scenario name must be a string. Found: None"),
-    ({"ok": 0.01, 2: "x"}, TypeError, "Scenario name must be a string. Found: 2"),
-    ({"bad": "x", 2: 0.01}, ValueError, "Invalid scenario format for 'bad': 'x'"),
-    ({"a": True}, ValueError, "Rate value cannot be boolean."), ({}, StopIteration, None),
-    ({"a": np.bool_(True)}, ValueError, "Invalid scenario format for 'a': " + repr(np.bool_(True))),
-    ({"a": None}, ValueError, "Invalid scenario format for 'a': None"),
-    ({"a": ([1], [0.01, 0.02], "years")}, ValueError, "Invalid scenario format for 'a': ([1], [0.01, 0.02], 'years')"),
-    ({"a": {"b": 0.01}}, ValueError, "Invalid scenario format for 'a': {'b': 0.01}"),
-    ({"a": NAN}, ValueError, FINITE.format(SCEN("a"), "nan")), ({"a": -INF}, ValueError, FINITE.format(SCEN("a"), "-inf")),
-    ({"a": -1}, ValueError, RATE_MSG.format("-1.0", SCEN("a"))),
-    ({"a": np.float32(-2)}, ValueError, RATE_MSG.format("-2.0", SCEN("a"))),
-    ({"ok": ([1], [0.01, 0.02]), "t": -1.0}, ValueError, RATE_MSG.format("-1.0", SCEN("t"))),
-    ({"s": ([1], [0.01, INF])}, ValueError, FINITE_AT.format(1, SCEN("s"), "inf")),
-    ({"s": ([1], [0.01, -1.5])}, ValueError, RATE_MSG.format("-1.5", SCEN("s"))),
-    ({"s": ([1], [[0.01, 0.02]])}, ValueError, RATES_1D),
-    ({"s": ([1], [0.01])}, ValueError, LEN_MSG),  # checked by the scenario's own constructor, no context
-    ({"s": ([0], [0.01, 0.02])}, ValueError, POSITIVE),
-])
+@pytest.mark.parametrize(
+    "scenarios, exc, msg",
+    [
+        ({1: 0.01}, TypeError, "Scenario name must be a string. Found: 1"),
+        ({None: True}, TypeError, "Scenario name must be a string. Found: None"),
+        ({"ok": 0.01, 2: "x"}, TypeError, "Scenario name must be a string. Found: 2"),
+        ({"bad": "x", 2: 0.01}, ValueError, "Invalid scenario format for 'bad': 'x'"),
+        ({"a": True}, ValueError, "Rate value cannot be boolean."),
+        ({}, StopIteration, None),
+        ({"a": np.bool_(True)}, ValueError, "Invalid scenario format for 'a': " + repr(np.bool_(True))),
+        ({"a": None}, ValueError, "Invalid scenario format for 'a': None"),
+        (
+            {"a": ([1], [0.01, 0.02], "years")},
+            ValueError,
+            "Invalid scenario format for 'a': ([1], [0.01, 0.02], 'years')",
+        ),
+        ({"a": {"b": 0.01}}, ValueError, "Invalid scenario format for 'a': {'b': 0.01}"),
+        ({"a": NAN}, ValueError, FINITE.format(SCEN("a"), "nan")),
+        ({"a": -INF}, ValueError, FINITE.format(SCEN("a"), "-inf")),
+        ({"a": -1}, ValueError, RATE_MSG.format("-1.0", SCEN("a"))),
+        ({"a": np.float32(-2)}, ValueError, RATE_MSG.format("-2.0", SCEN("a"))),
+        ({"ok": ([1], [0.01, 0.02]), "t": -1.0}, ValueError, RATE_MSG.format("-1.0", SCEN("t"))),
+        ({"s": ([1], [0.01, INF])}, ValueError, FINITE_AT.format(1, SCEN("s"), "inf")),
+        ({"s": ([1], [0.01, -1.5])}, ValueError, RATE_MSG.format("-1.5", SCEN("s"))),
+        ({"s": ([1], [[0.01, 0.02]])}, ValueError, RATES_1D),
+        ({"s": ([1], [0.01])}, ValueError, LEN_MSG),  # checked by the scenario's own constructor, no context
+        ({"s": ([0], [0.01, 0.02])}, ValueError, POSITIVE),
+    ],
+)
 def test_scenario_dict_messages(scenarios, exc, msg):
     with exact(exc, msg) if msg else pytest.raises(exc):
         InterestRate(scenarios)
@@ -221,12 +275,22 @@ def test_scenario_dict_messages(scenarios, exc, msg):
 
 # ---------------------------------------------------------------- term units and configuration
 
-@pytest.mark.parametrize("unit, cfg_value, override, values, expected", [
-    ("years", None, None, [0.5, 2], [0.5, 2.0]), ("months", None, None, [6, 12, 1], [0.5, 1.0, 1 / 12]),
-    ("days", 365.0, None, [365, 730], [1.0, 2.0]), ("days", 360.0, None, [365], [365 / 360]),
-    ("days", 365.25, None, [365.25], [1.0]), ("days", None, 360.0, [180], [0.5]), ("days", 365.25, 365.0, [730], [2.0]),
-    ("weeks", 52.1775, None, [52.1775], [1.0]), ("weeks", 52.0, None, [26], [0.5]), ("weeks", None, 52.0, [13], [0.25]),
-])
+
+@pytest.mark.parametrize(
+    "unit, cfg_value, override, values, expected",
+    [
+        ("years", None, None, [0.5, 2], [0.5, 2.0]),
+        ("months", None, None, [6, 12, 1], [0.5, 1.0, 1 / 12]),
+        ("days", 365.0, None, [365, 730], [1.0, 2.0]),
+        ("days", 360.0, None, [365], [365 / 360]),
+        ("days", 365.25, None, [365.25], [1.0]),
+        ("days", None, 360.0, [180], [0.5]),
+        ("days", 365.25, 365.0, [730], [2.0]),
+        ("weeks", 52.1775, None, [52.1775], [1.0]),
+        ("weeks", 52.0, None, [26], [0.5]),
+        ("weeks", None, 52.0, [13], [0.25]),
+    ],
+)
 def test_to_years(unit, cfg_value, override, values, expected):
     cfg = Config()
     cfg.days_per_year = cfg.weeks_per_year = None  # only the unit at hand may be consulted
@@ -240,19 +304,26 @@ def test_to_years(unit, cfg_value, override, values, expected):
     assert not np.shares_memory(out, src) and src.tolist() == values
 
 
-@pytest.mark.parametrize("unit, cfg_days, cfg_weeks, dpy, wpy, expected", [
-    ("years", None, None, None, None, 1.0), ("months", None, None, None, None, 1.0 / 12),
-    ("days", 360.0, None, None, None, 1.0 / 360), ("days", None, None, 365.0, None, 1.0 / 365),
-    ("days", 360.0, None, 365.25, None, 1.0 / 365.25), ("weeks", None, 52.0, None, None, 1.0 / 52),
-    ("weeks", None, None, None, 52.1775, 1.0 / 52.1775),
-    ("days", None, 52.0, None, None, "days_per_year is not configured"),
-    ("weeks", 365.0, None, None, None, "weeks_per_year is not configured"),
-    ("days", 300.0, 52.0, None, None, f"days_per_year must be one of {DAYS}, got 300.0"),
-    ("days", 365.0, 52.0, 364.0, None, f"days_per_year must be one of {DAYS}, got 364.0"),
-    ("weeks", 365.0, 53.0, None, None, f"weeks_per_year must be one of {WEEKS}, got 53.0"),
-    ("weeks", 365.0, 52.0, None, 12.0, f"weeks_per_year must be one of {WEEKS}, got 12.0"),
-    ("hours", 365.0, 52.0, None, None, UNKNOWN_UNIT("hours")), ("Years", 365.0, 52.0, None, None, UNKNOWN_UNIT("Years")),
-])
+@pytest.mark.parametrize(
+    "unit, cfg_days, cfg_weeks, dpy, wpy, expected",
+    [
+        ("years", None, None, None, None, 1.0),
+        ("months", None, None, None, None, 1.0 / 12),
+        ("days", 360.0, None, None, None, 1.0 / 360),
+        ("days", None, None, 365.0, None, 1.0 / 365),
+        ("days", 360.0, None, 365.25, None, 1.0 / 365.25),
+        ("weeks", None, 52.0, None, None, 1.0 / 52),
+        ("weeks", None, None, None, 52.1775, 1.0 / 52.1775),
+        ("days", None, 52.0, None, None, "days_per_year is not configured"),
+        ("weeks", 365.0, None, None, None, "weeks_per_year is not configured"),
+        ("days", 300.0, 52.0, None, None, f"days_per_year must be one of {DAYS}, got 300.0"),
+        ("days", 365.0, 52.0, 364.0, None, f"days_per_year must be one of {DAYS}, got 364.0"),
+        ("weeks", 365.0, 53.0, None, None, f"weeks_per_year must be one of {WEEKS}, got 53.0"),
+        ("weeks", 365.0, 52.0, None, 12.0, f"weeks_per_year must be one of {WEEKS}, got 12.0"),
+        ("hours", 365.0, 52.0, None, None, UNKNOWN_UNIT("hours")),
+        ("Years", 365.0, 52.0, None, None, UNKNOWN_UNIT("Years")),
+    ],
+)
 def test_term_unit_factor(unit, cfg_days, cfg_weeks, dpy, wpy, expected):
     args = (unit, NS(days_per_year=cfg_days, weeks_per_year=cfg_weeks), dpy, wpy)
     if isinstance(expected, str):
@@ -283,7 +354,11 @@ def test_calendar_is_read_at_conversion_time():
 def test_config_backed_properties():
     cfg, ir = Config(), InterestRate(0.03)
     twin = ir.copy()
-    assert (ir.days_per_year, ir.weeks_per_year, ir.calculation_mode) == (cfg.days_per_year, cfg.weeks_per_year, cfg.calculation_mode)
+    assert (ir.days_per_year, ir.weeks_per_year, ir.calculation_mode) == (
+        cfg.days_per_year,
+        cfg.weeks_per_year,
+        cfg.calculation_mode,
+    )
     cfg.days_per_year, cfg.weeks_per_year, cfg.calculation_mode = 360.0, 52.0, "continuous_simplified"
     for x in (ir, twin):
         assert (x.days_per_year, x.weeks_per_year, x.calculation_mode) == (360.0, 52.0, "continuous_simplified")
@@ -296,6 +371,7 @@ def test_config_backed_properties():
 
 
 # ---------------------------------------------------------------- scenarios
+
 
 def test_active_scenario_switch():
     ir = container()
@@ -310,8 +386,10 @@ def test_active_scenario_switch():
     assert ir.scenario_names == ["a", "b"]
 
 
-@pytest.mark.parametrize("make, name", [(container, "zzz"), (container, "A"), (container, 1), (container, None),
-                                        (FORMS["constant"], "a"), (pw, "base")])
+@pytest.mark.parametrize(
+    "make, name",
+    [(container, "zzz"), (container, "A"), (container, 1), (container, None), (FORMS["constant"], "a"), (pw, "base")],
+)
 def test_unknown_scenario(make, name):
     ir = make()
     before = ir.active_scenario
@@ -336,13 +414,16 @@ def test_add_scenario():
         InterestRate(0.5).add_scenario("n", ir)
 
 
-@pytest.mark.parametrize("make, exc, msg", [
-    (lambda: 0.03, TypeError, "scenario must be an InterestRate instance, got float"),
-    (lambda: "0.03", TypeError, "scenario must be an InterestRate instance, got str"),
-    (lambda: None, TypeError, "scenario must be an InterestRate instance, got NoneType"),
-    (lambda: {"c": 0.02}, TypeError, "scenario must be an InterestRate instance, got dict"),
-    (lambda: InterestRate({"c": 0.02}), ValueError, NESTED),
-])
+@pytest.mark.parametrize(
+    "make, exc, msg",
+    [
+        (lambda: 0.03, TypeError, "scenario must be an InterestRate instance, got float"),
+        (lambda: "0.03", TypeError, "scenario must be an InterestRate instance, got str"),
+        (lambda: None, TypeError, "scenario must be an InterestRate instance, got NoneType"),
+        (lambda: {"c": 0.02}, TypeError, "scenario must be an InterestRate instance, got dict"),
+        (lambda: InterestRate({"c": 0.02}), ValueError, NESTED),
+    ],
+)
 def test_add_scenario_rejects(make, exc, msg):
     ir = InterestRate({"a": 0.01})
     epoch = ir._shift_cache_epoch
@@ -353,6 +434,7 @@ def test_add_scenario_rejects(make, exc, msg):
 
 # ---------------------------------------------------------------- equality, hashing, copying
 
+
 def _pw(terms, rates, unit="years"):
     return lambda: InterestRate(terms=terms, rates=rates, term_unit=unit)
 
@@ -362,12 +444,14 @@ EQUAL = [
     (lambda: InterestRate(0), lambda: InterestRate(-0.0)),
     (_pw([6, 12], [0.01, 0.02, 0.03], "months"), _pw([0.5, 1.0], [0.01, 0.02, 0.03])),
     (_pw([1], [0.0, 0.01]), _pw([1], [-0.0, 0.01])),
-    (container, container), (lambda: container("b"), lambda: container("b")),
+    (container, container),
+    (lambda: container("b"), lambda: container("b")),
 ]
 UNEQUAL = [
     (lambda: InterestRate(0.03), lambda: InterestRate(0.031)),
     (lambda: InterestRate(0.03), _pw([1], [0.03, 0.03])),
-    (_pw([1], [0.01, 0.02]), _pw([1], [0.01, 0.03])), (_pw([1], [0.01, 0.02]), _pw([2], [0.01, 0.02])),
+    (_pw([1], [0.01, 0.02]), _pw([1], [0.01, 0.03])),
+    (_pw([1], [0.01, 0.02]), _pw([2], [0.01, 0.02])),
     (_pw([1], [0.01, 0.02]), _pw([1, 1], [0.01, 0.02, 0.02])),
     (container, lambda: container("b")),
     (lambda: InterestRate({"a": 0.01}), lambda: InterestRate({"b": 0.01})),
@@ -396,7 +480,11 @@ def test_deep_copy(make, how):
     assert c._config is ir._config and isinstance(c._cache_lock, LOCK) and c._cache_lock is not ir._cache_lock
     for name in ("_meta", "_rate_cache", "_force_cache", "_ts_shift_cache", "scenarios"):
         assert getattr(c, name) is not getattr(ir, name)
-    assert c._rate_cache == {1.0: 0.5} and c._force_cache == {2.0: 0.25} and c._ts_shift_cache == {("key", 1.0, 0): "shifted"}
+    assert (
+        c._rate_cache == {1.0: 0.5}
+        and c._force_cache == {2.0: 0.25}
+        and c._ts_shift_cache == {("key", 1.0, 0): "shifted"}
+    )
     assert c._meta.model_dump() == ir._meta.model_dump() and c._shift_cache_epoch == ir._shift_cache_epoch
     assert c.active_scenario == ir.active_scenario and c.scenario_names == ir.scenario_names
     for name, scen in c.scenarios.items():
@@ -423,10 +511,16 @@ def test_copies_are_independent_and_keep_shared_objects_shared():
     assert pair[0] is pair[1]
 
 
-@pytest.mark.parametrize("call, waits", [
-    (lambda ir: ir._lru_store(ir._rate_cache, 1.0, 2.0, 4), True), (lambda ir: ir._lru_touch_get(ir._rate_cache, 1.0), True),
-    (lambda ir: ir._clear_lru_caches(), True), (lambda ir: ir.copy(), False),
-], ids=["store", "touch_get", "clear", "copy"])
+@pytest.mark.parametrize(
+    "call, waits",
+    [
+        (lambda ir: ir._lru_store(ir._rate_cache, 1.0, 2.0, 4), True),
+        (lambda ir: ir._lru_touch_get(ir._rate_cache, 1.0), True),
+        (lambda ir: ir._clear_lru_caches(), True),
+        (lambda ir: ir.copy(), False),
+    ],
+    ids=["store", "touch_get", "clear", "copy"],
+)
 def test_lock_discipline(call, waits):
     ir = pw()
     done = threading.Event()
@@ -437,6 +531,7 @@ def test_lock_discipline(call, waits):
 
 
 # ---------------------------------------------------------------- pickling
+
 
 def _with_meta(make):
     ir = make()
@@ -453,22 +548,38 @@ def test_pickle_round_trip(make, protocol):
     ir = _with_meta(make)
     r = pickle.loads(pickle.dumps(ir, protocol))
     assert type(r) is InterestRate and r is not ir and r == ir and hash(r) == hash(ir)
-    assert (r.active_scenario, r.scenario_names, r.rate, r.is_constant) == (ir.active_scenario, ir.scenario_names, ir.rate, ir.is_constant)
+    assert (r.active_scenario, r.scenario_names, r.rate, r.is_constant) == (
+        ir.active_scenario,
+        ir.scenario_names,
+        ir.rate,
+        ir.is_constant,
+    )
     for new, old in zip([r, *r.scenarios.values()], [ir, *ir.scenarios.values()], strict=True):
         assert new._meta.model_dump() == old._meta.model_dump() and new._config is Config()
         assert len(new._rate_cache) == len(new._force_cache) == 0 and new._ts_shift_cache == {}
-        assert isinstance(new._cache_lock, LOCK) and new._cache_lock is not old._cache_lock and not new._cache_lock.locked()
+        assert (
+            isinstance(new._cache_lock, LOCK)
+            and new._cache_lock is not old._cache_lock
+            and not new._cache_lock.locked()
+        )
         for name in ("_terms", "_rates", "_cum_terms"):
             arr = getattr(new, name)
             if arr is not None:
-                assert arr.tolist() == getattr(old, name).tolist() and arr.dtype == np.float64 and not arr.flags.writeable
+                assert (
+                    arr.tolist() == getattr(old, name).tolist() and arr.dtype == np.float64 and not arr.flags.writeable
+                )
 
 
 # ---------------------------------------------------------------- validators and rate guards
 
 GUARD_CASES = [  # (rate, shown by the discount guard, shown by the force guard)
-    (-1, "-1.0", "-1"), (-1.0, "-1.0", "-1.0"), (-1.5, "-1.5", "-1.5"), (np.int64(-2), "-2.0", "-2"),
-    (np.float64(-1.25), "-1.25", "-1.25"), (-1e20, "-1e+20", "-1e+20"), (-INF, "-inf", "-inf"),
+    (-1, "-1.0", "-1"),
+    (-1.0, "-1.0", "-1.0"),
+    (-1.5, "-1.5", "-1.5"),
+    (np.int64(-2), "-2.0", "-2"),
+    (np.float64(-1.25), "-1.25", "-1.25"),
+    (-1e20, "-1e+20", "-1e+20"),
+    (-INF, "-inf", "-inf"),
 ]
 
 
@@ -491,16 +602,20 @@ def test_rate_guards_pass(rate):
         assert InterestRate._validate_rate_for_discount(rate) is None
 
 
-@pytest.mark.parametrize("rate, context, exc, msg", [
-    ("0.1", "", TypeError, "Interest rate must be numeric, got str"),
-    (None, SCEN("x"), TypeError, "Interest rate must be numeric for scenario 'x', got NoneType"),
-    ([0.1], "", TypeError, "Interest rate must be numeric, got list"),
-    (True, "", TypeError, "Interest rate must be numeric, got bool"),
-    (NAN, "", ValueError, FINITE.format("", "nan")), (-INF, " ctx", ValueError, FINITE.format(" ctx", "-inf")),
-    (np.float32("inf"), "", ValueError, FINITE.format("", "inf")),
-    pytest.param(10**400, "", ValueError, FINITE.format("", str(10**400)), id="huge_int"),
-    pytest.param(-(10**400), "", ValueError, FINITE.format("", str(-(10**400))), id="huge_negative_int"),
-])
+@pytest.mark.parametrize(
+    "rate, context, exc, msg",
+    [
+        ("0.1", "", TypeError, "Interest rate must be numeric, got str"),
+        (None, SCEN("x"), TypeError, "Interest rate must be numeric for scenario 'x', got NoneType"),
+        ([0.1], "", TypeError, "Interest rate must be numeric, got list"),
+        (True, "", TypeError, "Interest rate must be numeric, got bool"),
+        (NAN, "", ValueError, FINITE.format("", "nan")),
+        (-INF, " ctx", ValueError, FINITE.format(" ctx", "-inf")),
+        (np.float32("inf"), "", ValueError, FINITE.format("", "inf")),
+        pytest.param(10**400, "", ValueError, FINITE.format("", str(10**400)), id="huge_int"),
+        pytest.param(-(10**400), "", ValueError, FINITE.format("", str(-(10**400))), id="huge_negative_int"),
+    ],
+)
 def test_rate_value_validator(rate, context, exc, msg):
     with exact(exc, msg):
         InterestRate._validate_rate_value(rate, context)
@@ -523,11 +638,15 @@ def test_array_validators_called_directly():
 
 # ---------------------------------------------------------------- prefix products and cache maintenance
 
-@pytest.mark.parametrize("kwargs, years", [
-    ({"terms": [5, 5], "rates": [0.02, 0.03, 0.04]}, [5, 5]),
-    ({"terms": [6, 18], "rates": [0.12, 0.06, 0.01], "term_unit": "months"}, [0.5, 1.5]),
-    ({"terms": [2.5], "rates": [-0.5, 0.0]}, [2.5]),
-])
+
+@pytest.mark.parametrize(
+    "kwargs, years",
+    [
+        ({"terms": [5, 5], "rates": [0.02, 0.03, 0.04]}, [5, 5]),
+        ({"terms": [6, 18], "rates": [0.12, 0.06, 0.01], "term_unit": "months"}, [0.5, 1.5]),
+        ({"terms": [2.5], "rates": [-0.5, 0.0]}, [2.5]),
+    ],
+)
 def test_prefix_products_closed_form(kwargs, years):
     ir = InterestRate(**kwargs)
     full, prefix = powers(years, kwargs["rates"])
@@ -577,7 +696,9 @@ def test_clear_lru_caches_restores_a_missing_lock():
     epoch = ir._shift_cache_epoch
     ir._cache_lock = None
     ir._clear_lru_caches()
-    assert isinstance(ir._cache_lock, LOCK) and not ir._cache_lock.locked() and not ir._rate_cache and not ir._force_cache
+    assert (
+        isinstance(ir._cache_lock, LOCK) and not ir._cache_lock.locked() and not ir._rate_cache and not ir._force_cache
+    )
     assert ir._ts_shift_cache and ir._shift_cache_epoch == epoch
     ir._cache_lock = None
     ir.rates = [0.05, 0.06, 0.07]  # the setter clears through the same path
@@ -585,6 +706,7 @@ def test_clear_lru_caches_restores_a_missing_lock():
 
 
 # ---------------------------------------------------------------- LRU primitives
+
 
 def test_lru_eviction_and_touch_order():
     ir, c = InterestRate(0.03), OrderedDict()
@@ -617,10 +739,19 @@ def test_lru_keys_compare_as_floats_and_bounds():
     assert list(d) == [2.0, 3.0]
 
 
-@pytest.mark.parametrize("key, value, maxsize, exc", [
-    ("a", 1, 2, TypeError), (1, "b", 2, TypeError), (None, 1, 2, TypeError), (1, None, 2, TypeError),
-    (1, 1, "2", TypeError), (1, 1, None, TypeError), (1, 1, 0, KeyError), (1, 1, -1, KeyError),
-])
+@pytest.mark.parametrize(
+    "key, value, maxsize, exc",
+    [
+        ("a", 1, 2, TypeError),
+        (1, "b", 2, TypeError),
+        (None, 1, 2, TypeError),
+        (1, None, 2, TypeError),
+        (1, 1, "2", TypeError),
+        (1, 1, None, TypeError),
+        (1, 1, 0, KeyError),
+        (1, 1, -1, KeyError),
+    ],
+)
 def test_lru_errors_release_the_lock(key, value, maxsize, exc):
     ir, c = InterestRate(0.03), OrderedDict()
     with pytest.raises(exc):
@@ -632,6 +763,7 @@ def test_lru_errors_release_the_lock(key, value, maxsize, exc):
 
 
 # ---------------------------------------------------------------- rates and terms setters
+
 
 def test_setters_store_and_refresh():
     ir = InterestRate(terms=[6, 12], rates=[0.02, 0.03, 0.04], term_unit="months")
@@ -667,16 +799,24 @@ def test_setting_none_clears_asymmetrically():
     assert b._cum_terms.tolist() == [1.0, 3.0] and b._precomp_prefix_prod.size == 2
 
 
-@pytest.mark.parametrize("attr, value, exc, msg", [
-    ("rates", [0.01, 0.02], ValueError, LEN_MSG), ("rates", [0.01] * 4, ValueError, LEN_MSG),
-    ("rates", [0.01, NAN, -2], ValueError, FINITE_AT.format(1, "", "nan")),
-    ("rates", [0.01, -1, 0.02], ValueError, RATE_MSG.format("-1.0", "")),
-    ("rates", [[0.01, 0.02, 0.03]], ValueError, RATES_1D), ("rates", 0.5, ValueError, None),
-    ("rates", "abc", TypeError, None), ("rates", [0.1, None, 0.2], (TypeError, ValueError), None),
-    ("terms", [1], ValueError, LEN_MSG), ("terms", [1, 0], ValueError, POSITIVE),
-    ("terms", [1, INF], ValueError, TERM_AT.format(1, "inf")), ("terms", [[1, 2]], ValueError, TERMS_1D),
-    ("terms", ["a", "b"], TypeError, None),
-])
+@pytest.mark.parametrize(
+    "attr, value, exc, msg",
+    [
+        ("rates", [0.01, 0.02], ValueError, LEN_MSG),
+        ("rates", [0.01] * 4, ValueError, LEN_MSG),
+        ("rates", [0.01, NAN, -2], ValueError, FINITE_AT.format(1, "", "nan")),
+        ("rates", [0.01, -1, 0.02], ValueError, RATE_MSG.format("-1.0", "")),
+        ("rates", [[0.01, 0.02, 0.03]], ValueError, RATES_1D),
+        ("rates", 0.5, ValueError, None),
+        ("rates", "abc", TypeError, None),
+        ("rates", [0.1, None, 0.2], (TypeError, ValueError), None),
+        ("terms", [1], ValueError, LEN_MSG),
+        ("terms", [1, 0], ValueError, POSITIVE),
+        ("terms", [1, INF], ValueError, TERM_AT.format(1, "inf")),
+        ("terms", [[1, 2]], ValueError, TERMS_1D),
+        ("terms", ["a", "b"], TypeError, None),
+    ],
+)
 def test_failed_assignment_leaves_curve_unchanged(attr, value, exc, msg):
     ir = pw()
     fill_caches(ir)
@@ -692,6 +832,7 @@ def test_failed_assignment_leaves_curve_unchanged(attr, value, exc, msg):
 
 # ---------------------------------------------------------------- junk input never crashes
 
+
 def _check_invariants(ir):
     assert type(ir) is InterestRate
     if ir.scenarios:
@@ -699,7 +840,13 @@ def _check_invariants(ir):
     for c in ir.scenarios.values() or [ir]:
         assert not c.scenarios
         if c.is_constant:
-            assert type(c.rate) is float and math.isfinite(c.rate) and c.rate > -1 and c._rates is None and c._terms is None
+            assert (
+                type(c.rate) is float
+                and math.isfinite(c.rate)
+                and c.rate > -1
+                and c._rates is None
+                and c._terms is None
+            )
             continue
         t, r = c._terms, c._rates
         assert c.rate is None and t.dtype == r.dtype == np.float64 and t.ndim == r.ndim == 1 and len(r) == len(t) + 1
@@ -707,15 +854,33 @@ def _check_invariants(ir):
         assert np.allclose(c._cum_terms, np.cumsum(t), rtol=1e-12) and not t.flags.writeable and not r.flags.writeable
 
 
-_scalars = st.one_of(st.none(), st.booleans(), st.text(max_size=2), st.integers(-2**60, 2**60), st.floats(),
-                     st.complex_numbers(max_magnitude=2), st.sampled_from([np.float32(0.5), np.bool_(True), object()]))
-_sequences = st.one_of(
-    st.lists(_scalars, max_size=4), st.lists(st.lists(st.floats(0.01, 5), max_size=2), max_size=2),
-    st.lists(st.floats(), max_size=4).map(lambda xs: pd.Series(xs, dtype=float)),
-    st.tuples(st.lists(st.integers(0, 30), max_size=4), st.sampled_from(list(VARIANTS.values()))).map(lambda p: p[1](p[0])),
+_scalars = st.one_of(
+    st.none(),
+    st.booleans(),
+    st.text(max_size=2),
+    st.integers(-(2**60), 2**60),
+    st.floats(),
+    st.complex_numbers(max_magnitude=2),
+    st.sampled_from([np.float32(0.5), np.bool_(True), object()]),
 )
-_junk = st.one_of(_scalars, _sequences, st.dictionaries(st.one_of(st.text(max_size=2), st.integers(0, 3)),
-                                                       st.one_of(_scalars, st.tuples(_sequences, _sequences)), min_size=1, max_size=3))
+_sequences = st.one_of(
+    st.lists(_scalars, max_size=4),
+    st.lists(st.lists(st.floats(0.01, 5), max_size=2), max_size=2),
+    st.lists(st.floats(), max_size=4).map(lambda xs: pd.Series(xs, dtype=float)),
+    st.tuples(st.lists(st.integers(0, 30), max_size=4), st.sampled_from(list(VARIANTS.values()))).map(
+        lambda p: p[1](p[0])
+    ),
+)
+_junk = st.one_of(
+    _scalars,
+    _sequences,
+    st.dictionaries(
+        st.one_of(st.text(max_size=2), st.integers(0, 3)),
+        st.one_of(_scalars, st.tuples(_sequences, _sequences)),
+        min_size=1,
+        max_size=3,
+    ),
+)
 
 
 @settings(max_examples=250, deadline=None, suppress_health_check=[HealthCheck.too_slow])

@@ -31,9 +31,14 @@ from norvane.dask import policy_flows, value_policies  # noqa: E402
 N, FILES = 200_000, 8
 CURVE = InterestRate(terms=[5, 10], rates=[0.02, 0.03, 0.035])
 # (column, bad cell, start of the message): one kind of defect per invalid record.
-BROKEN = [("term", -3.0, "term must be"), ("timing", "arrears", "timing must be"),
-          ("frequency", 5, "frequency must be one of"), ("benefit", -1.0, "benefit must be"),
-          ("growth", -2.0, "growth must be"), ("deferment", -1.0, "deferment must be")]
+BROKEN = [
+    ("term", -3.0, "term must be"),
+    ("timing", "arrears", "timing must be"),
+    ("frequency", 5, "frequency must be one of"),
+    ("benefit", -1.0, "benefit must be"),
+    ("growth", -2.0, "growth must be"),
+    ("deferment", -1.0, "deferment must be"),
+]
 V = 1 / 1.03
 
 
@@ -47,13 +52,20 @@ def make_book(n, seed=20240915):
     term[rng.random(n) < 0.02] = np.nan
     deferment = np.where(rng.random(n) < 0.35, rng.integers(1, 26, n), 0) + 0.5 * (rng.random(n) < 0.03)
     shift = np.floor(rng.random(n) * 10) * (rng.random(n) < 0.5) + 0.25 * (rng.random(n) < 0.05)
-    timing = rng.choice(np.array(["due", "immediate", " Immediate", None], dtype=object), n, p=[.5, .4, .05, .05])
-    book = pd.DataFrame({
-        "id": [f"P{i:07d}" for i in range(n)], "term": term, "deferment": deferment, "shift": shift,
-        "frequency": rng.choice([1, 4, 12], n), "timing": timing,
-        "growth": np.where(rng.random(n) < 0.2, rng.choice([0.01, 0.02, 0.03], n), np.nan),
-        "benefit": np.round(rng.uniform(100, 10_000, n), 2)},
-        index=pd.Index(7 * np.arange(n) + 3, name="row"))  # a policy index that is not 0..n-1
+    timing = rng.choice(np.array(["due", "immediate", " Immediate", None], dtype=object), n, p=[0.5, 0.4, 0.05, 0.05])
+    book = pd.DataFrame(
+        {
+            "id": [f"P{i:07d}" for i in range(n)],
+            "term": term,
+            "deferment": deferment,
+            "shift": shift,
+            "frequency": rng.choice([1, 4, 12], n),
+            "timing": timing,
+            "growth": np.where(rng.random(n) < 0.2, rng.choice([0.01, 0.02, 0.03], n), np.nan),
+            "benefit": np.round(rng.uniform(100, 10_000, n), 2),
+        },
+        index=pd.Index(7 * np.arange(n) + 3, name="row"),
+    )  # a policy index that is not 0..n-1
     bad = np.sort(rng.choice(n, 10 * len(BROKEN), replace=False))
     for k, i in enumerate(bad):
         book.iloc[i, book.columns.get_loc(BROKEN[k % len(BROKEN)][0])] = BROKEN[k % len(BROKEN)][1]
@@ -112,21 +124,38 @@ def test_values_equal_single_process_and_direct_calls(client, book):
     for (_, p), value in zip(rows.iterrows(), values.to_numpy()[sample]):
         method = CURVE.a if str(p["timing"]).strip().lower() == "immediate" else CURVE.ä
         extra = {} if math.isnan(p["growth"]) else {"gr": p["growth"]}
-        unit = method(n=None if math.isnan(p["term"]) else p["term"], d=p["deferment"], ts=p["shift"],
-                      m=int(p["frequency"]), **extra)
+        unit = method(
+            n=None if math.isnan(p["term"]) else p["term"],
+            d=p["deferment"],
+            ts=p["shift"],
+            m=int(p["frequency"]),
+            **extra,
+        )
         assert value == unit * p["benefit"], (p.to_dict(), value, unit * p["benefit"])
 
 
 def test_closed_forms_on_a_constant_curve_keep_an_arbitrary_index(client):
     due10 = (1 - V**10) / (1 - V)
     frame = pd.DataFrame(
-        {"term": [10.0, 10.0, None, 20.0, -1.0, 10.0], "deferment": [0, 0, 0, 5, 0, 0],
-         "shift": [0, 0, 0, 2, 0, 0], "frequency": [1, 12, 1, 1, 1, 1],
-         "timing": ["due", "immediate", "due", "due", "due", "due"],
-         "growth": [None, None, None, None, None, 0.02], "benefit": [1.0, 1200.0, 2.0, 1.0, 1.0, 1.0]},
-        index=["z", "y", "x", "w", "v", "u"])
-    expected = [due10, 1200 * (1 - V**10) / (12 * (1.03 ** (1 / 12) - 1)), 2 / (1 - V),
-                V**3 * (1 - V**20) / (1 - V), math.nan, (1 - (1.02 * V) ** 10) / (1 - 1.02 * V)]
+        {
+            "term": [10.0, 10.0, None, 20.0, -1.0, 10.0],
+            "deferment": [0, 0, 0, 5, 0, 0],
+            "shift": [0, 0, 0, 2, 0, 0],
+            "frequency": [1, 12, 1, 1, 1, 1],
+            "timing": ["due", "immediate", "due", "due", "due", "due"],
+            "growth": [None, None, None, None, None, 0.02],
+            "benefit": [1.0, 1200.0, 2.0, 1.0, 1.0, 1.0],
+        },
+        index=["z", "y", "x", "w", "v", "u"],
+    )
+    expected = [
+        due10,
+        1200 * (1 - V**10) / (12 * (1.03 ** (1 / 12) - 1)),
+        2 / (1 - V),
+        V**3 * (1 - V**20) / (1 - V),
+        math.nan,
+        (1 - (1.02 * V) ** 10) / (1 - 1.02 * V),
+    ]
     policies = dd.from_pandas(frame, npartitions=3, sort=False)
     table = value_policies(policies, InterestRate(0.03), with_errors=True).compute()
     assert table.index.tolist() == ["z", "y", "x", "w", "v", "u"]
@@ -176,9 +205,25 @@ def test_command_line_on_the_cluster(client, book, tmp_path):
     (tmp_path / "curve.json").write_text(CURVE.export("json"))
     address = client.scheduler.address
     out = tmp_path / "values.parquet"
-    run = subprocess.run([sys.executable, "-m", "norvane", "value", "--dask", address, "--portfolio",
-                          str(book["dir"]), "--curve", str(tmp_path / "curve.json"), "--output", str(out)],
-                         capture_output=True, text=True, timeout=120)
+    run = subprocess.run(
+        [
+            sys.executable,
+            "-m",
+            "norvane",
+            "value",
+            "--dask",
+            address,
+            "--portfolio",
+            str(book["dir"]),
+            "--curve",
+            str(tmp_path / "curve.json"),
+            "--output",
+            str(out),
+        ],
+        capture_output=True,
+        text=True,
+        timeout=120,
+    )
     assert run.returncode == 0, run.stderr
     assert len(list(out.glob("*.parquet"))) > 1  # a partitioned dataset
     result = dd.read_parquet(out).compute()
@@ -188,8 +233,12 @@ def test_command_line_on_the_cluster(client, book, tmp_path):
     assert result["error"].tolist() == [pd.NA if e is None else e for e in book["errors"]]
     summary = run.stdout
     failed = [i for i, e in enumerate(book["errors"]) if e is not None]
-    for label, number in [("cluster", address), ("policies", f"{N:,}"), ("valued", f"{N - len(failed):,}"),
-                          ("errors", f"{len(failed):,}")]:
+    for label, number in [
+        ("cluster", address),
+        ("policies", f"{N:,}"),
+        ("valued", f"{N - len(failed):,}"),
+        ("errors", f"{len(failed):,}"),
+    ]:
         assert re.search(rf"\n  {label}\s+{re.escape(number)}\n", summary), (label, summary)
     total = re.search(r"total present value\s+([\d,.]+)\n", summary)
     valid = book["values"][~np.isnan(book["values"])]
@@ -202,8 +251,10 @@ def test_another_mode_equals_a_single_process_in_that_mode(client, book):
     policies = dd.read_parquet(book["dir"])
     mode = "discrete_simplified"
     explicit = value_policies(policies, CURVE, mode=mode).compute().to_numpy()
-    small = dd.from_pandas(pd.DataFrame({"term": [10.0, 7.5, None], "deferment": 2.0, "frequency": 12,
-                                         "benefit": [1.0, 2.0, 3.0]}), npartitions=2)
+    small = dd.from_pandas(
+        pd.DataFrame({"term": [10.0, 7.5, None], "deferment": 2.0, "frequency": 12, "benefit": [1.0, 2.0, 3.0]}),
+        npartitions=2,
+    )
     with Config().override(calculation_mode=mode):
         caller = value_policies(policies, CURVE).compute().to_numpy()  # the caller's mode by default
         reference, _ = single_process(book["dir"], Config().calculation_mode)
@@ -218,8 +269,10 @@ def test_missing_cells_and_the_callers_rounding_as_in_a_single_process(client, t
     # NaN (not null) cells are missing cells for every reader; the caller's Config() rounding applies.
     nan = case == "nan-cells"
     term, benefit = ([10.0, math.nan, 5.0], [1.0, 1.0, math.nan]) if nan else ([10.0, 7.5], [1.0, 3.0])
-    pq.write_table(pa.table({"term": pa.array(term, from_pandas=False),
-                             "benefit": pa.array(benefit, from_pandas=False)}), tmp_path / "b.parquet")
+    pq.write_table(
+        pa.table({"term": pa.array(term, from_pandas=False), "benefit": pa.array(benefit, from_pandas=False)}),
+        tmp_path / "b.parquet",
+    )
     with Config().override(decimals={"annuities": 10 if nan else 4}):
         expected, _ = single_process(tmp_path / "b.parquet")
         got = value_policies(dd.read_parquet(tmp_path / "b.parquet"), CURVE).compute().to_numpy()

@@ -13,7 +13,8 @@ import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
-from norvane.interest_rates import InterestRate, _interest_rate_shifted_for_ts as shift_for_ts
+from norvane.interest_rates import InterestRate
+from norvane.interest_rates import _interest_rate_shifted_for_ts as shift_for_ts
 
 NAN, INF = float("nan"), float("inf")
 LE = "\u2264"
@@ -65,16 +66,40 @@ CURVES = {"piecewise": PW, "constant": 0.03}
 
 # ---------------------------------------------------------------- discount factors: closed forms
 
-@pytest.mark.parametrize("curve, n, expected", [
-    (PW, 7.5, 1.02**-5 * 1.03**-2.5), (PW, 5, 1.02**-5), (PW, 10, 1.02**-5 * 1.03**-5), (PW, 2, 1.02**-2),
-    (PW, 12.5, 1.02**-5 * 1.03**-5 * 1.04**-2.5), (PW, -1, 1.0), (PW, 0, 1.0), (PW, -INF, 1.0), (PW, INF, 0.0),
-    (PW, NAN, NAN), (0.03, 5, 1.03**-5), (0.03, -5, 1.03**5), (0.03, 0, 1.0), (0.03, INF, 0.0),
-    (0.03, NAN, NAN), (-0.005, 1, 1 / 0.995), (-0.5, -INF, 0.0), (((1,), (-0.5, 0.0)), 3, 2.0),
-    # a segment whose 1 + r is exactly 1.0 contributes 1.0 ** x == 1.0 for every x, NaN and infinities included
-    (ZERO_TAIL, NAN, 1 / 1.02), (ZERO_TAIL, INF, 1 / 1.02), (0.0, NAN, 1.0), (0.0, -INF, 1.0),
-    (TINY, NAN, 1.0), (TINY, INF, 1.0), (TINY, -INF, 1.0), (((1,), (0.02, TINY)), NAN, 1 / 1.02),
-    (((1,), (0.02, TINY)), INF, 1 / 1.02),
-])
+
+@pytest.mark.parametrize(
+    "curve, n, expected",
+    [
+        (PW, 7.5, 1.02**-5 * 1.03**-2.5),
+        (PW, 5, 1.02**-5),
+        (PW, 10, 1.02**-5 * 1.03**-5),
+        (PW, 2, 1.02**-2),
+        (PW, 12.5, 1.02**-5 * 1.03**-5 * 1.04**-2.5),
+        (PW, -1, 1.0),
+        (PW, 0, 1.0),
+        (PW, -INF, 1.0),
+        (PW, INF, 0.0),
+        (PW, NAN, NAN),
+        (0.03, 5, 1.03**-5),
+        (0.03, -5, 1.03**5),
+        (0.03, 0, 1.0),
+        (0.03, INF, 0.0),
+        (0.03, NAN, NAN),
+        (-0.005, 1, 1 / 0.995),
+        (-0.5, -INF, 0.0),
+        (((1,), (-0.5, 0.0)), 3, 2.0),
+        # a segment whose 1 + r is exactly 1.0 contributes 1.0 ** x == 1.0 for every x, NaN and infinities included
+        (ZERO_TAIL, NAN, 1 / 1.02),
+        (ZERO_TAIL, INF, 1 / 1.02),
+        (0.0, NAN, 1.0),
+        (0.0, -INF, 1.0),
+        (TINY, NAN, 1.0),
+        (TINY, INF, 1.0),
+        (TINY, -INF, 1.0),
+        (((1,), (0.02, TINY)), NAN, 1 / 1.02),
+        (((1,), (0.02, TINY)), INF, 1 / 1.02),
+    ],
+)
 def test_vn_closed_forms(curve, n, expected):
     ir = make(curve)
     got = ir.vn(n)
@@ -92,7 +117,9 @@ def piecewise_and_durations(draw):
     terms = draw(st.lists(st.floats(0.01, 10), min_size=k, max_size=k))
     rates = draw(st.lists(RATE, min_size=k + 1, max_size=k + 1))
     bounds = list(itertools.accumulate(terms))  # exact segment ends
-    ns = draw(st.lists(st.one_of(st.floats(-5, bounds[-1] + 20), st.sampled_from(bounds), EDGES), min_size=1, max_size=25))
+    ns = draw(
+        st.lists(st.one_of(st.floats(-5, bounds[-1] + 20), st.sampled_from(bounds), EDGES), min_size=1, max_size=25)
+    )
     return (terms, rates), ns
 
 
@@ -143,16 +170,28 @@ def test_long_arrays_match_the_segment_walk(curve):
 
 BASE, INTS = np.array([[0.5, 5.0, 7.5], [12.5, -1.0, 0.0]]), np.array([[1, 5, 7], [12, 0, 10]])
 FORMS = {  # each builds an input from a float base array b and an integer base array i
-    "list": lambda b, i: b[0].tolist(), "tuple": lambda b, i: tuple(b[1].tolist()), "nested": lambda b, i: b.tolist(),
-    "empty": lambda b, i: [], "zero_d": lambda b, i: np.array(b[0, 2]), "f64_2d": lambda b, i: b.copy(),
-    "f32": lambda b, i: b.astype(np.float32), "i32": lambda b, i: i.astype(np.int32), "i64": lambda b, i: i.astype(np.int64),
-    "big_endian": lambda b, i: b.astype(">f8"), "three_d": lambda b, i: np.stack([b, b[::-1]])[:, :, ::-1],
-    "read_only": lambda b, i: np.broadcast_to(b[1], (3, 3)), "strided": lambda b, i: b[:, ::2], "transposed": lambda b, i: b.T,
-    "fortran": lambda b, i: np.asfortranarray(b), "series": lambda b, i: pd.Series(b[0], index=[7, 3, 9]),
+    "list": lambda b, i: b[0].tolist(),
+    "tuple": lambda b, i: tuple(b[1].tolist()),
+    "nested": lambda b, i: b.tolist(),
+    "empty": lambda b, i: [],
+    "zero_d": lambda b, i: np.array(b[0, 2]),
+    "f64_2d": lambda b, i: b.copy(),
+    "f32": lambda b, i: b.astype(np.float32),
+    "i32": lambda b, i: i.astype(np.int32),
+    "i64": lambda b, i: i.astype(np.int64),
+    "big_endian": lambda b, i: b.astype(">f8"),
+    "three_d": lambda b, i: np.stack([b, b[::-1]])[:, :, ::-1],
+    "read_only": lambda b, i: np.broadcast_to(b[1], (3, 3)),
+    "strided": lambda b, i: b[:, ::2],
+    "transposed": lambda b, i: b.T,
+    "fortran": lambda b, i: np.asfortranarray(b),
+    "series": lambda b, i: pd.Series(b[0], index=[7, 3, 9]),
 }
 METHODS = {  # call and reference value per element
-    "vn": (lambda ir, x: ir.vn(x), ref_v), "sn": (lambda ir, x: ir.sn(x), lambda c, n: 1.0 / ref_v(c, n)),
-    "vx": (lambda ir, x: ir.vx(x), ref_v), "_vn": (lambda ir, x: ir._vn(x, validate=True), ref_v),
+    "vn": (lambda ir, x: ir.vn(x), ref_v),
+    "sn": (lambda ir, x: ir.sn(x), lambda c, n: 1.0 / ref_v(c, n)),
+    "vx": (lambda ir, x: ir.vx(x), ref_v),
+    "_vn": (lambda ir, x: ir._vn(x, validate=True), ref_v),
     "get_rate": (lambda ir, x: ir.get_rate(x), ref_rate),
 }
 
@@ -182,12 +221,34 @@ def test_scalars_give_python_floats(n, method, curve):
     assert type(out) is float and close(out, ref(CURVES[curve], float(n)))
 
 
-@pytest.mark.parametrize("bad", [True, np.bool_(False), "1", b"1", None, ["a"], [1, "a"], np.array([True, False]),
-                                 np.array(["1"]), [True], 1 + 2j, {}, {1.0}])
-@pytest.mark.parametrize("call, name", [
-    (lambda ir, x: ir.vn(x), "n"), (lambda ir, x: ir.sn(x), "n"), (lambda ir, x: ir._vn(x, "dur", True), "dur"),
-    (lambda ir, x: ir.vx(x), "x"), (lambda ir, x: ir.vx(9, x), "x0"),
-])
+@pytest.mark.parametrize(
+    "bad",
+    [
+        True,
+        np.bool_(False),
+        "1",
+        b"1",
+        None,
+        ["a"],
+        [1, "a"],
+        np.array([True, False]),
+        np.array(["1"]),
+        [True],
+        1 + 2j,
+        {},
+        {1.0},
+    ],
+)
+@pytest.mark.parametrize(
+    "call, name",
+    [
+        (lambda ir, x: ir.vn(x), "n"),
+        (lambda ir, x: ir.sn(x), "n"),
+        (lambda ir, x: ir._vn(x, "dur", True), "dur"),
+        (lambda ir, x: ir.vx(x), "x"),
+        (lambda ir, x: ir.vx(9, x), "x0"),
+    ],
+)
 @pytest.mark.parametrize("curve", CURVES)
 def test_non_numeric_input_is_a_type_error_naming_the_parameter(bad, call, name, curve):
     with pytest.raises(TypeError, match=re.escape(f"[InterestRate] Parameter '{name}'")):
@@ -196,6 +257,7 @@ def test_non_numeric_input_is_a_type_error_naming_the_parameter(bad, call, name,
 
 # ---------------------------------------------------------------- rates at or below -1
 
+
 def with_rates(rates):
     ir = make(PW)
     ir._rates = np.array(rates, dtype=float)  # construction refuses such rates
@@ -203,12 +265,17 @@ def with_rates(rates):
     return ir
 
 
-@pytest.mark.parametrize("rates, n, positions", [
-    ([0.02, -1.5, 0.04], [1, 7], "[1]"), ([0.02, -1.0, 0.04], [7, 1, 8, 12], "[0 2]"),
-    ([0.02, 0.03, -2.0], [1, 7, 12, 20], "[2 3]"), ([-1.0, 0.03, 0.04], 3, "[0]"),
-    ([0.02, -1.0, 0.04], [5, 10, 10.5], "[1]"),  # a boundary belongs to the segment that ends there
-    ([-1.0, -1.0, -1.0], [-1, 1e9], "[0 1]"),  # a non-positive duration counts unless all of them are
-])
+@pytest.mark.parametrize(
+    "rates, n, positions",
+    [
+        ([0.02, -1.5, 0.04], [1, 7], "[1]"),
+        ([0.02, -1.0, 0.04], [7, 1, 8, 12], "[0 2]"),
+        ([0.02, 0.03, -2.0], [1, 7, 12, 20], "[2 3]"),
+        ([-1.0, 0.03, 0.04], 3, "[0]"),
+        ([0.02, -1.0, 0.04], [5, 10, 10.5], "[1]"),  # a boundary belongs to the segment that ends there
+        ([-1.0, -1.0, -1.0], [-1, 1e9], "[0 1]"),  # a non-positive duration counts unless all of them are
+    ],
+)
 def test_vn_names_positions_of_durations_in_bad_segments(rates, n, positions):
     for call in (lambda ir: ir.vn(n), lambda ir: ir.sn(n), lambda ir: ir._dfn(n, validate=True)):
         with exact(ValueError, f"Rates {LE} -1 at indices {positions}" + TAIL):
@@ -223,12 +290,20 @@ def test_unreached_or_unchecked_bad_rates():
     assert close(ir._dfn(7), 1.02**-5 * 4.0) and close(ir._vn([7.0])[0], 1.02**-5 * 4.0)
 
 
-@pytest.mark.parametrize("rate, exc, msg", [
-    (-1.0, ValueError, f"Rate -1.0 {LE} -1" + TAIL), (-1, ValueError, f"Rate -1.0 {LE} -1" + TAIL),
-    (-1.5, ValueError, f"Rate -1.5 {LE} -1" + TAIL),
-    (NAN, ValueError, "Interest rate must be finite, got nan. Infinite or NaN rates are not allowed in actuarial calculations."),
-    (None, RuntimeError, "Internal error: constant rate is None in discount_factor."),
-])
+@pytest.mark.parametrize(
+    "rate, exc, msg",
+    [
+        (-1.0, ValueError, f"Rate -1.0 {LE} -1" + TAIL),
+        (-1, ValueError, f"Rate -1.0 {LE} -1" + TAIL),
+        (-1.5, ValueError, f"Rate -1.5 {LE} -1" + TAIL),
+        (
+            NAN,
+            ValueError,
+            "Interest rate must be finite, got nan. Infinite or NaN rates are not allowed in actuarial calculations.",
+        ),
+        (None, RuntimeError, "Internal error: constant rate is None in discount_factor."),
+    ],
+)
 def test_constant_rate_checks(rate, exc, msg):
     ir = InterestRate(0.03)
     ir.rate = rate
@@ -249,11 +324,22 @@ def test_unchecked_constant_path_uses_plain_powers():
 
 # ---------------------------------------------------------------- vx and sn
 
-@pytest.mark.parametrize("x, x0, expected", [
-    (5, 0.0, 1.02**-5), (7, 2, 1.02**-5), (3, 3, 1.0), (-0.0, 0, 1.0), (INF, 0, 0.0), (12.5, 2.5, 1.02**-5 * 1.03**-5),
-    ([1, 2], 0.5, [1.02**-0.5, 1.02**-1.5]), (2, [0.5, 1], [1.02**-1.5, 1.02**-1]), ([5], [1, 2], [1.02**-4, 1.02**-3]),
-    ([[1, 7], [3, 12]], [[0, 2], [3, 0]], [[1.02**-1, 1.02**-5], [1.0, 1.02**-5 * 1.03**-5 * 1.04**-2]]),
-])
+
+@pytest.mark.parametrize(
+    "x, x0, expected",
+    [
+        (5, 0.0, 1.02**-5),
+        (7, 2, 1.02**-5),
+        (3, 3, 1.0),
+        (-0.0, 0, 1.0),
+        (INF, 0, 0.0),
+        (12.5, 2.5, 1.02**-5 * 1.03**-5),
+        ([1, 2], 0.5, [1.02**-0.5, 1.02**-1.5]),
+        (2, [0.5, 1], [1.02**-1.5, 1.02**-1]),
+        ([5], [1, 2], [1.02**-4, 1.02**-3]),
+        ([[1, 7], [3, 12]], [[0, 2], [3, 0]], [[1.02**-1, 1.02**-5], [1.0, 1.02**-5 * 1.03**-5 * 1.04**-2]]),
+    ],
+)
 def test_vx_discounts_over_the_difference_from_time_zero(x, x0, expected):
     out = make(PW).vx(x, x0)
     assert type(out) is (float if np.ndim(expected) == 0 else np.ndarray) and np.shape(out) == np.shape(expected)
@@ -264,14 +350,23 @@ SHAPES = "Incompatible shapes for 'x' and 'x0': {} and {}. Both must have the sa
 ORDER = "All values in 'x' must be greater than or equal to 'x0'."
 
 
-@pytest.mark.parametrize("x, x0, msg", [
-    (-1, 0, "'x' contains negative values."), ([1, -0.5], 0, "'x' contains negative values."),
-    (-INF, -INF, "'x' contains negative values."), (1, -1, "'x0' contains negative values."),
-    ([-1, 2, 3], [0, 1], "'x' contains negative values."), ([1, 2, 3], [-1, 0], "'x0' contains negative values."),
-    ([1, 2, 3], [0, 1], SHAPES.format("(3,)", "(2,)")), ([1, 2, 3], [0, 5], SHAPES.format("(3,)", "(2,)")),
-    ([[1, 2], [3, 4]], [0, 1, 2, 3], SHAPES.format("(2, 2)", "(4,)")),
-    (1, [0.5, 2], ORDER), (NAN, 0, ORDER), ([1, 2], NAN, ORDER),
-])
+@pytest.mark.parametrize(
+    "x, x0, msg",
+    [
+        (-1, 0, "'x' contains negative values."),
+        ([1, -0.5], 0, "'x' contains negative values."),
+        (-INF, -INF, "'x' contains negative values."),
+        (1, -1, "'x0' contains negative values."),
+        ([-1, 2, 3], [0, 1], "'x' contains negative values."),
+        ([1, 2, 3], [-1, 0], "'x0' contains negative values."),
+        ([1, 2, 3], [0, 1], SHAPES.format("(3,)", "(2,)")),
+        ([1, 2, 3], [0, 5], SHAPES.format("(3,)", "(2,)")),
+        ([[1, 2], [3, 4]], [0, 1, 2, 3], SHAPES.format("(2, 2)", "(4,)")),
+        (1, [0.5, 2], ORDER),
+        (NAN, 0, ORDER),
+        ([1, 2], NAN, ORDER),
+    ],
+)
 @pytest.mark.parametrize("curve", CURVES)
 def test_vx_messages(x, x0, msg, curve):
     ir = make(CURVES[curve])
@@ -296,7 +391,7 @@ def test_sn_accumulates_and_overflows_quietly():
         assert out[1] == INF and close(out[0], 1.2) and make(PW).sn([[1e6]]).tolist() == [[INF]]
 
 
-@pytest.mark.parametrize("rate, n", [(0.03, -1e308), (0.03, -2.0**70), (-0.5, 1e308), (-0.5, 2**70)])
+@pytest.mark.parametrize("rate, n", [(0.03, -1e308), (0.03, -(2.0**70)), (-0.5, 1e308), (-0.5, 2**70)])
 @pytest.mark.parametrize("wrap", [lambda r: r, lambda r: {"s": r}], ids=["curve", "scenario"])
 def test_sn_overflow_follows_the_float_power(rate, n, wrap):
     with pytest.raises(OverflowError):
@@ -310,10 +405,23 @@ def test_sn_overflow_follows_the_float_power(rate, n, wrap):
 STEPS = ((1.0, 2.0), (0.01, 0.015, 0.02))
 
 
-@pytest.mark.parametrize("t, expected", [
-    (0.5, 0.01), (1.0, 0.01), (np.nextafter(1.0, 2.0), 0.015), (3, 0.015), (3.5, 0.02), (1e9, 0.02), (INF, 0.02),
-    (-1, 0.01), (0, 0.01), (-INF, 0.01), (np.float32(1.5), 0.015), (np.int8(3), 0.015),
-])
+@pytest.mark.parametrize(
+    "t, expected",
+    [
+        (0.5, 0.01),
+        (1.0, 0.01),
+        (np.nextafter(1.0, 2.0), 0.015),
+        (3, 0.015),
+        (3.5, 0.02),
+        (1e9, 0.02),
+        (INF, 0.02),
+        (-1, 0.01),
+        (0, 0.01),
+        (-INF, 0.01),
+        (np.float32(1.5), 0.015),
+        (np.int8(3), 0.015),
+    ],
+)
 def test_get_rate_segments(t, expected):
     got = make(STEPS).get_rate(t)
     assert type(got) is float and got == expected
@@ -360,11 +468,22 @@ def test_get_rate_cache_emptied_when_curve_changes():
 
 # ---------------------------------------------------------------- shifting
 
-@pytest.mark.parametrize("ts, terms, rates", [
-    (2.5, [2.5, 5.0], [0.02, 0.03, 0.04]), (5, [5.0], [0.03, 0.04]), (7, [3.0], [0.03, 0.04]),
-    (np.float64(7.0), [3.0], [0.03, 0.04]), (np.int32(5), [5.0], [0.03, 0.04]), (10, None, 0.04), (12, None, 0.04),
-    (5 - 1e-13, [5.0], [0.03, 0.04]), (5 - 1e-9, [5 - (5 - 1e-9), 5.0], [0.02, 0.03, 0.04]), (10 - 1e-13, None, 0.04),
-])
+
+@pytest.mark.parametrize(
+    "ts, terms, rates",
+    [
+        (2.5, [2.5, 5.0], [0.02, 0.03, 0.04]),
+        (5, [5.0], [0.03, 0.04]),
+        (7, [3.0], [0.03, 0.04]),
+        (np.float64(7.0), [3.0], [0.03, 0.04]),
+        (np.int32(5), [5.0], [0.03, 0.04]),
+        (10, None, 0.04),
+        (12, None, 0.04),
+        (5 - 1e-13, [5.0], [0.03, 0.04]),
+        (5 - 1e-9, [5 - (5 - 1e-9), 5.0], [0.02, 0.03, 0.04]),
+        (10 - 1e-13, None, 0.04),
+    ],
+)
 def test_shifted_examples(ts, terms, rates):
     ir = make(PW)
     epoch = ir._shift_cache_epoch
@@ -414,7 +533,11 @@ def test_shifted_curve_discounts_forward(case, s_frac, t):
 def test_shift_cache():
     ir, cache = make(PW), {}
     a = shift_for_ts(ir, 2.5, cache)
-    assert a == make(PW).shifted(2.5) and shift_for_ts(ir, 2.5, cache) is a and ir._ir_shifted_for_ts(np.float64(2.5), cache) is a
+    assert (
+        a == make(PW).shifted(2.5)
+        and shift_for_ts(ir, 2.5, cache) is a
+        and ir._ir_shifted_for_ts(np.float64(2.5), cache) is a
+    )
     assert list(cache.items()) == [((ir, 2.5, ir._shift_cache_epoch), a)]
     assert shift_for_ts(ir, 5, cache) is ir._ir_shifted_for_ts(5.0, cache) and (ir, 5.0, ir._shift_cache_epoch) in cache
     epoch = ir._shift_cache_epoch
@@ -431,10 +554,19 @@ def test_shift_cache():
         shift_for_ts(ir, "x", {})
 
 
-@pytest.mark.parametrize("curve, ts, eps", [
-    (PW, 0, None), (PW, 0.0, None), (PW, -3, None), (PW, 1e-12, None), (PW, 0.4, 0.5), (0.03, 3, None),
-    (0.0, 1e9, None), ({"c": 0.02, "p": PW}, 3, None),
-])
+@pytest.mark.parametrize(
+    "curve, ts, eps",
+    [
+        (PW, 0, None),
+        (PW, 0.0, None),
+        (PW, -3, None),
+        (PW, 1e-12, None),
+        (PW, 0.4, 0.5),
+        (0.03, 3, None),
+        (0.0, 1e9, None),
+        ({"c": 0.02, "p": PW}, 3, None),
+    ],
+)
 def test_shift_within_tolerance_or_constant_is_the_curve_itself(curve, ts, eps):
     ir, cache = make(curve), {}
     if eps is not None:
@@ -447,14 +579,20 @@ def test_shift_within_tolerance_or_constant_is_the_curve_itself(curve, ts, eps):
 
 # ---------------------------------------------------------------- multi-scenario forwarding
 
-@pytest.mark.parametrize("active, v75, rate75, shifted, kernel", [
-    ("flat", 1.05**-7.5, 0.05, 0.05, "constant rate is None"),  # is_constant follows the active scenario
-    ("steps", 1.02**-5 * 1.03**-2.5, 0.03, ((2.5, 5), (0.02, 0.03, 0.04)), "piecewise rate arrays not initialized"),
-])
+
+@pytest.mark.parametrize(
+    "active, v75, rate75, shifted, kernel",
+    [
+        ("flat", 1.05**-7.5, 0.05, 0.05, "constant rate is None"),  # is_constant follows the active scenario
+        ("steps", 1.02**-5 * 1.03**-2.5, 0.03, ((2.5, 5), (0.02, 0.03, 0.04)), "piecewise rate arrays not initialized"),
+    ],
+)
 def test_container_forwards_to_active_scenario(active, v75, rate75, shifted, kernel):
     c = InterestRate({"flat": 0.05, "steps": PW})
     c.active_scenario = active
-    assert close(c.vn(7.5), v75, rel=1e-14) and close(c._vn(7.5), v75, rel=1e-14) and close(c.vx(9.5, 2), v75, rel=1e-14)
+    assert (
+        close(c.vn(7.5), v75, rel=1e-14) and close(c._vn(7.5), v75, rel=1e-14) and close(c.vx(9.5, 2), v75, rel=1e-14)
+    )
     assert close(c.sn(7.5), 1 / v75, rel=1e-14) and c.get_rate(7.5) == rate75 and c.get_rate([7.5]).tolist() == [rate75]
     s = c.shifted(2.5)
     assert s == make(shifted) and s.scenarios == {} and s is not c.scenarios[active]
@@ -465,13 +603,33 @@ def test_container_forwards_to_active_scenario(active, v75, rate75, shifted, ker
 
 # ---------------------------------------------------------------- junk input
 
-_LEAF = st.one_of(st.none(), st.booleans(), st.integers(-10**4, 10**4), st.floats(-1e4, 1e4), EDGES,
-                  st.text(max_size=2), st.binary(max_size=2), st.complex_numbers(max_magnitude=3))
-_BIG = [list(range(50_000)), [0.5] * 50_000 + ["x"], np.arange(60_000.0).reshape(300, 200), [[1.0] * 3] * 20_000 + [[1.0]]]
-_NEST = st.recursive(_LEAF, lambda c: st.one_of(
-    st.lists(c, max_size=4), st.tuples(c, c), st.dictionaries(st.text(max_size=1), c, max_size=2),
-    st.lists(c, max_size=3).map(lambda v: np.fromiter(v, dtype=object, count=len(v))),  # object arrays
-    st.lists(st.floats(-50, 50), max_size=4).map(pd.Series)), max_leaves=10)
+_LEAF = st.one_of(
+    st.none(),
+    st.booleans(),
+    st.integers(-(10**4), 10**4),
+    st.floats(-1e4, 1e4),
+    EDGES,
+    st.text(max_size=2),
+    st.binary(max_size=2),
+    st.complex_numbers(max_magnitude=3),
+)
+_BIG = [
+    list(range(50_000)),
+    [0.5] * 50_000 + ["x"],
+    np.arange(60_000.0).reshape(300, 200),
+    [[1.0] * 3] * 20_000 + [[1.0]],
+]
+_NEST = st.recursive(
+    _LEAF,
+    lambda c: st.one_of(
+        st.lists(c, max_size=4),
+        st.tuples(c, c),
+        st.dictionaries(st.text(max_size=1), c, max_size=2),
+        st.lists(c, max_size=3).map(lambda v: np.fromiter(v, dtype=object, count=len(v))),  # object arrays
+        st.lists(st.floats(-50, 50), max_size=4).map(pd.Series),
+    ),
+    max_leaves=10,
+)
 JUNK = st.one_of(_NEST, st.sampled_from(_BIG))
 
 

@@ -30,17 +30,28 @@ def one(_t):
     return 1.0
 
 
-def value(mode, n, m=1, d=0.0, timing=0, ir=None, gr=None, decimals=15, survival=one, times=None, amounts=None,
-          flows=False):
+def value(
+    mode, n, m=1, d=0.0, timing=0, ir=None, gr=None, decimals=15, survival=one, times=None, amounts=None, flows=False
+):
     """Call an engine entry the way the dispatcher does, counting the payments of n years m-thly."""
     size = int(n * m)
     frac = n * m - size
     size += frac > 1e-12
     return ENGINE[mode](
-        d=d, n=n, payments_size=size, payments_frac=frac, m=m, gr=gr, ir=InterestRate(I) if ir is None else ir,
-        decimals=decimals, payment_timing=timing, survival_func=survival,
+        d=d,
+        n=n,
+        payments_size=size,
+        payments_frac=frac,
+        m=m,
+        gr=gr,
+        ir=InterestRate(I) if ir is None else ir,
+        decimals=decimals,
+        payment_timing=timing,
+        survival_func=survival,
         cashflow_times=None if times is None else np.asarray(times, dtype=np.float64),
-        cashflow_amounts=None if amounts is None else np.asarray(amounts, dtype=np.float64), return_flows=flows)
+        cashflow_amounts=None if amounts is None else np.asarray(amounts, dtype=np.float64),
+        return_flows=flows,
+    )
 
 
 def close(got, want, rel=1e-12):
@@ -57,6 +68,7 @@ def growth_factor(gr):
 
 # ---------------------------------------------------------------- closed forms on the 3 % curve
 
+
 def i_m(m):
     return m * ((1 + I) ** (1 / m) - 1)
 
@@ -67,13 +79,13 @@ def d_m(m):
 
 def annual_due_sum(k, gr):
     """sum_{j<k} growth(j) v^j in closed form."""
-    level = (1 - V ** k) / D
+    level = (1 - V**k) / D
     if gr is None:
         return level
     if gr.kind == "geometric":
         r = (1 + gr.rate) * V
-        return (1 - r ** k) / (1 - r)
-    increasing = (level - k * V ** k) / D  # sum (j+1) v^j
+        return (1 - r**k) / (1 - r)
+    increasing = (level - k * V**k) / D  # sum (j+1) v^j
     return level + gr.rate * (increasing - level)
 
 
@@ -81,7 +93,7 @@ def closed_form(mode, n, m, d, timing, gr=None):
     """Annuity of 1 a year payable m-thly over n years deferred d, growth in annual steps."""
     k = math.floor(n)
     s_due = annual_due_sum(k, gr)  # ä over the whole years; a = v * ä
-    g_last = growth_factor(gr)(k) * V ** k  # growth and discount at the start of the final fraction
+    g_last = growth_factor(gr)(k) * V**k  # growth and discount at the start of the final fraction
     per_year = (1 - V) / (d_m(m) if timing == 0 else i_m(m))  # one year of m-thly payments, per unit
     whole = int(n * m)
     j, f = whole - k * m, n * m - whole  # whole m-thly payments and pro-rata part in the final fraction
@@ -96,7 +108,7 @@ def closed_form(mode, n, m, d, timing, gr=None):
         pv = (s_due - c * (s_due - V * s_due) if timing == 0 else V * s_due + c * (s_due - V * s_due)) + g_last * tail
     else:
         pv = (s_due + V * s_due) / 2 + g_last * continuous_tail
-    return V ** d * pv
+    return V**d * pv
 
 
 @pytest.mark.parametrize("mode", MODES)
@@ -108,30 +120,39 @@ def test_constant_curve_closed_forms(mode, m, timing, n, d, gr):
     close(value(mode, n, m, d, timing, gr=gr), closed_form(mode, n, m, d, timing, gr))
 
 
-@pytest.mark.parametrize("n, m, timing, want", [
-    (5.0, 1, 0, (1 - V ** 5) / D), (10.0, 1, 1, (1 - V ** 10) / I), (20.0, 4, 0, (1 - V ** 20) / d_m(4)),
-    (20.0, 12, 1, (1 - V ** 20) / i_m(12)), (7.3, 12, 1, (1 - V ** 7.25) / i_m(12) + 0.05 * V ** 7.3),
-    (7.3, 12, 0, (1 - V ** 7.25) / d_m(12) + 0.05 * V ** 7.25),
-])
+@pytest.mark.parametrize(
+    "n, m, timing, want",
+    [
+        (5.0, 1, 0, (1 - V**5) / D),
+        (10.0, 1, 1, (1 - V**10) / I),
+        (20.0, 4, 0, (1 - V**20) / d_m(4)),
+        (20.0, 12, 1, (1 - V**20) / i_m(12)),
+        (7.3, 12, 1, (1 - V**7.25) / i_m(12) + 0.05 * V**7.3),
+        (7.3, 12, 0, (1 - V**7.25) / d_m(12) + 0.05 * V**7.25),
+    ],
+)
 def test_textbook_annuities(n, m, timing, want):
     # a_n = (1 - v^n)/i, ä_n = (1 - v^n)/d, a^(m), ä^(m), with a pro-rata last payment of 0.6/12
     close(value("discrete_precision", n, m, timing=timing), want)
-    close(value("discrete_precision", n, m, d=5.0, timing=timing), V ** 5 * want)
+    close(value("discrete_precision", n, m, d=5.0, timing=timing), V**5 * want)
 
 
 @pytest.mark.parametrize("m", [1, 4, 12, 52])
 @pytest.mark.parametrize("n, d", [(10.0, 0.0), (7.3, 2.5)])
 def test_continuous_precision_is_a_bar_whatever_m_and_timing(m, n, d):
-    want = V ** d * (1 - V ** n) / DELTA
+    want = V**d * (1 - V**n) / DELTA
     for timing in (0, 1):
         close(value("continuous_precision", n, m, d, timing), want)
 
 
-@pytest.mark.parametrize("mode, timing, want", [
-    ("discrete_precision", 0, (1 - V ** 1000) / d_m(12)),
-    ("discrete_precision", 1, (1 - V ** 1000) / i_m(12)),
-    ("continuous_precision", 0, (1 - V ** 1000) / DELTA),
-])
+@pytest.mark.parametrize(
+    "mode, timing, want",
+    [
+        ("discrete_precision", 0, (1 - V**1000) / d_m(12)),
+        ("discrete_precision", 1, (1 - V**1000) / i_m(12)),
+        ("continuous_precision", 0, (1 - V**1000) / DELTA),
+    ],
+)
 def test_monthly_perpetuity_over_1000_years(mode, timing, want):
     close(value(mode, 1000.0, 12, timing=timing), want)
 
@@ -147,18 +168,23 @@ def test_zero_rate_and_container_curve():
 
 # ---------------------------------------------------------------- explicit amounts and times
 
+
 @pytest.mark.parametrize("mode", MODES)
 @pytest.mark.parametrize("timing", [0, 1])
-@pytest.mark.parametrize("n, m, d, amounts", [
-    (3.0, 1, 0.0, [100.0, 110.0, 121.0]), (1.3, 4, 2.0, [1.0, 2.0, 3.0, 4.0, 5.0, 6.0]),
-])
+@pytest.mark.parametrize(
+    "n, m, d, amounts",
+    [
+        (3.0, 1, 0.0, [100.0, 110.0, 121.0]),
+        (1.3, 4, 2.0, [1.0, 2.0, 3.0, 4.0, 5.0, 6.0]),
+    ],
+)
 def test_explicit_amounts_are_valued_exactly(mode, timing, n, m, d, amounts):
     starts = [d + k / m for k in range(len(amounts))]
     ends = [min(d + (k + 1) / m, d + n) for k in range(len(amounts))]
     if mode.startswith("discrete"):  # each amount paid at the start (due) or end (immediate) of its period
         want = sum(a * V ** (s if timing == 0 else e) for a, s, e in zip(amounts, starts, ends))
     else:  # each amount flows uniformly over its period
-        want = sum(a / (e - s) * (V ** s - V ** e) / DELTA for a, s, e in zip(amounts, starts, ends))
+        want = sum(a / (e - s) * (V**s - V**e) / DELTA for a, s, e in zip(amounts, starts, ends))
     close(value(mode, n, m, d, timing, amounts=amounts), want)
 
 
@@ -167,7 +193,7 @@ def test_explicit_amounts_are_valued_exactly(mode, timing, n, m, d, amounts):
 def test_explicit_times_are_valued_exactly(mode, amounts):
     times = [0.5, 2.0, 2.0, 7.25]
     weights = [1.0] * 4 if amounts is None else amounts
-    want = sum(a * V ** t for a, t in zip(weights, times))
+    want = sum(a * V**t for a, t in zip(weights, times))
     close(value(mode, 8.0, 1, times=times, amounts=amounts), want)
     flows = value(mode, 8.0, 1, times=times, amounts=amounts, flows=True)
     close(flows["total_pv"], want)
@@ -175,6 +201,7 @@ def test_explicit_times_are_valued_exactly(mode, amounts):
 
 
 # ---------------------------------------------------------------- survival
+
 
 def survival_curve(t):
     return np.exp(-0.04 * np.asarray(t)) * (1 - 0.001 * np.asarray(t))
@@ -199,18 +226,19 @@ def test_survival_called_once_with_the_payment_times(mode, flows):
 @pytest.mark.parametrize("n, m, d", [(2.5, 4, 1.0), (7.3, 12, 0.5), (6.0, 1, 2.0)])
 def test_survival_weights_each_payment(timing, n, m, d):
     pays = payments(n, m, d, timing, growth_factor(None))
-    exact = sum(a * V ** t * survival_curve(t) for _, t, a in pays)
+    exact = sum(a * V**t * survival_curve(t) for _, t, a in pays)
     close(value("discrete_precision", n, m, d, timing, survival=survival_curve), exact)
     # Woolhouse with survival: the annual due and immediate payments weighted (1-c, c) or (c, 1-c)
     k, c = math.floor(n), (m - 1) / (2 * m)
     due = sum(V ** (d + j) * survival_curve(d + j) for j in range(k))
     imm = sum(V ** (d + j + 1) * survival_curve(d + j + 1) for j in range(k))
-    rest = sum(a * V ** t * survival_curve(t) for idx, t, a in pays if idx >= k * m)
+    rest = sum(a * V**t * survival_curve(t) for idx, t, a in pays if idx >= k * m)
     want = ((1 - c) * due + c * imm if timing == 0 else c * due + (1 - c) * imm) + rest
     close(value("discrete_simplified", n, m, d, timing, survival=survival_curve), want)
 
 
 # ---------------------------------------------------------------- rounding and cash flows
+
 
 @pytest.mark.parametrize("mode", MODES)
 def test_rounding(mode):
@@ -222,10 +250,16 @@ def test_rounding(mode):
 
 @pytest.mark.parametrize("mode", MODES)
 @pytest.mark.parametrize("timing", [0, 1])
-@pytest.mark.parametrize("n, m, d, gr", [
-    (10.0, 12, 0.0, None), (7.3, 12, 1.5, None), (0.7, 52, 2.0, None),
-    (4.6, 1, 0.0, GrowthRate(0.1, "arithmetic")), (7.3, 4, 0.0, GrowthRate(0.04)),
-])
+@pytest.mark.parametrize(
+    "n, m, d, gr",
+    [
+        (10.0, 12, 0.0, None),
+        (7.3, 12, 1.5, None),
+        (0.7, 52, 2.0, None),
+        (4.6, 1, 0.0, GrowthRate(0.1, "arithmetic")),
+        (7.3, 4, 0.0, GrowthRate(0.04)),
+    ],
+)
 def test_flows_add_up_to_the_present_value(mode, timing, n, m, d, gr):
     flows = value(mode, n, m, d, timing, gr=gr, flows=True, decimals=2)
     unrounded = value(mode, n, m, d, timing, gr=gr)
@@ -238,7 +272,7 @@ def test_flows_add_up_to_the_present_value(mode, timing, n, m, d, gr):
         close(float(pv.sum()), flows["total_pv"])
         assert times.min() >= d - 1e-12 and times.max() <= d + n + 1e-12
         if mode == "discrete_precision":
-            np.testing.assert_allclose(pv, expected * V ** times, rtol=1e-13)
+            np.testing.assert_allclose(pv, expected * V**times, rtol=1e-13)
         if gr is None:
             close(float(expected.sum()), n)  # 1 a year for n years, undiscounted
         return
@@ -253,7 +287,7 @@ def test_flows_add_up_to_the_present_value(mode, timing, n, m, d, gr):
         assert t.shape == pv.shape == df.shape
         total += float(pv.sum())
         if name in ("due", "immediate"):
-            np.testing.assert_allclose(df, V ** t, rtol=1e-13)
+            np.testing.assert_allclose(df, V**t, rtol=1e-13)
             np.testing.assert_allclose(pv, flows[coef] * np.asarray(part["growth"]) * df, rtol=1e-13)
             undiscounted += flows[coef] * float(np.sum(part["growth"]))
         else:
@@ -274,6 +308,7 @@ def test_zero_term(mode):
 
 
 # ---------------------------------------------------------------- piecewise curves, brute force
+
 
 def pw_v(curve, t):
     """Discount factor: a product over the segments crossed, each factor with **."""
@@ -327,16 +362,28 @@ def brute(mode, curve, n, m, d, timing, gr):
     return whole + math.fsum(a * pw_v(curve, t) for idx, t, a in pays if idx >= k * m)
 
 
-curves = st.integers(1, 4).flatmap(lambda k: st.tuples(
-    st.lists(st.floats(0.1, 8.0), min_size=k, max_size=k),
-    st.lists(st.one_of(st.just(0.0), st.floats(-0.02, 0.15, allow_subnormal=False)), min_size=k + 1, max_size=k + 1)))
-growths = st.one_of(st.none(), st.floats(-0.05, 0.1).map(GrowthRate),
-                    st.floats(0.0, 0.1).map(lambda g: GrowthRate(g, "arithmetic")))
+curves = st.integers(1, 4).flatmap(
+    lambda k: st.tuples(
+        st.lists(st.floats(0.1, 8.0), min_size=k, max_size=k),
+        st.lists(
+            st.one_of(st.just(0.0), st.floats(-0.02, 0.15, allow_subnormal=False)), min_size=k + 1, max_size=k + 1
+        ),
+    )
+)
+growths = st.one_of(
+    st.none(), st.floats(-0.05, 0.1).map(GrowthRate), st.floats(0.0, 0.1).map(lambda g: GrowthRate(g, "arithmetic"))
+)
 
 
 @settings(max_examples=80, deadline=None, suppress_health_check=[HealthCheck.too_slow])
-@given(curve=curves, n=st.integers(0, 3000).map(lambda k: k / 100), d=st.integers(0, 1000).map(lambda k: k / 100),
-       m=st.sampled_from([1, 2, 4, 12, 52]), timing=st.sampled_from([0, 1]), gr=growths)
+@given(
+    curve=curves,
+    n=st.integers(0, 3000).map(lambda k: k / 100),
+    d=st.integers(0, 1000).map(lambda k: k / 100),
+    m=st.sampled_from([1, 2, 4, 12, 52]),
+    timing=st.sampled_from([0, 1]),
+    gr=growths,
+)
 def test_piecewise_curves_against_brute_force(curve, n, d, m, timing, gr):
     ir = InterestRate(terms=list(curve[0]), rates=list(curve[1]))
     for mode in MODES:
@@ -351,19 +398,27 @@ def test_piecewise_curves_against_brute_force(curve, n, d, m, timing, gr):
 @pytest.mark.parametrize("gr", GROWTHS, ids=["level", "geometric", "arithmetic"])
 def test_piecewise_perpetuity_and_annual_woolhouse(timing, gr):
     ir = InterestRate(terms=PW[0], rates=PW[1])
-    close(value("discrete_precision", 1000.0, 12, 0.0, timing, ir=ir),
-          brute("discrete_precision", PW, 1000.0, 12, 0.0, timing, None))
+    close(
+        value("discrete_precision", 1000.0, 12, 0.0, timing, ir=ir),
+        brute("discrete_precision", PW, 1000.0, 12, 0.0, timing, None),
+    )
     # With one payment a year Woolhouse has nothing to approximate: the exact sum
-    close(value("discrete_simplified", 9.7, 1, 1.3, timing, ir=ir, gr=gr),
-          brute("discrete_precision", PW, 9.7, 1, 1.3, timing, gr))
+    close(
+        value("discrete_simplified", 9.7, 1, 1.3, timing, ir=ir, gr=gr),
+        brute("discrete_precision", PW, 9.7, 1, 1.3, timing, gr),
+    )
 
 
 # ---------------------------------------------------------------- native kernels
 
+
 def kernel_curve(curve):
     terms, rates = curve
-    return _kernels.Curve(np.array(rates, dtype=float), np.array(terms, dtype=float),
-                          np.array(list(itertools.accumulate(terms)), dtype=float))
+    return _kernels.Curve(
+        np.array(rates, dtype=float),
+        np.array(terms, dtype=float),
+        np.array(list(itertools.accumulate(terms)), dtype=float),
+    )
 
 
 @pytest.mark.parametrize("curve", [([], [I]), PW], ids=["constant", "piecewise"])
@@ -372,41 +427,56 @@ def test_kernel_curve(curve):
     times = np.array([0.0, 0.3, 2.0, 3.7, 5.5, 6.75, 40.0])
     np.testing.assert_allclose(c.discount(times), [pw_v(curve, t) for t in times], rtol=1e-14)
     starts, ends = np.array([0.0, 1.5, 5.5, 6.0]), np.array([2.5, 1.5, 9.0, 6.75])
-    np.testing.assert_allclose(c.interval_values(starts, ends),
-                               [pw_integral(curve, a, b) for a, b in zip(starts, ends)], rtol=1e-13)
+    np.testing.assert_allclose(
+        c.interval_values(starts, ends), [pw_integral(curve, a, b) for a, b in zip(starts, ends)], rtol=1e-13
+    )
     # a quarterly immediate schedule from 1.5 over 5.1 years: 20 regular payments and a pro-rata one at 6.6
-    annuity = _kernels.Annuity(d=1.5, n=5.1, payments_size=21, m=4, timing=1, growth_kind="geometric",
-                               growth_rate=0.02)
-    pays = [(1.5 + (k + 1) / 4, 1.02 ** (k // 4) / 4) for k in range(20)] + [(6.6, 0.4 * 1.02 ** 5 / 4)]
+    annuity = _kernels.Annuity(d=1.5, n=5.1, payments_size=21, m=4, timing=1, growth_kind="geometric", growth_rate=0.02)
+    pays = [(1.5 + (k + 1) / 4, 1.02 ** (k // 4) / 4) for k in range(20)] + [(6.6, 0.4 * 1.02**5 / 4)]
     times, amounts = annuity.payments(3)
     np.testing.assert_allclose(times, [t for t, _ in pays[3:]], rtol=1e-15)
     np.testing.assert_allclose(amounts, [a for _, a in pays[3:]], rtol=1e-13)  # 5.1 * 4 is 20.4 less 1.4e-15
     close(c.annuity_value(annuity, "discrete_precision"), math.fsum(a * pw_v(curve, t) for t, a in pays))
     # continuous payments: growth steps at d + 1, d + 2, ...
-    want = math.fsum(1.02 ** j * pw_integral(curve, 1.5 + j, min(2.5 + j, 6.6)) for j in range(6))
+    want = math.fsum(1.02**j * pw_integral(curve, 1.5 + j, min(2.5 + j, 6.6)) for j in range(6))
     close(c.annuity_value(annuity, "continuous_precision"), want)
     starts, ends, growth = annuity.intervals(18)
-    np.testing.assert_allclose(np.c_[starts, ends, growth], [[6.0, 6.25, 1.02 ** 4], [6.25, 6.5, 1.02 ** 4],
-                                                             [6.5, 6.6, 1.02 ** 5]], rtol=1e-15)
+    np.testing.assert_allclose(
+        np.c_[starts, ends, growth], [[6.0, 6.25, 1.02**4], [6.25, 6.5, 1.02**4], [6.5, 6.6, 1.02**5]], rtol=1e-15
+    )
 
 
 ANNUITY = {"d": 0.0, "n": 5.0, "payments_size": 60, "m": 12, "timing": 0}
 CONST = _kernels.Curve(np.array([I]), np.empty(0), np.empty(0))
 
 
-@pytest.mark.parametrize("call", [
-    lambda: _kernels.Annuity(**{**ANNUITY, "m": 0}),
-    lambda: _kernels.Annuity(**{**ANNUITY, "timing": 2}),
-    lambda: _kernels.Annuity(**ANNUITY, growth_kind="linear"),
-    lambda: _kernels.Annuity(**{**ANNUITY, "n": -1.0}),
-    lambda: _kernels.Annuity(**{**ANNUITY, "n": 1e300}),
-    lambda: _kernels.payment_count(1e300, 12, 1e-12),
-    lambda: CONST.interval_values(np.zeros(2), np.ones(3)),
-    lambda: _kernels.Curve(np.array([0.01, 0.02]), np.array([1.0]), np.empty(0)),
-    lambda: _kernels.Curve(np.array([0.01]), np.array([1.0]), np.array([1.0])),
-    lambda: _kernels.Curve(np.empty(0), np.empty(0), np.empty(0)),
-], ids=["m0", "timing", "growth-kind", "negative-term", "too-many-payments", "count-too-many",
-        "interval-lengths", "ends-length", "rates-length", "no-rates"])
+@pytest.mark.parametrize(
+    "call",
+    [
+        lambda: _kernels.Annuity(**{**ANNUITY, "m": 0}),
+        lambda: _kernels.Annuity(**{**ANNUITY, "timing": 2}),
+        lambda: _kernels.Annuity(**ANNUITY, growth_kind="linear"),
+        lambda: _kernels.Annuity(**{**ANNUITY, "n": -1.0}),
+        lambda: _kernels.Annuity(**{**ANNUITY, "n": 1e300}),
+        lambda: _kernels.payment_count(1e300, 12, 1e-12),
+        lambda: CONST.interval_values(np.zeros(2), np.ones(3)),
+        lambda: _kernels.Curve(np.array([0.01, 0.02]), np.array([1.0]), np.empty(0)),
+        lambda: _kernels.Curve(np.array([0.01]), np.array([1.0]), np.array([1.0])),
+        lambda: _kernels.Curve(np.empty(0), np.empty(0), np.empty(0)),
+    ],
+    ids=[
+        "m0",
+        "timing",
+        "growth-kind",
+        "negative-term",
+        "too-many-payments",
+        "count-too-many",
+        "interval-lengths",
+        "ends-length",
+        "rates-length",
+        "no-rates",
+    ],
+)
 def test_kernel_bad_arguments_raise_value_error(call):
     with pytest.raises(ValueError):
         call()
@@ -414,12 +484,14 @@ def test_kernel_bad_arguments_raise_value_error(call):
 
 def test_kernel_integral_to_infinity_terminates():
     # An unbounded interval must give the closed form v(a)/delta or a ValueError, not loop forever.
-    code = ("import numpy as np; from norvane import _kernels as k\n"
-            "c = k.Curve(np.array([0.03]), np.empty(0), np.empty(0))\n"
-            "try:\n    print(c.interval_values(np.array([3.0]), np.array([np.inf]))[0])\n"
-            "except ValueError:\n    print('ValueError')\n")
+    code = (
+        "import numpy as np; from norvane import _kernels as k\n"
+        "c = k.Curve(np.array([0.03]), np.empty(0), np.empty(0))\n"
+        "try:\n    print(c.interval_values(np.array([3.0]), np.array([np.inf]))[0])\n"
+        "except ValueError:\n    print('ValueError')\n"
+    )
     try:
         out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=3).stdout.strip()
     except subprocess.TimeoutExpired:
         pytest.fail("integral over [3, inf) did not terminate")
-    assert out == "ValueError" or math.isclose(float(out), V ** 3 / DELTA, rel_tol=1e-12)
+    assert out == "ValueError" or math.isclose(float(out), V**3 / DELTA, rel_tol=1e-12)

@@ -29,16 +29,23 @@ def test_constants():
 
 # ------------------------------------------------------------ h._as_f64_safe
 
-REAL_DTYPES = st.one_of(*(f(endianness="?") for f in (hnp.integer_dtypes, hnp.unsigned_integer_dtypes)),
-                         hnp.floating_dtypes(sizes=(16, 32, 64), endianness="?"))
+REAL_DTYPES = st.one_of(
+    *(f(endianness="?") for f in (hnp.integer_dtypes, hnp.unsigned_integer_dtypes)),
+    hnp.floating_dtypes(sizes=(16, 32, 64), endianness="?"),
+)
 FORMS = {
-    "strided": lambda a: a[::2] if a.ndim else a, "transposed": lambda a: a.T, "list": lambda a: a.tolist(),
-    "readonly": lambda a: a.setflags(write=False) or a, "series": lambda a: pd.Series(a) if a.ndim == 1 else a,
+    "strided": lambda a: a[::2] if a.ndim else a,
+    "transposed": lambda a: a.T,
+    "list": lambda a: a.tolist(),
+    "readonly": lambda a: a.setflags(write=False) or a,
+    "series": lambda a: pd.Series(a) if a.ndim == 1 else a,
 }
 
 
-@given(arr=hnp.arrays(REAL_DTYPES, hnp.array_shapes(min_dims=0, max_dims=3, min_side=0, max_side=5)),
-       form=st.sampled_from(sorted(FORMS)))
+@given(
+    arr=hnp.arrays(REAL_DTYPES, hnp.array_shapes(min_dims=0, max_dims=3, min_side=0, max_side=5)),
+    form=st.sampled_from(sorted(FORMS)),
+)
 def test_as_f64_safe_equals_float64_cast(arr, form):
     x = FORMS[form](arr)
     ref = np.asarray(np.asarray(x), dtype=np.float64)
@@ -73,11 +80,17 @@ def test_as_f64_safe_value_or_documented_error(x):
         np.testing.assert_array_equal(out, ref)
 
 
-@pytest.mark.parametrize("x, expected", [
-    (np.uint64(2**64 - 1), 2.0**64), (range(3), [0.0, 1.0, 2.0]), ([np.float32(0.25), np.int8(-3)], [0.25, -3.0]),
-    (np.array([1, 2**62], dtype=object), [1.0, 2.0**62]), (pd.Series([4, None], dtype="Int64"), [4.0, NAN]),
-    (np.ma.array([1.0, 2.0], mask=[False, True]), [1.0, NAN]),
-])
+@pytest.mark.parametrize(
+    "x, expected",
+    [
+        (np.uint64(2**64 - 1), 2.0**64),
+        (range(3), [0.0, 1.0, 2.0]),
+        ([np.float32(0.25), np.int8(-3)], [0.25, -3.0]),
+        (np.array([1, 2**62], dtype=object), [1.0, 2.0**62]),
+        (pd.Series([4, None], dtype="Int64"), [4.0, NAN]),
+        (np.ma.array([1.0, 2.0], mask=[False, True]), [1.0, NAN]),
+    ],
+)
 def test_as_f64_safe_accepts(x, expected):
     out = h._as_f64_safe(x)
     assert out.dtype == np.float64 and out.flags.c_contiguous
@@ -86,12 +99,22 @@ def test_as_f64_safe_accepts(x, expected):
     assert h._as_f64_safe(a) is a and not np.shares_memory(h._as_f64_safe(a[::2]), a)  # copies only when needed
 
 
-@pytest.mark.parametrize("x, exc", [
-    (np.bool_(False), TypeError), (np.array([True]), TypeError), ([[1.0], [np.bool_(True)]], TypeError),
-    (pd.Series([True, None], dtype="boolean"), TypeError), (np.array(["1.5"], dtype=object), TypeError),
-    (pd.Series(["a"]), TypeError), (np.array([1 + 0j]), TypeError), (np.array(["2020"], dtype="M8[Y]"), TypeError),
-    ({"a": 1}, TypeError), ((v for v in [1.0]), TypeError), (10**400, ValueError),
-])
+@pytest.mark.parametrize(
+    "x, exc",
+    [
+        (np.bool_(False), TypeError),
+        (np.array([True]), TypeError),
+        ([[1.0], [np.bool_(True)]], TypeError),
+        (pd.Series([True, None], dtype="boolean"), TypeError),
+        (np.array(["1.5"], dtype=object), TypeError),
+        (pd.Series(["a"]), TypeError),
+        (np.array([1 + 0j]), TypeError),
+        (np.array(["2020"], dtype="M8[Y]"), TypeError),
+        ({"a": 1}, TypeError),
+        ((v for v in [1.0]), TypeError),
+        (10**400, ValueError),
+    ],
+)
 def test_as_f64_safe_refuses(x, exc):
     with pytest.raises(exc):
         h._as_f64_safe(x)
@@ -99,11 +122,22 @@ def test_as_f64_safe_refuses(x, exc):
 
 # ------------------------------------------------------------ single values
 
-@pytest.mark.parametrize("value, expected, scalar", [
-    (3, [3.0], True), (np.float32(0.5), [0.5], True), (np.int64(-7), [-7.0], True), (np.array(4.0), [4.0], True),
-    (NAN, [NAN], True), (-INF, [-INF], True), ([7.0], [7.0], False), ((), np.empty(0), False),
-    ([[1, 2], [3, 4]], [[1.0, 2.0], [3.0, 4.0]], False), (pd.Series([0.5, NAN]), [0.5, NAN], False),
-])
+
+@pytest.mark.parametrize(
+    "value, expected, scalar",
+    [
+        (3, [3.0], True),
+        (np.float32(0.5), [0.5], True),
+        (np.int64(-7), [-7.0], True),
+        (np.array(4.0), [4.0], True),
+        (NAN, [NAN], True),
+        (-INF, [-INF], True),
+        ([7.0], [7.0], False),
+        ((), np.empty(0), False),
+        ([[1, 2], [3, 4]], [[1.0, 2.0], [3.0, 4.0]], False),
+        (pd.Series([0.5, NAN]), [0.5, NAN], False),
+    ],
+)
 def test_validate_numeric_input(value, expected, scalar):
     arr, is_scalar = h._validate_numeric_input(value)
     assert is_scalar is scalar and arr.dtype == np.float64
@@ -122,9 +156,16 @@ def test_validate_numeric_input_refuses(value):
         h._validate_numeric_input([[1.0], [2.0, 3.0]], method_name="InterestRate", attr_name="n")
 
 
-@pytest.mark.parametrize("seq, exc", [
-    (5.0, TypeError), ("abc", TypeError), (np.array(1.0), TypeError), ([1, "x"], TypeError), ([[1.0, 2.0]], ValueError),
-])
+@pytest.mark.parametrize(
+    "seq, exc",
+    [
+        (5.0, TypeError),
+        ("abc", TypeError),
+        (np.array(1.0), TypeError),
+        ([1, "x"], TypeError),
+        ([[1.0, 2.0]], ValueError),
+    ],
+)
 def test_validate_float_sequence(seq, exc):
     with pytest.raises(exc, match=r"^\[InterestRate\] Parameter 'terms'"):
         h._validate_float_sequence(seq=seq, method_name="InterestRate", attr_name="terms")
@@ -152,20 +193,24 @@ def test_finalize_scalar_or_array():
 
 # ------------------------------------------------------------ batch checks
 
-@pytest.mark.parametrize("check, args, exc, text", [
-    (h._validate_on_error_batch_only, ("nan", False), ValueError, "on_error='nan' requires batch mode"),
-    (h._validate_on_error_batch_only, ("ignore", True), ValueError, "'on_error' must be 'raise' or 'nan'"),
-    (h._validate_record_ids_batch_only, (["p1"], False, 1), ValueError, "record_ids requires batch mode"),
-    (h._validate_record_ids_batch_only, (["a"], True, 2), ValueError, "expected 2, got 1"),
-    (h._validate_record_ids_batch_only, ("ab", True, 2), TypeError, "got str"),
-    (h._validate_record_ids_batch_only, ({"a", "b"}, True, 2), TypeError, "got set"),
-    (h._validate_t_output, ([0, 1], True, False), ValueError, "t_output requires batch mode"),
-    (h._validate_t_output, ([0, 1], False, True), ValueError, "t_output requires return_flows=True."),
-    (h._validate_t_output, ([], True, True), ValueError, "'t_output' must not be empty."),
-    (h._validate_t_output, ([0.0, NAN], True, True), ValueError, "must be finite and >= 0 at index 1, got nan."),
-    (h._validate_t_output, ([0.0, 1.0, 1.0], True, True), ValueError, "increasing, got 1.0 after 1.0 at index 2."),
-    (h._validate_t_output, (1.0, True, True), TypeError, "must be a sequence of real numbers"),
-])
+
+@pytest.mark.parametrize(
+    "check, args, exc, text",
+    [
+        (h._validate_on_error_batch_only, ("nan", False), ValueError, "on_error='nan' requires batch mode"),
+        (h._validate_on_error_batch_only, ("ignore", True), ValueError, "'on_error' must be 'raise' or 'nan'"),
+        (h._validate_record_ids_batch_only, (["p1"], False, 1), ValueError, "record_ids requires batch mode"),
+        (h._validate_record_ids_batch_only, (["a"], True, 2), ValueError, "expected 2, got 1"),
+        (h._validate_record_ids_batch_only, ("ab", True, 2), TypeError, "got str"),
+        (h._validate_record_ids_batch_only, ({"a", "b"}, True, 2), TypeError, "got set"),
+        (h._validate_t_output, ([0, 1], True, False), ValueError, "t_output requires batch mode"),
+        (h._validate_t_output, ([0, 1], False, True), ValueError, "t_output requires return_flows=True."),
+        (h._validate_t_output, ([], True, True), ValueError, "'t_output' must not be empty."),
+        (h._validate_t_output, ([0.0, NAN], True, True), ValueError, "must be finite and >= 0 at index 1, got nan."),
+        (h._validate_t_output, ([0.0, 1.0, 1.0], True, True), ValueError, "increasing, got 1.0 after 1.0 at index 2."),
+        (h._validate_t_output, (1.0, True, True), TypeError, "must be a sequence of real numbers"),
+    ],
+)
 def test_batch_only_arguments_refused(check, args, exc, text):
     with pytest.raises(exc, match=r"^\[InterestRate\.a\] .*" + re.escape(text)):
         check(*args, A)
@@ -180,21 +225,38 @@ def test_batch_only_arguments_accepted():
     assert h._validate_t_output(pd.Series([0, 1, 2.5]), True, True, A).tolist() == [0.0, 1.0, 2.5]
 
 
-@pytest.mark.parametrize("n, expected", [
-    (None, [INF]), ([10, None], [10.0, INF]), (np.array([1.0, None], dtype=object), [1.0, INF]),
-    (pd.Series([5, None], dtype=object), [5.0, INF]), (pd.Series([5.0, None]), [5.0, NAN]),  # NaN is no perpetuity
-])
+@pytest.mark.parametrize(
+    "n, expected",
+    [
+        (None, [INF]),
+        ([10, None], [10.0, INF]),
+        (np.array([1.0, None], dtype=object), [1.0, INF]),
+        (pd.Series([5, None], dtype=object), [5.0, INF]),
+        (pd.Series([5.0, None]), [5.0, NAN]),  # NaN is no perpetuity
+    ],
+)
 def test_map_none_terms(n, expected):
     np.testing.assert_array_equal(np.atleast_1d(h._as_f64_safe(h._map_batch_n_none_to_inf(n))), expected)
 
 
-@pytest.mark.parametrize("m, N, expected", [
-    (12, 3, 12), (np.int64(4), 2, 4), ([12], 3, 12), ([6, 6, 6], 3, 6), ([1, 12, 4], 3, [1, 12, 4]),
-    (pd.Series([365, 52]), 2, [365, 52]), (np.array([2, 1], dtype=np.uint8), 2, [2, 1]),
-    (5, 1, (ValueError, "'m' must be one of")), ([1, 5], 2, (ValueError, "at index 1, got 5")),
-    ([1, 12], 3, (ValueError, "Incompatible batch lengths: m=2")), (12.0, 1, (TypeError, "got float")),
-    ([1.0, 12.0], 2, (TypeError, "integers")), ([True, 1], 2, (TypeError, "integers")),
-])
+@pytest.mark.parametrize(
+    "m, N, expected",
+    [
+        (12, 3, 12),
+        (np.int64(4), 2, 4),
+        ([12], 3, 12),
+        ([6, 6, 6], 3, 6),
+        ([1, 12, 4], 3, [1, 12, 4]),
+        (pd.Series([365, 52]), 2, [365, 52]),
+        (np.array([2, 1], dtype=np.uint8), 2, [2, 1]),
+        (5, 1, (ValueError, "'m' must be one of")),
+        ([1, 5], 2, (ValueError, "at index 1, got 5")),
+        ([1, 12], 3, (ValueError, "Incompatible batch lengths: m=2")),
+        (12.0, 1, (TypeError, "got float")),
+        ([1.0, 12.0], 2, (TypeError, "integers")),
+        ([True, 1], 2, (TypeError, "integers")),
+    ],
+)
 def test_resolve_batch_m(m, N, expected):
     if isinstance(expected, tuple):
         with pytest.raises(expected[0], match=r"^\[InterestRate\.a\] .*" + re.escape(expected[1])):
@@ -221,19 +283,26 @@ def test_benefits():
     src = np.array([1.0, 0.0])
     h._validate_benefits(src, 2, A)[0] = 99.0  # a new array, never the caller's
     assert src[0] == 1.0
-    for bad, exc, text in (([1, 2, 3], ValueError, "expected 2, got 3"), ([1], ValueError, "expected 2, got 1"),
-                           ([1, -1], ValueError, "index 1, got -1.0"),
-                           ([NAN, 1], ValueError, "index 0, got nan"), ([True, 1], TypeError, "real numbers")):
+    for bad, exc, text in (
+        ([1, 2, 3], ValueError, "expected 2, got 3"),
+        ([1], ValueError, "expected 2, got 1"),
+        ([1, -1], ValueError, "index 1, got -1.0"),
+        ([NAN, 1], ValueError, "index 0, got nan"),
+        ([True, 1], TypeError, "real numbers"),
+    ):
         with pytest.raises(exc, match=r"^\[InterestRate\.a\] 'benefits' .*" + re.escape(text)):
             h._validate_benefits(bad, 2, A)
 
 
-@pytest.mark.parametrize("arr, kwargs, msg", [
-    ([1.0, -1.0], {"allow_inf": True}, "'n' must be >= 0.0 and finite at index 1, got -1.0"),
-    ([INF, 2.0], {}, "'n' must be >= 0.0 and finite at index 0, got inf"),
-    ([INF, NAN], {"allow_inf": True}, "'n' must be >= 0.0 and finite at index 1, got nan"),
-    ([2.0, 0.5], {"min_val": 1}, "'n' must be >= 1.0 and finite at index 1, got 0.5"),
-])
+@pytest.mark.parametrize(
+    "arr, kwargs, msg",
+    [
+        ([1.0, -1.0], {"allow_inf": True}, "'n' must be >= 0.0 and finite at index 1, got -1.0"),
+        ([INF, 2.0], {}, "'n' must be >= 0.0 and finite at index 0, got inf"),
+        ([INF, NAN], {"allow_inf": True}, "'n' must be >= 0.0 and finite at index 1, got nan"),
+        ([2.0, 0.5], {"min_val": 1}, "'n' must be >= 1.0 and finite at index 1, got 0.5"),
+    ],
+)
 def test_check_batch_param_names_first_offender(arr, kwargs, msg):
     with exact(ValueError, "[InterestRate.a] " + msg):
         h._check_batch_param(np.array(arr), "n", A, **kwargs)
@@ -241,25 +310,40 @@ def test_check_batch_param_names_first_offender(arr, kwargs, msg):
 
 
 def test_collect_batch_param_errors():
-    valid, messages = h._collect_batch_param_errors(AD, [("n", [10.0, -1.0, NAN, INF], 0.0, True),
-                                                         ("d", [0.0, -2.0, 0.0, 0.0], 0.0, False)])
+    valid, messages = h._collect_batch_param_errors(
+        AD, [("n", [10.0, -1.0, NAN, INF], 0.0, True), ("d", [0.0, -2.0, 0.0, 0.0], 0.0, False)]
+    )
     assert valid.tolist() == [True, False, False, True] and messages == [
-        ("[InterestRate.ä] 'n' must be >= 0.0 and finite at index 1, got -1.0; "
-         "'d' must be >= 0.0 and finite at index 1, got -2.0"),
+        (
+            "[InterestRate.ä] 'n' must be >= 0.0 and finite at index 1, got -1.0; "
+            "'d' must be >= 0.0 and finite at index 1, got -2.0"
+        ),
         "[InterestRate.ä] 'n' must be >= 0.0 and finite at index 2, got nan",
     ]
 
 
 # ------------------------------------------------------------ grouping and results
 
-@pytest.mark.parametrize("m, gr, N, expected", [
-    (12, None, 3, {(12, None, (0, 1, 2))}),
-    (np.array([12, 1, 12, 1, 12]), [0.01, None, GrowthRate(0.01), 0.0, None], 5,
-     {(1, None, (1,)), (1, GrowthRate(0.0), (3,)), (12, GrowthRate(0.01), (0, 2)), (12, None, (4,))}),
-    (2, np.array([0.02, 0.0, 0.02]), 3, {(2, GrowthRate(0.0), (1,)), (2, GrowthRate(0.02), (0, 2))}),
-    (np.array([1, 2]), [GrowthRate(0.1, "arithmetic")], 2,
-     {(1, GrowthRate(0.1, "arithmetic"), (0,)), (2, GrowthRate(0.1, "arithmetic"), (1,))}),
-])
+
+@pytest.mark.parametrize(
+    "m, gr, N, expected",
+    [
+        (12, None, 3, {(12, None, (0, 1, 2))}),
+        (
+            np.array([12, 1, 12, 1, 12]),
+            [0.01, None, GrowthRate(0.01), 0.0, None],
+            5,
+            {(1, None, (1,)), (1, GrowthRate(0.0), (3,)), (12, GrowthRate(0.01), (0, 2)), (12, None, (4,))},
+        ),
+        (2, np.array([0.02, 0.0, 0.02]), 3, {(2, GrowthRate(0.0), (1,)), (2, GrowthRate(0.02), (0, 2))}),
+        (
+            np.array([1, 2]),
+            [GrowthRate(0.1, "arithmetic")],
+            2,
+            {(1, GrowthRate(0.1, "arithmetic"), (0,)), (2, GrowthRate(0.1, "arithmetic"), (1,))},
+        ),
+    ],
+)
 def test_group_by_frequency_and_growth(m, gr, N, expected):
     groups = h._group_batch_m_gr_indices(m, gr, N)
     assert {(m, g, tuple(idx.tolist())) for m, g, idx in groups} == expected
@@ -306,12 +390,17 @@ def test_aggregate_flows_match_reference_binning(parts, grid):
     assert out["total_pv"] == float(np.sum(out["pv_cf"]))
 
 
-@pytest.mark.parametrize("ts, n_eff, m, n_amounts, skip", [
-    (1.0, 2.0, 1, 3, 1), (0.5, 1.5, 12, 24, 6),
-    (0.5, 2.5, 1, 3, 0),  # a partial last period still carries a payment
-    (0.0, 27 / 13, 13, 30, 3),  # 27.000000000000004 payments are 27
-    (0.0, 3.0, 1, 2, "lists 2 amounts but 3 payments remain"), (0.0, INF, 1, 3, "finite"),
-])
+@pytest.mark.parametrize(
+    "ts, n_eff, m, n_amounts, skip",
+    [
+        (1.0, 2.0, 1, 3, 1),
+        (0.5, 1.5, 12, 24, 6),
+        (0.5, 2.5, 1, 3, 0),  # a partial last period still carries a payment
+        (0.0, 27 / 13, 13, 30, 3),  # 27.000000000000004 payments are 27
+        (0.0, 3.0, 1, 2, "lists 2 amounts but 3 payments remain"),
+        (0.0, INF, 1, 3, "finite"),
+    ],
+)
 def test_cashflow_amounts_skip(ts, n_eff, m, n_amounts, skip):
     if isinstance(skip, str):
         with pytest.raises(ValueError, match=r"^\[InterestRate\.ä\] .*" + re.escape(skip)):
@@ -321,13 +410,20 @@ def test_cashflow_amounts_skip(ts, n_eff, m, n_amounts, skip):
 
 
 def test_batch_error_report_and_result():
-    report = h.BatchErrorReport(n_errors=1, n_total=3, valid_mask=[True, False, True], invalid_indices=np.array([1]),
-                                record_ids=np.array(["p2"], dtype=object), messages=["'n' got -1.0"])
+    report = h.BatchErrorReport(
+        n_errors=1,
+        n_total=3,
+        valid_mask=[True, False, True],
+        invalid_indices=np.array([1]),
+        record_ids=np.array(["p2"], dtype=object),
+        messages=["'n' got -1.0"],
+    )
     assert report.valid_mask.dtype == bool and report.invalid_indices.dtype == np.int64 and report.record_ids == ["p2"]
     assert "1 of 3" in str(report) and "'p2'" in str(report) and "got -1.0" in str(report)
     d = report.to_dict()
     assert json.loads(json.dumps(d)) == d and d["valid_mask"] == [True, False, True] and d["invalid_indices"] == [1]
     assert h.BatchResult(values=np.array([1.0, NAN, 2.0]), errors=report).errors is report
     with pytest.raises(ValueError, match="inconsistent"):
-        h.BatchErrorReport(n_errors=2, n_total=3, valid_mask=[True] * 3, invalid_indices=[1], record_ids=[1],
-                           messages=["x"])
+        h.BatchErrorReport(
+            n_errors=2, n_total=3, valid_mask=[True] * 3, invalid_indices=[1], record_ids=[1], messages=["x"]
+        )

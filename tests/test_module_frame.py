@@ -9,10 +9,24 @@ from norvane.interest_rates import InterestRate
 
 PUBLIC = ["TermUnit", "VALID_TERM_UNITS", "InterestRate"]
 SLOTS = (
-    "_is_constant", "rate", "_terms", "_rates", "_cum_terms", "scenarios",
-    "_active_scenario", "_config", "_meta", "_rate_cache", "_force_cache",
-    "_constant_delta", "_precomp_full_seg_prod", "_precomp_prefix_prod",
-    "_precomp_1pr", "_cache_lock", "_shift_cache_epoch", "_ts_shift_cache",
+    "_is_constant",
+    "rate",
+    "_terms",
+    "_rates",
+    "_cum_terms",
+    "scenarios",
+    "_active_scenario",
+    "_config",
+    "_meta",
+    "_rate_cache",
+    "_force_cache",
+    "_constant_delta",
+    "_precomp_full_seg_prod",
+    "_precomp_prefix_prod",
+    "_precomp_1pr",
+    "_cache_lock",
+    "_shift_cache_epoch",
+    "_ts_shift_cache",
 )
 # Every member except the annuity-due method, whose non-ASCII name is checked elsewhere.
 MEMBERS = """rates terms copy __deepcopy__ active_scenario scenario_names days_per_year
@@ -48,12 +62,15 @@ def test_term_unit_literal_and_tuple():
     assert typing.get_args(irm.TermUnit) == irm.VALID_TERM_UNITS
 
 
-@pytest.mark.parametrize("name, value, kind", [
-    ("_DEFAULT_RATE_CACHE_MAXSIZE", 1000, int),
-    ("_SHIFT_EPSILON", 1e-12, float),
-    ("_DEFAULT_PERPETUITY_N_EFF", 1000, int),
-    ("_MONTHS_PER_YEAR", 12, int),
-])
+@pytest.mark.parametrize(
+    "name, value, kind",
+    [
+        ("_DEFAULT_RATE_CACHE_MAXSIZE", 1000, int),
+        ("_SHIFT_EPSILON", 1e-12, float),
+        ("_DEFAULT_PERPETUITY_N_EFF", 1000, int),
+        ("_MONTHS_PER_YEAR", 12, int),
+    ],
+)
 def test_numeric_constants(name, value, kind):
     got = getattr(irm, name)
     assert type(got) is kind and got == value

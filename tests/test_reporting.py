@@ -40,16 +40,28 @@ def build(form):
 
 # ---------------------------------------------------------------- export
 
-@pytest.mark.parametrize("form, payload", [
-    (0.03, {"type": "constant", "rate": 0.03}),
-    (0.0123456789, {"type": "constant", "rate": 0.0123456789}),  # a constant rate is not rounded
-    (-0.005, {"type": "constant", "rate": -0.005}),
-    (([1.0, 2.0], [0.01, 0.015, 0.02]), {"type": "piecewise", "terms": [1.0, 2.0], "rates": [0.01, 0.015, 0.02]}),
-    (([1], [0.0123456789, 0.0200004]), {"type": "piecewise", "terms": [1.0], "rates": [0.012346, 0.02]}),
-    (([1, 18], [0.01, 0.02, 0.03], "months"), {"type": "piecewise", "terms": [0.083333, 1.5], "rates": [0.01, 0.02, 0.03]}),
-    ({"base": 0.01, "stress": ([5], [0.02, 0.03])},
-     {"base": {"type": "constant", "rate": 0.01}, "stress": {"type": "piecewise", "terms": [5.0], "rates": [0.02, 0.03]}}),
-])
+
+@pytest.mark.parametrize(
+    "form, payload",
+    [
+        (0.03, {"type": "constant", "rate": 0.03}),
+        (0.0123456789, {"type": "constant", "rate": 0.0123456789}),  # a constant rate is not rounded
+        (-0.005, {"type": "constant", "rate": -0.005}),
+        (([1.0, 2.0], [0.01, 0.015, 0.02]), {"type": "piecewise", "terms": [1.0, 2.0], "rates": [0.01, 0.015, 0.02]}),
+        (([1], [0.0123456789, 0.0200004]), {"type": "piecewise", "terms": [1.0], "rates": [0.012346, 0.02]}),
+        (
+            ([1, 18], [0.01, 0.02, 0.03], "months"),
+            {"type": "piecewise", "terms": [0.083333, 1.5], "rates": [0.01, 0.02, 0.03]},
+        ),
+        (
+            {"base": 0.01, "stress": ([5], [0.02, 0.03])},
+            {
+                "base": {"type": "constant", "rate": 0.01},
+                "stress": {"type": "piecewise", "terms": [5.0], "rates": [0.02, 0.03]},
+            },
+        ),
+    ],
+)
 def test_export_dict_and_json(form, payload):
     curve = build(form)
     before = repr(curve), curve.copy()
@@ -70,11 +82,25 @@ def test_export_json_escapes_non_ascii_names():
 def test_export_regulatory_of_single_curves():
     rates = [0.0, -0.01, 0.0312345678]
     mean, std = float(np.mean(rates)), float(np.std(rates))
-    stats = {"zero_count": 1, "negative_count": 1, "positive_count": 1, "min_rate": -0.01, "max_rate": 0.0312345678,
-             "mean_rate": mean, "std_rate": std, "rate_volatility": std / abs(mean), "has_zero_segments": True}
-    for curve, payload, want in ((InterestRate(0.03), {"type": "constant", "rate": 0.03}, {}),
-                                 (InterestRate(terms=[1, 2], rates=rates),
-                                  {"type": "piecewise", "terms": [1.0, 2.0], "rates": [0.0, -0.01, 0.031235]}, stats)):
+    stats = {
+        "zero_count": 1,
+        "negative_count": 1,
+        "positive_count": 1,
+        "min_rate": -0.01,
+        "max_rate": 0.0312345678,
+        "mean_rate": mean,
+        "std_rate": std,
+        "rate_volatility": std / abs(mean),
+        "has_zero_segments": True,
+    }
+    for curve, payload, want in (
+        (InterestRate(0.03), {"type": "constant", "rate": 0.03}, {}),
+        (
+            InterestRate(terms=[1, 2], rates=rates),
+            {"type": "piecewise", "terms": [1.0, 2.0], "rates": [0.0, -0.01, 0.031235]},
+            stats,
+        ),
+    ):
         reg = curve.export("regulatory")
         assert list(reg) == list(payload) + ["_regulatory_metadata"]
         meta = reg.pop("_regulatory_metadata")
@@ -115,9 +141,12 @@ def test_timestamp_and_export_call_shape():
 rate6 = st.integers(-500_000, 500_000).map(lambda k: k / 1e6)  # exactly what export's rounding keeps
 term6 = st.integers(1, 40_000_000).map(lambda k: k / 1e6)
 piecewise = st.lists(term6, min_size=1, max_size=6).flatmap(
-    lambda terms: st.tuples(st.just(terms), st.lists(rate6, min_size=len(terms) + 1, max_size=len(terms) + 1)))
+    lambda terms: st.tuples(st.just(terms), st.lists(rate6, min_size=len(terms) + 1, max_size=len(terms) + 1))
+)
 single = st.one_of(st.floats(-0.99, 5.0, allow_nan=False), piecewise)
-container = st.dictionaries(st.text("abcxyz", min_size=1, max_size=4).map(lambda s: "s_" + s), single, min_size=1, max_size=4)
+container = st.dictionaries(
+    st.text("abcxyz", min_size=1, max_size=4).map(lambda s: "s_" + s), single, min_size=1, max_size=4
+)
 
 
 @settings(max_examples=40, deadline=None, suppress_health_check=[HealthCheck.too_slow])
@@ -144,14 +173,35 @@ def test_from_export_restores_curves_and_active_scenario():
     assert InterestRate.from_export({"type": "constant", "rate": 0.0123456789}).rate == 0.0123456789
 
 
-@pytest.mark.parametrize("payload", [
-    {}, {"type": "unknown", "rate": 0.03}, {"rate": 0.03}, {"type": "constant"}, {"type": "piecewise", "terms": [1.0]},
-    {"type": "piecewise", "rates": [0.01, 0.02]}, {"a": {"type": "constant"}}, {"a": 0.03}, {"a": {"type": "rate"}},
-    {"_metadata": {"scenario_count": 0, "active_scenario": None}}, "not json", "", "[1, 2]", "42", "null", '{"type": "x"}',
-    json.dumps({"s": {"type": "piecewise", "terms": [1.0]}}), {"a": {"b": {"type": "constant", "rate": 0.01}}},
-    {"a": {"type": "constant", "rate": 0.01}, "_metadata": {"active_scenario": "zzz"}},
-    42, None, [{"type": "constant", "rate": 0.03}], 0.03, (0.03,),
-])
+@pytest.mark.parametrize(
+    "payload",
+    [
+        {},
+        {"type": "unknown", "rate": 0.03},
+        {"rate": 0.03},
+        {"type": "constant"},
+        {"type": "piecewise", "terms": [1.0]},
+        {"type": "piecewise", "rates": [0.01, 0.02]},
+        {"a": {"type": "constant"}},
+        {"a": 0.03},
+        {"a": {"type": "rate"}},
+        {"_metadata": {"scenario_count": 0, "active_scenario": None}},
+        "not json",
+        "",
+        "[1, 2]",
+        "42",
+        "null",
+        '{"type": "x"}',
+        json.dumps({"s": {"type": "piecewise", "terms": [1.0]}}),
+        {"a": {"b": {"type": "constant", "rate": 0.01}}},
+        {"a": {"type": "constant", "rate": 0.01}, "_metadata": {"active_scenario": "zzz"}},
+        42,
+        None,
+        [{"type": "constant", "rate": 0.03}],
+        0.03,
+        (0.03,),
+    ],
+)
 def test_from_export_refuses_malformed_payloads(payload):
     kinds = ValueError if isinstance(payload, (dict, str)) else (TypeError, ValueError)
     with pytest.raises(kinds):
@@ -160,14 +210,21 @@ def test_from_export_refuses_malformed_payloads(payload):
 
 # ---------------------------------------------------------------- text forms
 
-@pytest.mark.parametrize("form, text, rep", [
-    (0.03, "InterestRate: constant rate = 0.030000", "InterestRate(rate=0.030000)"),
-    (0.0, "InterestRate: constant rate = 0.000000 (zero rate)", "InterestRate(rate=0.000000)"),
-    (-0.005, "InterestRate: constant rate = -0.005000 (negative rate)", "InterestRate(rate=-0.005000)"),
-    (0.0123456789, "InterestRate: constant rate = 0.012346", "InterestRate(rate=0.012346)"),
-    (([5, 5], [0.02, 0.03, 0.04]), "InterestRate: piecewise terms=[5. 5.], rates=[0.02 0.03 0.04]",
-     "InterestRate(terms=[5. 5.], rates=[0.02 0.03 0.04])"),
-])
+
+@pytest.mark.parametrize(
+    "form, text, rep",
+    [
+        (0.03, "InterestRate: constant rate = 0.030000", "InterestRate(rate=0.030000)"),
+        (0.0, "InterestRate: constant rate = 0.000000 (zero rate)", "InterestRate(rate=0.000000)"),
+        (-0.005, "InterestRate: constant rate = -0.005000 (negative rate)", "InterestRate(rate=-0.005000)"),
+        (0.0123456789, "InterestRate: constant rate = 0.012346", "InterestRate(rate=0.012346)"),
+        (
+            ([5, 5], [0.02, 0.03, 0.04]),
+            "InterestRate: piecewise terms=[5. 5.], rates=[0.02 0.03 0.04]",
+            "InterestRate(terms=[5. 5.], rates=[0.02 0.03 0.04])",
+        ),
+    ],
+)
 def test_text_forms_of_single_curves(form, text, rep):
     curve = build(form)
     assert str(curve) == text and curve.summary() == text and repr(curve) == rep
@@ -175,8 +232,10 @@ def test_text_forms_of_single_curves(form, text, rep):
 
 odd = st.sampled_from([0.0, 1e-7, -1e-7, 5e-7, -5e-7, 0.0000025, 1.0000005])
 any_piecewise = st.lists(st.one_of(st.floats(0.001, 1e4), odd.map(abs).filter(bool)), min_size=1, max_size=14).flatmap(
-    lambda terms: st.tuples(st.just(terms), st.lists(st.one_of(st.floats(-0.99, 10), odd), min_size=len(terms) + 1,
-                                                     max_size=len(terms) + 1)))
+    lambda terms: st.tuples(
+        st.just(terms), st.lists(st.one_of(st.floats(-0.99, 10), odd), min_size=len(terms) + 1, max_size=len(terms) + 1)
+    )
+)
 
 
 @settings(max_examples=60, deadline=None)
@@ -189,13 +248,20 @@ def test_display_and_export_rounding_follow_numpy_and_python(curve):
     suffix = f" ({zero} zero, {neg} negative)" if zero or neg else ""
     assert str(ir) == f"InterestRate: piecewise terms={t_txt}, rates={r_txt}{suffix}" == ir.summary()
     assert repr(ir) == f"InterestRate(terms={t_txt}, rates={r_txt})"
-    assert ir.export() == {"type": "piecewise", "terms": [round(t, 6) for t in terms], "rates": [round(r, 6) for r in rates]}
+    assert ir.export() == {
+        "type": "piecewise",
+        "terms": [round(t, 6) for t in terms],
+        "rates": [round(r, 6) for r in rates],
+    }
 
 
 def test_text_forms_of_container():
     box = InterestRate({"base": 0.01, "shock": ([5], [0.02, -0.03])})
-    lines = ["InterestRate scenarios: base, shock (active: base)", "  base: InterestRate: constant rate = 0.010000",
-             "  shock: InterestRate: piecewise terms=[5.], rates=[ 0.02 -0.03] (0 zero, 1 negative)"]
+    lines = [
+        "InterestRate scenarios: base, shock (active: base)",
+        "  base: InterestRate: constant rate = 0.010000",
+        "  shock: InterestRate: piecewise terms=[5.], rates=[ 0.02 -0.03] (0 zero, 1 negative)",
+    ]
     assert str(box) == "\n".join(lines) == box.summary()
     assert repr(box) == "InterestRate(scenarios=['base', 'shock'], active='base')"
     box.active_scenario = "shock"
@@ -203,4 +269,6 @@ def test_text_forms_of_container():
     assert repr(box) == "InterestRate(scenarios=['base', 'shock'], active='shock')"
     grown = InterestRate(0.02)
     grown.add_scenario("x", InterestRate(0.0))
-    assert str(grown) == "InterestRate scenarios: x (active: x)\n  x: InterestRate: constant rate = 0.000000 (zero rate)"
+    assert (
+        str(grown) == "InterestRate scenarios: x (active: x)\n  x: InterestRate: constant rate = 0.000000 (zero rate)"
+    )

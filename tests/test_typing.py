@@ -23,7 +23,14 @@ MODULES = ("interest_rates", "_kernels")
 
 # Dunders of InterestRate that belong to its interface.
 INTEREST_RATE_DUNDERS = {
-    "__init__", "__eq__", "__hash__", "__str__", "__repr__", "__deepcopy__", "__getstate__", "__setstate__",
+    "__init__",
+    "__eq__",
+    "__hash__",
+    "__str__",
+    "__repr__",
+    "__deepcopy__",
+    "__getstate__",
+    "__setstate__",
 }
 
 MISSING = object()
@@ -62,7 +69,8 @@ def decorators(node: ast.FunctionDef) -> set[str]:
 def functions(body: list[ast.stmt]) -> list[ast.FunctionDef]:
     """The functions of a body, properties and their setters left out."""
     return [
-        node for node in body
+        node
+        for node in body
         if isinstance(node, ast.FunctionDef)
         and not any(d == "property" or d.endswith(".setter") for d in decorators(node))
     ]
@@ -84,8 +92,10 @@ def runtime_params(func: object) -> list[tuple[str, inspect._ParameterKind, obje
     """(name, kind, default) of each parameter, from nanobind's recorded signature
     (or Python's, for the functions the extension installs from a sibling)."""
     if not hasattr(func, "__nb_signature__"):
-        return [(p.name, p.kind, MISSING if p.default is p.empty else p.default)
-                for p in inspect.signature(func).parameters.values()]
+        return [
+            (p.name, p.kind, MISSING if p.default is p.empty else p.default)
+            for p in inspect.signature(func).parameters.values()
+        ]
     (signature,) = func.__nb_signature__  # type: ignore[attr-defined]
     text, _doc, defaults = signature
     params, kind = [], POS_OR_KW
@@ -186,6 +196,7 @@ def test_signatures_match_the_stub(module, class_name, node):
     raw = vars(owner)[node.name] if class_name else getattr(owner, node.name)
     runtime = runtime_params(getattr(raw, "__func__", raw))
     stub = stub_params(node)
+
     # Positional-only names are not part of the interface; their number is.
     def shape(params):
         return [(kind, None if kind is POS_ONLY else name) for name, kind, _ in params]

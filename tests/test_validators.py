@@ -21,21 +21,32 @@ def raises(exc, text):
     return pytest.raises(exc, match=r"^\[InterestRate\.a\] .*" + re.escape(text))
 
 
-@pytest.mark.parametrize("kw, exc, text", [
-    ({"n": None}, None, ""), ({"n": INF}, None, ""),
-    ({"ts": np.int64(3), "d": np.float32(2.5), "ts_integer": True}, None, ""),
-    ({"ts": -1.0}, ValueError, "'ts' must be finite and >= 0, got -1.0"),
-    ({"ts": INF}, ValueError, "'ts' must be finite and >= 0, got inf"),
-    ({"ts": True}, TypeError, "'ts' must be a real number, got bool"),
-    ({"d": NAN}, ValueError, "'d' must be finite and >= 0, got nan"),
-    ({"n": -1.0}, ValueError, "'n' must be >= 0, got -1.0"),
-    ({"n": [10.0]}, TypeError, "'n' must be a real number, got list"),
-    ({"ts": 1.5, "ts_integer": True}, ValueError, "'ts' must be a whole number of years"),
-    ({"cashflow_times": [1.0], "has_growth_rate": True}, ValueError, "'gr' cannot be combined with explicit"),
-])
+@pytest.mark.parametrize(
+    "kw, exc, text",
+    [
+        ({"n": None}, None, ""),
+        ({"n": INF}, None, ""),
+        ({"ts": np.int64(3), "d": np.float32(2.5), "ts_integer": True}, None, ""),
+        ({"ts": -1.0}, ValueError, "'ts' must be finite and >= 0, got -1.0"),
+        ({"ts": INF}, ValueError, "'ts' must be finite and >= 0, got inf"),
+        ({"ts": True}, TypeError, "'ts' must be a real number, got bool"),
+        ({"d": NAN}, ValueError, "'d' must be finite and >= 0, got nan"),
+        ({"n": -1.0}, ValueError, "'n' must be >= 0, got -1.0"),
+        ({"n": [10.0]}, TypeError, "'n' must be a real number, got list"),
+        ({"ts": 1.5, "ts_integer": True}, ValueError, "'ts' must be a whole number of years"),
+        ({"cashflow_times": [1.0], "has_growth_rate": True}, ValueError, "'gr' cannot be combined with explicit"),
+    ],
+)
 def test_shift_deferment_duration(kw, exc, text):
-    args = {"ts": 0.0, "ts_integer": False, "d": 0.0, "n": 10.0, "cashflow_times": None,
-            "method_name": "InterestRate.a", "has_growth_rate": False} | kw
+    args = {
+        "ts": 0.0,
+        "ts_integer": False,
+        "d": 0.0,
+        "n": 10.0,
+        "cashflow_times": None,
+        "method_name": "InterestRate.a",
+        "has_growth_rate": False,
+    } | kw
     if exc is None:
         _validate_shift_deferment_and_duration(**args)
     else:
@@ -43,14 +54,17 @@ def test_shift_deferment_duration(kw, exc, text):
             _validate_shift_deferment_and_duration(**args)
 
 
-@pytest.mark.parametrize("m, timing, exc, text", [
-    (np.int64(365), np.int8(0), None, ""),
-    (5, 0, ValueError, "'m' must be one of (1, 2, 3, 4, 6, 12, 13, 24, 26, 52, 365), got 5"),
-    (12.0, 0, TypeError, "'m' must be an integer payment frequency, got float"),
-    (True, 0, TypeError, "got bool"),
-    (12, 2, ValueError, "'payment_timing' must be 0 (due) or 1 (immediate), got 2"),
-    (12, True, TypeError, "'payment_timing' must be an int"),
-])
+@pytest.mark.parametrize(
+    "m, timing, exc, text",
+    [
+        (np.int64(365), np.int8(0), None, ""),
+        (5, 0, ValueError, "'m' must be one of (1, 2, 3, 4, 6, 12, 13, 24, 26, 52, 365), got 5"),
+        (12.0, 0, TypeError, "'m' must be an integer payment frequency, got float"),
+        (True, 0, TypeError, "got bool"),
+        (12, 2, ValueError, "'payment_timing' must be 0 (due) or 1 (immediate), got 2"),
+        (12, True, TypeError, "'payment_timing' must be an int"),
+    ],
+)
 def test_frequency_and_timing(m, timing, exc, text):
     if exc is None:
         _validate_frequency_and_payment_timing(m=m, payment_timing=timing, method_name="InterestRate.a")
@@ -60,39 +74,59 @@ def test_frequency_and_timing(m, timing, exc, text):
 
 
 def cashflows(**kw):
-    args = {"cashflow_times": None, "cashflow_amounts": None, "calculation_mode": "discrete_precision",
-            "m": 1, "n": 3.0, "method_name": "InterestRate.a", "caller": Dispatcher.ANNUITY}
+    args = {
+        "cashflow_times": None,
+        "cashflow_amounts": None,
+        "calculation_mode": "discrete_precision",
+        "m": 1,
+        "n": 3.0,
+        "method_name": "InterestRate.a",
+        "caller": Dispatcher.ANNUITY,
+    }
     return _validate_cashflow_inputs(**(args | kw))
 
 
-@pytest.mark.parametrize("kw, n_amounts", [
-    ({"cashflow_amounts": [100, 110, 121]}, 3),
-    ({"cashflow_amounts": np.ones(5), "n": 2.5, "m": 2}, 5),  # a pro-rata last payment counts
-    ({"cashflow_amounts": np.ones(50), "n": 4.1, "m": 12}, 50),  # 49.199999999999996 -> 50
-    ({"cashflow_amounts": np.ones(27), "n": 27 / 13, "m": 13}, 27),  # 27.000000000000004 -> 27
-    ({"cashflow_times": (1, 1, 2), "cashflow_amounts": [3, -4, 5], "calculation_mode": "continuous_precision"}, 3),
-])
+@pytest.mark.parametrize(
+    "kw, n_amounts",
+    [
+        ({"cashflow_amounts": [100, 110, 121]}, 3),
+        ({"cashflow_amounts": np.ones(5), "n": 2.5, "m": 2}, 5),  # a pro-rata last payment counts
+        ({"cashflow_amounts": np.ones(50), "n": 4.1, "m": 12}, 50),  # 49.199999999999996 -> 50
+        ({"cashflow_amounts": np.ones(27), "n": 27 / 13, "m": 13}, 27),  # 27.000000000000004 -> 27
+        ({"cashflow_times": (1, 1, 2), "cashflow_amounts": [3, -4, 5], "calculation_mode": "continuous_precision"}, 3),
+    ],
+)
 def test_cashflow_inputs_accepted(kw, n_amounts):
     times, amounts = cashflows(**kw)
     assert amounts.dtype == np.float64 and amounts.shape == (n_amounts,)
     assert (times is None) == ("cashflow_times" not in kw)
 
 
-@pytest.mark.parametrize("kw, exc, text", [
-    ({"cashflow_times": [1.0], "calculation_mode": "discrete_simplified"}, ValueError, "precision calculation mode"),
-    ({"cashflow_times": [1.0, NAN]}, ValueError, "'cashflow_times' must be finite and >= 0 at index 1, got nan"),
-    ({"cashflow_times": [1.0, 2.0, 1.5]}, ValueError, "must be non-decreasing, got 1.5 after 2.0 at index 2"),
-    ({"cashflow_times": 1.0}, ValueError, "'cashflow_times' must be a one-dimensional sequence"),
-    ({"cashflow_times": [True]}, TypeError, "'cashflow_times' must be a sequence of real numbers"),
-    ({"cashflow_amounts": [1.0, INF, 1.0]}, ValueError, "'cashflow_amounts' must be finite at index 1, got inf"),
-    ({"cashflow_amounts": np.ones((3, 1))}, ValueError, "'cashflow_amounts' must be a one-dimensional sequence"),
-    ({"cashflow_times": [1.0, 2.0], "cashflow_amounts": [1.0]}, ValueError,
-     "'cashflow_amounts' length must match provided 'cashflow_times' length."),
-    ({"cashflow_amounts": [1.0, 1.0]}, ValueError, "expected 3 (n=3.0, m=1), got 2"),
-    ({"cashflow_amounts": np.ones(4), "n": 1.5, "m": 2}, ValueError, "expected 3"),
-    ({"cashflow_amounts": [1.0], "n": None}, ValueError, "needs a finite term 'n'"),
-    ({"caller": "annuity"}, TypeError, "'caller' must be a Dispatcher"),
-])
+@pytest.mark.parametrize(
+    "kw, exc, text",
+    [
+        (
+            {"cashflow_times": [1.0], "calculation_mode": "discrete_simplified"},
+            ValueError,
+            "precision calculation mode",
+        ),
+        ({"cashflow_times": [1.0, NAN]}, ValueError, "'cashflow_times' must be finite and >= 0 at index 1, got nan"),
+        ({"cashflow_times": [1.0, 2.0, 1.5]}, ValueError, "must be non-decreasing, got 1.5 after 2.0 at index 2"),
+        ({"cashflow_times": 1.0}, ValueError, "'cashflow_times' must be a one-dimensional sequence"),
+        ({"cashflow_times": [True]}, TypeError, "'cashflow_times' must be a sequence of real numbers"),
+        ({"cashflow_amounts": [1.0, INF, 1.0]}, ValueError, "'cashflow_amounts' must be finite at index 1, got inf"),
+        ({"cashflow_amounts": np.ones((3, 1))}, ValueError, "'cashflow_amounts' must be a one-dimensional sequence"),
+        (
+            {"cashflow_times": [1.0, 2.0], "cashflow_amounts": [1.0]},
+            ValueError,
+            "'cashflow_amounts' length must match provided 'cashflow_times' length.",
+        ),
+        ({"cashflow_amounts": [1.0, 1.0]}, ValueError, "expected 3 (n=3.0, m=1), got 2"),
+        ({"cashflow_amounts": np.ones(4), "n": 1.5, "m": 2}, ValueError, "expected 3"),
+        ({"cashflow_amounts": [1.0], "n": None}, ValueError, "needs a finite term 'n'"),
+        ({"caller": "annuity"}, TypeError, "'caller' must be a Dispatcher"),
+    ],
+)
 def test_cashflow_inputs_refused(kw, exc, text):
     with raises(exc, text):
         cashflows(**kw)

@@ -25,7 +25,7 @@ double geometric_sum(double log_ratio, double count) {
 std::size_t payments_until(const Schedule& s, std::size_t first, std::size_t end, double limit) {
     if (std::isinf(limit)) return end - first;
     double estimate = std::floor((limit - s.start) * static_cast<double>(s.m) - s.timing);
-    std::size_t last = estimate < static_cast<double>(first) ? first
+    std::size_t last = estimate < static_cast<double>(first)  ? first
                        : estimate >= static_cast<double>(end) ? end - 1
                                                               : static_cast<std::size_t>(estimate);
     // The estimate can be off by one either way; the schedule's own times decide.
@@ -40,9 +40,12 @@ double log_growth(const Growth& g) { return g.kind == Growth::Geometric ? std::l
 
 double Growth::factor(std::size_t year) const {
     switch (kind) {
-        case Geometric: return std::pow(1.0 + rate, static_cast<double>(year));
-        case Arithmetic: return 1.0 + rate * static_cast<double>(year);
-        default: return 1.0;
+        case Geometric:
+            return std::pow(1.0 + rate, static_cast<double>(year));
+        case Arithmetic:
+            return 1.0 + rate * static_cast<double>(year);
+        default:
+            return 1.0;
     }
 }
 
@@ -161,7 +164,8 @@ double growth_series(const Growth& growth, std::size_t first, double r) {
         }
         case Growth::Arithmetic:
             return (1.0 + growth.rate * y0) / (1.0 - r) + growth.rate * r / ((1.0 - r) * (1.0 - r));
-        default: return 1.0 / (1.0 - r);
+        default:
+            return 1.0 / (1.0 - r);
     }
 }
 
@@ -275,8 +279,7 @@ double sum_of(const PiecewiseTable& curve, const ScheduleSums* sums, const Sched
     return sums ? sums->value(s) : schedule_value(curve, s);
 }
 
-double woolhouse_value(const PiecewiseTable& curve, const Annuity& annuity, bool continuous,
-                       const ScheduleSums* sums) {
+double woolhouse_value(const PiecewiseTable& curve, const Annuity& annuity, bool continuous, const ScheduleSums* sums) {
     const WoolhouseParts parts = woolhouse_parts(annuity, continuous);
     const double due = sum_of(curve, sums, parts.due), immediate = sum_of(curve, sums, parts.immediate);
     const double c = parts.weight;
@@ -292,11 +295,14 @@ double woolhouse_value(const PiecewiseTable& curve, const Annuity& annuity, bool
 
 double annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode, const ScheduleSums* sums) {
     switch (mode) {
-        case Mode::DiscretePrecision: return sum_of(curve, sums, annuity.schedule());
+        case Mode::DiscretePrecision:
+            return sum_of(curve, sums, annuity.schedule());
         case Mode::ContinuousPrecision:
             return continuous_value(curve, annuity.d, annuity.d + annuity.n, annuity.d, annuity.growth);
-        case Mode::DiscreteSimplified: return woolhouse_value(curve, annuity, false, sums);
-        case Mode::ContinuousSimplified: return woolhouse_value(curve, annuity, true, sums);
+        case Mode::DiscreteSimplified:
+            return woolhouse_value(curve, annuity, false, sums);
+        case Mode::ContinuousSimplified:
+            return woolhouse_value(curve, annuity, true, sums);
     }
     return 0.0;
 }

@@ -30,9 +30,9 @@ struct Growth {
 // 1/m times the growth factor of its year k / m. A schedule may end with one
 // pro-rata payment (fraction of a period) at its own time.
 struct Schedule {
-    double start = 0.0;   // deferment from the valuation time
-    std::size_t m = 1;    // payments per year
-    int timing = 0;       // 0 due (period start), 1 immediate (period end)
+    double start = 0.0;                // deferment from the valuation time
+    std::size_t m = 1;                 // payments per year
+    int timing = 0;                    // 0 due (period start), 1 immediate (period end)
     std::size_t first = 0, count = 0;  // the regular payments first .. first+count-1
     Growth growth;
     bool has_partial = false;
@@ -140,13 +140,13 @@ struct ScheduleCursor {
 };
 
 class ScheduleSums {
-public:
+  public:
     explicit ScheduleSums(const PiecewiseTable& curve) : curve_(&curve) {}
     void reserve(const Schedule& s);
     void build();
     double value(const Schedule& s) const;  // == schedule_value(curve, s)
 
-private:
+  private:
     using Key = std::array<std::uint64_t, 5>;  // start, m, timing, growth kind and rate
     struct KeyHash {
         std::size_t operator()(const Key& key) const;

@@ -21,10 +21,8 @@ void one_plus(std::span<const double> rates, std::span<double> out) {
     for (std::size_t j = 0; j < rates.size(); ++j) out[j] = 1.0 + rates[j];
 }
 
-void segment_discount_products(std::span<const double> one_plus_rates,
-                               std::span<const double> terms,
-                               std::span<double> full_segment,
-                               std::span<double> prefix) {
+void segment_discount_products(std::span<const double> one_plus_rates, std::span<const double> terms,
+                               std::span<double> full_segment, std::span<double> prefix) {
     double running = 1.0;
     for (std::size_t j = 0; j < terms.size(); ++j) {
         full_segment[j] = std::pow(one_plus_rates[j], -terms[j]);
@@ -39,8 +37,7 @@ std::optional<std::size_t> first_non_finite(std::span<const double> values) {
     return std::nullopt;
 }
 
-std::optional<std::size_t> first_at_or_below(std::span<const double> values,
-                                             double bound) {
+std::optional<std::size_t> first_at_or_below(std::span<const double> values, double bound) {
     for (std::size_t j = 0; j < values.size(); ++j)
         if (values[j] <= bound) return j;
     return std::nullopt;
@@ -72,8 +69,10 @@ inline bool needs_pow(double v) { return v != v; }
 // fallback (exp out of its range, or a NaN from a special power). Cloned for
 // AVX-512 and AVX2 where the CPU has them: the same IEEE operations either
 // way, so results do not depend on the machine.
-__attribute__((target_clones("avx512f", "avx2", "default"))) bool scaled_exp_block(
-    const double* n, const double* x, const double* scale, double* out, std::size_t len, bool nonpositive_is_one) {
+__attribute__((target_clones("avx512f", "avx2", "default"))) bool scaled_exp_block(const double* n, const double* x,
+                                                                                   const double* scale, double* out,
+                                                                                   std::size_t len,
+                                                                                   bool nonpositive_is_one) {
     // Written without branches (no short-circuit operators) so that it vectorises.
     // n <= NaN is never true: without the rule no element is replaced.
     const double floor = nonpositive_is_one ? 0.0 : std::numeric_limits<double>::quiet_NaN();
@@ -150,9 +149,7 @@ PiecewiseTable::PiecewiseTable(std::span<const double> rates, std::span<const do
     }
 }
 
-bool PiecewiseTable::has_rate_at_or_below_minus_one() const {
-    return first_at_or_below(rates_, -1.0).has_value();
-}
+bool PiecewiseTable::has_rate_at_or_below_minus_one() const { return first_at_or_below(rates_, -1.0).has_value(); }
 
 std::size_t PiecewiseTable::bucket_of(double n) const {
     double b = n * bucket_scale_;

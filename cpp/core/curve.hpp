@@ -2,9 +2,9 @@
 #pragma once
 
 #include <cstddef>
-#include <optional>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -19,17 +19,14 @@ void one_plus(std::span<const double> rates, std::span<double> out);
 // Discount factor of each complete segment, (1 + r_j)^(-t_j), and the running
 // product of those factors (discount from 0 to the end of segment j). The last
 // rate has no finite segment, so only terms.size() factors exist.
-void segment_discount_products(std::span<const double> one_plus_rates,
-                               std::span<const double> terms,
-                               std::span<double> full_segment,
-                               std::span<double> prefix);
+void segment_discount_products(std::span<const double> one_plus_rates, std::span<const double> terms,
+                               std::span<double> full_segment, std::span<double> prefix);
 
 // Position of the first NaN or infinity, if any.
 std::optional<std::size_t> first_non_finite(std::span<const double> values);
 
 // Position of the first value <= bound (NaN never matches), if any.
-std::optional<std::size_t> first_at_or_below(std::span<const double> values,
-                                             double bound);
+std::optional<std::size_t> first_at_or_below(std::span<const double> values, double bound);
 
 }  // namespace norvane::core
 
@@ -40,13 +37,12 @@ namespace norvane::core {
 // (a duration on a boundary belongs to the segment that ends there; the last
 // rate runs on indefinitely), evaluated as exp(-(n - start_t[j]) * log(1 + r_j)).
 class PiecewiseTable {
-public:
+  public:
     static constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
     // rates: m values; ends: the m-1 cumulative segment ends; prefix: the m-1
     // discount factors from 0 to each end (empty when only rates are looked up).
-    PiecewiseTable(std::span<const double> rates, std::span<const double> ends,
-                   std::span<const double> prefix);
+    PiecewiseTable(std::span<const double> rates, std::span<const double> ends, std::span<const double> prefix);
 
     // Segment of a time by the side-"left" search over the ends, clipped to the
     // last rate: times <= 0 give 0, NaN and times past the end give m-1.
@@ -65,7 +61,7 @@ public:
     double discount(double n) const;
     void discount(std::span<const double> n, std::span<double> out) const;
 
-private:
+  private:
     // What the kernel needs of segment j, in one cache line.
     struct Segment {
         double start_t;   // start of the segment

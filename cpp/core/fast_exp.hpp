@@ -32,15 +32,15 @@ inline double exp_core(double x) {
     // Estrin's scheme: the terms r^2..r^13 in a tree of depth four instead of
     // a twelve-step Horner chain, so independent elements overlap in the
     // pipeline.
-    constexpr double c2 = 1.0 / 2, c3 = 1.0 / 6, c4 = 1.0 / 24, c5 = 1.0 / 120, c6 = 1.0 / 720,
-                     c7 = 1.0 / 5040, c8 = 1.0 / 40320, c9 = 1.0 / 362880, c10 = 1.0 / 3628800,
-                     c11 = 1.0 / 39916800, c12 = 1.0 / 479001600, c13 = 1.0 / 6227020800;
+    constexpr double c2 = 1.0 / 2, c3 = 1.0 / 6, c4 = 1.0 / 24, c5 = 1.0 / 120, c6 = 1.0 / 720, c7 = 1.0 / 5040,
+                     c8 = 1.0 / 40320, c9 = 1.0 / 362880, c10 = 1.0 / 3628800, c11 = 1.0 / 39916800,
+                     c12 = 1.0 / 479001600, c13 = 1.0 / 6227020800;
     double r2 = r * r, r4 = r2 * r2, r8 = r4 * r4;
     double a0 = c2 + c3 * r, a1 = c4 + c5 * r, a2 = c6 + c7 * r, a3 = c8 + c9 * r, a4 = c10 + c11 * r,
            a5 = c12 + c13 * r;
     double b0 = a0 + a1 * r2, b1 = a2 + a3 * r2, b2 = a4 + a5 * r2;
     double tail = (b0 + b1 * r4) + b2 * r8;  // sum of c_k r^(k-2), k = 2..13
-    double p = r + r2 * tail;  // e^r - 1, keeping the leading 1 apart for accuracy
+    double p = r + r2 * tail;                // e^r - 1, keeping the leading 1 apart for accuracy
     double scale = std::bit_cast<double>((k + 1023) << 52);
     return (1.0 + p) * scale;
 }

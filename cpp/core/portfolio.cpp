@@ -35,8 +35,8 @@ void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::
     std::vector<std::uint32_t> group(count);
     std::vector<std::array<double, 3>> rows;
     for (std::size_t i = 0; i < count; ++i) {
-        auto [it, added] = group_of.try_emplace({key_of(n[i]), key_of(d[i]), key_of(ts[i])},
-                                                static_cast<std::uint32_t>(rows.size()));
+        auto [it, added] =
+            group_of.try_emplace({key_of(n[i]), key_of(d[i]), key_of(ts[i])}, static_cast<std::uint32_t>(rows.size()));
         if (added) rows.push_back({n[i], d[i], ts[i]});
         group[i] = it->second;
     }
@@ -48,7 +48,8 @@ void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::
         auto [it, added] = curve_of.try_emplace(key_of(rows[r][2]), curves.size());
         if (added) {
             const double ts = rows[r][2];
-            const CurveArrays seen = is_shift(ts, terms.tolerance_eps) ? shifted(curve, ts, terms.tolerance_eps) : curve;
+            const CurveArrays seen =
+                is_shift(ts, terms.tolerance_eps) ? shifted(curve, ts, terms.tolerance_eps) : curve;
             curves.push_back(discount_table(seen));
         }
         row_curve[r] = it->second;
@@ -69,8 +70,9 @@ void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::
         for (std::size_t r = begin; r < end; ++r) {
             const auto& annuity = annuities[r];
             const std::size_t c = row_curve[r];
-            unit[r] = annuity ? round_like_numpy(annuity_value(curves[c], *annuity, terms.mode, &sums[c]), terms.decimals)
-                              : 0.0;
+            unit[r] = annuity
+                          ? round_like_numpy(annuity_value(curves[c], *annuity, terms.mode, &sums[c]), terms.decimals)
+                          : 0.0;
         }
     });
     for (std::size_t i = 0; i < count; ++i) out[i] = benefits.empty() ? unit[group[i]] : unit[group[i]] * benefits[i];

@@ -23,7 +23,7 @@ __all__ = [
 # refuse ``bool`` and ``np.bool_`` explicitly.
 _NUMERIC_TYPES: tuple[type, ...] = (int, float, np.integer, np.floating)
 
-Scalar = Union[int, float, np.integer, np.floating]
+Scalar = int | float | np.integer | np.floating
 """One real number: a Python int or float, or a NumPy integer/floating scalar."""
 
 ScalarSequence = Union[Sequence[Scalar], NDArray[np.float64], "pd.Series[float]"]

@@ -16,8 +16,9 @@ import math
 import os
 import sys
 import time
+from collections.abc import Sequence
 from pathlib import Path
-from typing import Any, Sequence, TextIO
+from typing import Any, TextIO
 
 import numpy as np
 
@@ -25,8 +26,17 @@ from ._version import __version__
 from .base import _ALLOWED_PAYMENT_FREQUENCIES
 from .config import Config
 from .engine.base import _CALCULATION_MODES
-from .portfolio import (CHUNK, PERPETUITY_YEARS, InputError, Portfolio, flow_years, last_payment_year, policies_from_table,
-                        portfolio_flows, value_portfolio)
+from .portfolio import (
+    CHUNK,
+    PERPETUITY_YEARS,
+    InputError,
+    Portfolio,
+    flow_years,
+    last_payment_year,
+    policies_from_table,
+    portfolio_flows,
+    value_portfolio,
+)
 
 EXIT_OK = 0
 EXIT_INPUT = 2
@@ -97,7 +107,7 @@ def _require_pyarrow(purpose: str):
         import pyarrow
         import pyarrow.parquet
     except ImportError:
-        raise InputError(f"{purpose} needs pyarrow: pip install \"norvane[parquet]\"") from None
+        raise InputError(f'{purpose} needs pyarrow: pip install "norvane[parquet]"') from None
     return pyarrow
 
 
@@ -183,8 +193,7 @@ class Progress:
         self.done += count
         if self.enabled:
             filled = int(30 * self.done / self.total)
-            self.stream.write(f"\r{self.label} [{'#' * filled}{'.' * (30 - filled)}] "
-                              f"{self.done:,}/{self.total:,}")
+            self.stream.write(f"\r{self.label} [{'#' * filled}{'.' * (30 - filled)}] {self.done:,}/{self.total:,}")
             self.stream.flush()
 
     def close(self) -> None:
@@ -233,8 +242,10 @@ def write_table(path: Path, columns: dict[str, Sequence[Any]]) -> None:
     with opener(path, "wt", encoding="utf-8", newline="") as out:
         writer = csv.writer(out, lineterminator="\n")
         writer.writerow(columns)
-        cells = [[_cell(x) for x in col.tolist()] if isinstance(col, np.ndarray) else [_cell(x) for x in col]
-                 for col in columns.values()]
+        cells = [
+            [_cell(x) for x in col.tolist()] if isinstance(col, np.ndarray) else [_cell(x) for x in col]
+            for col in columns.values()
+        ]
         writer.writerows(zip(*cells))
 
 
@@ -242,7 +253,7 @@ def _require_matplotlib():
     try:
         from matplotlib.figure import Figure
     except ImportError:
-        raise InputError("plotting needs matplotlib: pip install \"norvane[plot]\"") from None
+        raise InputError('plotting needs matplotlib: pip install "norvane[plot]"') from None
     return Figure
 
 
@@ -271,25 +282,34 @@ def _portfolio_label(path: Path | None) -> str:
     return "bundled sample portfolio" if path is None else str(path)
 
 
-def _summary(args: argparse.Namespace, curve_label: str, mode: str, count: int, failed: int, total: float,
-             elapsed: float, first_errors: list[tuple[str, str]]) -> None:
+def _summary(
+    args: argparse.Namespace,
+    curve_label: str,
+    mode: str,
+    count: int,
+    failed: int,
+    total: float,
+    elapsed: float,
+    first_errors: list[tuple[str, str]],
+) -> None:
     if args.quiet:
-        print(f"{count:,} policies, {count - failed:,} valued, {failed:,} errors, "
-              f"total present value {_money(total)}")
+        print(f"{count:,} policies, {count - failed:,} valued, {failed:,} errors, total present value {_money(total)}")
         return
     print("norvane valuation")
-    _print_pairs([
-        ("portfolio", _portfolio_label(args.portfolio)),
-        ("curve", curve_label),
-        ("mode", mode),
-        *([("cluster", "local" if args.dask == "local" else str(args.dask))] if args.dask else []),
-        ("policies", f"{count:,}"),
-        ("valued", f"{count - failed:,}"),
-        ("errors", f"{failed:,}"),
-        ("total present value", _money(total)),
-        ("elapsed", f"{elapsed:.2f} s"),
-        *([("output", str(args.output))] if args.output is not None else []),
-    ])
+    _print_pairs(
+        [
+            ("portfolio", _portfolio_label(args.portfolio)),
+            ("curve", curve_label),
+            ("mode", mode),
+            *([("cluster", "local" if args.dask == "local" else str(args.dask))] if args.dask else []),
+            ("policies", f"{count:,}"),
+            ("valued", f"{count - failed:,}"),
+            ("errors", f"{failed:,}"),
+            ("total present value", _money(total)),
+            ("elapsed", f"{elapsed:.2f} s"),
+            *([("output", str(args.output))] if args.output is not None else []),
+        ]
+    )
     if failed:
         print(f"first errors (of {failed:,}):")
         for record, message in first_errors:
@@ -319,8 +339,12 @@ def run_value_dask(args: argparse.Namespace, curve: Any, curve_label: str, mode:
         policies = dd.read_parquet(source)
     else:
         # Compressed CSV cannot be split; Parquet datasets are the way to stream large books.
-        policies = dd.read_csv(source, dtype=object, keep_default_na=False,
-                               blocksize=None if source.name.lower().endswith(".gz") else "64MB")
+        policies = dd.read_csv(
+            source,
+            dtype=object,
+            keep_default_na=False,
+            blocksize=None if source.name.lower().endswith(".gz") else "64MB",
+        )
     policies = policies.rename(columns={c: str(c).strip().lower() for c in policies.columns})
     if "term" not in policies.columns:
         raise InputError(f"{source}: no 'term' column")
@@ -332,10 +356,15 @@ def run_value_dask(args: argparse.Namespace, curve: Any, curve_label: str, mode:
             if kind == "parquet":
                 result.to_parquet(args.output, write_index=False)
             else:
-                result.to_csv(args.output, single_file=True, index=False,
-                              compression="gzip" if args.output.name.lower().endswith(".gz") else None)
-        count, failed, total = dd.compute(result.shape[0], (~result["error"].isna()).sum(),
-                                          result["present_value"].sum())
+                result.to_csv(
+                    args.output,
+                    single_file=True,
+                    index=False,
+                    compression="gzip" if args.output.name.lower().endswith(".gz") else None,
+                )
+        count, failed, total = dd.compute(
+            result.shape[0], (~result["error"].isna()).sum(), result["present_value"].sum()
+        )
         shown = result[~result["error"].isna()].head(SHOWN_ERRORS, npartitions=-1)
         first = [(str(row.get("id", index)), row["error"]) for index, row in shown.iterrows()]
     _summary(args, curve_label, mode, int(count), int(failed), float(total), time.perf_counter() - started, first)
@@ -350,8 +379,7 @@ def run_value(args: argparse.Namespace) -> int:
     if args.dask:
         return run_value_dask(args, curve, curve_label, mode, started)
     pf = read_portfolio(args.portfolio or SAMPLE_PORTFOLIO)
-    show = args.progress if args.progress is not None else (
-        not args.quiet and len(pf) > CHUNK and sys.stderr.isatty())
+    show = args.progress if args.progress is not None else (not args.quiet and len(pf) > CHUNK and sys.stderr.isatty())
     values, errors = value_portfolio(curve, pf, mode, Progress(len(pf), show))
     if args.output is not None:
         try:
@@ -373,16 +401,23 @@ def run_curve(args: argparse.Namespace) -> int:
         if not 0 < args.horizon < math.inf:
             raise InputError(f"--horizon must be a positive number of years, got {args.horizon}")
     curve, curve_label = load_curve(args.curve, args.rate)
-    report = {"curve": curve_label, "export": curve.export("dict"),
-              "analysis": curve.curve_analysis(), "validation": curve.validate()}
+    report = {
+        "curve": curve_label,
+        "export": curve.export("dict"),
+        "analysis": curve.curve_analysis(),
+        "validation": curve.validate(),
+    }
     print(json.dumps(report, indent=2, default=_jsonable))
     if args.plot is None:
         return EXIT_OK
     t = np.linspace(0.0, args.horizon, 601)
     fig = Figure(figsize=(8, 9), dpi=100, layout="constrained")
     panels = fig.subplots(3, 1, sharex=True)
-    for ax, ys, title in zip(panels, (curve.vn(t), curve.get_rate(t), curve.delta(t)),
-                             ("discount factor v(t)", "rate in force i(t)", "force of interest δ(t)")):
+    for ax, ys, title in zip(
+        panels,
+        (curve.vn(t), curve.get_rate(t), curve.delta(t)),
+        ("discount factor v(t)", "rate in force i(t)", "force of interest δ(t)"),
+    ):
         ax.plot(t, ys)
         ax.set_title(title)
         ax.grid(True, alpha=0.3)
@@ -416,8 +451,15 @@ def run_flows(args: argparse.Namespace) -> int:
     total = math.fsum(flows["pv_cf"].tolist())
 
     print("norvane cash flows")
-    _print_pairs([("portfolio", _portfolio_label(args.portfolio)), ("curve", curve_label), ("mode", mode),
-                  ("policies", f"{len(pf):,}"), ("skipped (invalid)", f"{int((~valid).sum()):,}")])
+    _print_pairs(
+        [
+            ("portfolio", _portfolio_label(args.portfolio)),
+            ("curve", curve_label),
+            ("mode", mode),
+            ("policies", f"{len(pf):,}"),
+            ("skipped (invalid)", f"{int((~valid).sum()):,}"),
+        ]
+    )
     gathered = perpetuities or last > years
     if perpetuities and (pf.benefit[valid][~np.isfinite(pf.term[valid])] > 0).any():
         # The undiscounted payments of a perpetuity have no finite sum.
@@ -431,8 +473,10 @@ def run_flows(args: argparse.Namespace) -> int:
         print(f"{label:>6}  {_money(cf):>20}  {_money(pv):>20}")
     print(f"{'total':>6}  {_money(expected_total):>20}  {_money(total):>20}")
     if gathered:
-        print(f"flows after year {years - 1} are shown in year {labels[-1]}"
-              + (" (perpetuities: no finite sum of payments)" if perpetuities else ""))
+        print(
+            f"flows after year {years - 1} are shown in year {labels[-1]}"
+            + (" (perpetuities: no finite sum of payments)" if perpetuities else "")
+        )
     if args.output is not None:
         try:
             write_table(args.output, flows)
@@ -462,60 +506,105 @@ def run_flows(args: argparse.Namespace) -> int:
 def build_parser() -> argparse.ArgumentParser:
     raw = argparse.RawDescriptionHelpFormatter
     parser = argparse.ArgumentParser(
-        prog="norvane", formatter_class=raw,
+        prog="norvane",
+        formatter_class=raw,
         description="Actuarial interest-rate curves and annuity valuation. Without a command, "
-                    "'value' runs (on the bundled sample portfolio and curve when no files are given).",
-        epilog=POLICY_COLUMNS)
+        "'value' runs (on the bundled sample portfolio and curve when no files are given).",
+        epilog=POLICY_COLUMNS,
+    )
     parser.add_argument("--version", action="version", version=f"norvane {__version__}")
     commands = parser.add_subparsers(dest="command", metavar="COMMAND")
 
     curve_options = argparse.ArgumentParser(add_help=False)
     source = curve_options.add_mutually_exclusive_group()
-    source.add_argument("--curve", type=Path, metavar="FILE",
-                        help="curve as InterestRate.export writes it (JSON); default: the bundled sample curve")
+    source.add_argument(
+        "--curve",
+        type=Path,
+        metavar="FILE",
+        help="curve as InterestRate.export writes it (JSON); default: the bundled sample curve",
+    )
     source.add_argument("--rate", type=float, metavar="R", help="constant effective annual rate instead, e.g. 0.03")
 
     book_options = argparse.ArgumentParser(add_help=False)
-    book_options.add_argument("--portfolio", type=Path, metavar="FILE",
-                              help="policies: .csv, .csv.gz or .parquet; default: the bundled sample portfolio")
-    book_options.add_argument("--mode", choices=_CALCULATION_MODES,
-                              help=f"calculation mode (default {Config().calculation_mode})")
+    book_options.add_argument(
+        "--portfolio",
+        type=Path,
+        metavar="FILE",
+        help="policies: .csv, .csv.gz or .parquet; default: the bundled sample portfolio",
+    )
+    book_options.add_argument(
+        "--mode", choices=_CALCULATION_MODES, help=f"calculation mode (default {Config().calculation_mode})"
+    )
 
     value = commands.add_parser(
-        "value", parents=[book_options, curve_options], formatter_class=raw, epilog=POLICY_COLUMNS,
+        "value",
+        parents=[book_options, curve_options],
+        formatter_class=raw,
+        epilog=POLICY_COLUMNS,
         help="present value of every policy of a portfolio (the default command)",
-        description="Value every policy of a portfolio and print a summary.")
-    value.add_argument("--output", type=Path, metavar="FILE",
-                       help="write id, present_value and error per policy (.csv, .csv.gz or .parquet)")
+        description="Value every policy of a portfolio and print a summary.",
+    )
+    value.add_argument(
+        "--output",
+        type=Path,
+        metavar="FILE",
+        help="write id, present_value and error per policy (.csv, .csv.gz or .parquet)",
+    )
     value.add_argument("--quiet", action="store_true", help="print a one-line summary only")
-    value.add_argument("--dask", nargs="?", const="local", metavar="ADDRESS",
-                       help="value on a Dask cluster: the scheduler's address, or a local cluster when no "
-                            "address is given (needs the dask extra); reads Parquet datasets (directories) or "
-                            "CSV and writes a partitioned Parquet dataset for a .parquet output")
-    value.add_argument("--workers", type=int, default=2, metavar="N",
-                       help="worker processes of the local Dask cluster (default 2)")
-    value.add_argument("--progress", action=argparse.BooleanOptionalAction, default=None,
-                       help="progress bar on stderr (default: when stderr is a terminal and the portfolio is long)")
+    value.add_argument(
+        "--dask",
+        nargs="?",
+        const="local",
+        metavar="ADDRESS",
+        help="value on a Dask cluster: the scheduler's address, or a local cluster when no "
+        "address is given (needs the dask extra); reads Parquet datasets (directories) or "
+        "CSV and writes a partitioned Parquet dataset for a .parquet output",
+    )
+    value.add_argument(
+        "--workers", type=int, default=2, metavar="N", help="worker processes of the local Dask cluster (default 2)"
+    )
+    value.add_argument(
+        "--progress",
+        action=argparse.BooleanOptionalAction,
+        default=None,
+        help="progress bar on stderr (default: when stderr is a terminal and the portfolio is long)",
+    )
     value.set_defaults(run=run_value)
 
     curve = commands.add_parser(
-        "curve", parents=[curve_options], help="analysis and validation report of a curve",
-        description="Print a curve's analysis and validation report as JSON, optionally plot it.")
-    curve.add_argument("--plot", type=Path, metavar="FILE.png",
-                       help="plot discount factor, rate in force and force of interest (needs matplotlib)")
+        "curve",
+        parents=[curve_options],
+        help="analysis and validation report of a curve",
+        description="Print a curve's analysis and validation report as JSON, optionally plot it.",
+    )
+    curve.add_argument(
+        "--plot",
+        type=Path,
+        metavar="FILE.png",
+        help="plot discount factor, rate in force and force of interest (needs matplotlib)",
+    )
     curve.add_argument("--horizon", type=float, default=60.0, metavar="YEARS", help="plot up to this time (default 60)")
     curve.set_defaults(run=run_curve)
 
     flows = commands.add_parser(
-        "flows", parents=[book_options, curve_options], formatter_class=raw, epilog=POLICY_COLUMNS,
+        "flows",
+        parents=[book_options, curve_options],
+        formatter_class=raw,
+        epilog=POLICY_COLUMNS,
         help="aggregated expected and discounted cash flows of a portfolio by year",
         description="Aggregate the portfolio's expected cash flows and their present values on a yearly "
-                    "grid after the valuation time. Invalid records are skipped and counted.")
-    flows.add_argument("--horizon", type=float, metavar="YEARS",
-                       help="last year of the grid (default: the last payment year of the finite policies, "
-                            f"at least {PERPETUITY_YEARS} with perpetuities; later flows are shown in the last year)")
-    flows.add_argument("--output", type=Path, metavar="FILE",
-                       help="write year, expected_cf and pv_cf (.csv, .csv.gz or .parquet)")
+        "grid after the valuation time. Invalid records are skipped and counted.",
+    )
+    flows.add_argument(
+        "--horizon",
+        type=float,
+        metavar="YEARS",
+        help="last year of the grid (default: the last payment year of the finite policies, "
+        f"at least {PERPETUITY_YEARS} with perpetuities; later flows are shown in the last year)",
+    )
+    flows.add_argument(
+        "--output", type=Path, metavar="FILE", help="write year, expected_cf and pv_cf (.csv, .csv.gz or .parquet)"
+    )
     flows.add_argument("--plot", type=Path, metavar="FILE.png", help="bar chart of the flows (needs matplotlib)")
     flows.set_defaults(run=run_flows)
     return parser

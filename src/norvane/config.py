@@ -69,15 +69,11 @@ def _calendar_constant_allowed(value: object, allowed: tuple[float, ...]) -> boo
     return any(abs(x - a) <= _CALENDAR_TOLERANCE for a in allowed)
 
 
-def _snap_calendar_constant(
-    field: str, value: object, allowed: tuple[float, ...]
-) -> float | None:
+def _snap_calendar_constant(field: str, value: object, allowed: tuple[float, ...]) -> float | None:
     if value is None:
         return None
     if not _is_real_number(value):
-        raise TypeError(
-            f"[Config] '{field}' must be a real number or None, got {type(value).__name__}"
-        )
+        raise TypeError(f"[Config] '{field}' must be a real number or None, got {type(value).__name__}")
     x = float(value)  # type: ignore[arg-type]
     for a in allowed:
         if abs(x - a) <= _CALENDAR_TOLERANCE:
@@ -88,15 +84,10 @@ def _snap_calendar_constant(
 
 def _checked_decimals(value: object) -> int:
     if isinstance(value, (bool, np.bool_)) or not isinstance(value, (int, np.integer)):
-        raise TypeError(
-            f"[Config] 'decimals.annuities' must be an int, got {type(value).__name__}"
-        )
+        raise TypeError(f"[Config] 'decimals.annuities' must be an int, got {type(value).__name__}")
     n = int(value)
     if not 0 <= n <= _MAX_ANNUITY_DECIMALS:
-        raise ValueError(
-            f"[Config] 'decimals.annuities' must be between 0 and "
-            f"{_MAX_ANNUITY_DECIMALS}, got {n}"
-        )
+        raise ValueError(f"[Config] 'decimals.annuities' must be between 0 and {_MAX_ANNUITY_DECIMALS}, got {n}")
     return n
 
 
@@ -136,13 +127,9 @@ class Decimals:
 
 def _checked_mode(value: object) -> str:
     if not isinstance(value, str):
-        raise TypeError(
-            f"[Config] 'calculation_mode' must be a str, got {type(value).__name__}"
-        )
+        raise TypeError(f"[Config] 'calculation_mode' must be a str, got {type(value).__name__}")
     if value not in _CALCULATION_MODES:
-        raise ValueError(
-            f"[Config] 'calculation_mode' must be one of {_CALCULATION_MODES}, got {value!r}"
-        )
+        raise ValueError(f"[Config] 'calculation_mode' must be one of {_CALCULATION_MODES}, got {value!r}")
     return value
 
 

@@ -62,9 +62,11 @@ def _portfolio(frame: pd.DataFrame) -> Portfolio:
 def _settings(mode: str | None) -> dict[str, Any]:
     """The caller's valuation settings, applied in the workers (each has its own Config)."""
     config = Config()
-    return {"calculation_mode": mode or config.calculation_mode,
-            "decimals": {"annuities": config.decimals.annuities},
-            "force_integer_ts": config.force_integer_ts}
+    return {
+        "calculation_mode": mode or config.calculation_mode,
+        "decimals": {"annuities": config.decimals.annuities},
+        "force_integer_ts": config.force_integer_ts,
+    }
 
 
 def _valued(frame: pd.DataFrame, curve: Any, settings: dict[str, Any]) -> tuple[Portfolio, np.ndarray, list]:
@@ -74,8 +76,9 @@ def _valued(frame: pd.DataFrame, curve: Any, settings: dict[str, Any]) -> tuple[
     return pf, values, errors
 
 
-def _value_partition(frame: pd.DataFrame, curve: Any, settings: dict[str, Any], with_errors: bool,
-                     carry: Sequence[str]) -> pd.DataFrame:
+def _value_partition(
+    frame: pd.DataFrame, curve: Any, settings: dict[str, Any], with_errors: bool, carry: Sequence[str]
+) -> pd.DataFrame:
     _, values, errors = _valued(frame, curve, settings)
     result = pd.DataFrame({name: frame[name] for name in carry}, index=frame.index)
     result["present_value"] = values
@@ -89,8 +92,9 @@ def _shipped(curve: Any) -> Any:
     return dask.delayed(curve, pure=True, traverse=False)
 
 
-def value_policies(policies: dd.DataFrame, curve: Any, *, mode: str | None = None,
-                   with_errors: bool = False, carry: Sequence[str] = ()) -> dd.Series | dd.DataFrame:
+def value_policies(
+    policies: dd.DataFrame, curve: Any, *, mode: str | None = None, with_errors: bool = False, carry: Sequence[str] = ()
+) -> dd.Series | dd.DataFrame:
     """Present values of a Dask DataFrame of policies, partition by partition.
 
     Parameters
@@ -120,8 +124,7 @@ def value_policies(policies: dd.DataFrame, curve: Any, *, mode: str | None = Non
     meta["present_value"] = pd.Series(dtype="float64")
     if with_errors:
         meta["error"] = pd.Series(dtype="string")
-    result = policies.map_partitions(_value_partition, _shipped(curve), _settings(mode), with_errors, carry,
-                                     meta=meta)
+    result = policies.map_partitions(_value_partition, _shipped(curve), _settings(mode), with_errors, carry, meta=meta)
     return result if (with_errors or carry) else result["present_value"]
 
 
@@ -143,8 +146,9 @@ def _add(a: dict[str, np.ndarray], b: dict[str, np.ndarray]) -> dict[str, np.nda
     return {"year": a["year"], "expected_cf": a["expected_cf"] + b["expected_cf"], "pv_cf": a["pv_cf"] + b["pv_cf"]}
 
 
-def policy_flows(policies: dd.DataFrame, curve: Any, *, mode: str | None = None,
-                 horizon: float | None = None) -> dict[str, Any]:
+def policy_flows(
+    policies: dd.DataFrame, curve: Any, *, mode: str | None = None, horizon: float | None = None
+) -> dict[str, Any]:
     """Aggregated cash flows of the valid policies on the yearly grid 1, 2, ..., years.
 
     Parameters
@@ -174,8 +178,10 @@ def policy_flows(policies: dd.DataFrame, curve: Any, *, mode: str | None = None,
     years = flow_years(last, perpetuities, horizon)
     pieces = [dask.delayed(_partition_flows)(p, curve_key, settings, years) for p in parts]
     while len(pieces) > 1:  # a tree reduction keeps each task's inputs small
-        pieces = [dask.delayed(_add)(*pieces[i:i + 2]) if i + 1 < len(pieces) else pieces[i]
-                  for i in range(0, len(pieces), 2)]
+        pieces = [
+            dask.delayed(_add)(*pieces[i : i + 2]) if i + 1 < len(pieces) else pieces[i]
+            for i in range(0, len(pieces), 2)
+        ]
     flows = pieces[0].compute()
     flows["total_pv"] = float(flows["pv_cf"].sum())
     flows["invalid"] = sum(h[2] for h in horizons)

@@ -288,9 +288,7 @@ def _validate_numeric_input(
     if arr.ndim == 0:
         return arr.reshape(1), True
     if not allow_sequence:
-        raise TypeError(
-            _prefixed(method_name, f"Parameter '{attr_name}' must be a single number, not a sequence.")
-        )
+        raise TypeError(_prefixed(method_name, f"Parameter '{attr_name}' must be a single number, not a sequence."))
     return arr, False
 
 
@@ -329,13 +327,9 @@ def _validate_float_sequence(seq: Any, method_name: str = "", attr_name: str = "
     what = f"Parameter '{attr_name}'"
     arr = _converted(seq, method_name, what, "a sequence of real numbers")
     if arr.ndim == 0:
-        raise TypeError(
-            _prefixed(method_name, f"{what} must be a sequence of real numbers, not a single value.")
-        )
+        raise TypeError(_prefixed(method_name, f"{what} must be a sequence of real numbers, not a single value."))
     if arr.ndim > 1:
-        raise ValueError(
-            _prefixed(method_name, f"{what} must be one-dimensional, got {arr.ndim} dimensions.")
-        )
+        raise ValueError(_prefixed(method_name, f"{what} must be one-dimensional, got {arr.ndim} dimensions."))
     return arr
 
 
@@ -375,9 +369,7 @@ def _validate_scalar_numeric(
     if isinstance(value, _BOOL_TYPES) or not isinstance(value, allowed_types):
         types = allowed_types if isinstance(allowed_types, tuple) else (allowed_types,)
         names = " or ".join(_TYPE_NAMES.get(t, t.__name__) for t in types)
-        raise TypeError(
-            _prefixed(method, f"Parameter '{name}' must be of type {names}, got {type(value).__name__}.")
-        )
+        raise TypeError(_prefixed(method, f"Parameter '{name}' must be of type {names}, got {type(value).__name__}."))
     return value if cast is None else cast(value)
 
 
@@ -530,9 +522,7 @@ def _first_index(mask: NDArray[np.bool_]) -> int:
     return int(np.argmax(mask))
 
 
-def _validate_t_output(
-    t_output: Any, return_flows: bool, is_batch: bool, method_name: str
-) -> F64Array | None:
+def _validate_t_output(t_output: Any, return_flows: bool, is_batch: bool, method_name: str) -> F64Array | None:
     """Check an output grid for aggregated batch cash flows.
 
     ``None`` is always accepted. Otherwise batch mode and ``return_flows``
@@ -651,9 +641,7 @@ def _integer_array(x: Any, method_name: str, attr_name: str) -> NDArray[np.int64
 
 def _check_frequency(m: Any, method_name: str) -> int:
     if isinstance(m, _BOOL_TYPES) or not isinstance(m, _INTEGER_TYPES):
-        raise TypeError(
-            _prefixed(method_name, f"'m' must be an integer payment frequency, got {type(m).__name__}.")
-        )
+        raise TypeError(_prefixed(method_name, f"'m' must be an integer payment frequency, got {type(m).__name__}."))
     if m not in _ALLOWED_PAYMENT_FREQUENCIES:
         raise ValueError(_prefixed(method_name, f"'m' must be one of {_ALLOWED_PAYMENT_FREQUENCIES}, got {m!r}."))
     return int(m)
@@ -833,9 +821,7 @@ def _flat_param(arr: Any, name: str, method_name: str) -> F64Array:
     return values.reshape(-1)
 
 
-def _check_batch_param(
-    arr: Any, name: str, method_name: str, min_val: float = 0.0, allow_inf: bool = False
-) -> None:
+def _check_batch_param(arr: Any, name: str, method_name: str, min_val: float = 0.0, allow_inf: bool = False) -> None:
     """Raise on the first policy whose parameter is out of range.
 
     Every value must be ``>= min_val`` and finite (``+inf`` passes when
@@ -894,9 +880,7 @@ def _collect_batch_param_errors(
         _prefixed(
             method_name,
             "; ".join(
-                _batch_param_message(name, i, values[i], min_val)
-                for name, values, min_val, bad in named
-                if bad[i]
+                _batch_param_message(name, i, values[i], min_val) for name, values, min_val, bad in named if bad[i]
             ),
         )
         for i in np.flatnonzero(invalid).tolist()
@@ -909,9 +893,7 @@ def _collect_batch_param_errors(
 # --------------------------------------------------------------------------
 
 
-def _growth_codes(
-    gr: Any, N: int, method_name: str
-) -> tuple[NDArray[np.int64], list[GrowthRate | None]]:
+def _growth_codes(gr: Any, N: int, method_name: str) -> tuple[NDArray[np.int64], list[GrowthRate | None]]:
     """Per-policy index into a table of distinct growth rates."""
     from .growth_rates import _as_growth_rate
 
@@ -942,7 +924,7 @@ def _growth_codes(
             raise TypeError(_prefixed(method_name, "'gr' must not contain booleans."))
         index: dict[GrowthRate | None, int] = {}
         code_list = []
-        for value in (values.tolist() if isinstance(values, np.ndarray) else values):
+        for value in values.tolist() if isinstance(values, np.ndarray) else values:
             code_list.append(index.setdefault(resolve(value), len(index)))
         codes = np.asarray(code_list, dtype=np.int64)
         table = list(index)
@@ -1038,9 +1020,7 @@ def _finalize_batch_unit_pv_with_benefits(
     return out
 
 
-def _aggregate_flow_parts(
-    parts: Iterable[tuple[Any, Any, Any]], t_output: Any | None = None
-) -> dict[str, Any]:
+def _aggregate_flow_parts(parts: Iterable[tuple[Any, Any, Any]], t_output: Any | None = None) -> dict[str, Any]:
     """Merge per-group cash flows into one portfolio flow table.
 
     Parameters
@@ -1180,8 +1160,7 @@ def _cashflow_amounts_payment_skip(
         raise ValueError(
             _prefixed(
                 method_name,
-                f"'cashflow_amounts' lists {n_amounts} amounts but {remaining} payments "
-                f"remain at ts={float(ts)!r}.",
+                f"'cashflow_amounts' lists {n_amounts} amounts but {remaining} payments remain at ts={float(ts)!r}.",
             )
         )
     return skip

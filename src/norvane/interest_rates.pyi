@@ -11,14 +11,26 @@ from typing_extensions import Self
 
 from .base import (
     _NUMERIC_TYPES as _NUMERIC_TYPES,
+)
+from .base import (
     PaymentFrequencyLiteral as PaymentFrequencyLiteral,
+)
+from .base import (
     Scalar as Scalar,
+)
+from .base import (
     ScalarSequence as ScalarSequence,
 )
 from .config import (
     _ALLOWED_DAYS_PER_YEAR as _ALLOWED_DAYS_PER_YEAR,
+)
+from .config import (
     _ALLOWED_WEEKS_PER_YEAR as _ALLOWED_WEEKS_PER_YEAR,
+)
+from .config import (
     Config as Config,
+)
+from .config import (
     _calendar_constant_allowed as _calendar_constant_allowed,
 )
 from .engine.annuity import (
@@ -26,41 +38,99 @@ from .engine.annuity import (
 )
 from .engine.base import (
     CalculationModeLiteral as CalculationModeLiteral,
+)
+from .engine.base import (
     Dispatcher as Dispatcher,
 )
 from .growth_rates import GrowthRate as GrowthRate
 from .helpers import (
     _EMPTY_F64 as _EMPTY_F64,
+)
+from .helpers import (
     _MAX_FLOAT64 as _MAX_FLOAT64,
+)
+from .helpers import (
     BatchErrorReport as BatchErrorReport,
+)
+from .helpers import (
     BatchResult as BatchResult,
+)
+from .helpers import (
     _aggregate_flow_parts as _aggregate_flow_parts,
+)
+from .helpers import (
     _arraylike_len_or_1 as _arraylike_len_or_1,
+)
+from .helpers import (
     _as_f64_safe as _as_f64_safe,
+)
+from .helpers import (
     _batch_m_for_nan_recurse as _batch_m_for_nan_recurse,
+)
+from .helpers import (
     _cashflow_amounts_payment_skip as _cashflow_amounts_payment_skip,
+)
+from .helpers import (
     _check_batch_param as _check_batch_param,
+)
+from .helpers import (
     _coerce_record_ids as _coerce_record_ids,
+)
+from .helpers import (
     _detect_batch_ir_annuity as _detect_batch_ir_annuity,
+)
+from .helpers import (
     _finalize_batch_unit_pv_with_benefits as _finalize_batch_unit_pv_with_benefits,
+)
+from .helpers import (
     _finalize_scalar_or_array as _finalize_scalar_or_array,
+)
+from .helpers import (
     _group_batch_m_gr_indices as _group_batch_m_gr_indices,
+)
+from .helpers import (
     _has_growth_rate_param as _has_growth_rate_param,
+)
+from .helpers import (
     _is_finite_f64_array as _is_finite_f64_array,
+)
+from .helpers import (
     _map_batch_n_none_to_inf as _map_batch_n_none_to_inf,
+)
+from .helpers import (
     _resolve_batch_m as _resolve_batch_m,
+)
+from .helpers import (
     _validate_benefits as _validate_benefits,
+)
+from .helpers import (
     _validate_float_sequence as _validate_float_sequence,
+)
+from .helpers import (
     _validate_numeric_input as _validate_numeric_input,
+)
+from .helpers import (
     _validate_on_error_batch_only as _validate_on_error_batch_only,
+)
+from .helpers import (
     _validate_record_ids_batch_only as _validate_record_ids_batch_only,
+)
+from .helpers import (
     _validate_scalar_numeric as _validate_scalar_numeric,
+)
+from .helpers import (
     _validate_t_output as _validate_t_output,
 )
 from .validators import (
     _resolve_gr as _resolve_gr,
+)
+from .validators import (
     _validate_cashflow_inputs as _validate_cashflow_inputs,
+)
+from .validators import (
     _validate_frequency_and_payment_timing as _validate_frequency_and_payment_timing,
+)
+from .validators import (
     _validate_shift_deferment_and_duration as _validate_shift_deferment_and_duration,
 )
 
@@ -238,7 +308,9 @@ class InterestRate:
         self, x: ScalarSequence | NDArray[Any], x0: Scalar | ScalarSequence | NDArray[Any] = 0.0
     ) -> NDArray[np.float64]: ...
     @overload
-    def vx(self, x: Scalar | ScalarSequence | NDArray[Any], x0: ScalarSequence | NDArray[Any]) -> NDArray[np.float64]: ...
+    def vx(
+        self, x: Scalar | ScalarSequence | NDArray[Any], x0: ScalarSequence | NDArray[Any]
+    ) -> NDArray[np.float64]: ...
     @overload
     def sn(self, n: Scalar) -> float: ...
     @overload

@@ -10,9 +10,10 @@ from __future__ import annotations
 
 import math
 import re
+from collections.abc import Callable, Sequence
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any, Callable, Sequence
+from typing import Any
 
 import numpy as np
 
@@ -38,9 +39,14 @@ class _NoProgress:
 
 
 # Library messages name the keyword arguments; the command line speaks in columns.
-_PARAMETER_COLUMNS = {"n": "term", "d": "deferment", "ts": "shift", "m": "frequency",
-                      "gr": "growth", "benefits": "benefit"}
-
+_PARAMETER_COLUMNS = {
+    "n": "term",
+    "d": "deferment",
+    "ts": "shift",
+    "m": "frequency",
+    "gr": "growth",
+    "benefits": "benefit",
+}
 
 
 @dataclass
@@ -61,7 +67,6 @@ class Portfolio:
         return len(self.ids)
 
 
-
 def _note(errors: list[str | None], i: int, message: str) -> None:
     if errors[i] is None:
         errors[i] = message
@@ -79,8 +84,9 @@ def _number(cell: Any) -> float | None:
         return None
 
 
-def _floats(raw: Sequence[Any] | None, count: int, default: float, column: str,
-            errors: list[str | None]) -> tuple[np.ndarray, np.ndarray]:
+def _floats(
+    raw: Sequence[Any] | None, count: int, default: float, column: str, errors: list[str | None]
+) -> tuple[np.ndarray, np.ndarray]:
     """A column as float64 with the default for empty cells, and the mask of given cells."""
     if raw is None:
         return np.full(count, default), np.zeros(count, dtype=bool)
@@ -99,14 +105,14 @@ def _floats(raw: Sequence[Any] | None, count: int, default: float, column: str,
     return np.array(parsed, dtype=float), np.array(given, dtype=bool)
 
 
-def policies_from_table(table: dict[str, Sequence[Any]], count: int, defects: list[str | None],
-              source: Path) -> Portfolio:
+def policies_from_table(
+    table: dict[str, Sequence[Any]], count: int, defects: list[str | None], source: Path
+) -> Portfolio:
     if "term" not in table:
         raise InputError(f"{source}: no 'term' column (columns: {', '.join(table) or 'none'})")
     errors = list(defects)
     raw_ids = table.get("id")
-    ids = [str(i + 1) for i in range(count)] if raw_ids is None else [
-        "" if x is None else str(x) for x in raw_ids]
+    ids = [str(i + 1) for i in range(count)] if raw_ids is None else ["" if x is None else str(x) for x in raw_ids]
 
     # term, deferment and shift are checked by the valuation itself, record by record.
     term, _ = _floats(table["term"], count, math.inf, "term", errors)
@@ -117,8 +123,9 @@ def policies_from_table(table: dict[str, Sequence[Any]], count: int, defects: li
     freq, _ = _floats(table.get("frequency"), count, 1.0, "frequency", errors)
     allowed = np.isin(freq, _ALLOWED_PAYMENT_FREQUENCIES)
     for i in np.flatnonzero(~allowed):
-        _note(errors, i, f"frequency must be one of {_ALLOWED_PAYMENT_FREQUENCIES}, "
-                         f"got {_shown(table['frequency'][i])}")
+        _note(
+            errors, i, f"frequency must be one of {_ALLOWED_PAYMENT_FREQUENCIES}, got {_shown(table['frequency'][i])}"
+        )
     frequency = np.where(allowed, freq, 1).astype(np.int64)
 
     growth, has_growth = _floats(table.get("growth"), count, math.nan, "growth", errors)
@@ -147,7 +154,6 @@ def policies_from_table(table: dict[str, Sequence[Any]], count: int, defects: li
     return Portfolio(ids, term, deferment, shift, frequency, due, growth, benefit, errors)
 
 
-
 def _clean_message(message: str) -> str:
     """A library message without the method prefix and batch index, in column names."""
     message = re.sub(r"^\[[^\]]*\]\s*", "", message)
@@ -161,12 +167,14 @@ def _arguments(pf: Portfolio, rows: np.ndarray) -> dict[str, Any]:
     # A geometric rate of 0 is level payments; one float array is cheaper for the library
     # than a list of per-policy growth objects.
     gr = None if level.all() else np.where(level, 0.0, growth)
-    return dict(n=pf.term[rows], d=pf.deferment[rows], ts=pf.shift[rows], m=pf.frequency[rows],
-                gr=gr, benefits=pf.benefit[rows])
+    return dict(
+        n=pf.term[rows], d=pf.deferment[rows], ts=pf.shift[rows], m=pf.frequency[rows], gr=gr, benefits=pf.benefit[rows]
+    )
 
 
-def _value_rows(method: Callable, pf: Portfolio, rows: np.ndarray,
-                values: np.ndarray, errors: list[str | None]) -> None:
+def _value_rows(
+    method: Callable, pf: Portfolio, rows: np.ndarray, values: np.ndarray, errors: list[str | None]
+) -> None:
     try:
         result = method(**_arguments(pf, rows), on_error="nan")
     except (TypeError, ValueError, ArithmeticError):
@@ -201,7 +209,7 @@ def value_portfolio(curve: Any, pf: Portfolio, mode: str, progress: Any = None) 
         for due, method in ((True, curve.ä), (False, curve.a)):
             rows = np.flatnonzero(usable & (pf.due == due))
             for start in range(0, len(rows), CHUNK):
-                part = rows[start:start + CHUNK]
+                part = rows[start : start + CHUNK]
                 _value_rows(method, pf, part, values, errors)
                 progress.advance(len(part))
     progress.close()

@@ -87,7 +87,7 @@ nb::object average_force(InterestRate& self, nb::handle n) {
     double v = to_double(vn_impl(self, n, "n", true), "n");
     if (!(v > 0.0))
         raise(PyExc_ValueError, "Cannot calculate average force: discount factor " + float_str(v) +
-                               " ≤ 0 results in undefined average force per actuarial standards");
+                                    " ≤ 0 results in undefined average force per actuarial standards");
     if (v == 1.0) return nb::float_(0.0);
     // Divided by the caller's own n, as given.
     return nb::float_(checked(PyNumber_TrueDivide(nb::float_(-std::log(v)).ptr(), n.ptr())));
@@ -101,7 +101,7 @@ nb::object nominal_rate(InterestRate& self, nb::handle m_in, nb::handle t, Nomin
     const bool interest = kind == Nominal::Interest;
     if (PyBool_Check(m_in.ptr())) raise(PyExc_TypeError, "m must be a plain integer, got " + type_name_of(m_in));
     nb::object m = registry().validate_scalar_numeric(m_in, "m", interest ? "InterestRate.i_m" : "InterestRate.d_m",
-                                                  registry().integer_types, registry().int_type);
+                                                      registry().integer_types, registry().int_type);
     if (!PyLong_CheckExact(m.ptr())) m = nb::int_(m);
     if (truthy(checked(PyObject_RichCompare(m.ptr(), nb::int_(0).ptr(), Py_LE))))
         raise(PyExc_ValueError, "m must be a positive integer, got " + py_str(m));
@@ -111,8 +111,9 @@ nb::object nominal_rate(InterestRate& self, nb::handle m_in, nb::handle t, Nomin
     if (has_scenarios(self)) return nominal_rate(active_curve(self), m, nb::float_(t_f), kind);
 
     double rate = to_double(get_rate(self, nb::float_(t_f)), "rate");
-    validate_rate_for_force(nb::float_(rate), " at t=" + float_str(t_f) + (interest ? " (computing i^(" : " (computing d^(") +
-                                                  py_str(m) + "))");
+    validate_rate_for_force(
+        nb::float_(rate),
+        " at t=" + float_str(t_f) + (interest ? " (computing i^(" : " (computing d^(") + py_str(m) + "))");
     double md = to_double(m, "m");
     if (md == 1.0) return nb::float_(interest ? rate : rate / (rate + 1.0));
     if (interest) {
@@ -348,7 +349,8 @@ nb::dict curve_analysis(InterestRate& ir) {
     nb::object horizons = registry().np_array(nb::make_tuple(1, 5, 10, 30));
     nb::object values = registry().np_atleast_1d(vn_impl(ir, horizons, "n", true));
     const char* labels[] = {"1y", "5y", "10y", "30y"};
-    for (std::size_t i = 0; i < 4; ++i) factors[labels[i]] = nb::float_(to_double(values[nb::int_(i)], "discount factor"));
+    for (std::size_t i = 0; i < 4; ++i)
+        factors[labels[i]] = nb::float_(to_double(values[nb::int_(i)], "discount factor"));
 
     result["type"] = "piecewise";
     result["curve_policy"] = curve_policy(ir);

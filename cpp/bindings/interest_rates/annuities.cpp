@@ -58,8 +58,7 @@ std::optional<double> plain_annuity_value(nb::handle self_obj, int timing, const
         PyErr_Clear();
         return std::nullopt;
     }
-    if (!(std::isfinite(*d) && *d >= 0.0 && std::isfinite(*ts) && *ts >= 0.0) || !(*n >= 0.0) ||
-        !allowed_frequency(m))
+    if (!(std::isfinite(*d) && *d >= 0.0 && std::isfinite(*ts) && *ts >= 0.0) || !(*n >= 0.0) || !allowed_frequency(m))
         return std::nullopt;
     InterestRate& self = nb::cast<InterestRate&>(self_obj);
     nb::object config = self[Config];
@@ -155,7 +154,8 @@ Examples
 
 std::string annuity_doc(const char* kind, const char* when, bool with_times) {
     const char* times_doc =
-        with_times ? "cashflow_times : array_like, optional\n    Explicit payment times since inception (plus d).\n" : "";
+        with_times ? "cashflow_times : array_like, optional\n    Explicit payment times since inception (plus d).\n"
+                   : "";
     std::string text(std::strlen(kAnnuityDoc) + 256, '\0');
     int len = std::snprintf(text.data(), text.size(), kAnnuityDoc, kind, when, times_doc);
     text.resize(static_cast<std::size_t>(len));
@@ -194,8 +194,8 @@ void register_annuities(nb::module_& m, CurveClass& cls) {
            nb::handle cashflow_amounts, nb::handle benefits, nb::handle return_flows, nb::handle t_output,
            nb::handle on_error, nb::handle record_ids) {
             return annuity(self, "InterestRate.\u00e4", 0,
-                           {ts, d, n, m_, gr, nb::none(), cashflow_amounts, benefits, return_flows, t_output,
-                            on_error, record_ids});
+                           {ts, d, n, m_, gr, nb::none(), cashflow_amounts, benefits, return_flows, t_output, on_error,
+                            record_ids});
         },
         nb::kw_only(), nb::arg("ts").none() = 0.0, nb::arg("d").none() = 0.0, nb::arg("n").none() = nb::none(),
         nb::arg("m").none() = 1, nb::arg("gr").none() = nb::none(), nb::arg("cashflow_amounts").none() = nb::none(),

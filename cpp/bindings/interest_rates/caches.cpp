@@ -11,7 +11,7 @@ PyObject* interned(const char* name) { return PyUnicode_InternFromString(name); 
 
 // Holds a curve's threading.Lock for a scope, released on every exit path.
 class LockGuard {
-public:
+  public:
     explicit LockGuard(nb::handle lock) : lock_(nb::borrow(lock)) {
         static PyObject* acquire = interned("acquire");
         checked(PyObject_CallMethodNoArgs(lock_.ptr(), acquire));
@@ -28,20 +28,17 @@ public:
     LockGuard(const LockGuard&) = delete;
     LockGuard& operator=(const LockGuard&) = delete;
 
-private:
+  private:
     nb::object lock_;
 };
 
 // The caches are OrderedDicts; a caller passing anything else gets a TypeError.
-void require_cache(nb::handle cache) {
-    require_dict(cache, "cache");
-}
+void require_cache(nb::handle cache) { require_dict(cache, "cache"); }
 
 nb::object as_maxsize(nb::handle maxsize) {
     if (PyLong_Check(maxsize.ptr()) && !PyBool_Check(maxsize.ptr())) return nb::borrow(maxsize);
     if (PyBool_Check(maxsize.ptr()) || !is_numeric(maxsize))
-        raise(PyExc_TypeError, "maxsize must be an integer, got " +
-                              type_name_of(maxsize));
+        raise(PyExc_TypeError, "maxsize must be an integer, got " + type_name_of(maxsize));
     return nb::int_(maxsize);
 }
 
@@ -126,8 +123,7 @@ void register_caches(CurveClass& cls) {
     cls.def("_recompute_prefix_products", &recompute_prefix_products,
             "Rebuild 1 + rates, the full-segment discount factors and their running product.");
     cls.def(
-        "_lru_touch_get",
-        [](InterestRate& ir, nb::handle cache, double key) { return lru_touch_get(ir, cache, key); },
+        "_lru_touch_get", [](InterestRate& ir, nb::handle cache, double key) { return lru_touch_get(ir, cache, key); },
         nb::arg("cache"), nb::arg("key"),
         "Cached value for `key` (moved to the most-recently-used end), or None on a miss.");
     cls.def(

@@ -9,10 +9,24 @@
 
 namespace norvane::bindings {
 
-const std::array<const char*, SlotCount> kSlotNames = {
-    "_is_constant", "rate", "_terms", "_rates", "_cum_terms", "scenarios", "_active_scenario",
-    "_config", "_meta", "_rate_cache", "_force_cache", "_constant_delta", "_precomp_full_seg_prod",
-    "_precomp_prefix_prod", "_precomp_1pr", "_cache_lock", "_shift_cache_epoch", "_ts_shift_cache"};
+const std::array<const char*, SlotCount> kSlotNames = {"_is_constant",
+                                                       "rate",
+                                                       "_terms",
+                                                       "_rates",
+                                                       "_cum_terms",
+                                                       "scenarios",
+                                                       "_active_scenario",
+                                                       "_config",
+                                                       "_meta",
+                                                       "_rate_cache",
+                                                       "_force_cache",
+                                                       "_constant_delta",
+                                                       "_precomp_full_seg_prod",
+                                                       "_precomp_prefix_prod",
+                                                       "_precomp_1pr",
+                                                       "_cache_lock",
+                                                       "_shift_cache_epoch",
+                                                       "_ts_shift_cache"};
 
 namespace {
 
@@ -37,7 +51,6 @@ const std::array<const char*, SlotCount> kSlotDocs = {
     "Lock guarding the two LRU caches.",
     "Generation of the shifted-curve cache; advances on every change of the curve.",
     "Shifted curves by (curve, ts, generation)."};
-
 
 const char* kCurveDoc = R"doc(Interest-rate curve: constant, piecewise, or a container of scenarios.
 
@@ -69,7 +82,6 @@ True
 array([5., 5.])
 )doc";
 
-
 // Rich comparison without the identity shortcut, so that NaN != NaN.
 bool py_compare(nb::handle a, nb::handle b, int op) {
     return truthy(checked(PyObject_RichCompare(a.ptr(), b.ptr(), op)));
@@ -95,11 +107,10 @@ void validate_rates_array(nb::handle rates_in, nb::handle terms_len, const std::
     if (ndim_of(rates) != 1) raise(PyExc_ValueError, kRatesNotOneDimensional);
     std::span<const double> r = f64_span(rates);
     if (auto idx = core::first_non_finite(r))
-        raise(PyExc_ValueError, "Interest rate must be finite at position " + std::to_string(*idx) + context + ", got " +
-                    float_str(r[*idx]) + kNotFinite);
+        raise(PyExc_ValueError, "Interest rate must be finite at position " + std::to_string(*idx) + context +
+                                    ", got " + float_str(r[*idx]) + kNotFinite);
     if (auto idx = core::first_at_or_below(r, -1.0))
-        raise(PyExc_ValueError, "Rate " + float_str(r[*idx]) + " ≤ -1" + context +
-                    kNotPositive);
+        raise(PyExc_ValueError, "Rate " + float_str(r[*idx]) + " ≤ -1" + context + kNotPositive);
     if (expected_terms && r.size() != *expected_terms + 1) raise(PyExc_ValueError, kLengthRule);
 }
 
@@ -109,16 +120,15 @@ void validate_terms_array(nb::handle terms_in, nb::handle rates_len) {
     if (ndim_of(terms) != 1) raise(PyExc_ValueError, "terms must be a one-dimensional sequence of numerics.");
     std::span<const double> t = f64_span(terms);
     if (auto idx = core::first_non_finite(t))
-        raise(PyExc_ValueError, "Term length must be finite at position " + std::to_string(*idx) + ", got " +
-                    float_str(t[*idx]) + ".");
+        raise(PyExc_ValueError,
+              "Term length must be finite at position " + std::to_string(*idx) + ", got " + float_str(t[*idx]) + ".");
     if (core::first_at_or_below(t, 0.0)) raise(PyExc_ValueError, "All terms must be positive");
     if (expected_rates && *expected_rates != t.size() + 1) raise(PyExc_ValueError, kLengthRule);
 }
 
 // ---- term units ----------------------------------------------------------
 
-double calendar_factor(const char* name, nb::handle override_value, nb::handle config_value,
-                       nb::handle allowed) {
+double calendar_factor(const char* name, nb::handle override_value, nb::handle config_value, nb::handle allowed) {
     nb::handle per_year = override_value.is_none() ? config_value : override_value;
     if (per_year.is_none()) raise(PyExc_ValueError, std::string(name) + " is not configured");
     if (!truthy(registry().calendar_constant_allowed(per_year, allowed)))
@@ -126,14 +136,12 @@ double calendar_factor(const char* name, nb::handle override_value, nb::handle c
     return 1.0 / to_double(per_year, name);
 }
 
-double term_unit_factor(nb::handle unit, nb::handle config, nb::handle days_per_year,
-                        nb::handle weeks_per_year) {
+double term_unit_factor(nb::handle unit, nb::handle config, nb::handle days_per_year, nb::handle weeks_per_year) {
     std::string_view u = nb::isinstance<nb::str>(unit) ? nb::borrow<nb::str>(unit).c_str() : "";
     if (u == "years") return 1.0;
     if (u == "months") return 1.0 / 12;
     if (u == "days")
-        return calendar_factor("days_per_year", days_per_year, config.attr("days_per_year"),
-                               registry().allowed_days);
+        return calendar_factor("days_per_year", days_per_year, config.attr("days_per_year"), registry().allowed_days);
     if (u == "weeks")
         return calendar_factor("weeks_per_year", weeks_per_year, config.attr("weeks_per_year"),
                                registry().allowed_weeks);
@@ -155,9 +163,7 @@ std::optional<std::size_t> length_or_none(nb::handle array) {
     if (array.is_none()) return std::nullopt;
     return nb::len(array);
 }
-nb::object length_arg(std::optional<std::size_t> n) {
-    return n ? nb::object(nb::int_(*n)) : nb::none();
-}
+nb::object length_arg(std::optional<std::size_t> n) { return n ? nb::object(nb::int_(*n)) : nb::none(); }
 
 void set_rates(InterestRate& ir, nb::handle value) {
     if (value.is_none()) {
@@ -257,7 +263,8 @@ void build_piecewise(InterestRate& ir, nb::handle terms, nb::handle rates, nb::h
 
 void build_constant(InterestRate& ir, nb::handle rate) {
     if (!is_numeric(rate))
-        raise(PyExc_ValueError, "Invalid arguments: provide either a float rate, terms and rates, or a dictionary of scenarios.");
+        raise(PyExc_ValueError,
+              "Invalid arguments: provide either a float rate, terms and rates, or a dictionary of scenarios.");
     nb::float_ x(to_double(rate, "rate"));
     validate_rate_value(x, "");
     validate_rate_for_discount(to_double(x, "rate"), "");
@@ -270,8 +277,8 @@ void build_constant(InterestRate& ir, nb::handle rate) {
 
 InterestRate construct(nb::handle rate_in, nb::handle terms_in, nb::handle rates_in, nb::handle term_unit) {
     InterestRate ir;
-    ir[MetaData] = nb::cast(make_meta(term_unit, nb::none(), nb::none(), nb::none(), nb::none(),
-                                        nb::none(), nb::none(), nb::none()));
+    ir[MetaData] = nb::cast(
+        make_meta(term_unit, nb::none(), nb::none(), nb::none(), nb::none(), nb::none(), nb::none(), nb::none()));
     nb::object rate = nb::borrow(rate_in), terms = nb::borrow(terms_in), rates = nb::borrow(rates_in);
     bool is_scenario_dict = nb::isinstance<nb::dict>(rate);
     if (!rate.is_none() && !is_scenario_dict) {
@@ -284,7 +291,7 @@ InterestRate construct(nb::handle rate_in, nb::handle terms_in, nb::handle rates
     }
     if (!terms.is_none())
         terms = registry().validate_float_sequence(nb::arg("seq") = terms, nb::arg("method_name") = "InterestRate",
-                                               nb::arg("attr_name") = "terms");
+                                                   nb::arg("attr_name") = "terms");
     set_defaults(ir);
     if (is_scenario_dict)
         build_scenarios(ir, rate, term_unit);
@@ -296,7 +303,6 @@ InterestRate construct(nb::handle rate_in, nb::handle terms_in, nb::handle rates
 }
 
 // ---- scenarios --------------------------------------------------------------
-
 
 void set_active_scenario(InterestRate& ir, nb::handle name) {
     if (!has_scenarios(ir) || !nb::borrow<nb::dict>(ir[Scenarios]).contains(name))
@@ -311,7 +317,8 @@ void add_scenario(InterestRate& ir, nb::handle name, nb::handle scenario) {
     if (!nb::isinstance<InterestRate>(scenario))
         raise(PyExc_TypeError, "scenario must be an InterestRate instance, got " + type_name_of(scenario));
     if (has_scenarios(nb::cast<InterestRate&>(scenario)))
-        raise(PyExc_ValueError, "Nested multi-scenario InterestRate is not allowed. Add only simple scenarios (constant or piecewise).");
+        raise(PyExc_ValueError,
+              "Nested multi-scenario InterestRate is not allowed. Add only simple scenarios (constant or piecewise).");
     ir[Scenarios][name] = scenario;
     if (ir[ActiveScenario].is_none()) ir[ActiveScenario] = nb::borrow(name);
     invalidate_caches(ir);
@@ -326,8 +333,7 @@ bool curves_equal(const InterestRate& a, const InterestRate& b) {
     if (a_const != b_const) return false;
     if (a_const) return to_double(a[Rate], "rate") == to_double(b[Rate], "rate");
     if (has_scenarios(a))
-        return py_compare(a[Scenarios], b[Scenarios], Py_EQ) &&
-               py_compare(a[ActiveScenario], b[ActiveScenario], Py_EQ);
+        return py_compare(a[Scenarios], b[Scenarios], Py_EQ) && py_compare(a[ActiveScenario], b[ActiveScenario], Py_EQ);
     if (a[Terms].is_none() || b[Terms].is_none()) return a[Terms].is_none() && b[Terms].is_none();
     return truthy(registry().np_array_equal(a[Terms], b[Terms])) &&
            truthy(registry().np_array_equal(a[Rates], b[Rates]));
@@ -385,20 +391,21 @@ void validate_rate_value(nb::handle rate, const std::string& context) {
     } else {
         finite = std::isfinite(to_double(rate, "rate"));
     }
-    if (!finite) raise(PyExc_ValueError, "Interest rate must be finite" + context + ", got " + py_str(rate) + kNotFinite);
+    if (!finite)
+        raise(PyExc_ValueError, "Interest rate must be finite" + context + ", got " + py_str(rate) + kNotFinite);
 }
 
 void validate_rate_for_discount(double r, const std::string& context) {
     if (r > -1.0) return;  // NaN fails this test and is refused
     raise(PyExc_ValueError, "Rate " + float_str(r) + " ≤ -1" + context +
-                ": (1+i) must be positive for discount factor computation per actuarial standards");
+                                ": (1+i) must be positive for discount factor computation per actuarial standards");
 }
 
 void validate_rate_for_force(nb::handle rate, const std::string& context) {
     if (!py_compare(rate, nb::float_(-1.0), Py_LE)) return;
     std::string shown = py_str(checked(PyObject_Format(rate.ptr(), nb::str("").ptr())));
     raise(PyExc_ValueError, "Cannot calculate force of interest: rate " + shown + " ≤ -1" + context +
-                " would make ln(1 + i) undefined per actuarial standards");
+                                " would make ln(1 + i) undefined per actuarial standards");
 }
 
 InterestRate& curve_arg(nb::handle h, const char* what) {
@@ -503,10 +510,9 @@ int curve_clear(PyObject* self) {
     return 0;
 }
 
-PyType_Slot curve_type_slots[] = {
-    {Py_tp_traverse, reinterpret_cast<void*>(curve_traverse)},
-    {Py_tp_clear, reinterpret_cast<void*>(curve_clear)},
-    {0, nullptr}};
+PyType_Slot curve_type_slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(curve_traverse)},
+                                  {Py_tp_clear, reinterpret_cast<void*>(curve_clear)},
+                                  {0, nullptr}};
 
 nb::object config_backed(const InterestRate& ir, MetaField field, const char* config_attr) {
     const nb::object& override_value = meta_of(ir).field[field];
@@ -522,7 +528,8 @@ CurveClass register_curve_model(nb::module_& m) {
 
     cls.def_prop_rw(
         "rates", [](InterestRate& ir) { return ir[Rates]; }, [](InterestRate& ir, nb::object v) { set_rates(ir, v); },
-        nb::for_setter(nb::arg("value").none()), "Segment rates (read-only float64 array), or None for a constant curve.");
+        nb::for_setter(nb::arg("value").none()),
+        "Segment rates (read-only float64 array), or None for a constant curve.");
     cls.def_prop_rw(
         "terms", [](InterestRate& ir) { return ir[Terms]; }, [](InterestRate& ir, nb::object v) { set_terms(ir, v); },
         nb::for_setter(nb::arg("value").none()), "Segment lengths in years (read-only float64 array), or None.");
@@ -532,8 +539,8 @@ CurveClass register_curve_model(nb::module_& m) {
             // Built aside and moved in, so a failure leaves no half-made instance.
             new (self) InterestRate(construct(rate, terms, rates, term_unit));
         },
-        nb::arg("rate").none() = nb::none(), nb::arg("terms").none() = nb::none(),
-        nb::arg("rates").none() = nb::none(), nb::arg("term_unit").none() = "years");
+        nb::arg("rate").none() = nb::none(), nb::arg("terms").none() = nb::none(), nb::arg("rates").none() = nb::none(),
+        nb::arg("term_unit").none() = "years");
     cls.def(
         "__deepcopy__", [](nb::handle self, nb::handle memo) { return deep_copy(self, memo); }, nb::arg("memo"),
         "Deep copy for copy.deepcopy: shares the package Config and owns a new lock.");
@@ -560,8 +567,7 @@ Examples
     cls.def_prop_rw(
         "active_scenario", [](InterestRate& ir) { return ir[ActiveScenario]; },
         [](InterestRate& ir, nb::object name) { set_active_scenario(ir, name); },
-        nb::for_setter(nb::arg("name").none()),
-        "Name of the active scenario, or None for a single curve.");
+        nb::for_setter(nb::arg("name").none()), "Name of the active scenario, or None for a single curve.");
     cls.def_prop_ro(
         "scenario_names", [](InterestRate& ir) { return nb::list(ir[Scenarios].attr("keys")()); },
         "Scenario names in insertion order ([] for a single curve).");
@@ -617,11 +623,14 @@ Examples
 ('stress', 0.03)
 )doc");
 
-    cls.def("__eq__", [](nb::handle self, nb::handle other) -> nb::object {
-        if (!nb::isinstance<InterestRate>(other)) return nb::borrow(Py_NotImplemented);
-        if (self.is(other)) return nb::bool_(true);
-        return nb::bool_(curves_equal(nb::cast<InterestRate&>(self), nb::cast<InterestRate&>(other)));
-    }, nb::arg("other").none(), "Equality by value (kind, rates, terms in years, scenarios, active scenario).");
+    cls.def(
+        "__eq__",
+        [](nb::handle self, nb::handle other) -> nb::object {
+            if (!nb::isinstance<InterestRate>(other)) return nb::borrow(Py_NotImplemented);
+            if (self.is(other)) return nb::bool_(true);
+            return nb::bool_(curves_equal(nb::cast<InterestRate&>(self), nb::cast<InterestRate&>(other)));
+        },
+        nb::arg("other").none(), "Equality by value (kind, rates, terms in years, scenarios, active scenario).");
     cls.def("__hash__", &curve_hash, "Hash by value, consistent with ==.");
 
     cls.def_static(
@@ -636,9 +645,8 @@ Examples
                    "Refuse non-finite or non-positive terms and (with rates_len) a wrong number of terms.");
     cls.def_static("_validate_rate_value", &validate_rate_value, nb::arg("rate").none(), nb::arg("context") = "",
                    "Refuse a rate that is not a number (TypeError) or not finite (ValueError).");
-    cls.def_static(
-        "_validate_rate_for_force", &validate_rate_for_force, nb::arg("rate"), nb::arg("context") = "",
-        "Refuse rates <= -1 (compared as given), for which ln(1 + i) is undefined.");
+    cls.def_static("_validate_rate_for_force", &validate_rate_for_force, nb::arg("rate"), nb::arg("context") = "",
+                   "Refuse rates <= -1 (compared as given), for which ln(1 + i) is undefined.");
     cls.def_static(
         "_validate_rate_for_discount",
         [](nb::handle rate, const std::string& context) {

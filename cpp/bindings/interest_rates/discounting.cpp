@@ -19,12 +19,12 @@ constexpr std::size_t kReleaseGilAbove = 4096;
 // Durations as a contiguous float64 buffer, with the flag that says whether the
 // caller gave a single number (answered with a Python float).
 struct Durations {
-    nb::object owner;       // keeps the buffer alive (None for a scalar)
+    nb::object owner;  // keeps the buffer alive (None for a scalar)
     const double* data;
     std::size_t size;
     std::vector<std::size_t> shape;
     bool is_scalar;
-    double scalar;          // storage for a scalar input
+    double scalar;  // storage for a scalar input
 };
 
 bool is_plain_scalar(nb::handle h) {
@@ -161,9 +161,8 @@ nb::object constant_discount(InterestRate& ir, const Durations& d, bool validate
             return checked(PyNumber_Power(nb::float_(1.0 + rate).ptr(), nb::float_(-n).ptr(), Py_None));
         return nb::float_(v);
     }
-    return finish(d, [rate](const double* n, double* out, std::size_t k) {
-        core::constant_discount(rate, {n, k}, {out, k});
-    });
+    return finish(
+        d, [rate](const double* n, double* out, std::size_t k) { core::constant_discount(rate, {n, k}, {out, k}); });
 }
 
 std::vector<std::size_t> positions_on_bad_rates(const core::PiecewiseTable& table, const double* n, std::size_t k) {
@@ -256,9 +255,7 @@ std::pair<Times, Times> validate_x_and_x0(nb::handle x_in, nb::handle x0_in) {
     return {x, x0};
 }
 
-nb::object as_returned(const Times& t) {
-    return t.is_scalar ? nb::object(t.array.attr("item")()) : t.array;
-}
+nb::object as_returned(const Times& t) { return t.is_scalar ? nb::object(t.array.attr("item")()) : t.array; }
 
 }  // namespace
 
@@ -361,8 +358,8 @@ std::shared_ptr<const core::PiecewiseTable> valuation_table(InterestRate& ir) {
     }
     // A constant curve's table, kept while the rate slot holds the same float.
     if (!ir.table || !ir.table_key[0].is(ir[Rate])) {
-        ir.table = std::make_shared<const core::PiecewiseTable>(
-            core::discount_table({{to_double(ir[Rate], "rate")}, {}, {}}));
+        ir.table =
+            std::make_shared<const core::PiecewiseTable>(core::discount_table({{to_double(ir[Rate], "rate")}, {}, {}}));
         ir.table_key = {ir[Rate], nb::none(), nb::none()};
     }
     return ir.table;

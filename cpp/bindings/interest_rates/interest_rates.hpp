@@ -16,9 +16,25 @@ namespace norvane::bindings {
 // ---- the curve -----------------------------------------------------------
 
 enum Slot : std::size_t {
-    IsConstant, Rate, Terms, Rates, CumTerms, Scenarios, ActiveScenario, Config, MetaData,
-    RateCache, ForceCache, ConstantDelta, FullSegProd, PrefixProd, OnePlusRates,
-    CacheLock, ShiftCacheEpoch, TsShiftCache, SlotCount
+    IsConstant,
+    Rate,
+    Terms,
+    Rates,
+    CumTerms,
+    Scenarios,
+    ActiveScenario,
+    Config,
+    MetaData,
+    RateCache,
+    ForceCache,
+    ConstantDelta,
+    FullSegProd,
+    PrefixProd,
+    OnePlusRates,
+    CacheLock,
+    ShiftCacheEpoch,
+    TsShiftCache,
+    SlotCount
 };
 extern const std::array<const char*, SlotCount> kSlotNames;
 
@@ -49,13 +65,18 @@ struct Meta {
 };
 extern const std::array<const char*, Meta::kFields> kMetaFieldNames;
 enum MetaField : std::size_t {
-    TermUnitField, DaysPerYear, WeeksPerYear, CalculationMode, Description,
-    CacheMaxsize, ToleranceEps, PerpetuityNEff
+    TermUnitField,
+    DaysPerYear,
+    WeeksPerYear,
+    CalculationMode,
+    Description,
+    CacheMaxsize,
+    ToleranceEps,
+    PerpetuityNEff
 };
 // Builds and validates a metadata record (keyword names as the constructor).
-Meta make_meta(nb::handle term_unit, nb::handle days_per_year, nb::handle weeks_per_year,
-               nb::handle calculation_mode, nb::handle description, nb::handle cache_maxsize,
-               nb::handle tolerance_eps, nb::handle perpetuity_n_eff);
+Meta make_meta(nb::handle term_unit, nb::handle days_per_year, nb::handle weeks_per_year, nb::handle calculation_mode,
+               nb::handle description, nb::handle cache_maxsize, nb::handle tolerance_eps, nb::handle perpetuity_n_eff);
 Meta& meta_of(const InterestRate& ir);
 
 // Cache maintenance shared by the setters, the scenario switch and the kernels.

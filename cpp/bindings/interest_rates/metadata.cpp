@@ -5,9 +5,9 @@
 
 namespace norvane::bindings {
 
-const std::array<const char*, Meta::kFields> kMetaFieldNames = {
-    "term_unit", "days_per_year", "weeks_per_year", "calculation_mode",
-    "description", "cache_maxsize", "tolerance_eps", "perpetuity_n_eff"};
+const std::array<const char*, Meta::kFields> kMetaFieldNames = {"term_unit",        "days_per_year",   "weeks_per_year",
+                                                                "calculation_mode", "description",     "cache_maxsize",
+                                                                "tolerance_eps",    "perpetuity_n_eff"};
 
 namespace {
 
@@ -23,11 +23,9 @@ or to int by truncation for the integer settings); ``term_unit``,
 serialise to and from plain dicts.
 )doc";
 
-
 nb::object coerce_float(const char* name, nb::handle value) {
     if (value.is_none() || PyFloat_CheckExact(value.ptr())) return nb::borrow(value);
-    if (!is_numeric(value))
-        raise(PyExc_TypeError, std::string(name) + " must be a number, got " + type_name_of(value));
+    if (!is_numeric(value)) raise(PyExc_TypeError, std::string(name) + " must be a number, got " + type_name_of(value));
     return nb::float_(value);
 }
 
@@ -35,8 +33,7 @@ nb::object coerce_float(const char* name, nb::handle value) {
 // can never be a valid count, so it gets the same message as a non-positive one.
 nb::object coerce_int(const char* name, nb::handle value) {
     if (value.is_none() || PyLong_CheckExact(value.ptr())) return nb::borrow(value);
-    if (!is_numeric(value))
-        raise(PyExc_TypeError, std::string(name) + " must be an int, got " + type_name_of(value));
+    if (!is_numeric(value)) raise(PyExc_TypeError, std::string(name) + " must be an int, got " + type_name_of(value));
     if (!std::isfinite(to_double(value, name)))
         raise(PyExc_ValueError, std::string(name) + " must be a positive integer");
     return nb::int_(value);
@@ -45,8 +42,7 @@ nb::object coerce_int(const char* name, nb::handle value) {
 void check_calendar(const char* name, nb::handle value, nb::handle allowed) {
     if (value.is_none()) return;
     if (!truthy(registry().calendar_constant_allowed(value, allowed)))
-        raise(PyExc_ValueError, std::string(name) + " " + py_str(value) + " not in allowed set " +
-                               py_str(allowed));
+        raise(PyExc_ValueError, std::string(name) + " " + py_str(value) + " not in allowed set " + py_str(allowed));
 }
 
 nb::object positive_count(const char* name, nb::handle value, long fallback) {
@@ -65,16 +61,16 @@ nb::dict dump(const Meta& meta) {
 // Builds from a dict the way the readers do: missing keys give the defaults.
 Meta from_dict(nb::handle data, nb::handle term_unit_fallback) {
     nb::object get = data.attr("get");
-    return make_meta(get("term_unit", term_unit_fallback), get("days_per_year"),
-                     get("weeks_per_year"), get("calculation_mode"), get("description"),
-                     get("cache_maxsize"), get("tolerance_eps"), get("perpetuity_n_eff"));
+    return make_meta(get("term_unit", term_unit_fallback), get("days_per_year"), get("weeks_per_year"),
+                     get("calculation_mode"), get("description"), get("cache_maxsize"), get("tolerance_eps"),
+                     get("perpetuity_n_eff"));
 }
 
 }  // namespace
 
-Meta make_meta(nb::handle term_unit, nb::handle days_per_year, nb::handle weeks_per_year,
-               nb::handle calculation_mode, nb::handle description, nb::handle cache_maxsize,
-               nb::handle tolerance_eps, nb::handle perpetuity_n_eff) {
+Meta make_meta(nb::handle term_unit, nb::handle days_per_year, nb::handle weeks_per_year, nb::handle calculation_mode,
+               nb::handle description, nb::handle cache_maxsize, nb::handle tolerance_eps,
+               nb::handle perpetuity_n_eff) {
     // Coercion happens on entry, before any check.
     nb::object days = coerce_float("days_per_year", days_per_year);
     nb::object weeks = coerce_float("weeks_per_year", weeks_per_year);
@@ -84,8 +80,8 @@ Meta make_meta(nb::handle term_unit, nb::handle days_per_year, nb::handle weeks_
 
     Meta meta;
     if (!contains(registry().valid_term_units, term_unit))
-        raise(PyExc_ValueError, "Invalid term_unit: " + py_str(term_unit) + ". Must be one of " +
-                               py_str(registry().valid_term_units));
+        raise(PyExc_ValueError,
+              "Invalid term_unit: " + py_str(term_unit) + ". Must be one of " + py_str(registry().valid_term_units));
     meta.field[TermUnitField] = nb::borrow(term_unit);
     meta.field[DaysPerYear] = days;
     meta.field[WeeksPerYear] = weeks;
@@ -108,25 +104,23 @@ void register_metadata(nb::module_& m) {
     cls.def(
         "__init__",
         [](Meta* self, nb::object term_unit, nb::object days_per_year, nb::object weeks_per_year,
-           nb::object calculation_mode, nb::object description, nb::object cache_maxsize,
-           nb::object tolerance_eps, nb::object perpetuity_n_eff) {
-            new (self) Meta(make_meta(term_unit, days_per_year, weeks_per_year, calculation_mode,
-                                      description, cache_maxsize, tolerance_eps, perpetuity_n_eff));
+           nb::object calculation_mode, nb::object description, nb::object cache_maxsize, nb::object tolerance_eps,
+           nb::object perpetuity_n_eff) {
+            new (self) Meta(make_meta(term_unit, days_per_year, weeks_per_year, calculation_mode, description,
+                                      cache_maxsize, tolerance_eps, perpetuity_n_eff));
         },
-        nb::kw_only(), nb::arg("term_unit").none() = "years",
-        nb::arg("days_per_year").none() = nb::none(), nb::arg("weeks_per_year").none() = nb::none(),
-        nb::arg("calculation_mode").none() = nb::none(), nb::arg("description").none() = nb::none(),
-        nb::arg("cache_maxsize").none() = nb::none(), nb::arg("tolerance_eps").none() = nb::none(),
-        nb::arg("perpetuity_n_eff").none() = nb::none());
-    static const std::array<const char*, Meta::kFields> docs = {
-        "Unit in which the curve's terms were given.",
-        "Days per year override (None: use Config).",
-        "Weeks per year override (None: use Config).",
-        "Calculation mode override (None: use Config).",
-        "Free text.",
-        "Bound of the rate and force LRU caches.",
-        "Tolerance of curve shifting and payment counting.",
-        "Horizon in years used for perpetuities."};
+        nb::kw_only(), nb::arg("term_unit").none() = "years", nb::arg("days_per_year").none() = nb::none(),
+        nb::arg("weeks_per_year").none() = nb::none(), nb::arg("calculation_mode").none() = nb::none(),
+        nb::arg("description").none() = nb::none(), nb::arg("cache_maxsize").none() = nb::none(),
+        nb::arg("tolerance_eps").none() = nb::none(), nb::arg("perpetuity_n_eff").none() = nb::none());
+    static const std::array<const char*, Meta::kFields> docs = {"Unit in which the curve's terms were given.",
+                                                                "Days per year override (None: use Config).",
+                                                                "Weeks per year override (None: use Config).",
+                                                                "Calculation mode override (None: use Config).",
+                                                                "Free text.",
+                                                                "Bound of the rate and force LRU caches.",
+                                                                "Tolerance of curve shifting and payment counting.",
+                                                                "Horizon in years used for perpetuities."};
     bind_slots(cls, kMetaFieldNames, docs, [](Meta& self, std::size_t i) -> nb::object& { return self.field[i]; });
 
     cls.def("model_dump", &dump, "The eight settings as a dict, in slot order.");
@@ -167,18 +161,20 @@ Examples
 >>> _InterestRateMeta().model_copy({"description": "stress"}).description
 'stress'
 )doc");
-    cls.attr("from_msgpack_dict") = checked(PyClassMethod_New(nb::cpp_function(
-        [](nb::handle cls_, nb::object data) {
-            if (!nb::isinstance<nb::dict>(data))
-                raise(PyExc_TypeError, "data must be a dict, got " + type_name_of(data));
-            nb::object get = data.attr("get");
-            nb::dict kwargs;
-            kwargs["term_unit"] = get("term_unit", "years");
-            for (std::size_t i = 1; i < Meta::kFields; ++i) kwargs[kMetaFieldNames[i]] = get(kMetaFieldNames[i]);
-            return cls_(**kwargs);
-        },
-        nb::arg("cls"), nb::arg("data"),
-        R"doc(Build an instance from a dict such as `to_msgpack_dict` returns.
+    cls.attr("from_msgpack_dict") =
+        checked(PyClassMethod_New(nb::cpp_function(
+                                      [](nb::handle cls_, nb::object data) {
+                                          if (!nb::isinstance<nb::dict>(data))
+                                              raise(PyExc_TypeError, "data must be a dict, got " + type_name_of(data));
+                                          nb::object get = data.attr("get");
+                                          nb::dict kwargs;
+                                          kwargs["term_unit"] = get("term_unit", "years");
+                                          for (std::size_t i = 1; i < Meta::kFields; ++i)
+                                              kwargs[kMetaFieldNames[i]] = get(kMetaFieldNames[i]);
+                                          return cls_(**kwargs);
+                                      },
+                                      nb::arg("cls"), nb::arg("data"),
+                                      R"doc(Build an instance from a dict such as `to_msgpack_dict` returns.
 
 Parameters
 ----------
@@ -203,11 +199,15 @@ Examples
 >>> meta = _InterestRateMeta(description="base")
 >>> _InterestRateMeta.from_msgpack_dict(meta.to_msgpack_dict()) == meta
 True
-)doc").ptr()));
-    cls.def("__eq__", [](const Meta& self, nb::handle other) -> nb::object {
-        if (!nb::isinstance<Meta>(other)) return nb::borrow(Py_NotImplemented);
-        return nb::bool_(dump(self).equal(dump(nb::cast<const Meta&>(other))));
-    }, nb::arg("other").none());
+)doc")
+                                      .ptr()));
+    cls.def(
+        "__eq__",
+        [](const Meta& self, nb::handle other) -> nb::object {
+            if (!nb::isinstance<Meta>(other)) return nb::borrow(Py_NotImplemented);
+            return nb::bool_(dump(self).equal(dump(nb::cast<const Meta&>(other))));
+        },
+        nb::arg("other").none());
     cls.attr("__hash__") = nb::none();
     cls.def("__repr__", [](const Meta& self) {
         std::string out = "_InterestRateMeta(";

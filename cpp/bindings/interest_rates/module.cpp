@@ -40,15 +40,32 @@ void import_siblings(nb::module_& m) {
         {"norvane.engine.base", {"CalculationModeLiteral", "Dispatcher"}},
         {"norvane.growth_rates", {"GrowthRate"}},
         {"norvane.helpers",
-         {"_EMPTY_F64", "_MAX_FLOAT64", "BatchErrorReport", "_aggregate_flow_parts",
-          "_arraylike_len_or_1", "_batch_m_for_nan_recurse", "_cashflow_amounts_payment_skip",
-          "_check_batch_param", "_coerce_record_ids", "_detect_batch_ir_annuity",
-          "_finalize_batch_unit_pv_with_benefits", "_group_batch_m_gr_indices",
-          "_has_growth_rate_param", "_is_finite_f64_array", "_map_batch_n_none_to_inf",
-          "_resolve_batch_m", "_validate_benefits", "_validate_float_sequence",
-          "_validate_numeric_input", "_validate_record_ids_batch_only", "_validate_t_output",
-          "BatchResult", "_as_f64_safe", "_finalize_scalar_or_array",
-          "_validate_on_error_batch_only", "_validate_scalar_numeric"}},
+         {"_EMPTY_F64",
+          "_MAX_FLOAT64",
+          "BatchErrorReport",
+          "_aggregate_flow_parts",
+          "_arraylike_len_or_1",
+          "_batch_m_for_nan_recurse",
+          "_cashflow_amounts_payment_skip",
+          "_check_batch_param",
+          "_coerce_record_ids",
+          "_detect_batch_ir_annuity",
+          "_finalize_batch_unit_pv_with_benefits",
+          "_group_batch_m_gr_indices",
+          "_has_growth_rate_param",
+          "_is_finite_f64_array",
+          "_map_batch_n_none_to_inf",
+          "_resolve_batch_m",
+          "_validate_benefits",
+          "_validate_float_sequence",
+          "_validate_numeric_input",
+          "_validate_record_ids_batch_only",
+          "_validate_t_output",
+          "BatchResult",
+          "_as_f64_safe",
+          "_finalize_scalar_or_array",
+          "_validate_on_error_batch_only",
+          "_validate_scalar_numeric"}},
         {"norvane.validators",
          {"_resolve_gr", "_validate_cashflow_inputs", "_validate_frequency_and_payment_timing",
           "_validate_shift_deferment_and_duration"}},
@@ -64,8 +81,7 @@ void bind_constants(nb::module_& m) {
     nb::list public_names;
     for (const char* name : {"TermUnit", "VALID_TERM_UNITS", "InterestRate"}) public_names.append(name);
     m.attr("__all__") = public_names;
-    nb::object term_unit =
-        typing.attr("Literal")[nb::make_tuple("years", "months", "weeks", "days")];
+    nb::object term_unit = typing.attr("Literal")[nb::make_tuple("years", "months", "weeks", "days")];
     m.attr("TermUnit") = term_unit;
     m.attr("VALID_TERM_UNITS") = typing.attr("get_args")(term_unit);
     m.attr("_DEFAULT_RATE_CACHE_MAXSIZE") = 1000;
@@ -76,8 +92,8 @@ void bind_constants(nb::module_& m) {
 
 void bind_shift_cache_alias(nb::module_& m) {
     auto builtins = nb::module_::import_("builtins");
-    nb::object key = builtins.attr("tuple")[nb::make_tuple(
-        "InterestRate", builtins.attr("float"), builtins.attr("int"))];
+    nb::object key =
+        builtins.attr("tuple")[nb::make_tuple("InterestRate", builtins.attr("float"), builtins.attr("int"))];
     m.attr("IrTsShiftCache") = builtins.attr("dict")[nb::make_tuple(key, "InterestRate")];
 }
 

@@ -55,10 +55,10 @@ nb::object export_curve(InterestRate& ir, const std::string& format) {
             nb::dict report = validation_report(ir);
             nb::dict meta;
             meta["export_timestamp"] = timestamp();  // taken after the validation
-            meta["curve_policy"] = report.contains("curve_policy") ? nb::object(report["curve_policy"])
-                                                                   : nb::object(policy_flags(ir));
-            meta["rate_statistics"] = report.contains("rate_statistics") ? nb::object(report["rate_statistics"])
-                                                                         : nb::object(nb::dict());
+            meta["curve_policy"] =
+                report.contains("curve_policy") ? nb::object(report["curve_policy"]) : nb::object(policy_flags(ir));
+            meta["rate_statistics"] =
+                report.contains("rate_statistics") ? nb::object(report["rate_statistics"]) : nb::object(nb::dict());
             result["_regulatory_metadata"] = meta;
         }
     }
@@ -97,8 +97,8 @@ nb::object from_export(nb::handle cls, nb::handle payload_in) {
             malformed("not valid JSON (" + py_str(e.value()) + ")");
         }
     } else if (!nb::isinstance<nb::dict>(payload)) {
-        raise(PyExc_TypeError, "[InterestRate.from_export] payload must be a dict or a JSON string, got " +
-                              type_name_of(payload));
+        raise(PyExc_TypeError,
+              "[InterestRate.from_export] payload must be a dict or a JSON string, got " + type_name_of(payload));
     }
     if (!nb::isinstance<nb::dict>(payload)) malformed("the JSON text is not an object");
     nb::dict data = nb::borrow<nb::dict>(payload);
@@ -206,11 +206,11 @@ Examples
   ]
 }
 )doc");
-    cls.def("_get_current_timestamp", [](InterestRate&) { return timestamp(); },
-            "Local wall-clock time as ISO 8601 text.");
-    cls.attr("from_export") = checked(PyClassMethod_New(nb::cpp_function(
-        &from_export, nb::arg("cls"), nb::arg("payload").none(),
-        R"doc(Rebuild a curve from the payload that `export` wrote.
+    cls.def(
+        "_get_current_timestamp", [](InterestRate&) { return timestamp(); }, "Local wall-clock time as ISO 8601 text.");
+    cls.attr("from_export") =
+        checked(PyClassMethod_New(nb::cpp_function(&from_export, nb::arg("cls"), nb::arg("payload").none(),
+                                                   R"doc(Rebuild a curve from the payload that `export` wrote.
 
 Parameters
 ----------
@@ -238,7 +238,8 @@ Examples
 >>> ir = InterestRate(terms=[5, 5], rates=[0.02, 0.03, 0.04])
 >>> InterestRate.from_export(ir.export("json")) == ir
 True
-)doc").ptr()));
+)doc")
+                                      .ptr()));
     cls.def("__str__", &text, "Human-readable text of the curve, flagging zero and negative rates.");
     cls.def("summary", &text, R"doc(Human-readable text of the curve, the same as str(curve).
 

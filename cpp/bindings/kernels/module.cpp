@@ -50,8 +50,7 @@ std::size_t frequency_of(std::size_t m) {
 }
 
 void check_term(double n, std::size_t m) {
-    if (!core::countable(n, m))
-        throw std::invalid_argument("a term must be >= 0 with fewer than 2**53 payments");
+    if (!core::countable(n, m)) throw std::invalid_argument("a term must be >= 0 with fewer than 2**53 payments");
 }
 
 core::Annuity annuity_of(double d, double n, std::size_t payments_size, std::size_t m, int timing,
@@ -137,13 +136,13 @@ NB_MODULE(_kernels, m) {
         .def(
             "__init__",
             [](core::Annuity* self, double d, double n, std::size_t payments_size, std::size_t m_, int timing,
-               const std::string& kind, double rate) {
-                new (self) core::Annuity(annuity_of(d, n, payments_size, m_, timing, kind, rate));
-            },
+               const std::string& kind,
+               double rate) { new (self) core::Annuity(annuity_of(d, n, payments_size, m_, timing, kind, rate)); },
             nb::kw_only(), nb::arg("d"), nb::arg("n"), nb::arg("payments_size"), nb::arg("m"), nb::arg("timing"),
             nb::arg("growth_kind") = "level", nb::arg("growth_rate") = 0.0)
-        .def_prop_ro("whole_years", [](const core::Annuity& a) { return a.schedule().count / a.m; },
-                     "Whole years of regular payments.")
+        .def_prop_ro(
+            "whole_years", [](const core::Annuity& a) { return a.schedule().count / a.m; },
+            "Whole years of regular payments.")
         .def(
             "payments", [](const core::Annuity& a, std::size_t first) { return payments_of(from_payment(a, first)); },
             nb::arg("first") = 0, "Times and amounts of the payments from regular payment `first` on.")
@@ -151,7 +150,8 @@ NB_MODULE(_kernels, m) {
             "intervals", [](const core::Annuity& a, std::size_t first) { return intervals_of(a, first); },
             nb::arg("first") = 0, "Starts, ends and growth factors of the payment periods from `first` on.")
         .def(
-            "woolhouse_parts", [](const core::Annuity& a, bool continuous) { return woolhouse_parts_of(a, continuous); },
+            "woolhouse_parts",
+            [](const core::Annuity& a, bool continuous) { return woolhouse_parts_of(a, continuous); },
             nb::arg("continuous"),
             "Woolhouse's parts: 'weight', annual 'due' and 'immediate' payments over the whole years, the "
             "m-thly payments of the final fraction of a year ('fraction', from payment 'first') and the pro-rata "
@@ -244,8 +244,8 @@ NB_MODULE(_kernels, m) {
                 if (weights.shape(0) != n.shape(0)) throw std::invalid_argument("benefits must match n in length");
             }
             const core::CurveArrays curve = arrays_of(rates, terms, ends);
-            const core::PolicyTerms p{m_, timing, growth_of(kind, rate), mode_of(mode), tolerance_eps,
-                                      perpetuity_n_eff, decimals};
+            const core::PolicyTerms p{
+                m_, timing, growth_of(kind, rate), mode_of(mode), tolerance_eps, perpetuity_n_eff, decimals};
             std::vector<double> out(n.shape(0));
             {
                 nb::gil_scoped_release release;

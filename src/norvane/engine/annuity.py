@@ -85,8 +85,15 @@ def _annuity(kw: dict[str, Any]) -> _kernels.Annuity:
     """The native annuity of the keywords an engine entry receives."""
     gr = kw["gr"]
     kind, rate = ("level", 0.0) if gr is None else (gr.kind, float(gr.rate))
-    return _kernels.Annuity(d=float(kw["d"]), n=float(kw["n"]), payments_size=int(kw["payments_size"]),
-                            m=int(kw["m"]), timing=int(kw["payment_timing"]), growth_kind=kind, growth_rate=rate)
+    return _kernels.Annuity(
+        d=float(kw["d"]),
+        n=float(kw["n"]),
+        payments_size=int(kw["payments_size"]),
+        m=int(kw["m"]),
+        timing=int(kw["payment_timing"]),
+        growth_kind=kind,
+        growth_rate=rate,
+    )
 
 
 def _survival(survival_func: Callable[[Any], Any], times: np.ndarray) -> float | np.ndarray:
@@ -127,13 +134,12 @@ def _explicit_inputs(annuity: _kernels.Annuity, kw: dict[str, Any]) -> tuple[np.
     return annuity.payments()[0], np.asarray(amounts, dtype=np.float64)
 
 
-def _value_explicit(curve: _kernels.Curve, times: np.ndarray, amounts: np.ndarray, kw: dict[str, Any]
-                    ) -> float | dict[str, Any]:
+def _value_explicit(
+    curve: _kernels.Curve, times: np.ndarray, amounts: np.ndarray, kw: dict[str, Any]
+) -> float | dict[str, Any]:
     """Exact sum of given amounts at given times (explicit times or amounts)."""
     if amounts.shape != times.shape:
-        raise ValueError(
-            f"'cashflow_amounts' holds {amounts.size} amounts for {times.size} remaining payments."
-        )
+        raise ValueError(f"'cashflow_amounts' holds {amounts.size} amounts for {times.size} remaining payments.")
     expected = amounts * _survival(kw["survival_func"], times)
     pv = expected * curve.discount(times)
     if kw["return_flows"]:
@@ -182,8 +188,9 @@ def _discrete_precision(**kw: Any) -> float | dict[str, Any]:
     return _kernels.round_value(float(pv.sum()), kw["decimals"])
 
 
-def _woolhouse(annuity: _kernels.Annuity, curve: _kernels.Curve, kw: dict[str, Any], continuous: bool
-               ) -> float | dict[str, Any]:
+def _woolhouse(
+    annuity: _kernels.Annuity, curve: _kernels.Curve, kw: dict[str, Any], continuous: bool
+) -> float | dict[str, Any]:
     """Woolhouse on the whole years, the final fraction of a year valued exactly."""
     parts = annuity.woolhouse_parts(continuous)
     (t_due, g_due), (t_imm, g_imm) = parts["due"], parts["immediate"]
@@ -215,8 +222,9 @@ def _woolhouse(annuity: _kernels.Annuity, curve: _kernels.Curve, kw: dict[str, A
     }
 
 
-def _fraction_components(annuity: _kernels.Annuity, curve: _kernels.Curve, parts: dict[str, Any],
-                         continuous: bool) -> dict[str, np.ndarray]:
+def _fraction_components(
+    annuity: _kernels.Annuity, curve: _kernels.Curve, parts: dict[str, Any], continuous: bool
+) -> dict[str, np.ndarray]:
     """The payments of the final fraction of a year after the whole years.
 
     Discrete: the whole m-thly payments of that fraction and the pro-rata last
@@ -227,16 +235,29 @@ def _fraction_components(annuity: _kernels.Annuity, curve: _kernels.Curve, parts
     if continuous:
         times, expected, pv = _continuous_intervals(annuity, curve, parts["first"])
         discount = np.divide(pv, expected, out=np.zeros_like(pv), where=expected > 0.0)
-        return {"time_grid": times, "pv": pv, "discount": discount,
-                "tail_times": _EMPTY, "tail_pv": _EMPTY, "tail_discount": _EMPTY}
+        return {
+            "time_grid": times,
+            "pv": pv,
+            "discount": discount,
+            "tail_times": _EMPTY,
+            "tail_pv": _EMPTY,
+            "tail_discount": _EMPTY,
+        }
     (times, amounts), (tail_times, tail_amounts) = parts["fraction"], parts["tail"]
     discount, tail_discount = curve.discount(times), curve.discount(tail_times)
-    return {"time_grid": times, "pv": amounts * discount, "discount": discount,
-            "tail_times": tail_times, "tail_pv": tail_amounts * tail_discount, "tail_discount": tail_discount}
+    return {
+        "time_grid": times,
+        "pv": amounts * discount,
+        "discount": discount,
+        "tail_times": tail_times,
+        "tail_pv": tail_amounts * tail_discount,
+        "tail_discount": tail_discount,
+    }
 
 
-def _continuous_intervals(annuity: _kernels.Annuity, curve: _kernels.Curve, first: int = 0,
-                          amounts: np.ndarray | None = None) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
+def _continuous_intervals(
+    annuity: _kernels.Annuity, curve: _kernels.Curve, first: int = 0, amounts: np.ndarray | None = None
+) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
     """The payment periods from payment ``first`` to the end of the term.
 
     Returns the period ends, the amount flowing uniformly in each (growth
@@ -297,8 +318,11 @@ def _zero_flows(calculation_mode: str, payment_timing: int) -> dict[str, Any]:
     return {
         ("coef_due" if payment_timing == 0 else "coef_immediate"): 1.0,
         "woolhouse_coefficient": 0.0,
-        "due": dict(empty, growth=_EMPTY), "immediate": dict(empty, growth=_EMPTY),
-        "fractional": dict(empty), "fractional_tail": dict(empty), "total_pv": 0.0,
+        "due": dict(empty, growth=_EMPTY),
+        "immediate": dict(empty, growth=_EMPTY),
+        "fractional": dict(empty),
+        "fractional_tail": dict(empty),
+        "total_pv": 0.0,
     }
 
 

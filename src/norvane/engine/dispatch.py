@@ -60,21 +60,37 @@ _MAX_PAYMENTS = 2.0**53
 
 def _argument_type(value: Any, kind: type, name: str) -> None:
     if type(value) is not kind:
-        raise TypeError(f"_annuity_public_route(): argument '{name}' must be {kind.__name__}, "
-                        f"not {type(value).__name__}")
+        raise TypeError(
+            f"_annuity_public_route(): argument '{name}' must be {kind.__name__}, not {type(value).__name__}"
+        )
 
 
 def _too_many_payments(method_name: str, n: float, m: int, where: str = "") -> ValueError:
-    return ValueError(_prefixed(method_name, f"'n' must hold fewer than 2**53 payments{where}: "
-                                             f"got n={n!r} at m={m} a year."))
+    return ValueError(
+        _prefixed(method_name, f"'n' must hold fewer than 2**53 payments{where}: got n={n!r} at m={m} a year.")
+    )
 
 
 # ---------------------------------------------------------------- the router
 
 
-def annuity_public_route(self: Any, method_name: str, payment_timing: int, n: Any, d: Any, ts: Any, m: Any, gr: Any,
-                         cashflow_times: Any, cashflow_amounts: Any, benefits: Any, return_flows: Any, t_output: Any,
-                         on_error: Any, record_ids: Any) -> Any:
+def annuity_public_route(
+    self: Any,
+    method_name: str,
+    payment_timing: int,
+    n: Any,
+    d: Any,
+    ts: Any,
+    m: Any,
+    gr: Any,
+    cashflow_times: Any,
+    cashflow_amounts: Any,
+    benefits: Any,
+    return_flows: Any,
+    t_output: Any,
+    on_error: Any,
+    record_ids: Any,
+) -> Any:
     """Route ``a`` and ``ä`` to scalar or portfolio valuation after the
     checks that do not depend on it (error policy, ids, output grid, benefits)."""
     _argument_type(method_name, str, "method_name")
@@ -91,22 +107,41 @@ def annuity_public_route(self: Any, method_name: str, payment_timing: int, n: An
         raise ValueError(_prefixed(method_name, "benefits requires batch mode (array n, d, ts, m, or gr)."))
     if is_batch:
         return self._annuity_batch_dispatch(
-            n=n, d=d, ts=ts, m=m, gr=gr,
+            n=n,
+            d=d,
+            ts=ts,
+            m=m,
+            gr=gr,
             cashflow_times=None if cashflow_times is None else _as_f64_safe(cashflow_times),
-            cashflow_amounts=cashflow_amounts, benefits=benefits, return_flows=return_flows,
-            t_output=None if t_output is None else _as_f64_safe(t_output), on_error=on_error,
-            record_ids=record_ids, payment_timing=payment_timing, method_name=method_name,
+            cashflow_amounts=cashflow_amounts,
+            benefits=benefits,
+            return_flows=return_flows,
+            t_output=None if t_output is None else _as_f64_safe(t_output),
+            on_error=on_error,
+            record_ids=record_ids,
+            payment_timing=payment_timing,
+            method_name=method_name,
         )
-    return self._annuity_dispatch(ts=ts, d=d, n=n, m=m, gr=gr, cashflow_times=cashflow_times,
-                                  cashflow_amounts=cashflow_amounts, payment_timing=payment_timing,
-                                  return_flows=return_flows, method_name=method_name)
+    return self._annuity_dispatch(
+        ts=ts,
+        d=d,
+        n=n,
+        m=m,
+        gr=gr,
+        cashflow_times=cashflow_times,
+        cashflow_amounts=cashflow_amounts,
+        payment_timing=payment_timing,
+        return_flows=return_flows,
+        method_name=method_name,
+    )
 
 
 # ---------------------------------------------------------------- one annuity
 
 
-def _aligned_explicit_schedule(method_name: str, times: np.ndarray | None, amounts: np.ndarray | None, d: float,
-                               ts: float) -> tuple[np.ndarray | None, np.ndarray | None]:
+def _aligned_explicit_schedule(
+    method_name: str, times: np.ndarray | None, amounts: np.ndarray | None, d: float, ts: float
+) -> tuple[np.ndarray | None, np.ndarray | None]:
     """Explicit times are times since inception plus the deferment: seen from
     the valuation time ts they move by d - ts, and payments before ts are
     dropped (amounts default to 1)."""
@@ -115,29 +150,54 @@ def _aligned_explicit_schedule(method_name: str, times: np.ndarray | None, amoun
     if times is None:
         return None, amounts
     if amounts is not None and amounts.shape[0] != times.shape[0]:
-        raise ValueError(_prefixed(method_name,
-                                   "'cashflow_amounts' length must match provided 'cashflow_times' length."))
+        raise ValueError(
+            _prefixed(method_name, "'cashflow_amounts' length must match provided 'cashflow_times' length.")
+        )
     relative = times + d - ts
     kept = ~(relative < 0.0)
     return relative[kept], (np.ones_like(times) if amounts is None else amounts)[kept]
 
 
-def annuity_dispatch(self: Any, *, ts: Any = 0.0, d: Any = 0.0, n: Any = None, m: Any = 1, gr: Any = None,
-                     cashflow_times: Any = None, cashflow_amounts: Any = None, payment_timing: int = 1,
-                     return_flows: Any = False, method_name: str = "", validate: Any = True,
-                     ir_shifted: Any = None) -> Any:
+def annuity_dispatch(
+    self: Any,
+    *,
+    ts: Any = 0.0,
+    d: Any = 0.0,
+    n: Any = None,
+    m: Any = 1,
+    gr: Any = None,
+    cashflow_times: Any = None,
+    cashflow_amounts: Any = None,
+    payment_timing: int = 1,
+    return_flows: Any = False,
+    method_name: str = "",
+    validate: Any = True,
+    ir_shifted: Any = None,
+) -> Any:
     """Value one annuity: validate, derive the effective schedule and call the
     engine of the calculation mode."""
     mode = self.calculation_mode
     config = self._config
     if validate:
-        _validate_shift_deferment_and_duration(ts=ts, ts_integer=config.force_integer_ts, d=d, n=n,
-                                               cashflow_times=cashflow_times, method_name=method_name,
-                                               has_growth_rate=_has_growth_rate_param(gr))
+        _validate_shift_deferment_and_duration(
+            ts=ts,
+            ts_integer=config.force_integer_ts,
+            d=d,
+            n=n,
+            cashflow_times=cashflow_times,
+            method_name=method_name,
+            has_growth_rate=_has_growth_rate_param(gr),
+        )
         _validate_frequency_and_payment_timing(m=m, payment_timing=payment_timing, method_name=method_name)
-        _validate_cashflow_inputs(cashflow_times=cashflow_times, cashflow_amounts=cashflow_amounts,
-                                  calculation_mode=mode, m=m, n=n, method_name=method_name,
-                                  caller=Dispatcher.ANNUITY)
+        _validate_cashflow_inputs(
+            cashflow_times=cashflow_times,
+            cashflow_amounts=cashflow_amounts,
+            calculation_mode=mode,
+            m=m,
+            n=n,
+            method_name=method_name,
+            caller=Dispatcher.ANNUITY,
+        )
     times = None if cashflow_times is None else _as_f64_safe(cashflow_times)
     amounts = None if cashflow_amounts is None else _as_f64_safe(cashflow_amounts)
     meta = self._meta
@@ -152,19 +212,31 @@ def annuity_dispatch(self: Any, *, ts: Any = 0.0, d: Any = 0.0, n: Any = None, m
 
     times, aligned = _aligned_explicit_schedule(method_name, times, amounts, d_value, ts_value)
     if gr is not None and amounts is not None:
-        raise ValueError(_prefixed(
-            method_name, "'gr' and 'cashflow_amounts' are mutually exclusive: 'cashflow_amounts' defines explicit "
-                         "payment amounts, so 'gr' has no effect. Pass gr=None when using cashflow_amounts."))
+        raise ValueError(
+            _prefixed(
+                method_name,
+                "'gr' and 'cashflow_amounts' are mutually exclusive: 'cashflow_amounts' defines explicit "
+                "payment amounts, so 'gr' has no effect. Pass gr=None when using cashflow_amounts.",
+            )
+        )
     growth = _resolve_gr(gr, method_name)
     if times is None and amounts is not None:
-        skip = _cashflow_amounts_payment_skip(ts_value, n_eff, method_name, frequency, len(amounts),
-                                              meta.tolerance_eps)
+        skip = _cashflow_amounts_payment_skip(ts_value, n_eff, method_name, frequency, len(amounts), meta.tolerance_eps)
         aligned = amounts[skip:]
     curve = ir_shifted if ir_shifted is not None else self._ir_shifted_for_ts(ts_value, self._ts_shift_cache)
     return _ANNUITY_CALCULATION_MODE_DISPATCH[mode](
-        d=d_eff, n=n_eff, payments_size=payments_size, payments_frac=payments_frac, m=frequency, gr=growth,
-        ir=curve, decimals=config.decimals.annuities, payment_timing=payment_timing,
-        survival_func=self._survival_one, cashflow_times=times, cashflow_amounts=aligned,
+        d=d_eff,
+        n=n_eff,
+        payments_size=payments_size,
+        payments_frac=payments_frac,
+        m=frequency,
+        gr=growth,
+        ir=curve,
+        decimals=config.decimals.annuities,
+        payment_timing=payment_timing,
+        survival_func=self._survival_one,
+        cashflow_times=times,
+        cashflow_amounts=aligned,
         return_flows=bool(return_flows),
     )
 
@@ -203,25 +275,41 @@ def _broadcast_policies(method_name: str, n: Any, d: Any, ts: Any) -> tuple[list
         if length == 1 and size != 1:
             arrays[i] = np.broadcast_to(arrays[i], (size,))
         if arrays[i].shape[0] != size:
-            raise ValueError(_prefixed(
-                method_name, f"Incompatible batch lengths: n={lengths[0]}, d={lengths[1]}, ts={lengths[2]}. "
-                             "All arrays must share the same length or be length-1 (broadcast)."))
+            raise ValueError(
+                _prefixed(
+                    method_name,
+                    f"Incompatible batch lengths: n={lengths[0]}, d={lengths[1]}, ts={lengths[2]}. "
+                    "All arrays must share the same length or be length-1 (broadcast).",
+                )
+            )
     return arrays, size
 
 
-def _nan_policy_result(self: Any, n_arr: np.ndarray, d_arr: np.ndarray, ts_arr: np.ndarray, size: int,
-                       benefits_arr: np.ndarray | None, record_ids: Any, kw: dict[str, Any]) -> BatchResult:
+def _nan_policy_result(
+    self: Any,
+    n_arr: np.ndarray,
+    d_arr: np.ndarray,
+    ts_arr: np.ndarray,
+    size: int,
+    benefits_arr: np.ndarray | None,
+    record_ids: Any,
+    kw: dict[str, Any],
+) -> BatchResult:
     """Invalid records get NaN and a message; the valid ones are valued together."""
     method_name = kw["method_name"]
     valid_mask, messages = _collect_batch_param_errors(
-        method_name, [("n", n_arr, 0.0, True), ("d", d_arr, 0.0, False), ("ts", ts_arr, 0.0, False)])
+        method_name, [("n", n_arr, 0.0, True), ("d", d_arr, 0.0, False), ("ts", ts_arr, 0.0, False)]
+    )
     m_resolved = _resolve_batch_m(kw["m"], size, method_name)
     overlong = _overlong_terms(n_arr, m_resolved) & valid_mask
     if overlong.any():
         found = dict(zip(np.flatnonzero(~valid_mask).tolist(), messages, strict=True))
         for i in np.flatnonzero(overlong).tolist():
-            found[i] = str(_too_many_payments(method_name, float(n_arr[i]), int(np.broadcast_to(m_resolved, size)[i]),
-                                              f" at index {i}"))
+            found[i] = str(
+                _too_many_payments(
+                    method_name, float(n_arr[i]), int(np.broadcast_to(m_resolved, size)[i]), f" at index {i}"
+                )
+            )
         valid_mask = valid_mask & ~overlong
         messages = [found[i] for i in sorted(found)]
     values = np.full(size, np.nan, dtype=np.float64)
@@ -229,34 +317,71 @@ def _nan_policy_result(self: Any, n_arr: np.ndarray, d_arr: np.ndarray, ts_arr: 
     invalid = np.flatnonzero(~valid_mask).astype(np.int64)
     if valid.size:
         values[valid] = annuity_batch_dispatch(
-            self, n=n_arr[valid], d=d_arr[valid], ts=ts_arr[valid], m=_batch_m_for_nan_recurse(m_resolved, valid),
-            gr=_growth_subset(kw["gr"], valid), cashflow_times=kw["cashflow_times"],
-            cashflow_amounts=kw["cashflow_amounts"], benefits=_subset(benefits_arr, valid), return_flows=False,
-            t_output=None, on_error="raise", record_ids=None, payment_timing=kw["payment_timing"],
+            self,
+            n=n_arr[valid],
+            d=d_arr[valid],
+            ts=ts_arr[valid],
+            m=_batch_m_for_nan_recurse(m_resolved, valid),
+            gr=_growth_subset(kw["gr"], valid),
+            cashflow_times=kw["cashflow_times"],
+            cashflow_amounts=kw["cashflow_amounts"],
+            benefits=_subset(benefits_arr, valid),
+            return_flows=False,
+            t_output=None,
+            on_error="raise",
+            record_ids=None,
+            payment_timing=kw["payment_timing"],
             method_name=method_name,
         )
-    report = BatchErrorReport(n_errors=int(invalid.size), n_total=size, valid_mask=valid_mask,
-                              invalid_indices=invalid, record_ids=_coerce_record_ids(record_ids, size)[invalid],
-                              messages=messages)
+    report = BatchErrorReport(
+        n_errors=int(invalid.size),
+        n_total=size,
+        valid_mask=valid_mask,
+        invalid_indices=invalid,
+        record_ids=_coerce_record_ids(record_ids, size)[invalid],
+        messages=messages,
+    )
     return BatchResult(values=values, errors=report)
 
 
-def annuity_batch_dispatch(self: Any, *, n: Any, d: Any, ts: Any, m: Any, gr: Any, cashflow_times: Any,
-                           cashflow_amounts: Any, benefits: Any, return_flows: Any, t_output: Any, on_error: Any,
-                           record_ids: Any, payment_timing: int, method_name: str) -> Any:
+def annuity_batch_dispatch(
+    self: Any,
+    *,
+    n: Any,
+    d: Any,
+    ts: Any,
+    m: Any,
+    gr: Any,
+    cashflow_times: Any,
+    cashflow_amounts: Any,
+    benefits: Any,
+    return_flows: Any,
+    t_output: Any,
+    on_error: Any,
+    record_ids: Any,
+    payment_timing: int,
+    method_name: str,
+) -> Any:
     """Value a portfolio: broadcast, check, apply the error policy and value
     each (m, growth) group."""
     return_flows = bool(return_flows)
     nan_policy = isinstance(on_error, str) and on_error == "nan"
     if nan_policy and return_flows:
-        raise ValueError(_prefixed(method_name, "on_error='nan' is not supported with return_flows=True in batch mode."))
+        raise ValueError(
+            _prefixed(method_name, "on_error='nan' is not supported with return_flows=True in batch mode.")
+        )
     (n_arr, d_arr, ts_arr), size = _broadcast_policies(method_name, n, d, ts)
     benefits_arr = _validate_benefits(benefits, size, method_name)
-    group_kw = {"cashflow_times": cashflow_times, "cashflow_amounts": cashflow_amounts,
-                "payment_timing": payment_timing, "method_name": method_name}
+    group_kw = {
+        "cashflow_times": cashflow_times,
+        "cashflow_amounts": cashflow_amounts,
+        "payment_timing": payment_timing,
+        "method_name": method_name,
+    }
     if nan_policy:
-        return _nan_policy_result(self, n_arr, d_arr, ts_arr, size, benefits_arr, record_ids,
-                                  {**group_kw, "m": m, "gr": gr})
+        return _nan_policy_result(
+            self, n_arr, d_arr, ts_arr, size, benefits_arr, record_ids, {**group_kw, "m": m, "gr": gr}
+        )
     _check_batch_param(n_arr, "n", method_name, min_val=0.0, allow_inf=True)
     _check_batch_param(d_arr, "d", method_name, min_val=0.0)
     _check_batch_param(ts_arr, "ts", method_name, min_val=0.0)
@@ -264,45 +389,93 @@ def annuity_batch_dispatch(self: Any, *, n: Any, d: Any, ts: Any, m: Any, gr: An
     overlong = _overlong_terms(n_arr, m_resolved)
     if overlong.any():
         i = int(np.argmax(overlong))
-        raise _too_many_payments(method_name, float(n_arr[i]), int(np.broadcast_to(m_resolved, size)[i]),
-                                 f" at index {i}")
+        raise _too_many_payments(
+            method_name, float(n_arr[i]), int(np.broadcast_to(m_resolved, size)[i]), f" at index {i}"
+        )
     decimals = self._config.decimals.annuities
     single_m = isinstance(m_resolved, int)
     if single_m and not _per_policy(gr):
-        return annuity_batch_financial(self, n_arr=n_arr, d_arr=d_arr, ts_arr=ts_arr, m=m_resolved, gr=gr,
-                                       decimals=decimals, benefits_arr=benefits_arr, return_flows=return_flows,
-                                       t_output=t_output, **group_kw)
+        return annuity_batch_financial(
+            self,
+            n_arr=n_arr,
+            d_arr=d_arr,
+            ts_arr=ts_arr,
+            m=m_resolved,
+            gr=gr,
+            decimals=decimals,
+            benefits_arr=benefits_arr,
+            return_flows=return_flows,
+            t_output=t_output,
+            **group_kw,
+        )
     if not single_m and return_flows:
-        raise ValueError(_prefixed(
-            method_name, "return_flows=True is not supported when m is a vector with heterogeneous values. "
-                         "Use a scalar m or split the batch by payment frequency and call separately."))
+        raise ValueError(
+            _prefixed(
+                method_name,
+                "return_flows=True is not supported when m is a vector with heterogeneous values. "
+                "Use a scalar m or split the batch by payment frequency and call separately.",
+            )
+        )
     groups = _group_batch_m_gr_indices(m_resolved, gr, size, method_name)
     if not return_flows:
         result = np.empty(size, dtype=np.float64)
         for m_group, gr_group, idx in groups:
             result[idx] = annuity_batch_financial(
-                self, n_arr=n_arr[idx], d_arr=d_arr[idx], ts_arr=ts_arr[idx], m=m_group, gr=gr_group,
-                decimals=decimals, benefits_arr=_subset(benefits_arr, idx), return_flows=False, **group_kw)
+                self,
+                n_arr=n_arr[idx],
+                d_arr=d_arr[idx],
+                ts_arr=ts_arr[idx],
+                m=m_group,
+                gr=gr_group,
+                decimals=decimals,
+                benefits_arr=_subset(benefits_arr, idx),
+                return_flows=False,
+                **group_kw,
+            )
         return result
     parts = []
     for m_group, gr_group, idx in groups:
         flows = annuity_batch_financial(
-            self, n_arr=n_arr[idx], d_arr=d_arr[idx], ts_arr=ts_arr[idx], m=m_group, gr=gr_group,
-            decimals=decimals, benefits_arr=_subset(benefits_arr, idx), return_flows=True, **group_kw)
-        parts.append((_as_f64_safe(flows["time_grid"]), _as_f64_safe(flows["expected_cf"]),
-                      _as_f64_safe(flows["pv_cf"])))
+            self,
+            n_arr=n_arr[idx],
+            d_arr=d_arr[idx],
+            ts_arr=ts_arr[idx],
+            m=m_group,
+            gr=gr_group,
+            decimals=decimals,
+            benefits_arr=_subset(benefits_arr, idx),
+            return_flows=True,
+            **group_kw,
+        )
+        parts.append(
+            (_as_f64_safe(flows["time_grid"]), _as_f64_safe(flows["expected_cf"]), _as_f64_safe(flows["pv_cf"]))
+        )
     return _aggregate_flow_parts(parts, t_output)
 
 
 def _native_portfolio(mode: str, cashflow_times: Any, cashflow_amounts: Any, return_flows: bool) -> bool:
     """Whether the native kernel applies: the mode's entry is the package's
     own, the schedule is generated and no flows are asked for."""
-    return (not return_flows and cashflow_times is None and cashflow_amounts is None
-            and _ANNUITY_CALCULATION_MODE_DISPATCH[mode] is _OWN_ENTRIES[mode])
+    return (
+        not return_flows
+        and cashflow_times is None
+        and cashflow_amounts is None
+        and _ANNUITY_CALCULATION_MODE_DISPATCH[mode] is _OWN_ENTRIES[mode]
+    )
 
 
-def _native_values(self: Any, n_arr: np.ndarray, d_arr: np.ndarray, ts_arr: np.ndarray, m: int, gr: Any,
-                   payment_timing: int, mode: str, decimals: int, benefits_arr: np.ndarray | None) -> np.ndarray:
+def _native_values(
+    self: Any,
+    n_arr: np.ndarray,
+    d_arr: np.ndarray,
+    ts_arr: np.ndarray,
+    m: int,
+    gr: Any,
+    payment_timing: int,
+    mode: str,
+    decimals: int,
+    benefits_arr: np.ndarray | None,
+) -> np.ndarray:
     leaf = self.scenarios[self.active_scenario] if self.scenarios else self
     if leaf._is_constant:
         rates, terms, ends = np.array([float(leaf.rate)]), _EMPTY_F64, _EMPTY_F64
@@ -312,17 +485,41 @@ def _native_values(self: Any, n_arr: np.ndarray, d_arr: np.ndarray, ts_arr: np.n
     meta = self._meta
     contiguous = np.ascontiguousarray
     return _kernels.portfolio_values(
-        rates, terms, ends, contiguous(n_arr, dtype=np.float64), contiguous(d_arr, dtype=np.float64),
+        rates,
+        terms,
+        ends,
+        contiguous(n_arr, dtype=np.float64),
+        contiguous(d_arr, dtype=np.float64),
         contiguous(ts_arr, dtype=np.float64),
         None if benefits_arr is None else contiguous(benefits_arr, dtype=np.float64),
-        m=m, timing=payment_timing, growth_kind=kind, growth_rate=rate, mode=mode,
-        tolerance_eps=meta.tolerance_eps, perpetuity_n_eff=meta.perpetuity_n_eff, decimals=decimals,
+        m=m,
+        timing=payment_timing,
+        growth_kind=kind,
+        growth_rate=rate,
+        mode=mode,
+        tolerance_eps=meta.tolerance_eps,
+        perpetuity_n_eff=meta.perpetuity_n_eff,
+        decimals=decimals,
     )
 
 
-def annuity_batch_financial(self: Any, *, n_arr: Any, d_arr: Any, ts_arr: Any, m: Any, gr: Any, cashflow_times: Any,
-                            cashflow_amounts: Any, payment_timing: int, decimals: Any, benefits_arr: Any,
-                            return_flows: Any, t_output: Any = None, method_name: str = "") -> Any:
+def annuity_batch_financial(
+    self: Any,
+    *,
+    n_arr: Any,
+    d_arr: Any,
+    ts_arr: Any,
+    m: Any,
+    gr: Any,
+    cashflow_times: Any,
+    cashflow_amounts: Any,
+    payment_timing: int,
+    decimals: Any,
+    benefits_arr: Any,
+    return_flows: Any,
+    t_output: Any = None,
+    method_name: str = "",
+) -> Any:
     """Value policies sharing m and growth: each distinct (term, deferment,
     shift) once, then scatter."""
     m = int(m)
@@ -338,9 +535,18 @@ def annuity_batch_financial(self: Any, *, n_arr: Any, d_arr: Any, ts_arr: Any, m
     def value_group(k: int, flows: bool) -> Any:
         term, deferment, shift = (float(x) for x in rows[k])
         return self._annuity_dispatch(
-            validate=False, ts=shift, d=deferment, n=None if math.isinf(term) else term, m=m, gr=gr,
-            cashflow_times=cashflow_times, cashflow_amounts=cashflow_amounts, payment_timing=payment_timing,
-            return_flows=flows, method_name=method_name, ir_shifted=self._ir_shifted_for_ts(shift, shift_cache),
+            validate=False,
+            ts=shift,
+            d=deferment,
+            n=None if math.isinf(term) else term,
+            m=m,
+            gr=gr,
+            cashflow_times=cashflow_times,
+            cashflow_amounts=cashflow_amounts,
+            payment_timing=payment_timing,
+            return_flows=flows,
+            method_name=method_name,
+            ir_shifted=self._ir_shifted_for_ts(shift, shift_cache),
         )
 
     if not return_flows:
@@ -356,8 +562,13 @@ def annuity_batch_financial(self: Any, *, n_arr: Any, d_arr: Any, ts_arr: Any, m
             parts.append(woolhouse_flows_to_grid(flows, weight))
         else:
             w = float(weight)
-            parts.append((_as_f64_safe(flows["time_grid"]), _as_f64_safe(flows["expected_cf"]) * w,
-                          _as_f64_safe(flows["pv_cf"]) * w))
+            parts.append(
+                (
+                    _as_f64_safe(flows["time_grid"]),
+                    _as_f64_safe(flows["expected_cf"]) * w,
+                    _as_f64_safe(flows["pv_cf"]) * w,
+                )
+            )
     return _aggregate_flow_parts(parts, t_output)
 
 
@@ -374,8 +585,7 @@ def woolhouse_flows_to_grid(flows: Any, n_policies: Any) -> tuple[np.ndarray, np
     key = "coef_due" if "coef_due" in flows else "coef_immediate"
     coef = flows[key]
     if isinstance(coef, (bool, np.bool_)) or not isinstance(coef, _NUMERIC_TYPES):
-        raise TypeError(f"_woolhouse_flows_to_grid(): flows['{key}'] must be a real number, "
-                        f"got {type(coef).__name__}")
+        raise TypeError(f"_woolhouse_flows_to_grid(): flows['{key}'] must be a real number, got {type(coef).__name__}")
     coef = float(coef)
     due, immediate, fractional, tail = flows["due"], flows["immediate"], flows["fractional"], flows["fractional_tail"]
 
