@@ -10,8 +10,8 @@
 #include "core/annuity.hpp"
 #include "core/portfolio.hpp"
 
+#include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <stdexcept>
 #include <utility>
 
@@ -27,7 +27,7 @@ std::span<const double> span_of(const InArray& a) { return {a.data(), a.shape(0)
 
 OutArray to_array(const std::vector<double>& values) {
     auto* buffer = new double[values.empty() ? 1 : values.size()];
-    std::memcpy(buffer, values.data(), values.size() * sizeof(double));
+    std::copy(values.begin(), values.end(), buffer);  // memcpy from an empty vector's null data is undefined
     nb::capsule owner(buffer, [](void* p) noexcept { delete[] static_cast<double*>(p); });
     return OutArray(buffer, {values.size()}, owner);
 }
