@@ -201,16 +201,16 @@ nb::dict validate(InterestRate& ir);
 
 nb::dict scenario_summary(InterestRate& ir) {
     nb::dict summary;
-    summary["total_scenarios"] = nb::len(ir[Scenarios]);
+    summary["total_scenarios"] = nb::len(scenarios_of(ir));
     summary["active_scenario"] = ir[ActiveScenario];
-    summary["scenario_names"] = nb::list(ir[Scenarios].attr("keys")());
+    summary["scenario_names"] = nb::list(scenarios_of(ir).keys());
     return summary;
 }
 
 nb::dict cross_scenario_analysis(InterestRate& ir) {
     std::vector<double> pool;
-    for (auto [name, scenario] : nb::borrow<nb::dict>(ir[Scenarios])) {
-        InterestRate& s = nb::cast<InterestRate&>(scenario);
+    for (auto [name, scenario] : scenarios_of(ir)) {
+        InterestRate& s = curve_arg(scenario, "scenario");
         if (is_constant(s)) {
             pool.push_back(to_double(s[Rate], "rate"));
         } else {
@@ -282,8 +282,8 @@ nb::dict validate(InterestRate& ir) {
         nb::dict per_scenario;
         report["scenarios"] = per_scenario;
         report["scenario_summary"] = scenario_summary(ir);
-        for (auto [name, scenario] : nb::borrow<nb::dict>(ir[Scenarios]))
-            per_scenario[name] = validate(nb::cast<InterestRate&>(scenario));
+        for (auto [name, scenario] : scenarios_of(ir))
+            per_scenario[name] = validate(curve_arg(scenario, "scenario"));
         report["cross_scenario_analysis"] = cross_scenario_analysis(ir);
         return report;
     }
@@ -305,8 +305,8 @@ nb::dict validate(InterestRate& ir) {
 nb::dict curve_analysis(InterestRate& ir) {
     nb::dict result;
     if (has_scenarios(ir)) {
-        for (auto [name, scenario] : nb::borrow<nb::dict>(ir[Scenarios]))
-            result[name] = curve_analysis(nb::cast<InterestRate&>(scenario));
+        for (auto [name, scenario] : scenarios_of(ir))
+            result[name] = curve_analysis(curve_arg(scenario, "scenario"));
         return result;
     }
     nb::dict factors;

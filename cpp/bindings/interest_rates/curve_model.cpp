@@ -305,7 +305,7 @@ InterestRate construct(nb::handle rate_in, nb::handle terms_in, nb::handle rates
 // ---- scenarios --------------------------------------------------------------
 
 void set_active_scenario(InterestRate& ir, nb::handle name) {
-    if (!has_scenarios(ir) || !nb::borrow<nb::dict>(ir[Scenarios]).contains(name))
+    if (!has_scenarios(ir) || !scenarios_of(ir).contains(name))
         raise(PyExc_ValueError, "Scenario '" + py_str(name) + "' not found.");
     if (py_compare(name, ir[ActiveScenario], Py_NE)) {
         ir[ActiveScenario] = nb::borrow(name);
@@ -316,10 +316,10 @@ void set_active_scenario(InterestRate& ir, nb::handle name) {
 void add_scenario(InterestRate& ir, nb::handle name, nb::handle scenario) {
     if (!nb::isinstance<InterestRate>(scenario))
         raise(PyExc_TypeError, "scenario must be an InterestRate instance, got " + type_name_of(scenario));
-    if (has_scenarios(nb::cast<InterestRate&>(scenario)))
+    if (has_scenarios(curve_arg(scenario, "scenario")))
         raise(PyExc_ValueError,
               "Nested multi-scenario InterestRate is not allowed. Add only simple scenarios (constant or piecewise).");
-    ir[Scenarios][name] = scenario;
+    scenarios_of(ir)[name] = scenario;
     if (ir[ActiveScenario].is_none()) ir[ActiveScenario] = nb::borrow(name);
     invalidate_caches(ir);
 }
@@ -344,7 +344,7 @@ Py_hash_t curve_hash(InterestRate& ir) {
     if (has_scenarios(ir)) {
         nb::object active = ir[ActiveScenario].is_none() ? nb::object(nb::str("")) : ir[ActiveScenario];
         nb::list items;
-        for (auto [name, scenario] : nb::borrow<nb::dict>(ir[Scenarios]))
+        for (auto [name, scenario] : scenarios_of(ir))
             items.append(nb::make_tuple(name, nb::hash(scenario)));
         return nb::hash(nb::make_tuple("ir_scen", active, nb::tuple(items)));
     }
@@ -414,16 +414,22 @@ InterestRate& curve_arg(nb::handle h, const char* what) {
     return nb::cast<InterestRate&>(h);
 }
 
-bool has_scenarios(const InterestRate& ir) { return truthy(ir[Scenarios]); }
+nb::dict scenarios_of(const InterestRate& ir) {
+    require_dict(ir[Scenarios], "scenarios");
+    return nb::borrow<nb::dict>(ir[Scenarios]);
+}
+
+bool has_scenarios(const InterestRate& ir) { return nb::len(scenarios_of(ir)) > 0; }
 
 bool is_constant(InterestRate& ir) { return truthy(active_curve(ir)[IsConstant]); }
 
 InterestRate& active_curve(InterestRate& ir) {
     if (!has_scenarios(ir)) return ir;
-    return curve_arg(ir[Scenarios][ir[ActiveScenario]], "scenario");
+    return curve_arg(scenarios_of(ir)[ir[ActiveScenario]], "scenario");
 }
 
 nb::object deep_copy(nb::handle self, nb::handle memo) {
+    require_dict(memo, "memo");
     nb::handle cls = self.type();
     nb::object result = blank_instance(cls);
     memo[checked(PyLong_FromVoidPtr(self.ptr()))] = result;
@@ -569,7 +575,7 @@ Examples
         [](InterestRate& ir, nb::object name) { set_active_scenario(ir, name); },
         nb::for_setter(nb::arg("name").none()), "Name of the active scenario, or None for a single curve.");
     cls.def_prop_ro(
-        "scenario_names", [](InterestRate& ir) { return nb::list(ir[Scenarios].attr("keys")()); },
+        "scenario_names", [](InterestRate& ir) { return nb::list(scenarios_of(ir).keys()); },
         "Scenario names in insertion order ([] for a single curve).");
     cls.def_prop_ro(
         "days_per_year", [](InterestRate& ir) { return config_backed(ir, DaysPerYear, "days_per_year"); },

@@ -322,7 +322,11 @@ nb::object curve_of(const core::CurveArrays& arrays) {
 nb::object shifted(nb::handle self_obj, nb::handle ts_in) {
     if (!is_numeric(ts_in)) raise(PyExc_TypeError, "[InterestRate] Parameter 'ts' must be numeric.");
     InterestRate& self = curve_arg(self_obj, "self");
-    if (has_scenarios(self)) return shifted(self[Scenarios][self[ActiveScenario]], ts_in);
+    if (has_scenarios(self)) {
+        nb::object scenario = scenarios_of(self)[self[ActiveScenario]];
+        curve_arg(scenario, "scenario");
+        return shifted(scenario, ts_in);
+    }
     const double ts = to_double(ts_in, "ts");
     if (truthy(self[IsConstant]) || ts <= 0.0) return deep_copy(self_obj, nb::dict());
     if (self[CumTerms].is_none() || self[Terms].is_none() || self[Rates].is_none())

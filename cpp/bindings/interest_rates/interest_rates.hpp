@@ -100,6 +100,8 @@ void register_annuities(nb::module_& m, CurveClass& cls);
 // Curve helpers shared across binding files.
 // `h` as a curve; a TypeError naming `what` for anything else.
 InterestRate& curve_arg(nb::handle h, const char* what);
+// The scenarios dict; a TypeError when the attribute was given something else.
+nb::dict scenarios_of(const InterestRate& ir);
 bool has_scenarios(const InterestRate& ir);
 // Whether the curve (the active scenario of a container) is constant.
 bool is_constant(InterestRate& ir);

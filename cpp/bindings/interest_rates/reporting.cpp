@@ -39,11 +39,11 @@ nb::object export_curve(InterestRate& ir, const std::string& format) {
     nb::dict result;
     if (has_scenarios(ir)) {
         // Scenarios are always exported in dict form.
-        for (auto [name, scenario] : nb::borrow<nb::dict>(ir[Scenarios]))
-            result[name] = single_payload(nb::cast<InterestRate&>(scenario));
+        for (auto [name, scenario] : scenarios_of(ir))
+            result[name] = single_payload(curve_arg(scenario, "scenario"));
         if (format == "regulatory") {
             nb::dict meta;
-            meta["scenario_count"] = nb::len(ir[Scenarios]);
+            meta["scenario_count"] = nb::len(scenarios_of(ir));
             meta["active_scenario"] = ir[ActiveScenario];
             meta["curve_policy"] = policy_flags(ir);
             meta["export_timestamp"] = timestamp();
@@ -132,9 +132,9 @@ nb::object from_export(nb::handle cls, nb::handle payload_in) {
 std::string text(InterestRate& ir) {
     if (has_scenarios(ir)) {
         std::string names, lines;
-        for (auto [name, scenario] : nb::borrow<nb::dict>(ir[Scenarios])) {
+        for (auto [name, scenario] : scenarios_of(ir)) {
             names += (names.empty() ? "" : ", ") + py_str(name);
-            lines += "\n  " + py_str(name) + ": " + text(nb::cast<InterestRate&>(scenario));
+            lines += "\n  " + py_str(name) + ": " + text(curve_arg(scenario, "scenario"));
         }
         return "InterestRate scenarios: " + names + " (active: " + py_str(ir[ActiveScenario]) + ")" + lines;
     }
@@ -157,7 +157,7 @@ std::string text(InterestRate& ir) {
 
 std::string representation(InterestRate& ir) {
     if (has_scenarios(ir))
-        return "InterestRate(scenarios=" + py_repr(nb::list(ir[Scenarios].attr("keys")())) + ", active='" +
+        return "InterestRate(scenarios=" + py_repr(nb::list(scenarios_of(ir).keys())) + ", active='" +
                py_str(ir[ActiveScenario]) + "')";
     if (is_constant(ir)) return "InterestRate(rate=" + fixed6(ir[Rate]) + ")";
     if (ir[Terms].is_none() || ir[Rates].is_none()) raise(PyExc_AssertionError, kMissingArrays);
