@@ -30,6 +30,7 @@ from typing import Any
 import numpy as np
 
 from .. import _kernels
+from ..growth_rates import _as_growth_rate
 from .base import _CALCULATION_MODES
 
 __all__ = ["_ANNUITY_CALCULATION_MODE_DISPATCH"]
@@ -83,7 +84,7 @@ def _is_certain(survival_func: Callable[[Any], Any]) -> bool:
 
 def _annuity(kw: dict[str, Any]) -> _kernels.Annuity:
     """The native annuity of the keywords an engine entry receives."""
-    gr = kw["gr"]
+    gr = _as_growth_rate(kw["gr"])  # a TypeError for anything but None, a GrowthRate or a number
     kind, rate = ("level", 0.0) if gr is None else (gr.kind, float(gr.rate))
     return _kernels.Annuity(
         d=float(kw["d"]),

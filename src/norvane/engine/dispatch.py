@@ -14,6 +14,7 @@ and ``_annuity_batch_financial``, and as ``_woolhouse_flows_to_grid``.
 from __future__ import annotations
 
 import math
+from collections.abc import Mapping
 from typing import Any
 
 import numpy as np
@@ -575,6 +576,13 @@ def annuity_batch_financial(
 # ---------------------------------------------------------------- Woolhouse flows on one grid
 
 
+def _require_mapping(value: Any, name: str) -> Mapping[str, Any]:
+    # Keys are looked up by name: an array or a string would answer with the wrong error.
+    if not isinstance(value, Mapping):
+        raise TypeError(f"_woolhouse_flows_to_grid(): {name} must be a dict, got {type(value).__name__}")
+    return value
+
+
 def woolhouse_flows_to_grid(flows: Any, n_policies: Any) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
     """Project a Woolhouse flow dictionary onto one time grid.
 
@@ -582,12 +590,14 @@ def woolhouse_flows_to_grid(flows: Any, n_policies: Any) -> tuple[np.ndarray, np
     ``n_policies``. The grid is the union of the components' times; flows at
     equal times are added.
     """
+    flows = _require_mapping(flows, "flows")
     key = "coef_due" if "coef_due" in flows else "coef_immediate"
     coef = flows[key]
     if isinstance(coef, (bool, np.bool_)) or not isinstance(coef, _NUMERIC_TYPES):
         raise TypeError(f"_woolhouse_flows_to_grid(): flows['{key}'] must be a real number, got {type(coef).__name__}")
     coef = float(coef)
-    due, immediate, fractional, tail = flows["due"], flows["immediate"], flows["fractional"], flows["fractional_tail"]
+    names = ("due", "immediate", "fractional", "fractional_tail")
+    due, immediate, fractional, tail = (_require_mapping(flows[name], f"flows['{name}']") for name in names)
 
     def grid_of(component: Any) -> np.ndarray:
         return _as_f64_safe(component["time_grid"]) if "time_grid" in component else _EMPTY_F64
