@@ -191,8 +191,23 @@ def _engine_kwargs(mode_kwargs):
     return {**base, **mode_kwargs}
 
 
+def _unpickled(x, y):
+    """A curve restored from a state with ``x`` in one of its fields, then used."""
+    state = list(InterestRate(terms=[1.0], rates=[0.01, 0.02]).__getstate__())
+    state[len(repr(y)) % len(state)] = x
+    curve = InterestRate.__new__(InterestRate)
+    curve.__setstate__(tuple(state))
+    return curve.vn(1.5), curve.validate(), str(curve), curve.export("json"), curve.a(n=2)
+
+
 # name: (call with two hostile values, the documented result types)
 MODULE_CALLS = {
+    "unpickled curve": (_unpickled, tuple),
+    "_InterestRateMeta.model_copy": (
+        lambda x, y: _InterestRateMeta().model_copy({"term_unit": x, "tolerance_eps": y}),
+        _InterestRateMeta,
+    ),
+    "_InterestRateMeta.from_msgpack_dict": (lambda x, y: _InterestRateMeta.from_msgpack_dict(x), _InterestRateMeta),
     "InterestRate(rate)": (lambda x, y: InterestRate(x), InterestRate),
     "InterestRate(terms, rates)": (lambda x, y: InterestRate(terms=x, rates=y), InterestRate),
     "InterestRate(rate, term_unit)": (lambda x, y: InterestRate(x, term_unit=y), InterestRate),
@@ -220,6 +235,7 @@ MODULE_CALLS = {
 @given(x=hostile, y=hostile)
 @example(x="abc", y=None).via("a text coefficient raised RuntimeError")
 @example(x=np.empty(0), y=-0.0).via("an array of flows raised IndexError")
+@example(x=-1, y=0).via("a damaged pickle state failed later with an internal RuntimeError")
 def test_module_functions(name, x, y):
     call, returns = MODULE_CALLS[name]
     # An empty scenario dict ends in StopIteration by design: there is no first scenario.

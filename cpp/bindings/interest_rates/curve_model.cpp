@@ -344,8 +344,7 @@ Py_hash_t curve_hash(InterestRate& ir) {
     if (has_scenarios(ir)) {
         nb::object active = ir[ActiveScenario].is_none() ? nb::object(nb::str("")) : ir[ActiveScenario];
         nb::list items;
-        for (auto [name, scenario] : scenarios_of(ir))
-            items.append(nb::make_tuple(name, nb::hash(scenario)));
+        for (auto [name, scenario] : scenarios_of(ir)) items.append(nb::make_tuple(name, nb::hash(scenario)));
         return nb::hash(nb::make_tuple("ir_scen", active, nb::tuple(items)));
     }
     // Arrays are replaced whole, never changed in place, so the hash of a
@@ -471,22 +470,19 @@ nb::tuple get_state(const InterestRate& ir) {
 
 void set_state(InterestRate& self, nb::tuple state) {
     if (nb::len(state) != 7) raise(PyExc_ValueError, "invalid InterestRate pickle state");
-    if (!nb::isinstance<Meta>(state[0]) || !nb::isinstance<nb::dict>(state[5]))
-        raise(PyExc_TypeError, "invalid InterestRate pickle state: metadata or scenarios of the wrong type");
+    if (!nb::isinstance<Meta>(state[0]) || !PyBool_Check(state[1].ptr()) || !nb::isinstance<nb::dict>(state[5]))
+        raise(PyExc_TypeError, "invalid InterestRate pickle state: metadata, kind or scenarios of the wrong type");
+    // The curve data goes through the same checks as at construction, so a
+    // damaged state is refused here rather than failing later inside a kernel.
     InterestRate ir;
     set_defaults(ir);
     ir[MetaData] = state[0];
-    ir[IsConstant] = state[1];
-    ir[Rate] = state[2];
-    if (!state[3].is_none()) {
-        std::span<const double> t = f64_span(as_f64(state[3]));
-        NewArray cum = new_f64_array(t.size());
-        core::cumulative_sum(t, {cum.data, t.size()});
-        ir[Terms] = readonly_copy(t);
-        ir[CumTerms] = cum.array;
+    if (truthy(state[1])) {
+        build_constant(ir, state[2]);
+    } else {
+        set_terms(ir, state[3]);
+        set_rates(ir, state[4]);
     }
-    if (!state[4].is_none()) ir[Rates] = readonly_copy(f64_span(as_f64(state[4])));
-    recompute_prefix_products(ir);
     ir[Scenarios] = state[5];
     ir[ActiveScenario] = state[6];
     new (&self) InterestRate(std::move(ir));
