@@ -3,7 +3,7 @@
 # virtual environment and build directory of their own, and run the whole test
 # suite against them. Any sanitizer report stops the run with a non-zero status.
 #
-#   tools/sanitize.sh [pytest arguments]
+#   tools/sanitize.sh [pytest arguments]   (default: the whole suite)
 #
 # NORVANE_SANITIZE_VENV and NORVANE_SANITIZE_BUILD choose the two directories
 # (default build/sanitize-venv and build/sanitize); both are rebuilt from scratch.
@@ -27,8 +27,8 @@ LD_PRELOAD="$(c++ -print-file-name=libasan.so) $(c++ -print-file-name=libstdc++.
 export LD_PRELOAD
 export ASAN_OPTIONS="detect_leaks=0:abort_on_error=1"
 export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
-# Arrow's own allocator does not mix with the ASan interceptors.
+# Arrow's bundled allocator would hide its memory from ASan: use the system one.
 export ARROW_DEFAULT_MEMORY_POOL=system
 # tests/ imports the installed, instrumented package (the sources under src/ are not on the path).
 # --capture=sys leaves the process's stderr alone, so a report reaches the terminal.
-exec python -m pytest -q -p no:cacheprovider --capture=sys "$@" tests/
+exec python -m pytest -q -p no:cacheprovider --capture=sys "$@"
