@@ -190,8 +190,8 @@ def _as_f64_safe(x: object) -> F64Array:
     Returns
     -------
     ndarray of float64
-        0-d for a scalar. A C-contiguous float64 ndarray is returned as is,
-        without a copy: callers that keep the result must copy it.
+        0-d for a scalar, C-contiguous and aligned. Such a float64 ndarray is
+        returned as is, without a copy: callers that keep the result must copy it.
 
     Raises
     ------
@@ -204,7 +204,8 @@ def _as_f64_safe(x: object) -> F64Array:
     tp = type(x)
     if tp is np.ndarray:
         if x.dtype is _F64:  # type: ignore[union-attr]
-            return x if x.flags.c_contiguous else np.ascontiguousarray(x)  # type: ignore[union-attr,return-value]
+            flags = x.flags  # type: ignore[union-attr]
+            return x if flags.c_contiguous and flags.aligned else _aligned(x)  # type: ignore[return-value]
     elif tp is float:
         return np.array(x, dtype=_F64)
     elif tp is int:
@@ -219,8 +220,14 @@ def _as_f64_safe(x: object) -> F64Array:
     if arr.dtype.itemsize > 8 and arr.dtype.kind == "f":
         # long double beyond the float64 range becomes +-inf, as a cast does.
         with np.errstate(over="ignore"):
-            return np.asarray(arr, dtype=_F64, order="C")
-    return np.asarray(arr, dtype=_F64, order="C")
+            return _aligned(arr)
+    return _aligned(arr)
+
+
+def _aligned(arr: Any) -> F64Array:
+    # The native code reads whole doubles: an array at an odd address (from a
+    # byte buffer, say) is copied, as a non-contiguous one is.
+    return np.require(arr, dtype=_F64, requirements=["C", "A"])
 
 
 def _is_finite_f64_array(a: F64Array) -> NDArray[np.bool_]:

@@ -31,6 +31,7 @@ import numpy as np
 
 from .. import _kernels
 from ..growth_rates import _as_growth_rate
+from ..helpers import _as_f64_safe
 from .base import _CALCULATION_MODES
 
 __all__ = ["_ANNUITY_CALCULATION_MODE_DISPATCH"]
@@ -129,10 +130,9 @@ def _explicit_inputs(annuity: _kernels.Annuity, kw: dict[str, Any]) -> tuple[np.
     by default), or the generated schedule's times for the given amounts."""
     times, amounts = kw.get("cashflow_times"), kw.get("cashflow_amounts")
     if times is not None:
-        times = np.asarray(times, dtype=np.float64)
-        amounts = np.ones_like(times) if amounts is None else np.asarray(amounts, dtype=np.float64)
-        return times, amounts
-    return annuity.payments()[0], np.asarray(amounts, dtype=np.float64)
+        times = _as_f64_safe(times)
+        return times, np.ones_like(times) if amounts is None else _as_f64_safe(amounts)
+    return annuity.payments()[0], _as_f64_safe(amounts)
 
 
 def _value_explicit(
@@ -291,7 +291,7 @@ def _continuous_precision(**kw: Any) -> float | dict[str, Any]:
     if kw.get("cashflow_times") is not None:
         return _value_explicit(curve, *_explicit_inputs(annuity, kw), kw)
     amounts = kw.get("cashflow_amounts")
-    amounts = None if amounts is None else np.asarray(amounts, dtype=np.float64)
+    amounts = None if amounts is None else _as_f64_safe(amounts)
     ends, expected, pv = _continuous_intervals(annuity, curve, amounts=amounts)
     survival = _survival(kw["survival_func"], ends)
     if amounts is None and not kw["return_flows"] and np.ndim(survival) == 0:
