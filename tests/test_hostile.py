@@ -31,7 +31,7 @@ from norvane.portfolio import Portfolio, policies_from_table, value_portfolio
 
 DOCUMENTED = (TypeError, ValueError, KeyError, OverflowError, ZeroDivisionError)
 MODES = ("discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified")
-SETTINGS = settings(derandomize=True, max_examples=120, deadline=None, database=None)
+SETTINGS = settings(derandomize=True, max_examples=80, deadline=None, database=None)
 
 
 def _readonly():
@@ -49,11 +49,7 @@ POOL = {
     "-1e308": lambda: -1e308,
     "2**70": lambda: 2**70,
     "-0.0": lambda: -0.0,
-    "0": lambda: 0,
-    "1": lambda: 1,
     "12": lambda: 12,
-    "-1": lambda: -1,
-    "2.5": lambda: 2.5,
     "True": lambda: True,
     "None": lambda: None,
     "str": lambda: "1.5",
@@ -70,6 +66,7 @@ POOL = {
     "empty array": lambda: np.empty(0),
     "strided": lambda: np.arange(12.0)[::4],
     "read-only": _readonly,
+    "unaligned": lambda: np.frombuffer(bytes(25), dtype=np.float64, count=3, offset=1),
     "float32": lambda: np.array([1.0, 2.0], dtype=np.float32),
     "int64": lambda: np.array([1, 5]),
     "complex": lambda: np.array([1 + 1j, 2]),
@@ -106,6 +103,11 @@ NUMBER = (float, np.ndarray)
 def _snapshot(value):
     """What the caller can see of a value: its pickled contents and, for arrays, writability."""
     return pickle.dumps(value), getattr(getattr(value, "flags", None), "writeable", None)
+
+
+def _complete(curve):
+    """False for a piecewise curve whose terms or rates were cleared, as a user may: it waits for new ones."""
+    return curve.is_constant or curve.scenarios or (curve.rates is not None and curve.terms is not None)
 
 
 def check(call, args, returns, allowed=DOCUMENTED):
@@ -152,6 +154,7 @@ CURVE_CALLS = {
 @example(x=1e308, y=None).via("sn overflowed into a crash")
 @example(x=2**70, y=None).via("sn overflowed into a crash")
 @example(x=None, y=None).via("comparison with None raised")
+@example(x=POOL["unaligned"](), y=POOL["unaligned"]()).via("an unaligned array reached the native code (UBSan)")
 def test_curve_methods(form, name, x, y):
     curve = CURVES[form]()
     before = curve.copy()
@@ -159,11 +162,13 @@ def test_curve_methods(form, name, x, y):
     outcome = check(lambda a, b: call(curve, a, b), (x, y), returns)
     if isinstance(outcome, Exception):
         assert curve == before and curve.active_scenario == before.active_scenario, "a failed call changed the curve"
-    if not (curve.is_constant or curve.scenarios) and (curve.rates is None or curve.terms is None):
-        return  # terms or rates cleared on purpose: the curve waits for new ones
-    # Whatever was accepted leaves a usable curve with working reports.
+    if not _complete(curve):
+        return
+    # Whatever was accepted leaves a usable curve with working reports that copies and pickles.
     assert isinstance(curve.vn(1.0), float)
-    curve.validate(), curve.curve_analysis(), str(curve), hash(curve)
+    if curve.active_scenario == curve.active_scenario:  # a scenario named NaN is unequal even to itself
+        assert curve.copy() == curve == pickle.loads(pickle.dumps(curve))
+    curve.validate(), curve.curve_analysis(), curve.summary(), str(curve), repr(curve), hash(curve)
 
 
 ANNUITY_KEYS = ("n", "d", "ts", "m", "gr", "cashflow_times", "cashflow_amounts", "benefits")
@@ -191,12 +196,17 @@ def _engine_kwargs(mode_kwargs):
     return {**base, **mode_kwargs}
 
 
+WOOLHOUSE = ("coef_due", "due", "immediate", "fractional", "fractional_tail")
+
+
 def _unpickled(x, y):
     """A curve restored from a state with ``x`` in one of its fields, then used."""
     state = list(InterestRate(terms=[1.0], rates=[0.01, 0.02]).__getstate__())
     state[len(repr(y)) % len(state)] = x
     curve = InterestRate.__new__(InterestRate)
     curve.__setstate__(tuple(state))
+    if not _complete(curve):
+        return (curve,)
     return curve.vn(1.5), curve.validate(), str(curve), curve.export("json"), curve.a(n=2)
 
 
@@ -214,10 +224,7 @@ MODULE_CALLS = {
     "InterestRate.from_export": (lambda x, y: InterestRate.from_export(x), InterestRate),
     "_InterestRateMeta": (lambda x, y: _InterestRateMeta(days_per_year=x, cache_maxsize=y), _InterestRateMeta),
     "_woolhouse_flows_to_grid": (lambda x, y: _woolhouse_flows_to_grid(x, y), tuple),
-    "woolhouse coefficient": (
-        lambda x, y: _woolhouse_flows_to_grid({"coef_due": x, "due": {"times": y}}, 1.0),
-        tuple,
-    ),
+    "woolhouse components": (lambda x, y: _woolhouse_flows_to_grid(dict.fromkeys(WOOLHOUSE, x), y), tuple),
     "GrowthRate": (lambda x, y: GrowthRate(x, y), GrowthRate),
     "GrowthRate.factors": (lambda x, y: GrowthRate(0.02).factors(x), NUMBER),
     "GrowthRate.payment_factors": (lambda x, y: GrowthRate(-0.5, "arithmetic").payment_factors(x, y), np.ndarray),
@@ -236,6 +243,7 @@ MODULE_CALLS = {
 @example(x="abc", y=None).via("a text coefficient raised RuntimeError")
 @example(x=np.empty(0), y=-0.0).via("an array of flows raised IndexError")
 @example(x=-1, y=0).via("a damaged pickle state failed later with an internal RuntimeError")
+@example(x=POOL["unaligned"](), y=POOL["unaligned"]()).via("an unaligned array reached the native code (UBSan)")
 def test_module_functions(name, x, y):
     call, returns = MODULE_CALLS[name]
     # An empty scenario dict ends in StopIteration by design: there is no first scenario.
