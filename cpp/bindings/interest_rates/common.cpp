@@ -3,6 +3,7 @@
 #include "common.hpp"
 
 #include <algorithm>
+#include <cstdint>
 
 namespace norvane::bindings {
 
@@ -138,9 +139,15 @@ nb::object readonly_copy(std::span<const double> values) {
     return out.array;
 }
 
+bool try_f64_view(nb::handle h, F64View& view) {
+    // An array over a byte buffer may start at an odd address.
+    return nb::try_cast(h, view, false) && reinterpret_cast<std::uintptr_t>(view.data()) % alignof(double) == 0;
+}
+
 std::span<const double> f64_span(nb::handle h) {
-    nb::ndarray<const double, nb::ndim<1>, nb::c_contig, nb::device::cpu> view;
-    if (!nb::try_cast(h, view, false)) raise(PyExc_TypeError, "expected a one-dimensional contiguous float64 array");
+    F64View view;
+    if (!try_f64_view(h, view) || view.ndim() != 1)
+        raise(PyExc_TypeError, "expected a one-dimensional contiguous aligned float64 array");
     return {view.data(), view.shape(0)};
 }
 

@@ -87,6 +87,10 @@ struct NewArray {
 NewArray new_f64_array(std::size_t n);
 // A private read-only copy of a 1-D float64 array.
 nb::object readonly_copy(std::span<const double> values);
+// A view of a C-contiguous float64 array whose data is aligned for reading
+// doubles; false for anything else (callers convert such input first).
+using F64View = nb::ndarray<const double, nb::c_contig, nb::device::cpu>;
+bool try_f64_view(nb::handle h, F64View& view);
 // View of a C-contiguous 1-D float64 array (as the sibling converter returns);
 // a TypeError for anything else. Valid while `h` is alive.
 std::span<const double> f64_span(nb::handle h);

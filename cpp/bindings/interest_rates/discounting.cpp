@@ -33,8 +33,8 @@ bool is_plain_scalar(nb::handle h) {
 }
 
 Durations from_array(nb::handle array, bool is_scalar) {
-    nb::ndarray<const double, nb::c_contig, nb::device::cpu> view;
-    if (!nb::try_cast(array, view, false)) internal_error("Internal error: expected a float64 array of durations.");
+    F64View view;
+    if (!try_f64_view(array, view)) internal_error("Internal error: expected a float64 array of durations.");
     Durations d{nb::borrow(array), view.data(), view.size(), {}, is_scalar, 0.0};
     for (std::size_t k = 0; k < view.ndim(); ++k) d.shape.push_back(view.shape(k));
     return d;
@@ -49,8 +49,8 @@ Durations read_durations(nb::handle n, const std::string& param_name, bool valid
         if (!(value == -1.0 && PyErr_Occurred())) return {nb::none(), nullptr, 1, {}, true, value};
         PyErr_Clear();  // an int too large for a double: let the validator speak
     }
-    nb::ndarray<const double, nb::c_contig, nb::device::cpu> view;
-    if (nb::isinstance(n, registry().np_ndarray) && nb::try_cast(n, view, false)) return from_array(n, false);
+    F64View view;
+    if (nb::isinstance(n, registry().np_ndarray) && try_f64_view(n, view)) return from_array(n, false);
     if (validate) {
         NumericInput checked = numeric_input(n, "InterestRate", param_name.c_str());
         return from_array(checked.array, checked.is_scalar);
