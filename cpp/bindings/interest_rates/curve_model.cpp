@@ -477,12 +477,9 @@ void set_state(InterestRate& self, nb::tuple state) {
     InterestRate ir;
     set_defaults(ir);
     ir[MetaData] = state[0];
-    if (truthy(state[1])) {
-        build_constant(ir, state[2]);
-    } else {
-        set_terms(ir, state[3]);
-        set_rates(ir, state[4]);
-    }
+    if (truthy(state[1])) build_constant(ir, state[2]);
+    set_terms(ir, state[3]);  // a constant curve keeps arrays a caller assigned
+    set_rates(ir, state[4]);
     ir[Scenarios] = state[5];
     ir[ActiveScenario] = state[6];
     new (&self) InterestRate(std::move(ir));
