@@ -23,7 +23,9 @@ pip install -q ".[test]" -Ccmake.define.NORVANE_SANITIZE=ON -Cbuild-dir="$build"
 # CPython is not built with ASan, so its runtime must be loaded first, and
 # libstdc++ with it so that ASan can intercept C++ throws. CPython leaks by
 # design at exit, hence no leak detection; the first report aborts.
-LD_PRELOAD="$(c++ -print-file-name=libasan.so) $(c++ -print-file-name=libstdc++.so)"
+asan="$(c++ -print-file-name=libasan.so)"
+[[ -f "$asan" ]] || { echo "sanitize.sh: the compiler has no libasan.so (install its ASan runtime)" >&2; exit 2; }
+LD_PRELOAD="$asan $(c++ -print-file-name=libstdc++.so)"
 export LD_PRELOAD
 export ASAN_OPTIONS="detect_leaks=0:abort_on_error=1"
 export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
