@@ -90,8 +90,7 @@ double regular_sum(const PiecewiseTable& curve, const Schedule& s, ScheduleCurso
 
 double with_partial(const PiecewiseTable& curve, const Schedule& s, double regular) {
     if (!s.has_partial) return regular;
-    return regular + s.partial_fraction * s.growth.factor(s.partial_index / s.m) / static_cast<double>(s.m) *
-                         curve.discount(s.partial_time);
+    return regular + s.partial_amount() * curve.discount(s.partial_time);
 }
 
 }  // namespace
@@ -147,7 +146,7 @@ void schedule_payments(const Schedule& s, std::vector<double>& times, std::vecto
     }
     if (s.has_partial) {
         times.push_back(s.partial_time);
-        amounts.push_back(s.partial_fraction * s.growth.factor(s.partial_index / s.m) / static_cast<double>(s.m));
+        amounts.push_back(s.partial_amount());
     }
 }
 
@@ -282,8 +281,7 @@ double sum_of(const PiecewiseTable& curve, const ScheduleSums* sums, const Sched
 double woolhouse_value(const PiecewiseTable& curve, const Annuity& annuity, bool continuous, const ScheduleSums* sums) {
     const WoolhouseParts parts = woolhouse_parts(annuity, continuous);
     const double due = sum_of(curve, sums, parts.due), immediate = sum_of(curve, sums, parts.immediate);
-    const double c = parts.weight;
-    const double annual = annuity.timing == 0 ? (1.0 - c) * due + c * immediate : c * due + (1.0 - c) * immediate;
+    const double annual = woolhouse_combination(due, immediate, parts.weight, annuity.timing);
     if (continuous) {
         const double start = annuity.d + static_cast<double>(parts.due.count);
         return annual + continuous_value(curve, start, annuity.d + annuity.n, annuity.d, annuity.growth);

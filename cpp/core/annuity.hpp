@@ -42,6 +42,9 @@ struct Schedule {
 
     double time(std::size_t k) const { return start + (static_cast<double>(k) + timing) / static_cast<double>(m); }
     double amount(std::size_t k) const { return growth.factor(k / m) / static_cast<double>(m); }
+    double partial_amount() const {
+        return partial_fraction * growth.factor(partial_index / m) / static_cast<double>(m);
+    }
 };
 
 // ---- the rules of a policy ------------------------------------------------------
@@ -70,6 +73,11 @@ PaymentCount payment_count(double n, std::size_t m, double tolerance);
 // Woolhouse's weight of the annual immediate payments in an m-thly annuity-due,
 // (m - 1) / (2m); its limit 1/2 for continuous payments.
 double woolhouse_weight(std::size_t m, bool continuous);
+// The m-thly value from the annual due and immediate values: due
+// ä(m) = (1 - c) ä + c a, immediate a(m) = c ä + (1 - c) a, c the weight.
+inline double woolhouse_combination(double due, double immediate, double weight, int timing) {
+    return timing == 0 ? (1.0 - weight) * due + weight * immediate : weight * due + (1.0 - weight) * immediate;
+}
 
 // np.round(value, decimals): scale, round half to even, unscale.
 double round_like_numpy(double value, int decimals);

@@ -125,6 +125,8 @@ nb::dict woolhouse_parts_of(const core::Annuity& a, bool continuous) {
 
 }  // namespace
 
+void register_life(nb::module_& m);  // life.cpp
+
 NB_MODULE(_kernels, m) {
     m.doc() = "Native routines of the annuity engine: schedule rules and sums on a curve's arrays.";
     nb::set_leak_warnings(false);  // curves cached by the engine outlive the module at shutdown
@@ -259,4 +261,5 @@ NB_MODULE(_kernels, m) {
         nb::arg("growth_rate"), nb::arg("mode"), nb::arg("tolerance_eps"), nb::arg("perpetuity_n_eff"),
         nb::arg("decimals"),
         "Rounded present values of a portfolio (times the benefits), each distinct (n, d, ts) valued once.");
+    register_life(m);
 }

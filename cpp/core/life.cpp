@@ -1,0 +1,382 @@
+#include "core/life.hpp"
+
+#include "core/parallel.hpp"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <unordered_map>
+
+namespace norvane::core {
+
+namespace {
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+// Survival over the fraction f of a year with death probability q, given
+// log(1 - q) for the constant force.
+double fraction_survival(double q, double log_p, double f, FractionalAge rule) {
+    if (f <= 0.0) return 1.0;
+    switch (rule) {
+        case FractionalAge::ConstantForce:
+            return std::exp(f * log_p);
+        case FractionalAge::Balducci:
+            return (1.0 - q) / (1.0 - (1.0 - f) * q);
+        default:
+            return 1.0 - f * q;
+    }
+}
+
+// Gauss-Legendre nodes and weights on [-1, 1], by Newton's method on the
+// Legendre polynomial.
+struct GaussLegendre {
+    static constexpr int kNodes = 12;
+    std::array<double, kNodes> x{}, w{};
+
+    GaussLegendre() {
+        const double pi = std::acos(-1.0);
+        for (int i = 0; i < kNodes; ++i) {
+            double z = std::cos(pi * (i + 0.75) / (kNodes + 0.5)), derivative = 1.0;
+            for (int iteration = 0; iteration < 100; ++iteration) {
+                double p0 = 1.0, p1 = 0.0;
+                for (int k = 1; k <= kNodes; ++k) {
+                    const double p2 = p1;
+                    p1 = p0;
+                    p0 = ((2.0 * k - 1.0) * z * p1 - (k - 1.0) * p2) / k;
+                }
+                derivative = kNodes * (z * p0 - p1) / (z * z - 1.0);
+                const double step = p0 / derivative;
+                z -= step;
+                if (std::abs(step) < 1e-16) break;
+            }
+            x[i] = z;
+            w[i] = 2.0 / ((1.0 - z * z) * derivative * derivative);
+        }
+    }
+};
+
+const GaussLegendre& gauss_legendre() {
+    static const GaussLegendre rule;
+    return rule;
+}
+
+}  // namespace
+
+std::optional<FractionalAge> fractional_age_named(std::string_view name) {
+    if (name == "udd") return FractionalAge::Uniform;
+    if (name == "constant_force") return FractionalAge::ConstantForce;
+    if (name == "balducci") return FractionalAge::Balducci;
+    return std::nullopt;
+}
+
+double year_survival(double q, double f, FractionalAge rule) { return fraction_survival(q, std::log1p(-q), f, rule); }
+
+// ---- survival ---------------------------------------------------------------------
+
+SurvivalPath::SurvivalPath(std::vector<double> q) : q_(std::move(q)), l_(q_.size() + 1), log_p_(q_.size()) {
+    l_[0] = 1.0;
+    for (std::size_t j = 0; j < q_.size(); ++j) {
+        l_[j + 1] = l_[j] * (1.0 - q_[j]);
+        log_p_[j] = std::log1p(-q_[j]);
+    }
+}
+
+double SurvivalPath::to(double u, FractionalAge rule) const {
+    const double whole = std::floor(u);
+    if (!(whole < years())) return l_.back();
+    const auto j = static_cast<std::size_t>(whole);
+    return l_[j] * fraction_survival(q_[j], log_p_[j], u - whole, rule);
+}
+
+MortalityTable::MortalityTable(int first_age, std::vector<double> ultimate, int select_first, std::size_t select_period,
+                               std::vector<double> select)
+    : first_age_(first_age),
+      select_first_(select_first),
+      period_(select_period),
+      ultimate_(std::move(ultimate)),
+      select_(std::move(select)) {}
+
+bool MortalityTable::has_select_row(int age) const {
+    return period_ > 0 && age >= select_first_ &&
+           static_cast<std::size_t>(age - select_first_) < select_.size() / period_;
+}
+
+int MortalityTable::path_start(int select_age) const { return has_select_row(select_age) ? select_age : first_age_; }
+
+const SurvivalPath& MortalityTable::path(int select_age) {
+    if (!has_select_row(select_age)) {
+        if (!ultimate_path_) ultimate_path_.emplace(ultimate_);
+        return *ultimate_path_;
+    }
+    auto found = select_paths_.find(select_age);
+    if (found != select_paths_.end()) return found->second;
+    // The select row, then the ultimate rates from the age it leads to.
+    const auto row = select_.begin() + static_cast<std::ptrdiff_t>((select_age - select_first_) * period_);
+    std::vector<double> q(row, row + static_cast<std::ptrdiff_t>(period_));
+    const std::size_t joins =
+        static_cast<std::size_t>(std::max(0, select_age + static_cast<int>(period_) - first_age_));
+    if (joins < ultimate_.size())
+        q.insert(q.end(), ultimate_.begin() + static_cast<std::ptrdiff_t>(joins), ultimate_.end());
+    return select_paths_.emplace(select_age, SurvivalPath(std::move(q))).first->second;
+}
+
+std::optional<LifeOnPath> life_on_path(const SurvivalPath& path, double start, FractionalAge rule) {
+    const double alive = path.to(start, rule);
+    if (!(start >= 0.0) || !(alive > 0.0)) return std::nullopt;
+    return LifeOnPath{&path, start, rule, 1.0 / alive};
+}
+
+double Status::at(double t) const {
+    const double x = lives[0].at(t);
+    if (kind == Single) return x;
+    const double y = lives[1].at(t);
+    return kind == Joint ? x * y : x + y - x * y;
+}
+
+double Status::horizon() const {
+    if (kind == Single) return lives[0].horizon();
+    return kind == Joint ? std::min(lives[0].horizon(), lives[1].horizon())
+                         : std::max(lives[0].horizon(), lives[1].horizon());
+}
+
+double Status::next_birthday(double t) const {
+    double next = PiecewiseTable::kInfinity;
+    for (int i = 0; i < (kind == Single ? 1 : 2); ++i) {
+        const double u = lives[i].start + t;
+        double birthday = std::floor(u) + 1.0 - lives[i].start;
+        if (!(birthday > t)) birthday += 1.0;  // u rounded down onto a birthday
+        next = std::min(next, birthday);
+    }
+    return next;
+}
+
+// ---- values -----------------------------------------------------------------------
+
+double life_schedule_value(const PiecewiseTable& curve, const Schedule& s, const Status& status) {
+    const double horizon = status.horizon();
+    const double step = 1.0 / static_cast<double>(s.m);
+    std::size_t k = s.first;
+    const std::size_t end = s.first + s.count;
+    double total = 0.0;
+    // Runs of payments inside one curve segment and one growth year: one
+    // discount factor, then the segment's ratio per payment.
+    while (k < end) {
+        const double first_time = s.time(k);
+        if (!(first_time < horizon)) break;
+        const std::size_t j = curve.segment_of(first_time);
+        const double segment_end = curve.segment_end(j), ratio = std::exp(-curve.log_base(j) * step);
+        const std::size_t year_end = std::min(end, (k / s.m + 1) * s.m);
+        const double amount = s.amount(k);
+        double v = curve.discount(first_time), run = 0.0;
+        for (; k < year_end; ++k) {
+            const double t = s.time(k);
+            if (t > segment_end) break;
+            run += v * status.at(t);
+            v *= ratio;
+        }
+        total += amount * run;
+    }
+    if (s.has_partial && s.partial_time < horizon)
+        total += s.partial_amount() * curve.discount(s.partial_time) * status.at(s.partial_time);
+    return total;
+}
+
+namespace {
+
+// Integral of v(t) survival(t) growth(t) over [a, b], with the integrand also
+// multiplied by the force of interest when `by_force`.
+double integral(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth,
+                const Status& status, bool by_force) {
+    b = std::min(b, status.horizon());
+    if (!(b > a)) return 0.0;
+    const GaussLegendre& gl = gauss_legendre();
+    double total = 0.0, x = a;
+    std::size_t year = static_cast<std::size_t>(std::max(0.0, std::floor(a - origin)));
+    double year_end = origin + static_cast<double>(year + 1);
+    while (x < b) {
+        std::size_t j = curve.segment_of(x);
+        if (curve.segment_end(j) <= x) ++j;  // x on a boundary: the segment that starts there
+        const double delta = curve.log_base(j);
+        const double piece_end = std::min({b, year_end, curve.segment_end(j), status.next_birthday(x)});
+        const double half = 0.5 * (piece_end - x), middle = x + half;
+        double sum = 0.0;
+        for (int i = 0; i < GaussLegendre::kNodes; ++i) {
+            const double t = middle + half * gl.x[i];
+            sum += gl.w[i] * std::exp(-delta * (t - x)) * status.at(t);
+        }
+        total += growth.factor(year) * curve.discount(x) * half * sum * (by_force ? delta : 1.0);
+        x = piece_end;
+        if (x >= year_end) year_end = origin + static_cast<double>(++year + 1);
+    }
+    return total;
+}
+
+double woolhouse_life_value(const PiecewiseTable& curve, const Annuity& annuity, bool continuous,
+                            const Status& status) {
+    const WoolhouseParts parts = woolhouse_parts(annuity, continuous);
+    const double annual =
+        woolhouse_combination(life_schedule_value(curve, parts.due, status),
+                              life_schedule_value(curve, parts.immediate, status), parts.weight, annuity.timing);
+    if (!continuous) return annual + life_schedule_value(curve, parts.fraction, status);
+    const double start = annuity.d + static_cast<double>(parts.due.count);
+    return annual + integral(curve, start, annuity.d + annuity.n, annuity.d, annuity.growth, status, false);
+}
+
+// The periods of a schedule: [d + k/m, d + (k+1)/m], the last one ending with the term.
+template <typename Fn>
+void for_each_period(const Annuity& annuity, Fn fn) {
+    Annuity due = annuity, immediate = annuity;
+    due.timing = 0;
+    immediate.timing = 1;
+    std::vector<double> starts, ends, amounts;
+    schedule_payments(due.schedule(), starts, amounts);
+    schedule_payments(immediate.schedule(), ends, amounts);
+    for (std::size_t i = 0; i < starts.size(); ++i) fn(i, starts[i], ends[i]);
+}
+
+}  // namespace
+
+double life_integral(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth,
+                     const Status& status) {
+    return integral(curve, a, b, origin, growth, status, false);
+}
+
+double life_annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode, const Status& status) {
+    switch (mode) {
+        case Mode::DiscretePrecision:
+            return life_schedule_value(curve, annuity.schedule(), status);
+        case Mode::DiscreteSimplified:
+            return woolhouse_life_value(curve, annuity, false, status);
+        case Mode::ContinuousPrecision:
+            return integral(curve, annuity.d, annuity.d + annuity.n, annuity.d, annuity.growth, status, false);
+        case Mode::ContinuousSimplified:
+            return woolhouse_life_value(curve, annuity, true, status);
+    }
+    return kNaN;
+}
+
+double life_amounts_value(const PiecewiseTable& curve, const Annuity& annuity, std::span<const double> amounts,
+                          Mode mode, const Status& status) {
+    double total = 0.0;
+    if (mode == Mode::DiscretePrecision || mode == Mode::DiscreteSimplified) {
+        std::vector<double> times, unit;
+        schedule_payments(annuity.schedule(), times, unit);
+        for (std::size_t i = 0; i < times.size(); ++i)
+            total += amounts[i] * curve.discount(times[i]) * status.at(times[i]);
+        return total;
+    }
+    const Growth level;
+    for_each_period(annuity, [&](std::size_t i, double start, double end) {
+        if (end > start) total += amounts[i] / (end - start) * integral(curve, start, end, start, level, status, false);
+    });
+    return total;
+}
+
+double life_insurance_value(const PiecewiseTable& curve, const Annuity& periods, Mode mode, const Status& status) {
+    const double a = periods.d, b = periods.d + periods.n;
+    if (mode == Mode::ContinuousPrecision || mode == Mode::ContinuousSimplified) {
+        // By parts: the integral of v dF equals v(a) S(a) - v(b) S(b) minus the
+        // integral of S dv, and dv = -delta v dt.
+        const double end = std::min(b, status.horizon());
+        return curve.discount(a) * status.at(a) - curve.discount(end) * status.at(end) -
+               integral(curve, a, b, a, Growth{}, status, true);
+    }
+    double total = 0.0;
+    for_each_period(periods, [&](std::size_t, double start, double end) {
+        total += curve.discount(end) * (status.at(start) - status.at(end));
+    });
+    return total;
+}
+
+double pure_endowment_value(const PiecewiseTable& curve, double t, const Status& status) {
+    return curve.discount(t) * status.at(t);
+}
+
+std::optional<Annuity> life_policy_annuity(double n, double d, double ts, double horizon, const PolicyTerms& terms) {
+    const double term = std::isinf(n) ? ts + horizon - d : n;
+    if (!(term > 0.0)) return std::nullopt;
+    return policy_annuity(term, d, ts, terms);
+}
+
+// ---- portfolios ----------------------------------------------------------------
+
+namespace {
+
+using PolicyKey = std::array<std::uint64_t, 7>;
+
+struct PolicyKeyHash {
+    std::size_t operator()(const PolicyKey& key) const {
+        std::uint64_t h = 0;
+        for (std::uint64_t part : key) h = (h ^ part) * 0x100000001B3ull + 0x9E3779B97F4A7C15ull;
+        return static_cast<std::size_t>(h ^ (h >> 29));
+    }
+};
+
+// Bit pattern with -0.0 folded into 0.0, so equal numbers share a key.
+std::uint64_t bits(double x) { return std::bit_cast<std::uint64_t>(x == 0.0 ? 0.0 : x); }
+
+struct Row {
+    std::size_t table, curve, m;
+    double age, select_age, n, d, ts;
+};
+
+}  // namespace
+
+void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*> tables,
+                           std::span<const FractionalAge> rules, const LifePolicies& p, const PolicyTerms& terms,
+                           std::span<double> out) {
+    const std::size_t count = p.age.size();
+    std::unordered_map<PolicyKey, std::uint32_t, PolicyKeyHash> row_of;
+    std::vector<std::uint32_t> row_index(count);
+    std::vector<Row> rows;
+    std::unordered_map<std::uint64_t, std::size_t> curve_of;
+    std::vector<PiecewiseTable> curves;
+    for (std::size_t i = 0; i < count; ++i) {
+        const double select = std::isnan(p.select_age[i]) ? std::floor(p.age[i]) : p.select_age[i];
+        const PolicyKey key{bits(p.table[i]), bits(p.age[i]), bits(select), bits(p.n[i]),
+                            bits(p.d[i]),     bits(p.ts[i]),  bits(p.m[i])};
+        auto [it, added] = row_of.try_emplace(key, static_cast<std::uint32_t>(rows.size()));
+        row_index[i] = it->second;
+        if (!added) continue;
+        // One discount table per distinct valuation time.
+        auto [seen, new_curve] = curve_of.try_emplace(bits(p.ts[i]), curves.size());
+        if (new_curve)
+            curves.push_back(discount_table(
+                is_shift(p.ts[i], terms.tolerance_eps) ? shifted(curve, p.ts[i], terms.tolerance_eps) : curve));
+        rows.push_back({static_cast<std::size_t>(p.table[i]), seen->second, static_cast<std::size_t>(p.m[i]), p.age[i],
+                        select, p.n[i], p.d[i], p.ts[i]});
+    }
+    // Survival paths once per (table, select age), before the threads share them.
+    std::vector<const SurvivalPath*> paths(rows.size());
+    std::vector<int> starts(rows.size());
+    for (std::size_t r = 0; r < rows.size(); ++r) {
+        const int select = static_cast<int>(rows[r].select_age);
+        paths[r] = &tables[rows[r].table]->path(select);
+        starts[r] = tables[rows[r].table]->path_start(select);
+    }
+    std::vector<double> unit(rows.size());
+    parallel_for(rows.size(), 256, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t r = begin; r < end; ++r) {
+            const Row& row = rows[r];
+            const auto life = life_on_path(*paths[r], row.age - starts[r] + row.ts, rules[row.table]);
+            if (!life) {
+                unit[r] = kNaN;
+                continue;
+            }
+            const Status status{Status::Single, {*life, *life}};
+            PolicyTerms policy = terms;
+            policy.m = row.m;
+            const auto annuity = life_policy_annuity(row.n, row.d, row.ts, status.horizon(), policy);
+            unit[r] = annuity ? round_like_numpy(life_annuity_value(curves[row.curve], *annuity, terms.mode, status),
+                                                 terms.decimals)
+                              : 0.0;
+        }
+    });
+    for (std::size_t i = 0; i < count; ++i)
+        out[i] = p.benefits.empty() ? unit[row_index[i]] : unit[row_index[i]] * p.benefits[i];
+}
+
+}  // namespace norvane::core
