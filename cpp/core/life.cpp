@@ -295,8 +295,17 @@ double pure_endowment_value(const PiecewiseTable& curve, double t, const Status&
     return curve.discount(t) * status.at(t);
 }
 
+double life_term(double n, double d, double ts, double horizon, std::size_t m) {
+    if (!std::isinf(n)) return n;
+    // For life: whole periods from the first payment until survival ends, so
+    // the last period begun alive pays in full.
+    const TermAtValuation at = term_at_valuation(0.0, d, ts);
+    const double periods = std::ceil((horizon - at.deferment) * static_cast<double>(m));
+    return periods > 0.0 ? std::max(0.0, ts - d) + periods / static_cast<double>(m) : 0.0;
+}
+
 std::optional<Annuity> life_policy_annuity(double n, double d, double ts, double horizon, const PolicyTerms& terms) {
-    const double term = std::isinf(n) ? ts + horizon - d : n;
+    const double term = life_term(n, d, ts, horizon, terms.m);
     if (!(term > 0.0)) return std::nullopt;
     return policy_annuity(term, d, ts, terms);
 }

@@ -142,6 +142,10 @@ void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*
                            std::span<const FractionalAge> rules, const LifePolicies& policies, const PolicyTerms& terms,
                            std::span<double> out);
 
+// The term from inception of a policy with term n (infinite: for life, every
+// period that begins before survival ends `horizon` years after ts).
+double life_term(double n, double d, double ts, double horizon, std::size_t m);
+
 // The annuity of a policy on a status whose survival ends `horizon` years
 // after the valuation time: term n from inception after the deferment d
 // (infinite: for life), valued at ts. None when no payment is left.

@@ -118,7 +118,7 @@ double life_value(const std::string& kind, const core::PiecewiseTable& curve, co
     const core::PolicyTerms terms{
         c.m, insurance ? 1 : c.timing, growth_of(c.growth_kind, c.growth_rate), mode, c.tolerance_eps, 0.0, 0};
     const double horizon = status.horizon();
-    const double term = std::isinf(c.n) ? c.ts + horizon - c.d : c.n;
+    const double term = core::life_term(c.n, c.d, c.ts, horizon, c.m);
     if (!core::countable(term > 0.0 ? term : 0.0, c.m))
         throw std::invalid_argument("a term must be >= 0 with fewer than 2**53 payments");
     const auto annuity = core::life_policy_annuity(c.n, c.d, c.ts, horizon, terms);

@@ -177,12 +177,11 @@ class MortalityTable:
                 raise ValueError(f"[MortalityTable.from_csv] {os.fspath(path)!r} has no '{name}' column.")
         ages = np.asarray(columns["age"], dtype=np.float64)
         if ages.size == 0 or not np.array_equal(ages, np.arange(ages[0], ages[0] + ages.size)):
-            gap = 1 + int(np.argmax(np.diff(ages) != 1.0)) if ages.size > 1 else 0
-            raise ValueError(
-                f"[MortalityTable.from_csv] ages must be consecutive integers: {ages[gap]!r} follows {ages[gap - 1]!r}."
-                if gap
-                else "[MortalityTable.from_csv] ages must be consecutive integers."
-            )
+            where = ""
+            if ages.size > 1:
+                gap = 1 + int(np.argmax(np.diff(ages) != 1.0))
+                where = f": {float(ages[gap])!r} follows {float(ages[gap - 1])!r}"
+            raise ValueError(f"[MortalityTable.from_csv] ages must be consecutive integers{where}.")
         durations = sorted(int(k[7:]) for k in columns if k.startswith("select_") and k[7:].isdigit())
         if durations != list(range(len(durations))):
             raise ValueError(
