@@ -155,33 +155,105 @@ double Status::next_birthday(double t) const {
 
 // ---- values -----------------------------------------------------------------------
 
-double life_schedule_value(const PiecewiseTable& curve, const Schedule& s, const Status& status) {
+namespace {
+
+// The status's survival while every life stays in its current year of age:
+// each life's l at the start of that year and the year's rates, so that a
+// payment costs the fractional-age rule alone.
+class StatusYear {
+  public:
+    StatusYear() = default;
+    StatusYear(const Status& status, double t) : kind_(status.kind), birthday_(PiecewiseTable::kInfinity) {
+        for (int i = 0; i < (kind_ == Status::Single ? 1 : 2); ++i) {
+            const LifeOnPath& life = status.lives[i];
+            Year& year = years_[i];
+            const double whole = std::floor(life.start + t);
+            year.rule = life.rule;
+            year.start = life.start;
+            year.whole = whole;
+            if (!(whole < life.path->years())) {
+                year.base = 0.0;  // past the end of the table
+                continue;
+            }
+            const auto j = static_cast<std::size_t>(whole);
+            year.base = life.norm * life.path->l(j);
+            year.q = life.path->q(j);
+            year.log_p = life.path->log_p(j);
+            birthday_ = std::min(birthday_, whole + 1.0 - life.start);
+        }
+    }
+    double birthday() const { return birthday_; }
+    double at(double t) const {
+        const double x = years_[0].at(t);
+        if (kind_ == Status::Single) return x;
+        const double y = years_[1].at(t);
+        return kind_ == Status::Joint ? x * y : x + y - x * y;
+    }
+
+  private:
+    struct Year {
+        FractionalAge rule = FractionalAge::Uniform;
+        double start = 0.0, whole = 0.0, base = 0.0, q = 0.0, log_p = 0.0;
+        double at(double t) const {
+            return base == 0.0 ? 0.0 : base * fraction_survival(q, log_p, (start + t) - whole, rule);
+        }
+    };
+    Status::Kind kind_ = Status::Single;
+    double birthday_ = -PiecewiseTable::kInfinity;  // a default year is over at once
+    Year years_[2];
+};
+
+}  // namespace
+
+void life_schedule_sums(const PiecewiseTable& curve, const Schedule& s, const Status& status,
+                        std::span<const std::size_t> counts, std::span<double> out) {
     const double horizon = status.horizon();
     const double step = 1.0 / static_cast<double>(s.m);
+    const std::size_t end = s.first + (counts.empty() ? 0 : counts.back());
+    const bool level = s.growth.kind == Growth::Level;
+    double total = 0.0, v = 0.0, ratio = 0.0, amount = s.amount(s.first);
+    double segment_end = -PiecewiseTable::kInfinity;
+    std::size_t next_year = s.first, next_out = 0;
+    StatusYear ages;
+    // Discount factors step by the segment's ratio per payment, taken afresh
+    // at each segment (and growth year); survival is refreshed at birthdays.
     std::size_t k = s.first;
-    const std::size_t end = s.first + s.count;
-    double total = 0.0;
-    // Runs of payments inside one curve segment and one growth year: one
-    // discount factor, then the segment's ratio per payment.
-    while (k < end) {
-        const double first_time = s.time(k);
-        if (!(first_time < horizon)) break;
-        const std::size_t j = curve.segment_of(first_time);
-        const double segment_end = curve.segment_end(j), ratio = std::exp(-curve.log_base(j) * step);
-        const std::size_t year_end = std::min(end, (k / s.m + 1) * s.m);
-        const double amount = s.amount(k);
-        double v = curve.discount(first_time), run = 0.0;
-        for (; k < year_end; ++k) {
+    for (; next_out < counts.size(); out[next_out++] = total) {
+        const std::size_t stop = std::min(end, s.first + counts[next_out]);
+        for (; k < stop; ++k) {
             const double t = s.time(k);
-            if (t > segment_end) break;
-            run += v * status.at(t);
+            if (!(t < horizon)) {
+                k = end;  // nobody is left: the remaining sums equal this one
+                break;
+            }
+            if (t > segment_end || (k == next_year && !level)) {
+                if (t > segment_end) {
+                    const std::size_t j = curve.segment_of(t);
+                    segment_end = curve.segment_end(j);
+                    ratio = std::exp(-curve.log_base(j) * step);
+                }
+                if (k >= next_year) {
+                    amount = s.amount(k);
+                    next_year = (k / s.m + 1) * s.m;
+                }
+                v = curve.discount(t);
+            }
+            if (t >= ages.birthday()) ages = StatusYear(status, t);
+            total += amount * v * ages.at(t);
             v *= ratio;
         }
-        total += amount * run;
     }
-    if (s.has_partial && s.partial_time < horizon)
-        total += s.partial_amount() * curve.discount(s.partial_time) * status.at(s.partial_time);
-    return total;
+}
+
+double life_schedule_value(const PiecewiseTable& curve, const Schedule& s, const Status& status) {
+    double regular = 0.0;
+    life_schedule_sums(curve, s, status, {&s.count, 1}, {&regular, 1});
+    return regular + partial_value(curve, s, status);
+}
+
+double partial_value(const PiecewiseTable& curve, const Schedule& s, const Status& status) {
+    if (!s.has_partial || !(s.partial_time < status.horizon())) return 0.0;
+    return s.partial_amount() * curve.discount(s.partial_time) * status.at(s.partial_time);
 }
 
 namespace {
@@ -316,8 +388,9 @@ namespace {
 
 using PolicyKey = std::array<std::uint64_t, 7>;
 
-struct PolicyKeyHash {
-    std::size_t operator()(const PolicyKey& key) const {
+template <std::size_t N>
+struct KeyHash {
+    std::size_t operator()(const std::array<std::uint64_t, N>& key) const {
         std::uint64_t h = 0;
         for (std::uint64_t part : key) h = (h ^ part) * 0x100000001B3ull + 0x9E3779B97F4A7C15ull;
         return static_cast<std::size_t>(h ^ (h >> 29));
@@ -327,10 +400,62 @@ struct PolicyKeyHash {
 // Bit pattern with -0.0 folded into 0.0, so equal numbers share a key.
 std::uint64_t bits(double x) { return std::bit_cast<std::uint64_t>(x == 0.0 ? 0.0 : x); }
 
+// Distinct policies: a life (table, age, select age) valued at ts, with
+// deferment d and m payments a year; term n.
 struct Row {
-    std::size_t table, curve, m;
-    double age, select_age, n, d, ts;
+    std::size_t table, m;
+    double age, select_age, ts, d, n;
 };
+
+// The rows of one life at one valuation time, deferment and frequency: their
+// schedules differ only in length, so one pass over the longest serves all.
+void value_group(const PiecewiseTable& curve, const SurvivalPath& path, int path_start, FractionalAge rule,
+                 const std::vector<Row>& rows, std::span<const std::uint32_t> members, const PolicyTerms& terms,
+                 std::vector<double>& unit) {
+    const Row& first = rows[members[0]];
+    const auto life = life_on_path(path, first.age - path_start + first.ts, rule);
+    if (!life) {
+        for (std::uint32_t r : members) unit[r] = kNaN;
+        return;
+    }
+    const Status status{Status::Single, {*life, *life}};
+    PolicyTerms policy = terms;
+    policy.m = first.m;
+    const auto annuity_of = [&](std::uint32_t r) {
+        return life_policy_annuity(rows[r].n, rows[r].d, rows[r].ts, status.horizon(), policy);
+    };
+    const auto round = [&](double value) { return round_like_numpy(value, terms.decimals); };
+    if (terms.mode != Mode::DiscretePrecision || members.size() == 1) {
+        for (std::uint32_t r : members) {
+            const auto annuity = annuity_of(r);
+            unit[r] = annuity ? round(life_annuity_value(curve, *annuity, terms.mode, status)) : 0.0;
+        }
+        return;
+    }
+    std::vector<std::size_t> counts;
+    std::optional<Schedule> longest;
+    for (std::uint32_t r : members) {
+        if (const auto annuity = annuity_of(r)) {
+            const Schedule s = annuity->schedule();
+            counts.push_back(s.count);
+            if (!longest || s.count > longest->count) longest = s;
+        }
+    }
+    std::sort(counts.begin(), counts.end());
+    counts.erase(std::unique(counts.begin(), counts.end()), counts.end());
+    std::vector<double> sums(counts.size());
+    if (longest) life_schedule_sums(curve, *longest, status, counts, sums);
+    for (std::uint32_t r : members) {
+        const auto annuity = annuity_of(r);
+        if (!annuity) {
+            unit[r] = 0.0;
+            continue;
+        }
+        const Schedule s = annuity->schedule();
+        const auto at = std::lower_bound(counts.begin(), counts.end(), s.count) - counts.begin();
+        unit[r] = round(sums[static_cast<std::size_t>(at)] + partial_value(curve, s, status));
+    }
+}
 
 }  // namespace
 
@@ -338,50 +463,63 @@ void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*
                            std::span<const FractionalAge> rules, const LifePolicies& p, const PolicyTerms& terms,
                            std::span<double> out) {
     const std::size_t count = p.age.size();
-    std::unordered_map<PolicyKey, std::uint32_t, PolicyKeyHash> row_of;
+    std::unordered_map<PolicyKey, std::uint32_t, KeyHash<7>> row_of;
+    row_of.reserve(count);
     std::vector<std::uint32_t> row_index(count);
     std::vector<Row> rows;
-    std::unordered_map<std::uint64_t, std::size_t> curve_of;
-    std::vector<PiecewiseTable> curves;
     for (std::size_t i = 0; i < count; ++i) {
         const double select = std::isnan(p.select_age[i]) ? std::floor(p.age[i]) : p.select_age[i];
-        const PolicyKey key{bits(p.table[i]), bits(p.age[i]), bits(select), bits(p.n[i]),
-                            bits(p.d[i]),     bits(p.ts[i]),  bits(p.m[i])};
+        const PolicyKey key{bits(p.table[i]), bits(p.age[i]), bits(select), bits(p.ts[i]),
+                            bits(p.d[i]),     bits(p.m[i]),   bits(p.n[i])};
         auto [it, added] = row_of.try_emplace(key, static_cast<std::uint32_t>(rows.size()));
         row_index[i] = it->second;
-        if (!added) continue;
-        // One discount table per distinct valuation time.
-        auto [seen, new_curve] = curve_of.try_emplace(bits(p.ts[i]), curves.size());
-        if (new_curve)
-            curves.push_back(discount_table(
-                is_shift(p.ts[i], terms.tolerance_eps) ? shifted(curve, p.ts[i], terms.tolerance_eps) : curve));
-        rows.push_back({static_cast<std::size_t>(p.table[i]), seen->second, static_cast<std::size_t>(p.m[i]), p.age[i],
-                        select, p.n[i], p.d[i], p.ts[i]});
+        if (added)
+            rows.push_back({static_cast<std::size_t>(p.table[i]), static_cast<std::size_t>(p.m[i]), p.age[i], select,
+                            p.ts[i], p.d[i], p.n[i]});
     }
-    // Survival paths once per (table, select age), before the threads share them.
-    std::vector<const SurvivalPath*> paths(rows.size());
-    std::vector<int> starts(rows.size());
+    // Groups of rows that differ only in their term (in one flat array, by
+    // group), and one discount table per valuation time.
+    std::unordered_map<std::array<std::uint64_t, 6>, std::uint32_t, KeyHash<6>> group_of;
+    group_of.reserve(rows.size());
+    std::vector<std::uint32_t> group_id(rows.size()), offsets{0};
+    std::unordered_map<std::uint64_t, std::size_t> curve_of;
+    std::vector<PiecewiseTable> curves;
+    std::vector<std::size_t> group_curve;
     for (std::size_t r = 0; r < rows.size(); ++r) {
-        const int select = static_cast<int>(rows[r].select_age);
-        paths[r] = &tables[rows[r].table]->path(select);
-        starts[r] = tables[rows[r].table]->path_start(select);
+        const Row& row = rows[r];
+        const std::array<std::uint64_t, 6> key{row.table,    bits(row.age), bits(row.select_age),
+                                               bits(row.ts), bits(row.d),   row.m};
+        auto [it, added] = group_of.try_emplace(key, static_cast<std::uint32_t>(offsets.size() - 1));
+        if (added) {
+            offsets.push_back(0);
+            auto [seen, new_curve] = curve_of.try_emplace(bits(row.ts), curves.size());
+            if (new_curve)
+                curves.push_back(discount_table(
+                    is_shift(row.ts, terms.tolerance_eps) ? shifted(curve, row.ts, terms.tolerance_eps) : curve));
+            group_curve.push_back(seen->second);
+        }
+        group_id[r] = it->second;
+        ++offsets[it->second + 1];
+    }
+    const std::size_t group_count = offsets.size() - 1;
+    for (std::size_t g = 0; g < group_count; ++g) offsets[g + 1] += offsets[g];
+    std::vector<std::uint32_t> members(rows.size()), filled(offsets.begin(), offsets.end() - 1);
+    for (std::size_t r = 0; r < rows.size(); ++r) members[filled[group_id[r]]++] = static_cast<std::uint32_t>(r);
+    // Survival paths once per (table, select age), before the threads share them.
+    std::vector<const SurvivalPath*> paths(group_count);
+    std::vector<int> starts(group_count);
+    for (std::size_t g = 0; g < group_count; ++g) {
+        const Row& row = rows[members[offsets[g]]];
+        const int select = static_cast<int>(row.select_age);
+        paths[g] = &tables[row.table]->path(select);
+        starts[g] = tables[row.table]->path_start(select);
     }
     std::vector<double> unit(rows.size());
-    parallel_for(rows.size(), 256, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t r = begin; r < end; ++r) {
-            const Row& row = rows[r];
-            const auto life = life_on_path(*paths[r], row.age - starts[r] + row.ts, rules[row.table]);
-            if (!life) {
-                unit[r] = kNaN;
-                continue;
-            }
-            const Status status{Status::Single, {*life, *life}};
-            PolicyTerms policy = terms;
-            policy.m = row.m;
-            const auto annuity = life_policy_annuity(row.n, row.d, row.ts, status.horizon(), policy);
-            unit[r] = annuity ? round_like_numpy(life_annuity_value(curves[row.curve], *annuity, terms.mode, status),
-                                                 terms.decimals)
-                              : 0.0;
+    parallel_for(group_count, 64, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t g = begin; g < end; ++g) {
+            const std::span<const std::uint32_t> group(members.data() + offsets[g], offsets[g + 1] - offsets[g]);
+            const std::size_t table = rows[group[0]].table;
+            value_group(curves[group_curve[g]], *paths[g], starts[g], rules[table], rows, group, terms, unit);
         }
     });
     for (std::size_t i = 0; i < count; ++i)

@@ -34,6 +34,10 @@ class SurvivalPath {
     double years() const { return static_cast<double>(q_.size()); }
     // Survival from 0 to u >= 0.
     double to(double u, FractionalAge rule) const;
+    // Survival to the integer j, the death probability of year j and log(1 - q).
+    double l(std::size_t j) const { return l_[j]; }
+    double q(std::size_t j) const { return q_[j]; }
+    double log_p(std::size_t j) const { return log_p_[j]; }
 
   private:
     std::vector<double> q_, l_, log_p_;  // l_[j]: survival to j; log_p_[j] = log(1 - q[j])
@@ -95,6 +99,12 @@ struct Status {
 
 // Sum of amount x v(t) x survival(t) over the schedule's payments.
 double life_schedule_value(const PiecewiseTable& curve, const Schedule& s, const Status& status);
+// The same over the first counts[i] regular payments (counts ascending), in
+// one pass: each equals the regular part of life_schedule_value bit for bit.
+void life_schedule_sums(const PiecewiseTable& curve, const Schedule& s, const Status& status,
+                        std::span<const std::size_t> counts, std::span<double> out);
+// The pro-rata last payment's share.
+double partial_value(const PiecewiseTable& curve, const Schedule& s, const Status& status);
 
 // Integral of v(t) x survival(t) x the growth factor of year floor(t - origin)
 // over [a, b], exactly per piece between segment ends, birthdays and growth
@@ -133,8 +143,10 @@ double pure_endowment_value(const PiecewiseTable& curve, double t, const Status&
 // integer part of the age), term (infinite: whole life), deferment,
 // valuation time, payments a year and benefit (empty: 1). Unit values are
 // rounded as np.round does, then multiplied by the benefits. Survival paths
-// are built once per (table, select age) and every distinct policy is valued
-// once. Every policy must be valid (checked by the caller).
+// are built once per (table, select age), every distinct policy is valued
+// once, and in the discrete precision mode the policies of one life that
+// differ only in their term share one pass over the longest schedule. Every
+// policy must be valid (checked by the caller).
 struct LifePolicies {
     std::span<const double> table, age, select_age, n, d, ts, m, benefits;
 };

@@ -8,6 +8,7 @@
 #include <nanobind/stl/vector.h>
 
 #include "core/life.hpp"
+#include "curve.hpp"
 
 #include <cmath>
 #include <cstring>
@@ -55,11 +56,6 @@ core::CurveArrays curve_of(const InArray& rates, const InArray& terms, const InA
     if (rates.shape(0) == 0 || terms.shape(0) != ends.shape(0) || rates.shape(0) != ends.shape(0) + 1)
         throw std::invalid_argument("a curve needs m rates and m-1 terms and ends");
     return {vector_of(rates), vector_of(terms), vector_of(ends)};
-}
-
-// The table seen from ts: the curve shifted when ts is a shift.
-core::PiecewiseTable table_at(const core::CurveArrays& curve, double ts, double eps) {
-    return core::discount_table(core::is_shift(ts, eps) ? core::shifted(curve, ts, eps) : curve);
 }
 
 int select_of(double age, double select_age) {
@@ -185,31 +181,30 @@ void register_life(nb::module_& m) {
 
     m.def(
         "life_value",
-        [](const std::string& kind, const std::vector<LifeArgs>& lives, const std::string& status_kind, InArray rates,
-           InArray terms, InArray ends, double ts, double d, double n, std::size_t m_, int timing,
+        [](const std::string& kind, const std::vector<LifeArgs>& lives, const std::string& status_kind,
+           const bindings::Curve& curve, double ts, double d, double n, std::size_t m_, int timing,
            const std::string& growth_kind, double growth_rate, nb::object amounts, const std::string& mode,
            nb::object decimals, double tolerance_eps) {
             if (m_ == 0 || (timing != 0 && timing != 1)) throw std::invalid_argument("m >= 1 and timing 0 or 1");
             if (!(ts >= 0.0 && d >= 0.0 && std::isfinite(ts) && std::isfinite(d) && n >= 0.0))
                 throw std::invalid_argument("ts and d must be finite and >= 0, n >= 0");
-            const core::PiecewiseTable curve = table_at(curve_of(rates, terms, ends), ts, tolerance_eps);
             const core::Status status = status_of(lives, status_kind, ts);
             const LifeCall call{ts, d, n, m_, timing, growth_kind, growth_rate, mode, tolerance_eps};
             double value;
             if (amounts.is_none()) {
-                value = life_value(kind, curve, status, call, nullptr, 0);
+                value = life_value(kind, curve.table, status, call, nullptr, 0);
             } else {
                 const auto given = nb::cast<InArray>(amounts);
-                value = life_value(kind, curve, status, call, given.data(), given.shape(0));
+                value = life_value(kind, curve.table, status, call, given.data(), given.shape(0));
             }
             return decimals.is_none() ? value : core::round_like_numpy(value, nb::cast<int>(decimals));
         },
-        nb::arg("kind"), nb::arg("lives"), nb::arg("status"), nb::arg("rates"), nb::arg("terms"), nb::arg("ends"),
-        nb::kw_only(), nb::arg("ts"), nb::arg("d"), nb::arg("n"), nb::arg("m"), nb::arg("timing"),
-        nb::arg("growth_kind"), nb::arg("growth_rate"), nb::arg("amounts").none(), nb::arg("mode"),
-        nb::arg("decimals").none(), nb::arg("tolerance_eps"),
+        nb::arg("kind"), nb::arg("lives"), nb::arg("status"), nb::arg("curve"), nb::kw_only(), nb::arg("ts"),
+        nb::arg("d"), nb::arg("n"), nb::arg("m"), nb::arg("timing"), nb::arg("growth_kind"), nb::arg("growth_rate"),
+        nb::arg("amounts").none(), nb::arg("mode"), nb::arg("decimals").none(), nb::arg("tolerance_eps"),
         "A life-contingent value ('annuity', 'insurance', 'endowment_insurance' or 'pure_endowment') of one life "
-        "or two ('joint', 'last_survivor'); lives are (table, age at inception, select age or NaN, rule).");
+        "or two ('joint', 'last_survivor') on `curve` seen from the valuation time ts; lives are (table, age at "
+        "inception, select age or NaN, rule).");
 
     m.def(
         "life_portfolio",

@@ -9,6 +9,7 @@
 
 #include "core/annuity.hpp"
 #include "core/portfolio.hpp"
+#include "curve.hpp"
 
 #include <cmath>
 #include <cstring>
@@ -60,9 +61,7 @@ core::Annuity annuity_of(double d, double n, std::size_t payments_size, std::siz
     return {d, n, payments_size, m, timing, growth_of(kind, rate)};
 }
 
-struct Curve {
-    core::PiecewiseTable table;
-};
+using bindings::Curve;
 
 core::CurveArrays arrays_of(InArray rates, InArray terms, InArray ends) {
     if (rates.shape(0) == 0 || terms.shape(0) != ends.shape(0) || rates.shape(0) != ends.shape(0) + 1)

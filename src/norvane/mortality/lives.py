@@ -8,6 +8,7 @@ rounded like the curve's own annuities.
 
 from __future__ import annotations
 
+import functools
 import math
 from typing import Any, Literal
 
@@ -15,7 +16,8 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from .. import _kernels
-from ..base import _NUMERIC_TYPES
+from ..base import _ALLOWED_PAYMENT_FREQUENCIES, _NUMERIC_TYPES
+from ..engine.annuity import _kernel_curve
 from ..engine.base import Dispatcher
 from ..validators import (
     _resolve_gr,
@@ -33,13 +35,22 @@ _EMPTY.flags.writeable = False
 LifeArgs = tuple[_kernels.LifeTable, float, float, str]
 
 
-def _curve_arrays(curve: Any, method_name: str) -> tuple[F64, F64, F64]:
-    """Rates, segment lengths and ends of a curve (its active scenario for a container)."""
+@functools.cache
+def _curve_class() -> type:
     from ..interest_rates import InterestRate  # the curve module imports the engine at load
 
-    if not isinstance(curve, InterestRate):
+    return InterestRate
+
+
+def _checked_curve(curve: Any, method_name: str) -> Any:
+    if not isinstance(curve, _curve_class()):
         raise TypeError(f"[{method_name}] 'curve' must be an InterestRate, got {type(curve).__name__}.")
-    scenarios: Any = curve.scenarios
+    return curve
+
+
+def _curve_arrays(curve: Any, method_name: str) -> tuple[F64, F64, F64]:
+    """Rates, segment lengths and ends of a curve (its active scenario for a container)."""
+    scenarios: Any = _checked_curve(curve, method_name).scenarios
     leaf: Any = scenarios[curve.active_scenario] if scenarios else curve
     if leaf.is_constant:
         return np.array([float(leaf.rate)]), _EMPTY, _EMPTY
@@ -50,6 +61,20 @@ def _real(value: Any, name: str, method_name: str) -> float:
     if isinstance(value, (bool, np.bool_)) or not isinstance(value, _NUMERIC_TYPES):
         raise TypeError(f"[{method_name}] '{name}' must be a real number, got {type(value).__name__}.")
     return float(value)  # type: ignore[arg-type]
+
+
+def _plain_numbers(ts: Any, d: Any, n: Any, m: Any, ts_integer: bool) -> bool:
+    """Whether the call's numbers are plain Python numbers in range (nothing to word)."""
+    return (
+        type(ts) in (float, int)
+        and type(d) in (float, int)
+        and 0.0 <= ts < math.inf
+        and 0.0 <= d < math.inf
+        and (n is None or (type(n) in (float, int) and n >= 0.0))
+        and type(m) is int
+        and m in _ALLOWED_PAYMENT_FREQUENCIES
+        and not (ts_integer and ts != int(ts))
+    )
 
 
 class _Status:
@@ -74,40 +99,41 @@ class _Status:
         gr: Any = None,
         cashflow_amounts: Any = None,
     ) -> float:
-        rates, terms, ends = _curve_arrays(curve, method_name)
-        config = curve._config
+        config = _checked_curve(curve, method_name)._config
         mode = curve.calculation_mode
-        _validate_shift_deferment_and_duration(
-            ts=ts,
-            ts_integer=config.force_integer_ts,
-            d=d,
-            n=n,
-            cashflow_times=None,
-            method_name=method_name,
-            has_growth_rate=gr is not None,
-        )
-        _validate_frequency_and_payment_timing(m=m, payment_timing=timing, method_name=method_name)
         amounts = None
-        if cashflow_amounts is not None:
-            if gr is not None:
-                raise ValueError(f"[{method_name}] 'gr' and 'cashflow_amounts' are mutually exclusive.")
-            _, amounts = _validate_cashflow_inputs(
-                cashflow_times=None,
-                cashflow_amounts=cashflow_amounts,
-                calculation_mode=mode,
-                m=m,
+        plain = gr is None and cashflow_amounts is None and _plain_numbers(ts, d, n, m, config.force_integer_ts)
+        if not plain:  # the shared validators word the messages
+            _validate_shift_deferment_and_duration(
+                ts=ts,
+                ts_integer=config.force_integer_ts,
+                d=d,
                 n=n,
+                cashflow_times=None,
                 method_name=method_name,
-                caller=Dispatcher.ANNUITY,
+                has_growth_rate=gr is not None,
             )
+            _validate_frequency_and_payment_timing(m=m, payment_timing=timing, method_name=method_name)
+            if cashflow_amounts is not None:
+                if gr is not None:
+                    raise ValueError(f"[{method_name}] 'gr' and 'cashflow_amounts' are mutually exclusive.")
+                _, amounts = _validate_cashflow_inputs(
+                    cashflow_times=None,
+                    cashflow_amounts=cashflow_amounts,
+                    calculation_mode=mode,
+                    m=m,
+                    n=n,
+                    method_name=method_name,
+                    caller=Dispatcher.ANNUITY,
+                )
         growth = _resolve_gr(gr, method_name)
+        # The curve seen from ts, shifted and made native once through the curve's and the engine's caches.
+        seen = _kernel_curve(curve._ir_shifted_for_ts(float(ts), curve._ts_shift_cache) if ts else curve)
         return _kernels.life_value(
             kind,
             self._lives(),
             self._status_kind,
-            rates,
-            terms,
-            ends,
+            seen,
             ts=float(ts),
             d=float(d),
             n=math.inf if n is None else float(n),

@@ -43,11 +43,11 @@ def _columns(method_name: str, **columns: Any) -> tuple[dict[str, Any], int]:
 
 
 def _table_codes(names: NDArray[Any], tables: Mapping[str, MortalityTable]) -> tuple[F64, list[str]]:
-    """Index of each policy's table in ``tables`` (NaN: unknown), and the messages."""
+    """Index of each policy's table in ``tables`` (NaN: unknown), and the known names."""
     known = list(tables)
-    lookup = {name: float(i) for i, name in enumerate(known)}
-    distinct, inverse = np.unique(names.astype(str), return_inverse=True)
-    codes = np.array([lookup.get(name, np.nan) for name in distinct.tolist()])[inverse.reshape(-1)]
+    codes = np.full(names.shape, np.nan)
+    for i, name in enumerate(known):
+        codes[names == name] = i
     return codes, known
 
 
@@ -82,9 +82,8 @@ def _faults(
     for code, name in enumerate(known):
         idx = np.flatnonzero(codes == code)
         problems = tables[name]._age_problems(cols["age"][idx], cols["select_age"][idx], ts[idx])
-        for i, problem in zip(idx.tolist(), problems.tolist()):
-            if problem is not None:
-                faults.setdefault(i, []).append(f"{problem} at index {i}")
+        for i, problem in problems.items():
+            faults.setdefault(int(idx[i]), []).append(f"{problem} at index {int(idx[i])}")
     return codes, n, frequency, faults
 
 
@@ -145,7 +144,7 @@ def life_annuities(
     rates, terms, ends = _curve_arrays(curve, _METHOD)
     cols, size = _columns(
         _METHOD,
-        table=np.asarray(table, dtype=object),
+        table=np.asarray(table),
         age=_as_f64_safe(age),
         n=_as_f64_safe(_map_batch_n_none_to_inf(n)),
         d=_as_f64_safe(d),
@@ -165,7 +164,8 @@ def life_annuities(
     rows = np.flatnonzero(valid)
 
     def column(values: Any) -> F64:
-        return np.ascontiguousarray(np.asarray(values, dtype=np.float64)[rows])
+        values = np.asarray(values, dtype=np.float64)
+        return np.ascontiguousarray(values if rows.size == size else values[rows])
 
     values = np.full(size, np.nan)
     values[rows] = _kernels.life_portfolio(

@@ -308,34 +308,41 @@ class MortalityTable:
         on_select = (select_age >= self._select_first_age) & (select_age < self._select_first_age + rows)
         return np.where(on_select, select_age, float(self._first_age))
 
-    def _age_problems(self, age: F64, select_age: F64, ts: F64 | float = 0.0) -> NDArray[np.object_]:
-        """Per life, what is wrong with its age (None when it is valid)."""
+    def _age_problems(self, age: F64, select_age: F64, ts: F64 | float = 0.0) -> dict[int, str]:
+        """What is wrong with each invalid age, by position (the last applicable rule wins)."""
         select = np.where(np.isnan(select_age), np.floor(age), select_age)
-        problems = np.full(age.shape, None, dtype=object)
-        reached = age + ts
-        beyond = ~(reached < self.last_age + 1)
-        problems[beyond] = [
-            f"'age' {a!r} at valuation time {t!r} is beyond the table's last age {self.last_age}"
-            for a, t in zip(age[beyond].tolist(), np.broadcast_to(ts, age.shape)[beyond].tolist())
+        ts_all = np.broadcast_to(ts, age.shape)
+        checks = [
+            (
+                ~(age + ts_all < self.last_age + 1),
+                lambda i: (
+                    f"'age' {float(age[i])!r} at valuation time {float(ts_all[i])!r} is beyond the table's last age "
+                    f"{self.last_age}"
+                ),
+            ),
+            (
+                ~np.isnan(select_age) & ~((select_age == np.floor(select_age)) & (select_age <= age)),
+                lambda i: (
+                    f"'select_age' must be a whole age not above the age {float(age[i])!r}, "
+                    f"got {float(select_age[i])!r}"
+                ),
+            ),
+            (
+                ~(age >= self._path_start(select)),
+                lambda i: f"'age' must be at least the table's first age {self._first_age}, got {float(age[i])!r}",
+            ),
+            (~np.isfinite(age), lambda i: f"'age' must be finite, got {float(age[i])!r}"),
         ]
-        bad_select = ~np.isnan(select_age) & ~((select_age == np.floor(select_age)) & (select_age <= age))
-        problems[bad_select] = [
-            f"'select_age' must be a whole age not above the age {a!r}, got {s!r}"
-            for a, s in zip(age[bad_select].tolist(), select_age[bad_select].tolist())
-        ]
-        young = ~(age >= self._path_start(select))
-        problems[young] = [
-            f"'age' must be at least the table's first age {self._first_age}, got {a!r}" for a in age[young].tolist()
-        ]
-        infinite = ~np.isfinite(age)
-        problems[infinite] = [f"'age' must be finite, got {a!r}" for a in age[infinite].tolist()]
+        problems: dict[int, str] = {}
+        for mask, message in checks:
+            for i in np.flatnonzero(mask).tolist():
+                problems[i] = message(i)
         return problems
 
     def _check_ages(self, age: F64, select_age: F64, method_name: str) -> None:
         problems = self._age_problems(age, select_age)
-        found = np.flatnonzero(problems != None)  # noqa: E711 - elementwise on an object array
-        if found.size:
-            raise ValueError(f"[{method_name}] {problems[found[0]]}.")
+        if problems:
+            raise ValueError(f"[{method_name}] {problems[min(problems)]}.")
 
     # ------------------------------------------------------------ value semantics
 
