@@ -50,10 +50,10 @@ TARGETS = {"whole": (20.0, 0.5), "fractional": (None, 3.0), "single": (10.0, Non
 
 def baseline_life_annuity(curve: BaselineCurve, qx, first_age, age, n, d, m, decimals=DECIMALS):
     """ä(m) of a life aged ``age`` (UDD inside years), term n (inf: for life) after deferment d."""
-    l = np.concatenate([[1.0], np.cumprod(1.0 - qx)])
+    lx = np.concatenate([[1.0], np.cumprod(1.0 - qx)])
     u0 = age - first_age
     j0 = math.floor(u0)
-    alive = l[j0] * (1.0 - (u0 - j0) * qx[j0])
+    alive = lx[j0] * (1.0 - (u0 - j0) * qx[j0])
     if math.isinf(n):
         n = math.ceil((qx.size - u0 - d) * m) / m  # every period begun alive
     whole = int(n * m)
@@ -66,7 +66,7 @@ def baseline_life_annuity(curve: BaselineCurve, qx, first_age, age, n, d, m, dec
     u = u0 + times
     j = np.floor(u)
     jj = np.minimum(j, qx.size - 1).astype(np.int64)
-    survival = np.where(j < qx.size, l[jj] * (1.0 - (u - j) * qx[jj]), 0.0) / alive
+    survival = np.where(j < qx.size, lx[jj] * (1.0 - (u - j) * qx[jj]), 0.0) / alive
     return float(np.round(np.sum(amounts * survival * curve.vn(times)), decimals))
 
 

@@ -386,15 +386,41 @@ std::optional<Annuity> life_policy_annuity(double n, double d, double ts, double
 
 namespace {
 
-using PolicyKey = std::array<std::uint64_t, 7>;
-
+// Distinct keys numbered in order of first appearance: open addressing in
+// one array, so a book of a million policies costs no allocation per policy.
 template <std::size_t N>
-struct KeyHash {
-    std::size_t operator()(const std::array<std::uint64_t, N>& key) const {
-        std::uint64_t h = 0;
-        for (std::uint64_t part : key) h = (h ^ part) * 0x100000001B3ull + 0x9E3779B97F4A7C15ull;
-        return static_cast<std::size_t>(h ^ (h >> 29));
+class KeyIndex {
+  public:
+    using Key = std::array<std::uint64_t, N>;
+    explicit KeyIndex(std::size_t expected) {
+        std::size_t capacity = 16;
+        while (capacity < 2 * expected) capacity *= 2;
+        slots_.assign(capacity, kEmpty);
+        keys_.reserve(expected);
     }
+    // The number of `key`, and whether it is new.
+    std::pair<std::uint32_t, bool> insert(const Key& key) {
+        const std::size_t mask = slots_.size() - 1;
+        for (std::size_t slot = hash(key) & mask;; slot = (slot + 1) & mask) {
+            if (slots_[slot] == kEmpty) {
+                slots_[slot] = static_cast<std::uint32_t>(keys_.size());
+                keys_.push_back(key);
+                return {slots_[slot], true};
+            }
+            if (keys_[slots_[slot]] == key) return {slots_[slot], false};
+        }
+    }
+    std::size_t size() const { return keys_.size(); }
+
+  private:
+    static constexpr std::uint32_t kEmpty = 0xFFFFFFFFu;
+    static std::size_t hash(const Key& key) {
+        std::uint64_t h = 0x9E3779B97F4A7C15ull;
+        for (std::uint64_t part : key) h = (h ^ part) * 0xBF58476D1CE4E5B9ull, h ^= h >> 31;
+        return static_cast<std::size_t>(h);
+    }
+    std::vector<std::uint32_t> slots_;
+    std::vector<Key> keys_;
 };
 
 // Bit pattern with -0.0 folded into 0.0, so equal numbers share a key.
@@ -463,33 +489,29 @@ void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*
                            std::span<const FractionalAge> rules, const LifePolicies& p, const PolicyTerms& terms,
                            std::span<double> out) {
     const std::size_t count = p.age.size();
-    std::unordered_map<PolicyKey, std::uint32_t, KeyHash<7>> row_of;
-    row_of.reserve(count);
+    KeyIndex<7> row_of(count);
     std::vector<std::uint32_t> row_index(count);
     std::vector<Row> rows;
     for (std::size_t i = 0; i < count; ++i) {
         const double select = std::isnan(p.select_age[i]) ? std::floor(p.age[i]) : p.select_age[i];
-        const PolicyKey key{bits(p.table[i]), bits(p.age[i]), bits(select), bits(p.ts[i]),
-                            bits(p.d[i]),     bits(p.m[i]),   bits(p.n[i])};
-        auto [it, added] = row_of.try_emplace(key, static_cast<std::uint32_t>(rows.size()));
-        row_index[i] = it->second;
+        const auto [row, added] = row_of.insert(
+            {bits(p.table[i]), bits(p.age[i]), bits(select), bits(p.ts[i]), bits(p.d[i]), bits(p.m[i]), bits(p.n[i])});
+        row_index[i] = row;
         if (added)
             rows.push_back({static_cast<std::size_t>(p.table[i]), static_cast<std::size_t>(p.m[i]), p.age[i], select,
                             p.ts[i], p.d[i], p.n[i]});
     }
     // Groups of rows that differ only in their term (in one flat array, by
     // group), and one discount table per valuation time.
-    std::unordered_map<std::array<std::uint64_t, 6>, std::uint32_t, KeyHash<6>> group_of;
-    group_of.reserve(rows.size());
+    KeyIndex<6> group_of(rows.size());
     std::vector<std::uint32_t> group_id(rows.size()), offsets{0};
     std::unordered_map<std::uint64_t, std::size_t> curve_of;
     std::vector<PiecewiseTable> curves;
     std::vector<std::size_t> group_curve;
     for (std::size_t r = 0; r < rows.size(); ++r) {
         const Row& row = rows[r];
-        const std::array<std::uint64_t, 6> key{row.table,    bits(row.age), bits(row.select_age),
-                                               bits(row.ts), bits(row.d),   row.m};
-        auto [it, added] = group_of.try_emplace(key, static_cast<std::uint32_t>(offsets.size() - 1));
+        const auto [group, added] =
+            group_of.insert({row.table, bits(row.age), bits(row.select_age), bits(row.ts), bits(row.d), row.m});
         if (added) {
             offsets.push_back(0);
             auto [seen, new_curve] = curve_of.try_emplace(bits(row.ts), curves.size());
@@ -498,8 +520,8 @@ void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*
                     is_shift(row.ts, terms.tolerance_eps) ? shifted(curve, row.ts, terms.tolerance_eps) : curve));
             group_curve.push_back(seen->second);
         }
-        group_id[r] = it->second;
-        ++offsets[it->second + 1];
+        group_id[r] = group;
+        ++offsets[group + 1];
     }
     const std::size_t group_count = offsets.size() - 1;
     for (std::size_t g = 0; g < group_count; ++g) offsets[g + 1] += offsets[g];

@@ -167,8 +167,7 @@ def life_annuities(
         values = np.asarray(values, dtype=np.float64)
         return np.ascontiguousarray(values if rows.size == size else values[rows])
 
-    values = np.full(size, np.nan)
-    values[rows] = _kernels.life_portfolio(
+    valued = _kernels.life_portfolio(
         [t._native for t in tables.values()],
         [t.fractional_age for t in tables.values()],
         rates,
@@ -187,6 +186,11 @@ def life_annuities(
         tolerance_eps=curve._meta.tolerance_eps,
         decimals=curve._config.decimals.annuities,
     )
+    if rows.size == size:
+        values = valued
+    else:
+        values = np.full(size, np.nan)
+        values[rows] = valued
     # A life at an age its table gives no chance of reaching has no value.
     unreached = valid & np.isnan(values)
     for i in np.flatnonzero(unreached).tolist():
