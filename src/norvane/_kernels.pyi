@@ -61,11 +61,6 @@ def portfolio_values(
 
 # ---- life contingencies
 
-FractionalAgeName = Literal["udd", "constant_force", "balducci"]
-CalculationModeName = Literal[
-    "discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"
-]
-
 class LifeTable:
     def __init__(
         self,
@@ -80,13 +75,13 @@ class LifeTable:
         ages: NDArray[np.float64],
         select_ages: NDArray[np.float64],
         durations: NDArray[np.float64],
-        rule: FractionalAgeName | str,
+        rule: str,  # "udd", "constant_force" or "balducci"
     ) -> NDArray[np.float64]: ...
 
 def life_value(
     kind: Literal["annuity", "insurance", "endowment_insurance", "pure_endowment"],
     lives: list[tuple[LifeTable, float, float, str]],
-    status: Literal["single", "joint", "last_survivor"] | str,
+    status: str,  # "single", "joint" or "last_survivor"
     curve: Curve,
     *,
     ts: float,
@@ -94,10 +89,10 @@ def life_value(
     n: float,
     m: int,
     timing: int,
-    growth_kind: Literal["level", "geometric", "arithmetic"] | str,
+    growth_kind: str,  # "level", "geometric" or "arithmetic"
     growth_rate: float,
     amounts: NDArray[np.float64] | None,
-    mode: CalculationModeName | str,
+    mode: Literal["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"],
     decimals: int | None,
     tolerance_eps: float,
 ) -> float: ...
@@ -117,7 +112,7 @@ def life_portfolio(
     benefits: NDArray[np.float64] | None,
     *,
     timing: int,
-    mode: CalculationModeName | str,
+    mode: Literal["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"],
     tolerance_eps: float,
     decimals: int,
 ) -> NDArray[np.float64]: ...
