@@ -8,6 +8,8 @@ import re
 
 import numpy as np
 import pytest
+from hypothesis import given
+from hypothesis import strategies as st
 
 from norvane.config import Config
 from norvane.interest_rates import InterestRate
@@ -115,6 +117,21 @@ def test_fractional_age_rules():
         assert table.tpx(51.25, 0.5, fractional_age=rule) == pytest.approx(value, rel=1e-15)
     life_values = {rule: table.life(50, fractional_age=rule).ä(FLAT) for rule in RULES}
     assert len(set(life_values.values())) == 1
+
+
+@given(
+    st.floats(20, 110.99),
+    st.lists(st.floats(0, 120), min_size=2, max_size=6),
+    st.sampled_from(RULES),
+    st.sampled_from(["makeham_20_120", "makeham_13_110"]),
+)
+def test_survival_is_a_probability_falling_with_time(age, durations, rule, name):
+    table = bundled_table(name)
+    if rule != "udd" and age >= table.last_age or age > table.last_age + 0.99:
+        return  # nobody reaches these ages under this rule or table
+    t = np.sort(np.array(durations))
+    p = table.tpx(age, t, fractional_age=rule)
+    assert np.all((p >= 0) & (p <= 1)) and np.all(np.diff(p) <= 1e-15) and (t[0] > 0 or p[0] == 1.0)
 
 
 def test_select_tables_and_adjustments():

@@ -107,6 +107,7 @@ bool MortalityTable::has_select_row(int age) const {
 int MortalityTable::path_start(int select_age) const { return has_select_row(select_age) ? select_age : first_age_; }
 
 const SurvivalPath& MortalityTable::path(int select_age) {
+    const std::lock_guard<std::mutex> lock(paths_mutex_);
     if (!has_select_row(select_age)) {
         if (!ultimate_path_) ultimate_path_.emplace(ultimate_);
         return *ultimate_path_;
@@ -195,6 +196,7 @@ class StatusYear {
         FractionalAge rule = FractionalAge::Uniform;
         double start = 0.0, whole = 0.0, base = 0.0, q = 0.0, log_p = 0.0;
         double at(double t) const {
+            if (t <= 0.0) return 1.0;  // alive at the valuation time
             return base == 0.0 ? 0.0 : base * fraction_survival(q, log_p, (start + t) - whole, rule);
         }
     };

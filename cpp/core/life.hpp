@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -45,8 +46,7 @@ class SurvivalPath {
 
 // An ultimate table (q by integer age from `first_age`), optionally with a
 // select table: row r holds q_[s]+t for s = select_first + r, t < period.
-// Paths are built on demand and kept; prepare them before sharing the table
-// across threads.
+// Paths are built on demand, once, and kept (their addresses never change).
 class MortalityTable {
   public:
     MortalityTable(int first_age, std::vector<double> ultimate, int select_first, std::size_t select_period,
@@ -65,6 +65,7 @@ class MortalityTable {
     int first_age_, select_first_;
     std::size_t period_;
     std::vector<double> ultimate_, select_;
+    std::mutex paths_mutex_;  // paths are added while other threads may read the table
     std::optional<SurvivalPath> ultimate_path_;
     std::map<int, SurvivalPath> select_paths_;
 };
@@ -76,7 +77,7 @@ struct LifeOnPath {
     FractionalAge rule;
     double norm;  // 1 / survival to start
 
-    double at(double t) const { return path->to(start + t, rule) * norm; }
+    double at(double t) const { return t <= 0.0 ? 1.0 : path->to(start + t, rule) * norm; }
     double horizon() const { return path->years() - start; }
 };
 // A life `start` years along `path`; none when nobody reaches that point.

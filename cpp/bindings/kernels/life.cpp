@@ -58,8 +58,11 @@ core::CurveArrays curve_of(const InArray& rates, const InArray& terms, const InA
     return {vector_of(rates), vector_of(terms), vector_of(ends)};
 }
 
+// A select age as an integer (NaN: the integer part of the age).
 int select_of(double age, double select_age) {
-    return static_cast<int>(std::isnan(select_age) ? std::floor(age) : select_age);
+    const double select = std::isnan(select_age) ? std::floor(age) : select_age;
+    if (!(std::abs(select) < 1e9)) throw std::invalid_argument("ages must be finite");
+    return static_cast<int>(select);
 }
 
 // A life of `table` aged `age` at inception, seen at ts.
@@ -222,9 +225,12 @@ void register_life(nb::module_& m) {
             for (const auto& name : rule_names) rules.push_back(rule_of(name));
             for (std::size_t i = 0; i < size; ++i) {
                 const double t = table.data()[i], x = age.data()[i], f = frequency.data()[i];
+                const double s = select_age.data()[i];
+                if (!std::isnan(s) && !(std::abs(s) < 1e9))
+                    throw std::invalid_argument("invalid select age at index " + std::to_string(i));
                 if (!(t >= 0.0 && t < static_cast<double>(tables.size()) && t == std::floor(t)) ||
                     !tables[static_cast<std::size_t>(t)] || !(f >= 1.0 && f <= 365.0 && f == std::floor(f)) ||
-                    !std::isfinite(x) || !(ts.data()[i] >= 0.0) || !std::isfinite(ts.data()[i]) ||
+                    !(std::abs(x) < 1e9) || !(ts.data()[i] >= 0.0) || !std::isfinite(ts.data()[i]) ||
                     !(d.data()[i] >= 0.0) || !std::isfinite(d.data()[i]) || !(n.data()[i] >= 0.0) ||
                     !core::countable(std::isinf(n.data()[i]) ? 0.0 : n.data()[i], f))
                     throw std::invalid_argument("invalid policy at index " + std::to_string(i));

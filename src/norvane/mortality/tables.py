@@ -321,9 +321,10 @@ class MortalityTable:
                 ),
             ),
             (
-                ~np.isnan(select_age) & ~((select_age == np.floor(select_age)) & (select_age <= age)),
+                ~np.isnan(select_age)
+                & ~((select_age == np.floor(select_age)) & (select_age <= age) & (select_age >= self._first_age)),
                 lambda i: (
-                    f"'select_age' must be a whole age not above the age {float(age[i])!r}, "
+                    f"'select_age' must be a whole age of the table not above the age {float(age[i])!r}, "
                     f"got {float(select_age[i])!r}"
                 ),
             ),
