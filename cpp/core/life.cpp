@@ -163,10 +163,11 @@ namespace {
 // payment costs the fractional-age rule alone.
 class StatusYear {
   public:
-    StatusYear() = default;
-    StatusYear(const Status& status, double t) : kind_(status.kind), birthday_(PiecewiseTable::kInfinity) {
-        for (int i = 0; i < (kind_ == Status::Single ? 1 : 2); ++i) {
-            const LifeOnPath& life = status.lives[i];
+    explicit StatusYear(const Status& status) : status_(&status) {}
+    void refresh(double t) {
+        birthday_ = PiecewiseTable::kInfinity;
+        for (int i = 0; i < (status_->kind == Status::Single ? 1 : 2); ++i) {
+            const LifeOnPath& life = status_->lives[i];
             Year& year = years_[i];
             const double whole = std::floor(life.start + t);
             year.rule = life.rule;
@@ -186,9 +187,9 @@ class StatusYear {
     double birthday() const { return birthday_; }
     double at(double t) const {
         const double x = years_[0].at(t);
-        if (kind_ == Status::Single) return x;
+        if (status_->kind == Status::Single) return x;
         const double y = years_[1].at(t);
-        return kind_ == Status::Joint ? x * y : x + y - x * y;
+        return status_->kind == Status::Joint ? x * y : x + y - x * y;
     }
 
   private:
@@ -200,23 +201,47 @@ class StatusYear {
             return base == 0.0 ? 0.0 : base * fraction_survival(q, log_p, (start + t) - whole, rule);
         }
     };
-    Status::Kind kind_ = Status::Single;
-    double birthday_ = -PiecewiseTable::kInfinity;  // a default year is over at once
+    const Status* status_;
+    double birthday_ = -PiecewiseTable::kInfinity;  // refreshed at the first payment
     Year years_[2];
 };
 
-}  // namespace
+// One life under uniform deaths, the common case of a book: survival is
+// a - b t inside a year of age.
+class UniformYear {
+  public:
+    explicit UniformYear(const LifeOnPath& life) : life_(&life) {}
+    void refresh(double t) {
+        const double whole = std::floor(life_->start + t);
+        if (!(whole < life_->path->years())) {
+            a_ = b_ = 0.0;
+            birthday_ = PiecewiseTable::kInfinity;
+            return;
+        }
+        const auto j = static_cast<std::size_t>(whole);
+        const double base = life_->norm * life_->path->l(j), q = life_->path->q(j);
+        a_ = base * (1.0 - (life_->start - whole) * q);
+        b_ = base * q;
+        birthday_ = whole + 1.0 - life_->start;
+    }
+    double birthday() const { return birthday_; }
+    double at(double t) const { return t <= 0.0 ? 1.0 : a_ - b_ * t; }
 
-void life_schedule_sums(const PiecewiseTable& curve, const Schedule& s, const Status& status,
-                        std::span<const std::size_t> counts, std::span<double> out) {
-    const double horizon = status.horizon();
+  private:
+    const LifeOnPath* life_;
+    double a_ = 0.0, b_ = 0.0, birthday_ = -PiecewiseTable::kInfinity;
+};
+
+// The sums of life_schedule_sums with survival from `ages`.
+template <typename Ages>
+void schedule_sums(const PiecewiseTable& curve, const Schedule& s, double horizon, Ages& ages,
+                   std::span<const std::size_t> counts, std::span<double> out) {
     const double step = 1.0 / static_cast<double>(s.m);
     const std::size_t end = s.first + (counts.empty() ? 0 : counts.back());
     const bool level = s.growth.kind == Growth::Level;
     double total = 0.0, v = 0.0, ratio = 0.0, amount = s.amount(s.first);
     double segment_end = -PiecewiseTable::kInfinity;
     std::size_t next_year = s.first, next_out = 0;
-    StatusYear ages;
     // Discount factors step by the segment's ratio per payment, taken afresh
     // at each segment (and growth year); survival is refreshed at birthdays.
     std::size_t k = s.first;
@@ -240,10 +265,23 @@ void life_schedule_sums(const PiecewiseTable& curve, const Schedule& s, const St
                 }
                 v = curve.discount(t);
             }
-            if (t >= ages.birthday()) ages = StatusYear(status, t);
+            if (t >= ages.birthday()) ages.refresh(t);
             total += amount * v * ages.at(t);
             v *= ratio;
         }
+    }
+}
+
+}  // namespace
+
+void life_schedule_sums(const PiecewiseTable& curve, const Schedule& s, const Status& status,
+                        std::span<const std::size_t> counts, std::span<double> out) {
+    if (status.kind == Status::Single && status.lives[0].rule == FractionalAge::Uniform) {
+        UniformYear ages(status.lives[0]);
+        schedule_sums(curve, s, status.horizon(), ages, counts, out);
+    } else {
+        StatusYear ages(status);
+        schedule_sums(curve, s, status.horizon(), ages, counts, out);
     }
 }
 
