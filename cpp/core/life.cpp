@@ -72,8 +72,6 @@ std::optional<FractionalAge> fractional_age_named(std::string_view name) {
     return std::nullopt;
 }
 
-double year_survival(double q, double f, FractionalAge rule) { return fraction_survival(q, std::log1p(-q), f, rule); }
-
 // ---- survival ---------------------------------------------------------------------
 
 SurvivalPath::SurvivalPath(std::vector<double> q) : q_(std::move(q)), l_(q_.size() + 1), log_p_(q_.size()) {
@@ -125,17 +123,13 @@ const SurvivalPath& MortalityTable::path(int select_age) {
 }
 
 std::optional<LifeOnPath> life_on_path(const SurvivalPath& path, double start, FractionalAge rule) {
+    if (!(start >= 0.0)) return std::nullopt;
     const double alive = path.to(start, rule);
-    if (!(start >= 0.0) || !(alive > 0.0)) return std::nullopt;
+    if (!(alive > 0.0)) return std::nullopt;
     return LifeOnPath{&path, start, rule, 1.0 / alive};
 }
 
-double Status::at(double t) const {
-    const double x = lives[0].at(t);
-    if (kind == Single) return x;
-    const double y = lives[1].at(t);
-    return kind == Joint ? x * y : x + y - x * y;
-}
+double Status::at(double t) const { return combine(kind, lives[0].at(t), kind == Single ? 1.0 : lives[1].at(t)); }
 
 double Status::horizon() const {
     if (kind == Single) return lives[0].horizon();
@@ -186,10 +180,8 @@ class StatusYear {
     }
     double birthday() const { return birthday_; }
     double at(double t) const {
-        const double x = years_[0].at(t);
-        if (status_->kind == Status::Single) return x;
-        const double y = years_[1].at(t);
-        return status_->kind == Status::Joint ? x * y : x + y - x * y;
+        const Status::Kind kind = status_->kind;
+        return Status::combine(kind, years_[0].at(t), kind == Status::Single ? 1.0 : years_[1].at(t));
     }
 
   private:
@@ -351,11 +343,6 @@ void for_each_period(const Annuity& annuity, Fn fn) {
 
 }  // namespace
 
-double life_integral(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth,
-                     const Status& status) {
-    return integral(curve, a, b, origin, growth, status, false);
-}
-
 double life_annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode, const Status& status) {
     switch (mode) {
         case Mode::DiscretePrecision:
@@ -413,7 +400,7 @@ double life_term(double n, double d, double ts, double horizon, std::size_t m) {
     // the last period begun alive pays in full.
     const TermAtValuation at = term_at_valuation(0.0, d, ts);
     const double periods = std::ceil((horizon - at.deferment) * static_cast<double>(m));
-    return periods > 0.0 ? std::max(0.0, ts - d) + periods / static_cast<double>(m) : 0.0;
+    return periods > 0.0 ? at.elapsed + periods / static_cast<double>(m) : 0.0;
 }
 
 std::optional<Annuity> life_policy_annuity(double n, double d, double ts, double horizon, const PolicyTerms& terms) {

@@ -22,10 +22,6 @@ enum class FractionalAge { Uniform, ConstantForce, Balducci };
 // "udd", "constant_force" or "balducci".
 std::optional<FractionalAge> fractional_age_named(std::string_view name);
 
-// Probability of surviving the first f (0 <= f <= 1) of a year of age whose
-// death probability is q; 1 at f = 0 under every rule.
-double year_survival(double q, double f, FractionalAge rule);
-
 // The death probabilities q[0], q[1], ... a life meets in the successive
 // years from an integer age on, and survival along them. Nobody survives the
 // last year (tables end with q = 1).
@@ -87,6 +83,10 @@ std::optional<LifeOnPath> life_on_path(const SurvivalPath& path, double start, F
 // or last-survivor status of two independent lives (all alive at time 0).
 struct Status {
     enum Kind { Single, Joint, LastSurvivor } kind = Single;
+    // The status's survival from the lives' survival x (and y).
+    static double combine(Kind kind, double x, double y) {
+        return kind == Single ? x : kind == Joint ? x * y : x + y - x * y;
+    }
     LifeOnPath lives[2];
 
     double at(double t) const;
@@ -107,19 +107,15 @@ void life_schedule_sums(const PiecewiseTable& curve, const Schedule& s, const St
 // The pro-rata last payment's share.
 double partial_value(const PiecewiseTable& curve, const Schedule& s, const Status& status);
 
-// Integral of v(t) x survival(t) x the growth factor of year floor(t - origin)
-// over [a, b], exactly per piece between segment ends, birthdays and growth
-// years (Gauss-Legendre, whose 12 nodes integrate these smooth pieces to
-// rounding).
-double life_integral(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth,
-                     const Status& status);
-
 // A life annuity in a calculation mode:
 // - DiscretePrecision: every payment with its survival probability;
 // - DiscreteSimplified: Woolhouse's parts of core/annuity.hpp, each payment
 //   weighted by survival, which is ä(m) = ä - c (E_start - E_end) in whole
 //   years, plus the final fraction of a year exactly;
-// - ContinuousPrecision: the integral of v(t) survival(t) over the term;
+// - ContinuousPrecision: the integral of v(t) survival(t) over the term,
+//   exactly per piece between segment ends, birthdays and growth years
+//   (12-point Gauss-Legendre: each piece is at most a year of a smooth
+//   integrand);
 // - ContinuousSimplified: the Woolhouse limit c = 1/2 on the whole years,
 //   the final fraction integrated.
 double life_annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode, const Status& status);
