@@ -202,6 +202,7 @@ def test_portfolio_equals_single_lives_and_reports_errors():
     [
         (lambda: MortalityTable([0.1, 1.2, 1.0], first_age=30), r"q at age 31 must be in \[0, 1\]"),
         (lambda: MortalityTable([0.1, 0.2], first_age=30), r"q at the last age 31 must be 1"),
+        (lambda: MortalityTable([0.1, 0.2, 1], first_age=30, select=[[0.1], [-1]]), r"select q\[31\]\+0 must be in"),
         (lambda: MortalityTable([0.1, 0.2, 0.3], first_age=30, closing_age=35), "'closing_age' 35 is outside"),
         (lambda: CF_TABLE.life(101), "beyond the table's last age 100"),
         (lambda: CF_TABLE.life(19), "at least the table's first age 20"),

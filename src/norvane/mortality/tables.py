@@ -120,8 +120,12 @@ class MortalityTable:
         if sel.size == 0:
             sel = np.empty((0, 0))
         else:
-            for r in range(sel.shape[0]):  # one row per select age; at most a few dozen
-                _check_q(sel[r], sel_first + r, f"select q[{sel_first + r}]+t")
+            bad = np.argwhere(~((sel >= 0.0) & (sel <= 1.0)))
+            if bad.size:
+                r, t = (int(k) for k in bad[0])
+                raise ValueError(
+                    f"[MortalityTable] select q[{sel_first + r}]+{t} must be in [0, 1], got {float(sel[r, t])!r}."
+                )
             if sel_first < first or sel_first + sel.shape[0] + sel.shape[1] > first + q.size:
                 raise ValueError(
                     f"[MortalityTable] select ages {sel_first} to {sel_first + sel.shape[0] - 1} with a "
