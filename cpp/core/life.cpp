@@ -414,30 +414,25 @@ std::optional<Annuity> life_policy_annuity(double n, double d, double ts, double
 namespace {
 
 // Distinct keys numbered in order of first appearance: open addressing in
-// one array, so a book of a million policies costs no allocation per policy.
+// one array that doubles when half full, so a book of a million policies
+// costs no allocation per policy and few distinct keys stay in cache.
 template <std::size_t N>
 class KeyIndex {
   public:
     using Key = std::array<std::uint64_t, N>;
-    explicit KeyIndex(std::size_t expected) {
-        std::size_t capacity = 16;
-        while (capacity < 2 * expected) capacity *= 2;
-        slots_.assign(capacity, kEmpty);
-        keys_.reserve(expected);
-    }
+    KeyIndex() : slots_(1024, kEmpty) {}
     // The number of `key`, and whether it is new.
     std::pair<std::uint32_t, bool> insert(const Key& key) {
-        const std::size_t mask = slots_.size() - 1;
-        for (std::size_t slot = hash(key) & mask;; slot = (slot + 1) & mask) {
-            if (slots_[slot] == kEmpty) {
-                slots_[slot] = static_cast<std::uint32_t>(keys_.size());
-                keys_.push_back(key);
-                return {slots_[slot], true};
-            }
-            if (keys_[slots_[slot]] == key) return {slots_[slot], false};
+        std::size_t slot = find(key);
+        if (slots_[slot] != kEmpty) return {slots_[slot], false};
+        if (2 * (keys_.size() + 1) > slots_.size()) {
+            grow();
+            slot = find(key);
         }
+        slots_[slot] = static_cast<std::uint32_t>(keys_.size());
+        keys_.push_back(key);
+        return {slots_[slot], true};
     }
-    std::size_t size() const { return keys_.size(); }
 
   private:
     static constexpr std::uint32_t kEmpty = 0xFFFFFFFFu;
@@ -446,6 +441,22 @@ class KeyIndex {
         for (std::uint64_t part : key) h = (h ^ part) * 0xBF58476D1CE4E5B9ull, h ^= h >> 31;
         return static_cast<std::size_t>(h);
     }
+    // The slot holding `key`, or the empty slot where it belongs.
+    std::size_t find(const Key& key) const {
+        const std::size_t mask = slots_.size() - 1;
+        std::size_t slot = hash(key) & mask;
+        while (slots_[slot] != kEmpty && keys_[slots_[slot]] != key) slot = (slot + 1) & mask;
+        return slot;
+    }
+    void grow() {
+        slots_.assign(2 * slots_.size(), kEmpty);
+        const std::size_t mask = slots_.size() - 1;
+        for (std::size_t i = 0; i < keys_.size(); ++i) {
+            std::size_t slot = hash(keys_[i]) & mask;
+            while (slots_[slot] != kEmpty) slot = (slot + 1) & mask;
+            slots_[slot] = static_cast<std::uint32_t>(i);
+        }
+    }
     std::vector<std::uint32_t> slots_;
     std::vector<Key> keys_;
 };
@@ -453,61 +464,67 @@ class KeyIndex {
 // Bit pattern with -0.0 folded into 0.0, so equal numbers share a key.
 std::uint64_t bits(double x) { return std::bit_cast<std::uint64_t>(x == 0.0 ? 0.0 : x); }
 
-// Distinct policies: a life (table, age, select age) valued at ts, with
-// deferment d and m payments a year; term n.
-struct Row {
-    std::size_t table, m;
-    double age, select_age, ts, d, n;
-};
-
-// The rows of one life at one valuation time, deferment and frequency: their
-// schedules differ only in length, so one pass over the longest serves all.
+// The policies of one life (table, age, select age) at one valuation time,
+// deferment and frequency: their schedules differ only in length. In the
+// discrete precision mode one pass over the longest gives every distinct
+// length's sum; otherwise each distinct term is valued once. Unit values go
+// to `unit` by policy.
 void value_group(const PiecewiseTable& curve, const SurvivalPath& path, int path_start, FractionalAge rule,
-                 const std::vector<Row>& rows, std::span<const std::uint32_t> members, const PolicyTerms& terms,
-                 std::vector<double>& unit) {
-    const Row& first = rows[members[0]];
-    const auto life = life_on_path(path, first.age - path_start + first.ts, rule);
+                 const LifePolicies& p, std::span<std::uint32_t> members, const PolicyTerms& terms,
+                 std::span<double> unit) {
+    const std::uint32_t first = members[0];
+    const auto life = life_on_path(path, p.age[first] - path_start + p.ts[first], rule);
     if (!life) {
-        for (std::uint32_t r : members) unit[r] = kNaN;
+        for (std::uint32_t i : members) unit[i] = kNaN;
         return;
     }
     const Status status{Status::Single, {*life, *life}};
     PolicyTerms policy = terms;
-    policy.m = first.m;
-    const auto annuity_of = [&](std::uint32_t r) {
-        return life_policy_annuity(rows[r].n, rows[r].d, rows[r].ts, status.horizon(), policy);
-    };
+    policy.m = static_cast<std::size_t>(p.m[first]);
+    const double ts = p.ts[first], d = p.d[first];
+    const auto annuity_of = [&](double n) { return life_policy_annuity(n, d, ts, status.horizon(), policy); };
     const auto round = [&](double value) { return round_like_numpy(value, terms.decimals); };
-    if (terms.mode != Mode::DiscretePrecision || members.size() == 1) {
-        for (std::uint32_t r : members) {
-            const auto annuity = annuity_of(r);
-            unit[r] = annuity ? round(life_annuity_value(curve, *annuity, terms.mode, status)) : 0.0;
-        }
+    if (members.size() == 1) {
+        const auto annuity = annuity_of(p.n[first]);
+        unit[first] = annuity ? round(life_annuity_value(curve, *annuity, terms.mode, status)) : 0.0;
         return;
     }
-    std::vector<std::size_t> counts;
-    std::optional<Schedule> longest;
-    for (std::uint32_t r : members) {
-        if (const auto annuity = annuity_of(r)) {
+    // Runs of equal terms: each distinct term is one annuity.
+    std::sort(members.begin(), members.end(), [&](std::uint32_t a, std::uint32_t b) { return p.n[a] < p.n[b]; });
+    std::vector<std::size_t> run_start;
+    std::vector<std::optional<Annuity>> annuities;
+    for (std::size_t k = 0; k < members.size(); ++k) {
+        if (k > 0 && p.n[members[k]] == p.n[members[k - 1]]) continue;
+        run_start.push_back(k);
+        annuities.push_back(annuity_of(p.n[members[k]]));
+    }
+    run_start.push_back(members.size());
+    std::vector<double> values(annuities.size(), 0.0);
+    if (terms.mode != Mode::DiscretePrecision) {
+        for (std::size_t r = 0; r < annuities.size(); ++r)
+            if (annuities[r]) values[r] = round(life_annuity_value(curve, *annuities[r], terms.mode, status));
+    } else {
+        std::vector<std::size_t> counts;
+        std::optional<Schedule> longest;
+        for (const auto& annuity : annuities) {
+            if (!annuity) continue;
             const Schedule s = annuity->schedule();
             counts.push_back(s.count);
             if (!longest || s.count > longest->count) longest = s;
         }
-    }
-    std::sort(counts.begin(), counts.end());
-    counts.erase(std::unique(counts.begin(), counts.end()), counts.end());
-    std::vector<double> sums(counts.size());
-    if (longest) life_schedule_sums(curve, *longest, status, counts, sums);
-    for (std::uint32_t r : members) {
-        const auto annuity = annuity_of(r);
-        if (!annuity) {
-            unit[r] = 0.0;
-            continue;
+        std::sort(counts.begin(), counts.end());
+        counts.erase(std::unique(counts.begin(), counts.end()), counts.end());
+        std::vector<double> sums(counts.size());
+        if (longest) life_schedule_sums(curve, *longest, status, counts, sums);
+        for (std::size_t r = 0; r < annuities.size(); ++r) {
+            if (!annuities[r]) continue;
+            const Schedule s = annuities[r]->schedule();
+            const auto at = std::lower_bound(counts.begin(), counts.end(), s.count) - counts.begin();
+            values[r] = round(sums[static_cast<std::size_t>(at)] + partial_value(curve, s, status));
         }
-        const Schedule s = annuity->schedule();
-        const auto at = std::lower_bound(counts.begin(), counts.end(), s.count) - counts.begin();
-        unit[r] = round(sums[static_cast<std::size_t>(at)] + partial_value(curve, s, status));
     }
+    for (std::size_t r = 0; r < annuities.size(); ++r)
+        for (std::size_t k = run_start[r]; k < run_start[r + 1]; ++k) unit[members[k]] = values[r];
 }
 
 }  // namespace
@@ -516,63 +533,53 @@ void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*
                            std::span<const FractionalAge> rules, const LifePolicies& p, const PolicyTerms& terms,
                            std::span<double> out) {
     const std::size_t count = p.age.size();
-    KeyIndex<7> row_of(count);
-    std::vector<std::uint32_t> row_index(count);
-    std::vector<Row> rows;
-    for (std::size_t i = 0; i < count; ++i) {
-        const double select = std::isnan(p.select_age[i]) ? std::floor(p.age[i]) : p.select_age[i];
-        const auto [row, added] = row_of.insert(
-            {bits(p.table[i]), bits(p.age[i]), bits(select), bits(p.ts[i]), bits(p.d[i]), bits(p.m[i]), bits(p.n[i])});
-        row_index[i] = row;
-        if (added)
-            rows.push_back({static_cast<std::size_t>(p.table[i]), static_cast<std::size_t>(p.m[i]), p.age[i], select,
-                            p.ts[i], p.d[i], p.n[i]});
-    }
-    // Groups of rows that differ only in their term (in one flat array, by
-    // group), and one discount table per valuation time.
-    KeyIndex<6> group_of(rows.size());
-    std::vector<std::uint32_t> group_id(rows.size()), offsets{0};
+    // Policies grouped by life, valuation time, deferment and frequency (in
+    // one flat array, by group), and one discount table per valuation time.
+    KeyIndex<6> group_of;
+    std::vector<std::uint32_t> group_id(count), offsets{0}, lead;
+    std::vector<double> select_ages;
     std::unordered_map<std::uint64_t, std::size_t> curve_of;
     std::vector<PiecewiseTable> curves;
     std::vector<std::size_t> group_curve;
-    for (std::size_t r = 0; r < rows.size(); ++r) {
-        const Row& row = rows[r];
-        const auto [group, added] =
-            group_of.insert({row.table, bits(row.age), bits(row.select_age), bits(row.ts), bits(row.d), row.m});
+    for (std::size_t i = 0; i < count; ++i) {
+        const double select = std::isnan(p.select_age[i]) ? std::floor(p.age[i]) : p.select_age[i];
+        const auto [group, added] = group_of.insert(
+            {bits(p.table[i]), bits(p.age[i]), bits(select), bits(p.ts[i]), bits(p.d[i]), bits(p.m[i])});
         if (added) {
             offsets.push_back(0);
-            auto [seen, new_curve] = curve_of.try_emplace(bits(row.ts), curves.size());
+            lead.push_back(static_cast<std::uint32_t>(i));
+            select_ages.push_back(select);
+            auto [seen, new_curve] = curve_of.try_emplace(bits(p.ts[i]), curves.size());
             if (new_curve)
                 curves.push_back(discount_table(
-                    is_shift(row.ts, terms.tolerance_eps) ? shifted(curve, row.ts, terms.tolerance_eps) : curve));
+                    is_shift(p.ts[i], terms.tolerance_eps) ? shifted(curve, p.ts[i], terms.tolerance_eps) : curve));
             group_curve.push_back(seen->second);
         }
-        group_id[r] = group;
+        group_id[i] = group;
         ++offsets[group + 1];
     }
     const std::size_t group_count = offsets.size() - 1;
     for (std::size_t g = 0; g < group_count; ++g) offsets[g + 1] += offsets[g];
-    std::vector<std::uint32_t> members(rows.size()), filled(offsets.begin(), offsets.end() - 1);
-    for (std::size_t r = 0; r < rows.size(); ++r) members[filled[group_id[r]]++] = static_cast<std::uint32_t>(r);
+    std::vector<std::uint32_t> members(count), filled(offsets.begin(), offsets.end() - 1);
+    for (std::size_t i = 0; i < count; ++i) members[filled[group_id[i]]++] = static_cast<std::uint32_t>(i);
     // Survival paths once per (table, select age), before the threads share them.
     std::vector<const SurvivalPath*> paths(group_count);
     std::vector<int> starts(group_count);
     for (std::size_t g = 0; g < group_count; ++g) {
-        const Row& row = rows[members[offsets[g]]];
-        const int select = static_cast<int>(row.select_age);
-        paths[g] = &tables[row.table]->path(select);
-        starts[g] = tables[row.table]->path_start(select);
+        MortalityTable& table = *tables[static_cast<std::size_t>(p.table[lead[g]])];
+        const int select = static_cast<int>(select_ages[g]);
+        paths[g] = &table.path(select);
+        starts[g] = table.path_start(select);
     }
-    std::vector<double> unit(rows.size());
     parallel_for(group_count, 64, [&](std::size_t begin, std::size_t end) {
         for (std::size_t g = begin; g < end; ++g) {
-            const std::span<const std::uint32_t> group(members.data() + offsets[g], offsets[g + 1] - offsets[g]);
-            const std::size_t table = rows[group[0]].table;
-            value_group(curves[group_curve[g]], *paths[g], starts[g], rules[table], rows, group, terms, unit);
+            const std::span<std::uint32_t> group(members.data() + offsets[g], offsets[g + 1] - offsets[g]);
+            const auto table = static_cast<std::size_t>(p.table[lead[g]]);
+            value_group(curves[group_curve[g]], *paths[g], starts[g], rules[table], p, group, terms, out);
         }
     });
-    for (std::size_t i = 0; i < count; ++i)
-        out[i] = p.benefits.empty() ? unit[row_index[i]] : unit[row_index[i]] * p.benefits[i];
+    if (!p.benefits.empty())
+        for (std::size_t i = 0; i < count; ++i) out[i] *= p.benefits[i];
 }
 
 }  // namespace norvane::core

@@ -21,7 +21,7 @@ from ..helpers import (
     _validate_benefits,
 )
 from .lives import _curve_arrays
-from .tables import MortalityTable
+from .tables import MortalityTable, _age_problems
 
 __all__ = ["life_annuities"]
 
@@ -31,7 +31,7 @@ _MAX_PAYMENTS = 2.0**53
 
 
 def _columns(method_name: str, **columns: Any) -> tuple[dict[str, Any], int]:
-    """Every column as a one-dimensional array of one length (scalars broadcast)."""
+    """Every column as a one-dimensional array of the book's length or of length 1 (a single value)."""
     arrays = {
         name: np.asarray(value).reshape(-1) if np.ndim(value) else np.asarray(value) for name, value in columns.items()
     }
@@ -39,7 +39,8 @@ def _columns(method_name: str, **columns: Any) -> tuple[dict[str, Any], int]:
     size = max(sizes.values(), default=1)
     if any(s != size and s != 1 for s in sizes.values()):
         raise ValueError(f"[{method_name}] policy columns must share one length (or be single values), got {sizes}.")
-    return {name: np.broadcast_to(a.reshape(-1), (size,)) for name, a in arrays.items()}, size
+    # Single values stay single: they are checked once.
+    return {name: a.reshape(-1) for name, a in arrays.items()}, size
 
 
 def _table_codes(names: NDArray[Any], tables: Mapping[str, MortalityTable]) -> tuple[F64, list[str]]:
@@ -58,20 +59,23 @@ def _faults(
     faults: dict[int, list[str]] = {}
 
     def add(mask: NDArray[np.bool_], text: Any) -> None:
-        for i in np.flatnonzero(mask).tolist():
+        for i in np.flatnonzero(np.broadcast_to(mask, (size,))).tolist():
             faults.setdefault(i, []).append(text(i))
 
+    def at(values: NDArray[Any], i: int) -> Any:
+        return values[min(i, values.size - 1)]
+
     codes, known = _table_codes(cols["table"], tables)
-    add(np.isnan(codes), lambda i: f"'table' at index {i} is {str(cols['table'][i])!r}, not one of {known}")
+    add(np.isnan(codes), lambda i: f"'table' at index {i} is {str(at(cols['table'], i))!r}, not one of {known}")
     n = cols["n"]
     for name, values, allow_inf in (("n", n, True), ("d", cols["d"], False), ("ts", cols["ts"], False)):
         add(
             _batch_param_invalid(values, 0.0, allow_inf),
-            lambda i, nm=name, v=values: _batch_param_message(nm, i, v[i], 0.0),
+            lambda i, nm=name, v=values: _batch_param_message(nm, i, at(v, i), 0.0),
         )
     m = cols["m"]
     allowed = np.isin(m, _ALLOWED_PAYMENT_FREQUENCIES) & (m == np.round(m))
-    add(~allowed, lambda i: f"'m' must be one of {_ALLOWED_PAYMENT_FREQUENCIES} at index {i}, got {m[i]!r}")
+    add(~allowed, lambda i: f"'m' must be one of {_ALLOWED_PAYMENT_FREQUENCIES} at index {i}, got {int(at(m, i))!r}")
     frequency = np.where(allowed, m, 1).astype(np.float64)
     with np.errstate(invalid="ignore", over="ignore"):
         add(
@@ -79,11 +83,12 @@ def _faults(
             lambda i: f"'n' at index {i} holds 2**53 payments or more",
         )
     ts = np.where(np.isfinite(cols["ts"]), cols["ts"], 0.0)
-    for code, name in enumerate(known):
-        idx = np.flatnonzero(codes == code)
-        problems = tables[name]._age_problems(cols["age"][idx], cols["select_age"][idx], ts[idx])
-        for i, problem in problems.items():
-            faults.setdefault(int(idx[i]), []).append(f"{problem} at index {int(idx[i])}")
+    # Each policy's table bounds, gathered by code (unknown tables take the first's: they are invalid anyway).
+    known_codes = np.where(np.isnan(codes), 0, codes).astype(np.intp)
+    bounds = [np.take(column, known_codes) for column in np.array([t._bounds() for t in tables.values()]).T]
+    age = np.broadcast_to(cols["age"], (size,))
+    for i, problem in _age_problems(age, np.broadcast_to(cols["select_age"], (size,)), ts, *bounds).items():
+        faults.setdefault(i, []).append(f"{problem} at index {i}")
     return codes, n, frequency, faults
 
 
@@ -164,7 +169,7 @@ def life_annuities(
     rows = np.flatnonzero(valid)
 
     def column(values: Any) -> F64:
-        values = np.asarray(values, dtype=np.float64)
+        values = np.broadcast_to(np.asarray(values, dtype=np.float64), (size,))
         return np.ascontiguousarray(values if rows.size == size else values[rows])
 
     valued = _kernels.life_portfolio(
@@ -192,11 +197,12 @@ def life_annuities(
         values = np.full(size, np.nan)
         values[rows] = valued
     # A life at an age its table gives no chance of reaching has no value.
-    unreached = valid & np.isnan(values)
-    for i in np.flatnonzero(unreached).tolist():
-        faults[i] = [
-            f"nobody in table {str(cols['table'][i])!r} survives to age {cols['age'][i] + cols['ts'][i]!r} at index {i}"
-        ]
+    unreached = np.flatnonzero(valid & np.isnan(values)).tolist()
+    if unreached:
+        names, ages, times = (np.broadcast_to(cols[k], (size,)) for k in ("table", "age", "ts"))
+        for i in unreached:
+            reached = float(ages[i] + times[i])
+            faults[i] = [f"nobody in table {str(names[i])!r} survives to age {reached!r} at index {i}"]
     if on_error == "raise":
         if faults:
             raise ValueError(f"[{_METHOD}] " + "; ".join(faults[min(faults)]))

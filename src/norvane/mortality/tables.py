@@ -306,43 +306,14 @@ class MortalityTable:
         ).reshape(ages.shape)
         return float(out) if out.ndim == 0 else out
 
-    def _path_start(self, select_age: F64) -> F64:
-        """Age where the path of each select age starts (the first age for ultimate lives)."""
+    def _bounds(self) -> tuple[float, float, float, float]:
+        """First age, last age, first select age and number of select rows."""
         rows = self._select.shape[0] if self._select.size else 0
-        on_select = (select_age >= self._select_first_age) & (select_age < self._select_first_age + rows)
-        return np.where(on_select, select_age, float(self._first_age))
+        return float(self._first_age), float(self.last_age), float(self._select_first_age), float(rows)
 
     def _age_problems(self, age: F64, select_age: F64, ts: F64 | float = 0.0) -> dict[int, str]:
-        """What is wrong with each invalid age, by position (the last applicable rule wins)."""
-        select = np.where(np.isnan(select_age), np.floor(age), select_age)
-        ts_all = np.broadcast_to(ts, age.shape)
-        checks = [
-            (
-                ~(age + ts_all < self.last_age + 1),
-                lambda i: (
-                    f"'age' {float(age[i])!r} at valuation time {float(ts_all[i])!r} is beyond the table's last age "
-                    f"{self.last_age}"
-                ),
-            ),
-            (
-                ~np.isnan(select_age)
-                & ~((select_age == np.floor(select_age)) & (select_age <= age) & (select_age >= self._first_age)),
-                lambda i: (
-                    f"'select_age' must be a whole age of the table not above the age {float(age[i])!r}, "
-                    f"got {float(select_age[i])!r}"
-                ),
-            ),
-            (
-                ~(age >= self._path_start(select)),
-                lambda i: f"'age' must be at least the table's first age {self._first_age}, got {float(age[i])!r}",
-            ),
-            (~np.isfinite(age), lambda i: f"'age' must be finite, got {float(age[i])!r}"),
-        ]
-        problems: dict[int, str] = {}
-        for mask, message in checks:
-            for i in np.flatnonzero(mask).tolist():
-                problems[i] = message(i)
-        return problems
+        """What is wrong with each invalid age, by position."""
+        return _age_problems(age, select_age, ts, *(np.float64(b) for b in self._bounds()))
 
     def _check_ages(self, age: F64, select_age: F64, method_name: str) -> None:
         problems = self._age_problems(age, select_age)
@@ -381,3 +352,43 @@ class MortalityTable:
     def __repr__(self) -> str:
         select = f", select period {self.select_period}" if self.select_period else ""
         return f"MortalityTable(ages {self._first_age} to {self.last_age}{select}, {self._fractional_age})"
+
+
+def _age_problems(
+    age: F64, select_age: F64, ts: Any, first: Any, last: Any, select_first: Any, rows: Any
+) -> dict[int, str]:
+    """What is wrong with each invalid age, by position (the last applicable rule wins).
+
+    The table bounds are per life (arrays) or shared (scalars): ``first`` and
+    ``last`` age, ``select_first`` and ``rows`` of select rates.
+    """
+    ts_all, first, last = (np.broadcast_to(x, age.shape) for x in (ts, first, last))
+    select = np.where(np.isnan(select_age), np.floor(age), select_age)
+    on_select = (select >= select_first) & (select < select_first + rows)
+    checks = [
+        (
+            ~(age + ts_all < last + 1),
+            lambda i: (
+                f"'age' {float(age[i])!r} at valuation time {float(ts_all[i])!r} is beyond the table's last age "
+                f"{int(last[i])}"
+            ),
+        ),
+        (
+            ~np.isnan(select_age)
+            & ~((select_age == np.floor(select_age)) & (select_age <= age) & (select_age >= first)),
+            lambda i: (
+                f"'select_age' must be a whole age of the table not above the age {float(age[i])!r}, "
+                f"got {float(select_age[i])!r}"
+            ),
+        ),
+        (
+            ~(age >= np.where(on_select, select, first)),
+            lambda i: f"'age' must be at least the table's first age {int(first[i])}, got {float(age[i])!r}",
+        ),
+        (~np.isfinite(age), lambda i: f"'age' must be finite, got {float(age[i])!r}"),
+    ]
+    problems: dict[int, str] = {}
+    for mask, message in checks:
+        for i in np.flatnonzero(mask).tolist():
+            problems[i] = message(i)
+    return problems
