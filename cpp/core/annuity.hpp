@@ -6,13 +6,11 @@
 
 #include "core/curve.hpp"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace norvane::core {
@@ -117,50 +115,26 @@ std::optional<Annuity> policy_annuity(double n, double d, double ts, const Polic
 struct WoolhouseParts {
     Schedule due, immediate, fraction;
     double weight;
+
+    // The weighted annual payments, given the values of `due` and `immediate`.
+    double annual(double due_value, double immediate_value, int timing) const;
+    // The continuous modes' final fraction of a year: the integral from the
+    // end of the whole years to the end of the term.
+    double continuous_tail(const PiecewiseTable& curve, const Annuity& annuity) const;
 };
 WoolhouseParts woolhouse_parts(const Annuity& annuity, bool continuous);
 
 // ---- values -----------------------------------------------------------------------
 
-// Present value of the whole schedule. Level and geometric amounts are summed
-// as geometric series per run of payments inside one segment and one year,
-// and whole years inside one segment are summed as one series, so the cost
-// grows with the number of segments and years crossed, not with payments;
-// arithmetic growth is summed payment by payment.
+// Present value of the whole schedule. Level amounts are summed as one
+// geometric series per segment; geometric amounts per run of payments inside
+// one segment and one year, whole years inside one segment as one series; so
+// the cost grows with the number of segments (and years) crossed, not with
+// payments. Arithmetic growth is summed payment by payment.
 double schedule_value(const PiecewiseTable& curve, const Schedule& s);
 
-// Sums of the schedules of a portfolio on one curve. Schedules that differ
-// only in their number of payments share one pass over the longest of them:
-// the state at the start of every run is kept, and a shorter sum resumes from
-// the last run that ends before its end, giving bit for bit the result of
-// schedule_value. Use: reserve every schedule, build once, then value.
-struct ScheduleCursor {
-    std::size_t k;  // next payment
-    double pv;      // value of the payments before it
-};
-
-class ScheduleSums {
-  public:
-    explicit ScheduleSums(const PiecewiseTable& curve) : curve_(&curve) {}
-    void reserve(const Schedule& s);
-    void build();
-    double value(const Schedule& s) const;  // == schedule_value(curve, s)
-
-  private:
-    using Key = std::array<std::uint64_t, 5>;  // start, m, timing, growth kind and rate
-    struct KeyHash {
-        std::size_t operator()(const Key& key) const;
-    };
-    struct Entry {
-        Schedule schedule;
-        std::size_t end = 0;
-        std::vector<ScheduleCursor> checkpoints;
-    };
-    static Key key_of(const Schedule& s);
-
-    const PiecewiseTable* curve_;
-    std::unordered_map<Key, Entry, KeyHash> entries_;
-};
+// Value of the schedule's pro-rata last payment (0 without one).
+double partial_value(const PiecewiseTable& curve, const Schedule& s);
 
 // Times and amounts of every payment (regular ones, then the partial one).
 void schedule_payments(const Schedule& s, std::vector<double>& times, std::vector<double>& amounts);
@@ -176,10 +150,6 @@ double continuous_value(const PiecewiseTable& curve, double a, double b, double 
 // - ContinuousPrecision: the integral of v(t) times growth over [d, d + n];
 // - ContinuousSimplified: (ä + a) / 2 on the whole years plus the final
 //   fraction's integral.
-double annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode,
-                     const ScheduleSums* sums = nullptr);
-
-// Reserves in `sums` the schedules annuity_value(curve, annuity, mode, &sums) reads.
-void reserve_schedules(const Annuity& annuity, Mode mode, ScheduleSums& sums);
+double annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode);
 
 }  // namespace norvane::core

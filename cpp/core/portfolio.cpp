@@ -2,80 +2,333 @@
 
 #include "core/parallel.hpp"
 
-#include <array>
-#include <bit>
-#include <cstdint>
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <limits>
 #include <optional>
-#include <unordered_map>
+#include <thread>
+#include <utility>
 #include <vector>
 
 namespace norvane::core {
 
 namespace {
 
-struct TripletHash {
-    std::size_t operator()(const std::array<std::uint64_t, 3>& key) const {
-        std::uint64_t h = key[0] * 0x9E3779B97F4A7C15ull;
-        h ^= key[1] + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
-        h ^= key[2] + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
-        return static_cast<std::size_t>(h);
+constexpr double kEpsilon = std::numeric_limits<double>::epsilon();
+// A grid longer than this many points is not built: policies beyond it take
+// the closed form per segment.
+constexpr std::size_t kMaxGridPoints = std::size_t{1} << 22;
+// Growth weights on a grid are kept within e^5 of 1, so that a difference of
+// two weighted sums loses no digit the rounding could see.
+constexpr double kMaxLogWeight = 5.0;
+
+// Running sums x[0] + ... + x[i-1] with their compensation (Neumaier), so
+// that a difference of two of them is accurate to the last bit of the
+// difference, not of the sums.
+class PrefixSums {
+  public:
+    template <typename Value>
+    void build(std::size_t size, Value value_of) {
+        hi_.assign(size + 1, 0.0);
+        lo_.assign(size + 1, 0.0);
+        double sum = 0.0, compensation = 0.0;
+        for (std::size_t i = 0; i < size; ++i) {
+            const double x = value_of(i), t = sum + x;
+            compensation += std::abs(sum) >= std::abs(x) ? (sum - t) + x : (x - t) + sum;
+            sum = t;
+            hi_[i + 1] = sum;
+            lo_[i + 1] = compensation;
+        }
     }
+    std::size_t size() const { return hi_.empty() ? 0 : hi_.size() - 1; }
+    double between(std::size_t a, std::size_t b) const { return (hi_[b] - hi_[a]) + (lo_[b] - lo_[a]); }
+    // The size the difference's rounding error is relative to: the
+    // difference itself, plus the sums' own last bits.
+    double magnitude(std::size_t a, std::size_t b) const {
+        return std::abs(hi_[b] - hi_[a]) + kEpsilon * (std::abs(hi_[a]) + std::abs(hi_[b]));
+    }
+
+  private:
+    std::vector<double> hi_, lo_;
 };
 
-// Bit pattern of a value with -0.0 folded into 0.0, so equal numbers share a key.
-std::uint64_t key_of(double x) { return std::bit_cast<std::uint64_t>(x == 0.0 ? 0.0 : x); }
+// A value and a bound on the size of the numbers it was computed from (its
+// rounding error is a few epsilon of that).
+struct Estimate {
+    double value = 0.0, magnitude = 0.0;
+    Estimate& operator+=(const Estimate& o) {
+        value += o.value;
+        magnitude += o.magnitude;
+        return *this;
+    }
+    Estimate scaled(double factor) const { return {value * factor, magnitude * std::abs(factor)}; }
+};
+
+// Sums of x[i0 + k] times the growth factor of year floor(k / stride) over a
+// range of k, for any origin i0, in O(1): level payments need one prefix sum;
+// geometric and arithmetic growth keep, for each residue r of i0 modulo the
+// stride, the prefix sums weighted by the year Y(l) = floor((l - r) / stride)
+// of every point l (g^Y, or Y), which fixes the year of each point relative
+// to any origin with that residue.
+class GrowthSums {
+  public:
+    GrowthSums(std::span<const double> x, std::size_t stride, const Growth& growth) : stride_(stride), growth_(growth) {
+        level_.build(x.size(), [&](std::size_t l) { return x[l]; });
+        if (growth.kind == Growth::Level) return;
+        const double log_g = std::log1p(growth.rate);
+        weighted_.resize(stride);
+        for (std::size_t r = 0; r < stride; ++r) {
+            weighted_[r].build(x.size(), [&](std::size_t l) {
+                const double year = std::floor((static_cast<double>(l) - static_cast<double>(r)) / stride);
+                return x[l] * (growth.kind == Growth::Geometric ? std::exp(log_g * year) : year);
+            });
+        }
+    }
+    std::size_t size() const { return level_.size(); }
+
+    // sum_{k0 <= k < k1} factor(floor(k / stride)) x[i0 + k]
+    Estimate sum(std::size_t i0, std::size_t k0, std::size_t k1) const {
+        const std::size_t a = i0 + k0, b = i0 + k1;
+        Estimate level{level_.between(a, b), level_.magnitude(a, b)};
+        if (growth_.kind == Growth::Level) return level;
+        const std::size_t r = i0 % stride_;
+        const double q0 = static_cast<double>(i0 / stride_);
+        const PrefixSums& w = weighted_[r];
+        Estimate weighted{w.between(a, b), w.magnitude(a, b)};
+        if (growth_.kind == Growth::Geometric) return weighted.scaled(std::pow(1.0 + growth_.rate, -q0));
+        // 1 + g (Y - q0): the level sum plus g times the years counted from i0.
+        Estimate years = weighted;
+        years += level.scaled(-q0);
+        return level += years.scaled(growth_.rate);
+    }
+
+  private:
+    std::size_t stride_;
+    Growth growth_;
+    PrefixSums level_;
+    std::vector<PrefixSums> weighted_;
+};
+
+// The book's grid: times i / m from 0, their discount factors, and what the
+// calculation mode sums over them. Policies whose schedule starts on the grid
+// are valued from differences of prefix sums.
+class PaymentGrid {
+  public:
+    PaymentGrid(const PiecewiseTable& table, const PolicyTerms& terms, std::size_t points)
+        : table_(table), terms_(terms), m_(terms.m) {
+        std::vector<double> times(points);
+        for (std::size_t i = 0; i < points; ++i) times[i] = static_cast<double>(i) / static_cast<double>(m_);
+        discount_.resize(points);
+        table.discount(times, discount_);
+        const bool continuous = terms.mode == Mode::ContinuousPrecision;
+        if (continuous) {
+            // The integral of v over each step of the grid.
+            std::vector<double> steps(points - 1);
+            for (std::size_t i = 0; i + 1 < points; ++i)
+                steps[i] = continuous_value(table, times[i], times[i + 1], times[i], Growth{});
+            payments_.emplace(steps, m_, terms.growth);
+        } else if (terms.mode == Mode::DiscretePrecision) {
+            payments_.emplace(discount_, m_, terms.growth);
+        } else {
+            // Woolhouse: the annual payments on every residue of the grid
+            // modulo m (points r, r + m, ...), and the final year's m-thly ones.
+            std::vector<double> annual;
+            for (std::size_t r = 0; r < m_; ++r) {
+                annual.clear();
+                for (std::size_t i = r; i < points; i += m_) annual.push_back(discount_[i]);
+                annual_.emplace_back(annual, 1, terms.growth);
+            }
+            if (terms.mode == Mode::DiscreteSimplified) payments_.emplace(discount_, m_, terms.growth);
+        }
+    }
+
+    std::size_t points() const { return discount_.size(); }
+    double discount(std::size_t i) const { return discount_[i]; }
+
+    // Value from time 0 of the annuity whose schedule starts at grid point i0
+    // (the annuity's deferment is i0 / m), or nothing when it runs off the grid.
+    std::optional<Estimate> value(const Annuity& annuity, std::size_t i0) const {
+        const Schedule s = annuity.schedule();
+        const std::size_t whole_end = i0 + s.count + static_cast<std::size_t>(s.timing) + m_;
+        if (whole_end >= points()) return std::nullopt;
+        const double per_payment = 1.0 / static_cast<double>(m_);
+        switch (terms_.mode) {
+            case Mode::DiscretePrecision: {
+                Estimate pv = payments_->sum(i0 + static_cast<std::size_t>(s.timing), 0, s.count).scaled(per_payment);
+                const double partial = partial_value(table_, s);
+                return pv += Estimate{partial, std::abs(partial)};
+            }
+            case Mode::ContinuousPrecision: {
+                Estimate pv = payments_->sum(i0, 0, s.count);
+                const double tail = continuous_value(table_, s.start + static_cast<double>(s.count) * per_payment,
+                                                     annuity.d + annuity.n, annuity.d, annuity.growth);
+                return pv += Estimate{tail, std::abs(tail)};
+            }
+            default:
+                return woolhouse(annuity, s, i0);
+        }
+    }
+
+  private:
+    // sum_{y < years} factor(y) v(i0 / m + y): the annual points of i0's residue.
+    Estimate annual_sum(std::size_t i0, std::size_t years) const { return annual_[i0 % m_].sum(i0 / m_, 0, years); }
+
+    Estimate woolhouse(const Annuity& annuity, const Schedule& s, std::size_t i0) const {
+        const bool continuous = terms_.mode == Mode::ContinuousSimplified;
+        const WoolhouseParts parts = woolhouse_parts(annuity, continuous);
+        const std::size_t years = parts.due.count;
+        // The immediate payment of year y is due at its end, with year y's amount.
+        const Estimate due = annual_sum(i0, years), immediate = annual_sum(i0 + m_, years);
+        Estimate pv{parts.annual(due.value, immediate.value, annuity.timing), due.magnitude + immediate.magnitude};
+        if (continuous) {
+            const double tail = parts.continuous_tail(table_, annuity);
+            return pv += Estimate{tail, std::abs(tail)};
+        }
+        const double per_payment = 1.0 / static_cast<double>(m_);
+        pv +=
+            payments_->sum(i0 + static_cast<std::size_t>(s.timing), parts.fraction.first, s.count).scaled(per_payment);
+        const double partial = partial_value(table_, s);
+        return pv += Estimate{partial, std::abs(partial)};
+    }
+
+    const PiecewiseTable& table_;
+    const PolicyTerms& terms_;
+    std::size_t m_;
+    std::vector<double> discount_;
+    std::optional<GrowthSums> payments_;
+    std::vector<GrowthSums> annual_;  // by residue modulo m
+};
+
+}  // namespace
+
+namespace {
+
+// The last time any policy of the book pays, from time 0.
+double book_span(std::span<const double> n, std::span<const double> d, const PolicyTerms& terms) {
+    std::vector<double> spans(std::max(1u, std::thread::hardware_concurrency()), 0.0);
+    std::atomic<std::size_t> next{0};
+    parallel_for(n.size(), std::size_t{1} << 16, [&](std::size_t begin, std::size_t end) {
+        double span = 0.0;
+        for (std::size_t i = begin; i < end; ++i)
+            span = std::max(span, d[i] + (std::isinf(n[i]) ? terms.perpetuity_n_eff : n[i]));
+        spans[next++] = span;
+    });
+    return *std::max_element(spans.begin(), spans.end());
+}
+
+// The grid of the book, when one is worth building: long enough for every
+// schedule and, with geometric growth, short enough for its weights.
+std::optional<PaymentGrid> book_grid(const PiecewiseTable& table, const PolicyTerms& terms, double span) {
+    const double m = static_cast<double>(terms.m);
+    const double wanted = std::ceil(span * m) + 2.0 * m + 2.0;
+    if (!(wanted <= static_cast<double>(kMaxGridPoints))) return std::nullopt;
+    const std::size_t points = static_cast<std::size_t>(wanted);
+    if (terms.growth.kind == Growth::Geometric &&
+        !(std::abs(std::log1p(terms.growth.rate)) * (wanted / m) <= kMaxLogWeight))
+        return std::nullopt;
+    return std::optional<PaymentGrid>(std::in_place, table, terms, points);
+}
+
+// Whether two values within `error` of `value` can round (times `scale`) to
+// different results: `value * scale` lies that close to a half.
+bool near_rounding_tie(double value, double error, double scale) {
+    const double scaled = value * scale;
+    if (!std::isfinite(scaled)) return true;
+    const double from_half = std::abs(scaled - std::floor(scaled) - 0.5);
+    return from_half <= error * scale + 4.0 * kEpsilon * std::abs(scaled);
+}
+
+// The curves shifted to the last few valuation times a thread needed,
+// tried in turn: a book's policies share few of them.
+class RecentShifts {
+  public:
+    const PiecewiseTable& seen_from(const CurveArrays& curve, double ts, double eps) {
+        for (const auto& [at, table] : tables_)
+            if (at == ts) return table;
+        const PiecewiseTable table = discount_table(shifted(curve, ts, eps));
+        if (tables_.size() < kSize) return tables_.emplace_back(ts, table).second;
+        next_ = (next_ + 1) % kSize;
+        tables_[next_] = {ts, table};
+        return tables_[next_].second;
+    }
+
+  private:
+    static constexpr std::size_t kSize = 8;
+    std::vector<std::pair<double, PiecewiseTable>> tables_;
+    std::size_t next_ = 0;
+};
+
+class BookValuer {
+  public:
+    BookValuer(const CurveArrays& curve, const PolicyTerms& terms, double span)
+        : curve_(curve),
+          terms_(terms),
+          table_(discount_table(curve)),
+          grid_(book_grid(table_, terms, span)),
+          scale_(std::pow(10.0, terms.decimals)) {}
+
+    // The rounded unit value of one policy, equal to the value on the curve
+    // shifted to ts. Policies on the grid, and off it the closed form on the
+    // unshifted curve divided by v(ts), agree with that value to a few
+    // epsilon; where that could change the rounded digit, it is computed.
+    double unit_value(double n, double d, double ts, RecentShifts& shifts) const {
+        const std::optional<Annuity> annuity = policy_annuity(n, d, ts, terms_);
+        if (!annuity) return 0.0;
+        const bool shift = is_shift(ts, terms_.tolerance_eps);
+        if (!shift && !on_grid(annuity->d)) return rounded(annuity_value(table_, *annuity, terms_.mode));
+        Annuity from_zero = *annuity;
+        if (shift) from_zero.d += ts;
+        std::optional<Estimate> pv;
+        if (on_grid(from_zero.d)) pv = grid_->value(from_zero, grid_index(from_zero.d));
+        if (!pv) {
+            const double value = annuity_value(table_, from_zero, terms_.mode);
+            pv = Estimate{value, std::abs(value)};
+        }
+        const double divisor = shift ? discount(ts) : 1.0;
+        const double unit = pv->value / divisor;
+        const double error = 64.0 * kEpsilon * (std::abs(unit) + pv->magnitude / std::abs(divisor));
+        if (near_rounding_tie(unit, error, scale_)) return exact_unit_value(*annuity, ts, shift, shifts);
+        return std::nearbyint(unit * scale_) / scale_;
+    }
+
+  private:
+    double rounded(double value) const { return round_like_numpy(value, terms_.decimals); }
+
+    bool on_grid(double t) const {
+        if (!grid_) return false;
+        const double x = t * static_cast<double>(terms_.m);
+        return x == std::floor(x) && x < static_cast<double>(grid_->points());
+    }
+    std::size_t grid_index(double t) const { return static_cast<std::size_t>(t * static_cast<double>(terms_.m)); }
+    double discount(double t) const { return on_grid(t) ? grid_->discount(grid_index(t)) : table_.discount(t); }
+
+    // The value on the curve shifted to ts, as a single policy is valued.
+    double exact_unit_value(const Annuity& annuity, double ts, bool shift, RecentShifts& shifts) const {
+        if (!shift) return rounded(annuity_value(table_, annuity, terms_.mode));
+        return rounded(annuity_value(shifts.seen_from(curve_, ts, terms_.tolerance_eps), annuity, terms_.mode));
+    }
+
+    const CurveArrays& curve_;
+    const PolicyTerms& terms_;
+    PiecewiseTable table_;
+    std::optional<PaymentGrid> grid_;
+    double scale_;
+};
 
 }  // namespace
 
 void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::span<const double> d,
                       std::span<const double> ts, std::span<const double> benefits, const PolicyTerms& terms,
                       std::span<double> out) {
-    const std::size_t count = n.size();
-    std::unordered_map<std::array<std::uint64_t, 3>, std::uint32_t, TripletHash> group_of;
-    std::vector<std::uint32_t> group(count);
-    std::vector<std::array<double, 3>> rows;
-    for (std::size_t i = 0; i < count; ++i) {
-        auto [it, added] =
-            group_of.try_emplace({key_of(n[i]), key_of(d[i]), key_of(ts[i])}, static_cast<std::uint32_t>(rows.size()));
-        if (added) rows.push_back({n[i], d[i], ts[i]});
-        group[i] = it->second;
-    }
-    // One shifted curve per distinct shift, each with the sums its schedules share.
-    std::unordered_map<std::uint64_t, std::size_t> curve_of;
-    std::vector<PiecewiseTable> curves;
-    std::vector<std::size_t> row_curve(rows.size());
-    for (std::size_t r = 0; r < rows.size(); ++r) {
-        auto [it, added] = curve_of.try_emplace(key_of(rows[r][2]), curves.size());
-        if (added) {
-            const double ts = rows[r][2];
-            const CurveArrays seen =
-                is_shift(ts, terms.tolerance_eps) ? shifted(curve, ts, terms.tolerance_eps) : curve;
-            curves.push_back(discount_table(seen));
-        }
-        row_curve[r] = it->second;
-    }
-    std::vector<ScheduleSums> sums;
-    sums.reserve(curves.size());
-    for (const auto& table : curves) sums.emplace_back(table);
-    std::vector<std::optional<Annuity>> annuities(rows.size());
-    for (std::size_t r = 0; r < rows.size(); ++r) {
-        annuities[r] = policy_annuity(rows[r][0], rows[r][1], rows[r][2], terms);
-        if (annuities[r]) reserve_schedules(*annuities[r], terms.mode, sums[row_curve[r]]);
-    }
-    parallel_for(sums.size(), 1, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t c = begin; c < end; ++c) sums[c].build();
-    });
-    std::vector<double> unit(rows.size());
-    parallel_for(rows.size(), 1024, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t r = begin; r < end; ++r) {
-            const auto& annuity = annuities[r];
-            const std::size_t c = row_curve[r];
-            unit[r] = annuity
-                          ? round_like_numpy(annuity_value(curves[c], *annuity, terms.mode, &sums[c]), terms.decimals)
-                          : 0.0;
+    const BookValuer valuer(curve, terms, book_span(n, d, terms));
+    parallel_for(n.size(), std::size_t{1} << 14, [&](std::size_t begin, std::size_t end) {
+        RecentShifts shifts;
+        for (std::size_t i = begin; i < end; ++i) {
+            const double unit = valuer.unit_value(n[i], d[i], ts[i], shifts);
+            out[i] = benefits.empty() ? unit : unit * benefits[i];
         }
     });
-    for (std::size_t i = 0; i < count; ++i) out[i] = benefits.empty() ? unit[group[i]] : unit[group[i]] * benefits[i];
 }
 
 }  // namespace norvane::core

@@ -246,17 +246,20 @@ NB_MODULE(_kernels, m) {
             const core::CurveArrays curve = arrays_of(rates, terms, ends);
             const core::PolicyTerms p{
                 m_, timing, growth_of(kind, rate), mode_of(mode), tolerance_eps, perpetuity_n_eff, decimals};
-            std::vector<double> out(n.shape(0));
+            const std::size_t count = n.shape(0);
+            auto* out = new double[count ? count : 1];
+            nb::capsule owner(out, [](void* ptr) noexcept { delete[] static_cast<double*>(ptr); });
             {
                 nb::gil_scoped_release release;
                 core::portfolio_values(curve, span_of(n), span_of(d), span_of(ts),
-                                       benefits.is_none() ? std::span<const double>() : span_of(weights), p, out);
+                                       benefits.is_none() ? std::span<const double>() : span_of(weights), p,
+                                       std::span<double>(out, count));
             }
-            return to_array(out);
+            return OutArray(out, {count}, owner);
         },
         nb::arg("rates"), nb::arg("terms"), nb::arg("ends"), nb::arg("n"), nb::arg("d"), nb::arg("ts"),
         nb::arg("benefits").none(), nb::kw_only(), nb::arg("m"), nb::arg("timing"), nb::arg("growth_kind"),
         nb::arg("growth_rate"), nb::arg("mode"), nb::arg("tolerance_eps"), nb::arg("perpetuity_n_eff"),
         nb::arg("decimals"),
-        "Rounded present values of a portfolio (times the benefits), each distinct (n, d, ts) valued once.");
+        "Rounded present values of a portfolio (times the benefits), each equal to its single policy's value.");
 }
