@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 
 namespace norvane::core {
 
@@ -159,19 +160,8 @@ double continuous_value(const PiecewiseTable& curve, double a, double b, double 
 
 // ---- the rules of a policy ------------------------------------------------------
 
-TermAtValuation term_at_valuation(double n, double d, double ts) {
-    const double elapsed = std::max(0.0, ts - d);
-    return {elapsed, std::max(0.0, d - ts), std::max(0.0, n - elapsed)};
-}
-
-bool countable(double n, std::size_t m) { return n >= 0.0 && n * static_cast<double>(m) < kMaxPayments; }
-
-PaymentCount payment_count(double n, std::size_t m, double tolerance) {
-    const double total = n * static_cast<double>(m);
-    const double whole = std::floor(total);
-    PaymentCount count{static_cast<std::size_t>(whole), total - whole};
-    if (count.fraction > tolerance) ++count.size;
-    return count;
+void require_countable(double n, std::size_t m) {
+    if (!countable(n, m)) throw std::invalid_argument("a term must be >= 0 with fewer than 2**53 payments");
 }
 
 std::optional<Mode> mode_named(std::string_view name) {
@@ -190,23 +180,6 @@ double round_like_numpy(double value, int decimals) {
     if (!std::isfinite(value)) return value;
     const double scale = std::pow(10.0, decimals);
     return std::nearbyint(value * scale) / scale;
-}
-
-Schedule Annuity::schedule() const {
-    const double total = n * static_cast<double>(m);
-    const std::size_t whole = static_cast<std::size_t>(std::floor(total));
-    const bool partial = payments_size > whole;
-    Schedule s;
-    s.start = d;
-    s.m = m;
-    s.timing = timing;
-    s.count = partial ? payments_size - 1 : payments_size;
-    s.growth = growth;
-    s.has_partial = partial;
-    s.partial_fraction = partial ? total - static_cast<double>(whole) : 0.0;
-    s.partial_time = timing == 0 ? d + static_cast<double>(s.count) / static_cast<double>(m) : d + n;
-    s.partial_index = s.count;
-    return s;
 }
 
 std::optional<Annuity> policy_annuity(double n, double d, double ts, const PolicyTerms& p) {

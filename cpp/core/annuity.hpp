@@ -6,6 +6,8 @@
 
 #include "core/curve.hpp"
 
+#include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -50,7 +52,10 @@ struct Schedule {
 struct TermAtValuation {
     double elapsed, deferment, term;
 };
-TermAtValuation term_at_valuation(double n, double d, double ts);
+inline TermAtValuation term_at_valuation(double n, double d, double ts) {
+    const double elapsed = std::max(0.0, ts - d);
+    return {elapsed, std::max(0.0, d - ts), std::max(0.0, n - elapsed)};
+}
 
 // Payments in a term of n years at m a year: the whole periods, plus one
 // pro-rata payment when the remainder exceeds `tolerance` (a smaller one is
@@ -61,9 +66,17 @@ struct PaymentCount {
 };
 // Terms whose payments cannot be counted exactly in a double are refused.
 inline constexpr double kMaxPayments = 9007199254740992.0;  // 2^53
-bool countable(double n, std::size_t m);
+inline bool countable(double n, std::size_t m) { return n >= 0.0 && n * static_cast<double>(m) < kMaxPayments; }
+// Refuses (std::invalid_argument) a term that is not countable.
+void require_countable(double n, std::size_t m);
 // Requires countable(n, m).
-PaymentCount payment_count(double n, std::size_t m, double tolerance);
+inline PaymentCount payment_count(double n, std::size_t m, double tolerance) {
+    const double total = n * static_cast<double>(m);
+    const double whole = std::floor(total);
+    PaymentCount count{static_cast<std::size_t>(whole), total - whole};
+    if (count.fraction > tolerance) ++count.size;
+    return count;
+}
 
 // Woolhouse's weight of the annual immediate payments in an m-thly annuity-due,
 // (m - 1) / (2m); its limit 1/2 for continuous payments.
@@ -86,6 +99,23 @@ struct Annuity {
     // period (due) or at the end of the term (immediate).
     Schedule schedule() const;
 };
+
+inline Schedule Annuity::schedule() const {
+    const double total = n * static_cast<double>(m);
+    const std::size_t whole = static_cast<std::size_t>(std::floor(total));
+    const bool partial = payments_size > whole;
+    Schedule s;
+    s.start = d;
+    s.m = m;
+    s.timing = timing;
+    s.count = partial ? payments_size - 1 : payments_size;
+    s.growth = growth;
+    s.has_partial = partial;
+    s.partial_fraction = partial ? total - static_cast<double>(whole) : 0.0;
+    s.partial_time = timing == 0 ? d + static_cast<double>(s.count) / static_cast<double>(m) : d + n;
+    s.partial_index = s.count;
+    return s;
+}
 
 // The four calculation modes, and the mode of a name ("discrete_precision",
 // "discrete_simplified", "continuous_precision", "continuous_simplified").

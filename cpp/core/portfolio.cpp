@@ -3,6 +3,7 @@
 #include "core/parallel.hpp"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <limits>
@@ -204,16 +205,27 @@ class PaymentGrid {
 
 namespace {
 
-// The last time any policy of the book pays, from time 0.
+// The last time any policy of the book pays, from time 0. Refuses a book
+// with a term that is not countable.
 double book_span(std::span<const double> n, std::span<const double> d, const PolicyTerms& terms) {
+    require_countable(terms.perpetuity_n_eff, terms.m);
     std::vector<double> spans(std::max(1u, std::thread::hardware_concurrency()), 0.0);
+    std::vector<std::size_t> uncountable(spans.size(), n.size());
     std::atomic<std::size_t> next{0};
     parallel_for(n.size(), std::size_t{1} << 16, [&](std::size_t begin, std::size_t end) {
         double span = 0.0;
-        for (std::size_t i = begin; i < end; ++i)
-            span = std::max(span, d[i] + (std::isinf(n[i]) ? terms.perpetuity_n_eff : n[i]));
-        spans[next++] = span;
+        std::size_t first_bad = n.size();
+        for (std::size_t i = begin; i < end; ++i) {
+            const double term = std::isinf(n[i]) ? terms.perpetuity_n_eff : n[i];
+            if (!countable(term, terms.m) && first_bad == n.size()) first_bad = i;
+            span = std::max(span, d[i] + term);
+        }
+        const std::size_t slot = next++;
+        spans[slot] = span;
+        uncountable[slot] = first_bad;
     });
+    const std::size_t bad = *std::min_element(uncountable.begin(), uncountable.end());
+    if (bad < n.size()) require_countable(n[bad], terms.m);
     return *std::max_element(spans.begin(), spans.end());
 }
 
@@ -239,24 +251,36 @@ bool near_rounding_tie(double value, double error, double scale) {
     return from_half <= error * scale + 4.0 * kEpsilon * std::abs(scaled);
 }
 
-// The curves shifted to the last few valuation times a thread needed,
-// tried in turn: a book's policies share few of them.
-class RecentShifts {
+// What a thread recomputed last on shifted curves: the curves of the last
+// few valuation times and the last few exact values, tried in turn (a book's
+// policies share few valuation times, and its near-ties repeat with them).
+class RecentExact {
   public:
     const PiecewiseTable& seen_from(const CurveArrays& curve, double ts, double eps) {
         for (const auto& [at, table] : tables_)
             if (at == ts) return table;
-        const PiecewiseTable table = discount_table(shifted(curve, ts, eps));
-        if (tables_.size() < kSize) return tables_.emplace_back(ts, table).second;
-        next_ = (next_ + 1) % kSize;
-        tables_[next_] = {ts, table};
-        return tables_[next_].second;
+        return remember(tables_, next_table_, {ts, discount_table(shifted(curve, ts, eps))}).second;
+    }
+    std::optional<double> value(double n, double d, double ts) const {
+        for (const auto& [policy, value] : values_)
+            if (policy[0] == n && policy[1] == d && policy[2] == ts) return value;
+        return std::nullopt;
+    }
+    double remember_value(double n, double d, double ts, double value) {
+        return remember(values_, next_value_, {{n, d, ts}, value}).second;
     }
 
   private:
     static constexpr std::size_t kSize = 8;
+    template <typename Entry>
+    static Entry& remember(std::vector<Entry>& entries, std::size_t& next, Entry entry) {
+        if (entries.size() < kSize) return entries.emplace_back(std::move(entry));
+        next = (next + 1) % kSize;
+        return entries[next] = std::move(entry);
+    }
     std::vector<std::pair<double, PiecewiseTable>> tables_;
-    std::size_t next_ = 0;
+    std::vector<std::pair<std::array<double, 3>, double>> values_;
+    std::size_t next_table_ = 0, next_value_ = 0;
 };
 
 class BookValuer {
@@ -272,7 +296,7 @@ class BookValuer {
     // shifted to ts. Policies on the grid, and off it the closed form on the
     // unshifted curve divided by v(ts), agree with that value to a few
     // epsilon; where that could change the rounded digit, it is computed.
-    double unit_value(double n, double d, double ts, RecentShifts& shifts) const {
+    double unit_value(double n, double d, double ts, RecentExact& recent) const {
         const std::optional<Annuity> annuity = policy_annuity(n, d, ts, terms_);
         if (!annuity) return 0.0;
         const bool shift = is_shift(ts, terms_.tolerance_eps);
@@ -287,8 +311,13 @@ class BookValuer {
         }
         const double divisor = shift ? discount(ts) : 1.0;
         const double unit = pv->value / divisor;
-        const double error = 64.0 * kEpsilon * (std::abs(unit) + pv->magnitude / std::abs(divisor));
-        if (near_rounding_tie(unit, error, scale_)) return exact_unit_value(*annuity, ts, shift, shifts);
+        // The two routes differ by a few epsilon of the value (5 seen on long
+        // curves); the margin keeps near-ties on the safe side.
+        const double error = 16.0 * kEpsilon * (std::abs(unit) + pv->magnitude / std::abs(divisor));
+        if (near_rounding_tie(unit, error, scale_)) {
+            if (auto known = recent.value(n, d, ts)) return *known;
+            return recent.remember_value(n, d, ts, exact_unit_value(*annuity, ts, shift, recent));
+        }
         return std::nearbyint(unit * scale_) / scale_;
     }
 
@@ -304,9 +333,9 @@ class BookValuer {
     double discount(double t) const { return on_grid(t) ? grid_->discount(grid_index(t)) : table_.discount(t); }
 
     // The value on the curve shifted to ts, as a single policy is valued.
-    double exact_unit_value(const Annuity& annuity, double ts, bool shift, RecentShifts& shifts) const {
+    double exact_unit_value(const Annuity& annuity, double ts, bool shift, RecentExact& recent) const {
         if (!shift) return rounded(annuity_value(table_, annuity, terms_.mode));
-        return rounded(annuity_value(shifts.seen_from(curve_, ts, terms_.tolerance_eps), annuity, terms_.mode));
+        return rounded(annuity_value(recent.seen_from(curve_, ts, terms_.tolerance_eps), annuity, terms_.mode));
     }
 
     const CurveArrays& curve_;
@@ -323,9 +352,9 @@ void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::
                       std::span<double> out) {
     const BookValuer valuer(curve, terms, book_span(n, d, terms));
     parallel_for(n.size(), std::size_t{1} << 14, [&](std::size_t begin, std::size_t end) {
-        RecentShifts shifts;
+        RecentExact recent;
         for (std::size_t i = begin; i < end; ++i) {
-            const double unit = valuer.unit_value(n[i], d[i], ts[i], shifts);
+            const double unit = valuer.unit_value(n[i], d[i], ts[i], recent);
             out[i] = benefits.empty() ? unit : unit * benefits[i];
         }
     });

@@ -49,14 +49,10 @@ std::size_t frequency_of(std::size_t m) {
     return m;
 }
 
-void check_term(double n, std::size_t m) {
-    if (!core::countable(n, m)) throw std::invalid_argument("a term must be >= 0 with fewer than 2**53 payments");
-}
-
 core::Annuity annuity_of(double d, double n, std::size_t payments_size, std::size_t m, int timing,
                          const std::string& kind, double rate) {
     if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
-    check_term(n, frequency_of(m));
+    core::require_countable(n, frequency_of(m));
     return {d, n, payments_size, m, timing, growth_of(kind, rate)};
 }
 
@@ -209,7 +205,7 @@ NB_MODULE(_kernels, m) {
     m.def(
         "payment_count",
         [](double n, std::size_t m_, double tolerance) {
-            check_term(n, frequency_of(m_));
+            core::require_countable(n, frequency_of(m_));
             const core::PaymentCount count = core::payment_count(n, m_, tolerance);
             return std::make_pair(count.size, count.fraction);
         },
@@ -235,9 +231,7 @@ NB_MODULE(_kernels, m) {
             if (n.shape(0) != d.shape(0) || n.shape(0) != ts.shape(0))
                 throw std::invalid_argument("n, d and ts must have one length");
             if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
-            check_term(perpetuity_n_eff, frequency_of(m_));
-            for (std::size_t i = 0; i < n.shape(0); ++i)
-                if (!std::isinf(n.data()[i])) check_term(n.data()[i], m_);
+            core::require_countable(perpetuity_n_eff, frequency_of(m_));
             InArray weights;
             if (!benefits.is_none()) {
                 weights = nb::cast<InArray>(benefits);
