@@ -59,7 +59,7 @@ double regular_sum(const PiecewiseTable& curve, const Schedule& s) {
         const double t = s.time(k);
         const std::size_t j = curve.segment_of(t);
         const double delta = curve.log_base(j);
-        const double v = curve.discount(t);
+        const double v = t <= 0.0 ? 1.0 : curve.discount_in(j, t);
         const std::size_t in_segment = payments_until(s, k, end, curve.segment_end(j));
         if (s.growth.kind == Growth::Arithmetic) {
             for (std::size_t i = k; i < k + in_segment; ++i) pv += s.amount(i) * curve.discount(s.time(i));

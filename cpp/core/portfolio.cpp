@@ -116,8 +116,7 @@ class GrowthSums {
 // are valued from differences of prefix sums.
 class PaymentGrid {
   public:
-    PaymentGrid(const PiecewiseTable& table, const PolicyTerms& terms, std::size_t points)
-        : table_(table), terms_(terms), m_(terms.m) {
+    PaymentGrid(const PiecewiseTable& table, const PolicyTerms& terms, std::size_t points) : m_(terms.m) {
         std::vector<double> times(points);
         for (std::size_t i = 0; i < points; ++i) times[i] = static_cast<double>(i) / static_cast<double>(m_);
         discount_.resize(points);
@@ -145,61 +144,115 @@ class PaymentGrid {
     }
 
     std::size_t points() const { return discount_.size(); }
+    std::size_t m() const { return m_; }
     double discount(std::size_t i) const { return discount_[i]; }
-
-    // Value from time 0 of the annuity whose schedule starts at grid point i0
-    // (the annuity's deferment is i0 / m), or nothing when it runs off the grid.
-    std::optional<Estimate> value(const Annuity& annuity, std::size_t i0) const {
-        const Schedule s = annuity.schedule();
-        const std::size_t whole_end = i0 + s.count + static_cast<std::size_t>(s.timing) + m_;
-        if (whole_end >= points()) return std::nullopt;
-        const double per_payment = 1.0 / static_cast<double>(m_);
-        switch (terms_.mode) {
-            case Mode::DiscretePrecision: {
-                Estimate pv = payments_->sum(i0 + static_cast<std::size_t>(s.timing), 0, s.count).scaled(per_payment);
-                const double partial = partial_value(table_, s);
-                return pv += Estimate{partial, std::abs(partial)};
-            }
-            case Mode::ContinuousPrecision: {
-                Estimate pv = payments_->sum(i0, 0, s.count);
-                const double tail = continuous_value(table_, s.start + static_cast<double>(s.count) * per_payment,
-                                                     annuity.d + annuity.n, annuity.d, annuity.growth);
-                return pv += Estimate{tail, std::abs(tail)};
-            }
-            default:
-                return woolhouse(annuity, s, i0);
-        }
-    }
+    // sum_{k0 <= k < k1} factor(k / m) x[i0 + k]: discount factors (discrete
+    // modes) or the integrals over the grid's steps (continuous precision).
+    Estimate payments(std::size_t i0, std::size_t k0, std::size_t k1) const { return payments_->sum(i0, k0, k1); }
+    // sum_{y < years} factor(y) v(i0 / m + y): the annual points of i0's residue.
+    Estimate annual(std::size_t i0, std::size_t years) const { return annual_[i0 % m_].sum(i0 / m_, 0, years); }
 
   private:
-    // sum_{y < years} factor(y) v(i0 / m + y): the annual points of i0's residue.
-    Estimate annual_sum(std::size_t i0, std::size_t years) const { return annual_[i0 % m_].sum(i0 / m_, 0, years); }
-
-    Estimate woolhouse(const Annuity& annuity, const Schedule& s, std::size_t i0) const {
-        const bool continuous = terms_.mode == Mode::ContinuousSimplified;
-        const WoolhouseParts parts = woolhouse_parts(annuity, continuous);
-        const std::size_t years = parts.due.count;
-        // The immediate payment of year y is due at its end, with year y's amount.
-        const Estimate due = annual_sum(i0, years), immediate = annual_sum(i0 + m_, years);
-        Estimate pv{parts.annual(due.value, immediate.value, annuity.timing), due.magnitude + immediate.magnitude};
-        if (continuous) {
-            const double tail = parts.continuous_tail(table_, annuity);
-            return pv += Estimate{tail, std::abs(tail)};
-        }
-        const double per_payment = 1.0 / static_cast<double>(m_);
-        pv +=
-            payments_->sum(i0 + static_cast<std::size_t>(s.timing), parts.fraction.first, s.count).scaled(per_payment);
-        const double partial = partial_value(table_, s);
-        return pv += Estimate{partial, std::abs(partial)};
-    }
-
-    const PiecewiseTable& table_;
-    const PolicyTerms& terms_;
     std::size_t m_;
     std::vector<double> discount_;
     std::optional<GrowthSums> payments_;
     std::vector<GrowthSums> annual_;  // by residue modulo m
 };
+
+// Level payments of 1 at t0, t0 + 1/m, ... on a curve: one geometric series
+// per segment crossed, with the series' denominators worked out once.
+class LevelSeries {
+  public:
+    LevelSeries(const PiecewiseTable& table, std::size_t m) : table_(table), m_(static_cast<double>(m)) {
+        for (std::size_t j = 0; j < table.segment_count(); ++j)
+            denominators_.push_back(std::expm1(-table.log_base(j) / m_));
+    }
+
+    Estimate sum(double t0, std::size_t count) const {
+        double total = 0.0;
+        std::size_t k = 0;
+        for (std::size_t j = table_.segment_of(t0); k < count; ++j) {
+            // The payments in [start, end) of segment j: up to the first at or after its end.
+            const double end = table_.segment_end(j);
+            const double reach = std::ceil((end - t0) * m_);
+            const std::size_t after = reach >= static_cast<double>(count) ? count : static_cast<std::size_t>(reach);
+            if (after <= k) continue;
+            const double log_q = table_.log_base(j), payments = static_cast<double>(after - k);
+            const double series = log_q == 0.0 ? payments : std::expm1(-log_q * payments / m_) / denominators_[j];
+            total += table_.discount_in(j, t0 + static_cast<double>(k) / m_) * series;
+            k = after;
+        }
+        return {total, std::abs(total)};
+    }
+
+  private:
+    const PiecewiseTable& table_;
+    double m_;
+    std::vector<double> denominators_;
+};
+
+// A schedule's payments as sums over ranges of them, for the value rules
+// below: on the book's grid from point i0 ...
+struct GridPayments {
+    const PaymentGrid& grid;
+    std::size_t i0;
+    int timing;
+
+    bool fits(const Schedule& s) const {
+        return i0 + s.count + static_cast<std::size_t>(timing) + grid.m() < grid.points();
+    }
+    Estimate regular(std::size_t k0, std::size_t k1) const {
+        return grid.payments(i0 + static_cast<std::size_t>(timing), k0, k1);
+    }
+    std::optional<Estimate> steps(std::size_t count) const { return grid.payments(i0, 0, count); }
+    Estimate annual(bool immediate, std::size_t years) const {
+        return grid.annual(immediate ? i0 + grid.m() : i0, years);
+    }
+};
+
+// ... and, for level payments anywhere, as series per segment.
+struct SeriesPayments {
+    const LevelSeries& per_period;
+    const LevelSeries& per_year;
+    double start, m;
+    int timing;
+
+    bool fits(const Schedule&) const { return true; }
+    Estimate regular(std::size_t k0, std::size_t k1) const {
+        return per_period.sum(start + static_cast<double>(k0 + static_cast<std::size_t>(timing)) / m, k1 - k0);
+    }
+    std::optional<Estimate> steps(std::size_t) const { return std::nullopt; }
+    Estimate annual(bool immediate, std::size_t years) const {
+        return per_year.sum(immediate ? start + 1.0 : start, years);
+    }
+};
+
+// The value from time 0 of an annuity (deferment from time 0) in `mode`, from
+// sums over its payments; nothing where `payments` cannot give them.
+template <typename Payments>
+std::optional<Estimate> value_from_sums(const Payments& payments, const PiecewiseTable& table, const Annuity& annuity,
+                                        Mode mode) {
+    const Schedule s = annuity.schedule();
+    if (!payments.fits(s)) return std::nullopt;
+    const double per_payment = 1.0 / static_cast<double>(s.m);
+    const auto exact = [](double value) { return Estimate{value, std::abs(value)}; };
+    if (mode == Mode::DiscretePrecision)
+        return payments.regular(0, s.count).scaled(per_payment) += exact(partial_value(table, s));
+    if (mode == Mode::ContinuousPrecision) {
+        std::optional<Estimate> pv = payments.steps(s.count);
+        if (!pv) return std::nullopt;
+        const double tail_start = s.start + static_cast<double>(s.count) * per_payment;
+        return *pv += exact(continuous_value(table, tail_start, annuity.d + annuity.n, annuity.d, annuity.growth));
+    }
+    const bool continuous = mode == Mode::ContinuousSimplified;
+    const WoolhouseParts parts = woolhouse_parts(annuity, continuous);
+    // The immediate payment of year y is due at its end, with year y's amount.
+    const Estimate due = payments.annual(false, parts.due.count), immediate = payments.annual(true, parts.due.count);
+    Estimate pv{parts.annual(due.value, immediate.value, annuity.timing), due.magnitude + immediate.magnitude};
+    if (continuous) return pv += exact(parts.continuous_tail(table, annuity));
+    pv += payments.regular(parts.fraction.first, s.count).scaled(per_payment);
+    return pv += exact(partial_value(table, s));
+}
 
 }  // namespace
 
@@ -290,6 +343,8 @@ class BookValuer {
           terms_(terms),
           table_(discount_table(curve)),
           grid_(book_grid(table_, terms, span)),
+          per_period_(table_, terms.m),
+          per_year_(table_, 1),
           scale_(std::pow(10.0, terms.decimals)) {}
 
     // The rounded unit value of one policy, equal to the value on the curve
@@ -304,7 +359,13 @@ class BookValuer {
         Annuity from_zero = *annuity;
         if (shift) from_zero.d += ts;
         std::optional<Estimate> pv;
-        if (on_grid(from_zero.d)) pv = grid_->value(from_zero, grid_index(from_zero.d));
+        if (on_grid(from_zero.d))
+            pv = value_from_sums(GridPayments{*grid_, grid_index(from_zero.d), from_zero.timing}, table_, from_zero,
+                                 terms_.mode);
+        if (!pv && terms_.growth.kind == Growth::Level)
+            pv = value_from_sums(
+                SeriesPayments{per_period_, per_year_, from_zero.d, static_cast<double>(terms_.m), from_zero.timing},
+                table_, from_zero, terms_.mode);
         if (!pv) {
             const double value = annuity_value(table_, from_zero, terms_.mode);
             pv = Estimate{value, std::abs(value)};
@@ -342,6 +403,7 @@ class BookValuer {
     const PolicyTerms& terms_;
     PiecewiseTable table_;
     std::optional<PaymentGrid> grid_;
+    LevelSeries per_period_, per_year_;  // off the grid, level payments
     double scale_;
 };
 
