@@ -176,17 +176,7 @@ double woolhouse_weight(std::size_t m, bool continuous) {
     return continuous ? 0.5 : static_cast<double>(m - 1) / (2.0 * static_cast<double>(m));
 }
 
-double round_like_numpy(double value, int decimals) {
-    if (!std::isfinite(value)) return value;
-    const double scale = std::pow(10.0, decimals);
-    return std::nearbyint(value * scale) / scale;
-}
-
-std::optional<Annuity> policy_annuity(double n, double d, double ts, const PolicyTerms& p) {
-    const TermAtValuation at = term_at_valuation(std::isinf(n) ? p.perpetuity_n_eff : n, d, ts);
-    if (at.term == 0.0) return std::nullopt;
-    return Annuity{at.deferment, at.term, payment_count(at.term, p.m, p.tolerance_eps).size, p.m, p.timing, p.growth};
-}
+double round_like_numpy(double value, int decimals) { return round_scaled(value, std::pow(10.0, decimals)); }
 
 WoolhouseParts woolhouse_parts(const Annuity& annuity, bool continuous) {
     const Schedule full = annuity.schedule();

@@ -84,6 +84,15 @@ double woolhouse_weight(std::size_t m, bool continuous);
 
 // np.round(value, decimals): scale, round half to even, unscale.
 double round_like_numpy(double value, int decimals);
+// The same with the scale 10^decimals at hand: nearest, ties to even, with
+// no call into libm (adding and removing 2^52 rounds the way the default
+// rounding mode does; larger magnitudes are integers already).
+inline double round_scaled(double value, double scale) {
+    constexpr double kTwo52 = 4503599627370496.0;
+    const double x = value * scale;
+    if (!(std::abs(x) < kTwo52)) return std::isfinite(value) ? x / scale : value;
+    return std::copysign((std::abs(x) + kTwo52) - kTwo52, x) / scale;
+}
 
 // An annuity of 1 a year payable m-thly, as seen from the valuation time:
 // deferment, remaining term and payment count (one more than the whole
@@ -136,7 +145,11 @@ struct PolicyTerms {
 // The annuity a policy (term n, infinite for a perpetuity; deferment d;
 // valuation time ts) stands for; none when no term is left. Requires the term
 // (or the perpetuity's horizon) to be countable at m a year.
-std::optional<Annuity> policy_annuity(double n, double d, double ts, const PolicyTerms& terms);
+inline std::optional<Annuity> policy_annuity(double n, double d, double ts, const PolicyTerms& p) {
+    const TermAtValuation at = term_at_valuation(std::isinf(n) ? p.perpetuity_n_eff : n, d, ts);
+    if (at.term == 0.0) return std::nullopt;
+    return Annuity{at.deferment, at.term, payment_count(at.term, p.m, p.tolerance_eps).size, p.m, p.timing, p.growth};
+}
 
 // The parts of Woolhouse's approximation: annual due and immediate payments
 // over the whole years (weighted 1 - c and c for due, c and 1 - c for

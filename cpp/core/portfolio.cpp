@@ -345,57 +345,86 @@ class BookValuer {
           grid_(book_grid(table_, terms, span)),
           per_period_(table_, terms.m),
           per_year_(table_, 1),
-          scale_(std::pow(10.0, terms.decimals)) {}
+          scale_(std::pow(10.0, terms.decimals)),
+          per_payment_(1.0 / static_cast<double>(terms.m)),
+          level_precision_(grid_ && terms.growth.kind == Growth::Level && terms.mode == Mode::DiscretePrecision) {}
 
     // The rounded unit value of one policy, equal to the value on the curve
     // shifted to ts. Policies on the grid, and off it the closed form on the
     // unshifted curve divided by v(ts), agree with that value to a few
     // epsilon; where that could change the rounded digit, it is computed.
     double unit_value(double n, double d, double ts, RecentExact& recent) const {
+        const bool shift = is_shift(ts, terms_.tolerance_eps);
+        if (level_precision_ && !std::isinf(n)) {
+            // The common case in one step: level payments on the grid, no
+            // pro-rata one, seen from a time on the grid.
+            const TermAtValuation at = term_at_valuation(n, d, ts);
+            if (at.term == 0.0) return 0.0;
+            const double start = shift ? ts + at.deferment : at.deferment;
+            const PaymentCount count = payment_count(at.term, terms_.m, terms_.tolerance_eps);
+            const std::size_t first = grid_index(start) + static_cast<std::size_t>(terms_.timing);
+            if (count.fraction <= terms_.tolerance_eps && on_grid(start) && (!shift || on_grid(ts)) &&
+                first + count.size < grid_->points()) {
+                const double divisor = shift ? grid_->discount(grid_index(ts)) : 1.0;
+                return rounded_unit(grid_->payments(first, 0, count.size).scaled(per_payment_), divisor, n, d, ts,
+                                    recent);
+            }
+        }
         const std::optional<Annuity> annuity = policy_annuity(n, d, ts, terms_);
         if (!annuity) return 0.0;
-        const bool shift = is_shift(ts, terms_.tolerance_eps);
         if (!shift && !on_grid(annuity->d)) return rounded(annuity_value(table_, *annuity, terms_.mode));
         Annuity from_zero = *annuity;
         if (shift) from_zero.d += ts;
-        std::optional<Estimate> pv;
-        if (on_grid(from_zero.d))
-            pv = value_from_sums(GridPayments{*grid_, grid_index(from_zero.d), from_zero.timing}, table_, from_zero,
-                                 terms_.mode);
-        if (!pv && terms_.growth.kind == Growth::Level)
-            pv = value_from_sums(
-                SeriesPayments{per_period_, per_year_, from_zero.d, static_cast<double>(terms_.m), from_zero.timing},
-                table_, from_zero, terms_.mode);
-        if (!pv) {
-            const double value = annuity_value(table_, from_zero, terms_.mode);
-            pv = Estimate{value, std::abs(value)};
-        }
-        const double divisor = shift ? discount(ts) : 1.0;
-        const double unit = pv->value / divisor;
-        // The two routes differ by a few epsilon of the value (5 seen on long
-        // curves); the margin keeps near-ties on the safe side.
-        const double error = 16.0 * kEpsilon * (std::abs(unit) + pv->magnitude / std::abs(divisor));
-        if (near_rounding_tie(unit, error, scale_)) {
-            if (auto known = recent.value(n, d, ts)) return *known;
-            return recent.remember_value(n, d, ts, exact_unit_value(*annuity, ts, shift, recent));
-        }
-        return std::nearbyint(unit * scale_) / scale_;
+        return rounded_unit(value_from_zero(from_zero), shift ? discount(ts) : 1.0, n, d, ts, recent);
     }
 
   private:
-    double rounded(double value) const { return round_like_numpy(value, terms_.decimals); }
+    double rounded(double value) const { return round_scaled(value, scale_); }
+
+    // The rounded unit value pv / divisor; where a few epsilon could change
+    // the rounded digit, the value on the shifted curve instead.
+    double rounded_unit(const Estimate& pv, double divisor, double n, double d, double ts, RecentExact& recent) const {
+        const double per_divisor = 1.0 / std::abs(divisor);
+        const double unit = pv.value / divisor;
+        // The two routes differ by a few epsilon of the value (5 seen on long
+        // curves); the margin keeps near-ties on the safe side.
+        const double error = 16.0 * kEpsilon * (std::abs(pv.value) + pv.magnitude) * per_divisor;
+        if (!near_rounding_tie(unit, error, scale_)) return round_scaled(unit, scale_);
+        if (auto known = recent.value(n, d, ts)) return *known;
+        return recent.remember_value(n, d, ts, exact_unit_value(n, d, ts, recent));
+    }
+
+    // The annuity's value from time 0: from the grid's sums, or the series
+    // per segment, or (growing payments off the grid) the closed form.
+    Estimate value_from_zero(const Annuity& annuity) const {
+        const double m = static_cast<double>(terms_.m);
+        if (on_grid(annuity.d)) {
+            if (auto pv = value_from_sums(GridPayments{*grid_, grid_index(annuity.d), annuity.timing}, table_, annuity,
+                                          terms_.mode))
+                return *pv;
+        }
+        if (terms_.growth.kind == Growth::Level) {
+            auto pv = value_from_sums(SeriesPayments{per_period_, per_year_, annuity.d, m, annuity.timing}, table_,
+                                      annuity, terms_.mode);
+            if (pv) return *pv;
+        }
+        const double value = annuity_value(table_, annuity, terms_.mode);
+        return {value, std::abs(value)};
+    }
 
     bool on_grid(double t) const {
         if (!grid_) return false;
         const double x = t * static_cast<double>(terms_.m);
-        return x == std::floor(x) && x < static_cast<double>(grid_->points());
+        return x >= 0.0 && x < static_cast<double>(grid_->points()) &&
+               x == static_cast<double>(static_cast<std::size_t>(x));
     }
     std::size_t grid_index(double t) const { return static_cast<std::size_t>(t * static_cast<double>(terms_.m)); }
     double discount(double t) const { return on_grid(t) ? grid_->discount(grid_index(t)) : table_.discount(t); }
 
     // The value on the curve shifted to ts, as a single policy is valued.
-    double exact_unit_value(const Annuity& annuity, double ts, bool shift, RecentExact& recent) const {
-        if (!shift) return rounded(annuity_value(table_, annuity, terms_.mode));
+    double exact_unit_value(double n, double d, double ts, RecentExact& recent) const {
+        const Annuity annuity = *policy_annuity(n, d, ts, terms_);
+        if (!is_shift(ts, terms_.tolerance_eps)) return rounded(annuity_value(table_, annuity, terms_.mode));
         return rounded(annuity_value(recent.seen_from(curve_, ts, terms_.tolerance_eps), annuity, terms_.mode));
     }
 
@@ -404,7 +433,8 @@ class BookValuer {
     PiecewiseTable table_;
     std::optional<PaymentGrid> grid_;
     LevelSeries per_period_, per_year_;  // off the grid, level payments
-    double scale_;
+    double scale_, per_payment_;
+    bool level_precision_;
 };
 
 }  // namespace
