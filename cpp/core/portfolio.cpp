@@ -170,9 +170,12 @@ class PaymentGrid {
 // per segment crossed, with the series' denominators worked out once.
 class LevelSeries {
   public:
-    LevelSeries(const PiecewiseTable& table, std::size_t m) : table_(table), m_(static_cast<double>(m)) {
-        for (std::size_t j = 0; j < table.segment_count(); ++j)
-            denominators_.push_back(std::expm1(-table.log_base(j) / m_));
+    LevelSeries(const PiecewiseTable& table, std::size_t m)
+        : table_(table), m_(static_cast<double>(m)), per_m_(1.0 / static_cast<double>(m)) {
+        for (std::size_t j = 0; j < table.segment_count(); ++j) {
+            const double log_q = table.log_base(j);
+            segments_.push_back({table.segment_end(j), log_q, log_q == 0.0 ? 0.0 : 1.0 / std::expm1(-log_q / m_)});
+        }
     }
 
     Estimate sum(double t0, std::size_t count) const {
@@ -180,22 +183,32 @@ class LevelSeries {
         std::size_t k = 0;
         for (std::size_t j = table_.segment_of(t0); k < count; ++j) {
             // The payments in [start, end) of segment j: up to the first at or after its end.
-            const double end = table_.segment_end(j);
-            const double reach = std::ceil((end - t0) * m_);
-            const std::size_t after = reach >= static_cast<double>(count) ? count : static_cast<std::size_t>(reach);
+            const Segment& seg = segments_[j];
+            const double reach = (seg.end - t0) * m_;
+            const std::size_t after = reach >= static_cast<double>(count) ? count : ceil_count(reach);
             if (after <= k) continue;
-            const double log_q = table_.log_base(j), payments = static_cast<double>(after - k);
-            const double series = log_q == 0.0 ? payments : std::expm1(-log_q * payments / m_) / denominators_[j];
-            total += table_.discount_in(j, t0 + static_cast<double>(k) / m_) * series;
+            const double payments = static_cast<double>(after - k);
+            const double series =
+                seg.log_q == 0.0 ? payments : std::expm1(-seg.log_q * payments * per_m_) * seg.per_denominator;
+            total += table_.discount_in(j, t0 + static_cast<double>(k) * per_m_) * series;
             k = after;
         }
         return {total, std::abs(total)};
     }
 
   private:
+    struct Segment {
+        double end, log_q, per_denominator;  // 1 / (e^(-log_q / m) - 1)
+    };
+    // ceil(x) for 0 <= x < 2^53, without a call into libm.
+    static std::size_t ceil_count(double x) {
+        const std::size_t whole = static_cast<std::size_t>(x);
+        return whole + (static_cast<double>(whole) < x);
+    }
+
     const PiecewiseTable& table_;
-    double m_;
-    std::vector<double> denominators_;
+    double m_, per_m_;
+    std::vector<Segment> segments_;
 };
 
 // A schedule's payments as sums over ranges of them, for the value rules
