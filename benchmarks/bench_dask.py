@@ -34,12 +34,12 @@ import io
 import json
 import math
 import shutil
-import statistics
 import tempfile
 import time
 from pathlib import Path
 
 import numpy as np
+from _timing import median_time
 
 SEED = 20250101
 CURVE_TERMS, CURVE_RATES = (
@@ -116,15 +116,6 @@ def single_process(path: Path, curve) -> tuple[float, np.ndarray, dict[str, floa
     values, _ = value_portfolio(curve, pf, "discrete_precision")
     t2 = time.perf_counter()
     return t2 - t0, values, {"read": t1 - t0, "value": t2 - t1}
-
-
-def median_time(call, repeats: int) -> float:
-    times = []
-    for _ in range(repeats):
-        started = time.perf_counter()
-        call()
-        times.append(time.perf_counter() - started)
-    return statistics.median(times)
 
 
 def _warm_up() -> None:

@@ -280,10 +280,10 @@ void life_schedule_sums(const PiecewiseTable& curve, const Schedule& s, const St
 double life_schedule_value(const PiecewiseTable& curve, const Schedule& s, const Status& status) {
     double regular = 0.0;
     life_schedule_sums(curve, s, status, {&s.count, 1}, {&regular, 1});
-    return regular + partial_value(curve, s, status);
+    return regular + life_partial_value(curve, s, status);
 }
 
-double partial_value(const PiecewiseTable& curve, const Schedule& s, const Status& status) {
+double life_partial_value(const PiecewiseTable& curve, const Schedule& s, const Status& status) {
     if (!s.has_partial || !(s.partial_time < status.horizon())) return 0.0;
     return s.partial_amount() * curve.discount(s.partial_time) * status.at(s.partial_time);
 }
@@ -321,9 +321,8 @@ double integral(const PiecewiseTable& curve, double a, double b, double origin, 
 double woolhouse_life_value(const PiecewiseTable& curve, const Annuity& annuity, bool continuous,
                             const Status& status) {
     const WoolhouseParts parts = woolhouse_parts(annuity, continuous);
-    const double annual =
-        woolhouse_combination(life_schedule_value(curve, parts.due, status),
-                              life_schedule_value(curve, parts.immediate, status), parts.weight, annuity.timing);
+    const double annual = parts.annual(life_schedule_value(curve, parts.due, status),
+                                       life_schedule_value(curve, parts.immediate, status), annuity.timing);
     if (!continuous) return annual + life_schedule_value(curve, parts.fraction, status);
     const double start = annuity.d + static_cast<double>(parts.due.count);
     return annual + integral(curve, start, annuity.d + annuity.n, annuity.d, annuity.growth, status, false);
@@ -520,7 +519,7 @@ void value_group(const PiecewiseTable& curve, const SurvivalPath& path, int path
             if (!annuities[r]) continue;
             const Schedule s = annuities[r]->schedule();
             const auto at = std::lower_bound(counts.begin(), counts.end(), s.count) - counts.begin();
-            values[r] = round(sums[static_cast<std::size_t>(at)] + partial_value(curve, s, status));
+            values[r] = round(sums[static_cast<std::size_t>(at)] + life_partial_value(curve, s, status));
         }
     }
     for (std::size_t r = 0; r < annuities.size(); ++r)

@@ -105,7 +105,7 @@ double life_schedule_value(const PiecewiseTable& curve, const Schedule& s, const
 void life_schedule_sums(const PiecewiseTable& curve, const Schedule& s, const Status& status,
                         std::span<const std::size_t> counts, std::span<double> out);
 // The pro-rata last payment's share.
-double partial_value(const PiecewiseTable& curve, const Schedule& s, const Status& status);
+double life_partial_value(const PiecewiseTable& curve, const Schedule& s, const Status& status);
 
 // A life annuity in a calculation mode:
 // - DiscretePrecision: every payment with its survival probability;
