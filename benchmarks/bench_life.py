@@ -33,10 +33,9 @@ import math
 import os
 
 import numpy as np
+from _timing import fmt_time, median_time, print_machine, print_table, time_sides
 from baseline import BaselineCurve
 from bench_annuity import SEED, check_agreement, make_curves
-from bench_discounting import fmt_time, print_machine, print_table
-from bench_portfolio import time_sides
 
 from norvane.mortality import bundled_table, life_annuities
 
@@ -215,8 +214,13 @@ def main():
         f"ours = the prefix-sum form on the whole-age book (rtol 1e-9: its differences lose digits)\n"
     )
 
+    def once(side):
+        func, args = side
+        return lambda: func(*args)
+
     rows = []
-    t_o, t_b = time_sides([(*ours_book(ours.pw, whole), repeats), (*base_book(base.pw, whole), 1)], min_time)
+    t_o = median_time(once(ours_book(ours.pw, whole)), repeats)
+    t_b = median_time(once(base_book(base.pw, whole)), 1)
     rows.append(
         (
             f"1. book, whole ages ({N:,})",
@@ -226,14 +230,12 @@ def main():
             target_status("whole", t_o, t_b / t_o),
         )
     )
-    t_o, t_b = time_sides([(*ours_book(ours.pw, whole), repeats), (*prefix_book(base.pw, whole), repeats)], min_time)
+    t_o, t_b = time_sides([ours_book(ours.pw, whole), prefix_book(base.pw, whole)], repeats, min_time)
     rows.append(
         ("   against prefix sums", fmt_time(t_o), fmt_time(t_b), f"{t_b / t_o:.1f}x", "(the strongest NumPy form)")
     )
-    subset = head(fractional, SUBSET_N)
-    t_o, t_sub = time_sides(
-        [(*ours_book(ours.pw, fractional), slow_repeats), (*base_book(base.pw, subset), slow_repeats)], min_time
-    )
+    t_o = median_time(once(ours_book(ours.pw, fractional)), slow_repeats)
+    t_sub = median_time(once(base_book(base.pw, head(fractional, SUBSET_N))), slow_repeats)
     t_b = t_sub * N / SUBSET_N
     rows.append(
         (
@@ -244,7 +246,7 @@ def main():
             target_status("fractional", t_o, None),
         )
     )
-    t_o, t_b = time_sides([(*ours_single(ours.pw), repeats), (*base_single(base.pw), repeats)], min_time)
+    t_o, t_b = time_sides([ours_single(ours.pw), base_single(base.pw)], repeats, min_time)
     rows.append(
         (
             "3. single ä_65 (m=12, for life)",
