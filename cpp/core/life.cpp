@@ -227,13 +227,13 @@ class UniformYear {
 // The sums of life_schedule_sums with survival from `ages`.
 template <typename Ages>
 void schedule_sums(const PiecewiseTable& curve, const Schedule& s, double horizon, Ages& ages,
-                   std::span<const std::size_t> counts, std::span<double> out) {
+                   std::span<const std::size_t> counts, std::span<double> out, std::span<const double> ratios) {
     const double step = 1.0 / static_cast<double>(s.m);
     const std::size_t end = s.first + (counts.empty() ? 0 : counts.back());
     const bool level = s.growth.kind == Growth::Level;
     double total = 0.0, v = 0.0, ratio = 0.0, amount = s.amount(s.first);
     double segment_end = -PiecewiseTable::kInfinity;
-    std::size_t next_year = s.first, next_out = 0;
+    std::size_t next_year = s.first, next_out = 0, j = curve.segment_of(s.time(s.first));
     // Discount factors step by the segment's ratio per payment, taken afresh
     // at each segment (and growth year); survival is refreshed at birthdays.
     std::size_t k = s.first;
@@ -247,9 +247,9 @@ void schedule_sums(const PiecewiseTable& curve, const Schedule& s, double horizo
             }
             if (t > segment_end || (k == next_year && !level)) {
                 if (t > segment_end) {
-                    const std::size_t j = curve.segment_of(t);
+                    while (t > curve.segment_end(j)) ++j;  // payments only move forward
                     segment_end = curve.segment_end(j);
-                    ratio = std::exp(-curve.log_base(j) * step);
+                    ratio = ratios.empty() ? std::exp(-curve.log_base(j) * step) : ratios[j];
                 }
                 if (k >= next_year) {
                     amount = s.amount(k);
@@ -266,20 +266,28 @@ void schedule_sums(const PiecewiseTable& curve, const Schedule& s, double horizo
 
 }  // namespace
 
+std::vector<double> period_ratios(const PiecewiseTable& curve, std::size_t m) {
+    std::vector<double> ratios(curve.segment_count());
+    const double step = 1.0 / static_cast<double>(m);
+    for (std::size_t j = 0; j < ratios.size(); ++j) ratios[j] = std::exp(-curve.log_base(j) * step);
+    return ratios;
+}
+
 void life_schedule_sums(const PiecewiseTable& curve, const Schedule& s, const Status& status,
-                        std::span<const std::size_t> counts, std::span<double> out) {
+                        std::span<const std::size_t> counts, std::span<double> out, std::span<const double> ratios) {
     if (status.kind == Status::Single && status.lives[0].rule == FractionalAge::Uniform) {
         UniformYear ages(status.lives[0]);
-        schedule_sums(curve, s, status.horizon(), ages, counts, out);
+        schedule_sums(curve, s, status.horizon(), ages, counts, out, ratios);
     } else {
         StatusYear ages(status);
-        schedule_sums(curve, s, status.horizon(), ages, counts, out);
+        schedule_sums(curve, s, status.horizon(), ages, counts, out, ratios);
     }
 }
 
-double life_schedule_value(const PiecewiseTable& curve, const Schedule& s, const Status& status) {
+double life_schedule_value(const PiecewiseTable& curve, const Schedule& s, const Status& status,
+                           std::span<const double> ratios) {
     double regular = 0.0;
-    life_schedule_sums(curve, s, status, {&s.count, 1}, {&regular, 1});
+    life_schedule_sums(curve, s, status, {&s.count, 1}, {&regular, 1}, ratios);
     return regular + life_partial_value(curve, s, status);
 }
 
@@ -419,7 +427,8 @@ template <std::size_t N>
 class KeyIndex {
   public:
     using Key = std::array<std::uint64_t, N>;
-    KeyIndex() : slots_(1024, kEmpty) {}
+    // Room for `expected` keys is reserved (address space only until used).
+    explicit KeyIndex(std::size_t expected) : slots_(1024, kEmpty) { keys_.reserve(expected); }
     // The number of `key`, and whether it is new.
     std::pair<std::uint32_t, bool> insert(const Key& key) {
         std::size_t slot = find(key);
@@ -468,8 +477,8 @@ std::uint64_t bits(double x) { return std::bit_cast<std::uint64_t>(x == 0.0 ? 0.
 // discrete precision mode one pass over the longest gives every distinct
 // length's sum; otherwise each distinct term is valued once. Unit values go
 // to `unit` by policy.
-void value_group(const PiecewiseTable& curve, const SurvivalPath& path, int path_start, FractionalAge rule,
-                 const LifePolicies& p, std::span<std::uint32_t> members, const PolicyTerms& terms,
+void value_group(const PiecewiseTable& curve, std::span<const double> ratios, const SurvivalPath& path, int path_start,
+                 FractionalAge rule, const LifePolicies& p, std::span<std::uint32_t> members, const PolicyTerms& terms,
                  std::span<double> unit) {
     const std::uint32_t first = members[0];
     const auto life = life_on_path(path, p.age[first] - path_start + p.ts[first], rule);
@@ -483,9 +492,15 @@ void value_group(const PiecewiseTable& curve, const SurvivalPath& path, int path
     const double ts = p.ts[first], d = p.d[first];
     const auto annuity_of = [&](double n) { return life_policy_annuity(n, d, ts, status.horizon(), policy); };
     const auto round = [&](double value) { return round_like_numpy(value, terms.decimals); };
+    // The discrete precision sum with the book's ratios (the same numbers a
+    // single call computes), other modes as a single call values them.
+    const auto value_of = [&](const Annuity& annuity) {
+        return terms.mode == Mode::DiscretePrecision ? life_schedule_value(curve, annuity.schedule(), status, ratios)
+                                                     : life_annuity_value(curve, annuity, terms.mode, status);
+    };
     if (members.size() == 1) {
         const auto annuity = annuity_of(p.n[first]);
-        unit[first] = annuity ? round(life_annuity_value(curve, *annuity, terms.mode, status)) : 0.0;
+        unit[first] = annuity ? round(value_of(*annuity)) : 0.0;
         return;
     }
     // Runs of equal terms: each distinct term is one annuity.
@@ -501,7 +516,7 @@ void value_group(const PiecewiseTable& curve, const SurvivalPath& path, int path
     std::vector<double> values(annuities.size(), 0.0);
     if (terms.mode != Mode::DiscretePrecision) {
         for (std::size_t r = 0; r < annuities.size(); ++r)
-            if (annuities[r]) values[r] = round(life_annuity_value(curve, *annuities[r], terms.mode, status));
+            if (annuities[r]) values[r] = round(value_of(*annuities[r]));
     } else {
         std::vector<std::size_t> counts;
         std::optional<Schedule> longest;
@@ -514,7 +529,7 @@ void value_group(const PiecewiseTable& curve, const SurvivalPath& path, int path
         std::sort(counts.begin(), counts.end());
         counts.erase(std::unique(counts.begin(), counts.end()), counts.end());
         std::vector<double> sums(counts.size());
-        if (longest) life_schedule_sums(curve, *longest, status, counts, sums);
+        if (longest) life_schedule_sums(curve, *longest, status, counts, sums, ratios);
         for (std::size_t r = 0; r < annuities.size(); ++r) {
             if (!annuities[r]) continue;
             const Schedule s = annuities[r]->schedule();
@@ -534,9 +549,12 @@ void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*
     const std::size_t count = p.age.size();
     // Policies grouped by life, valuation time, deferment and frequency (in
     // one flat array, by group), and one discount table per valuation time.
-    KeyIndex<6> group_of;
+    KeyIndex<6> group_of(count);
     std::vector<std::uint32_t> group_id(count), offsets{0}, lead;
     std::vector<double> select_ages;
+    offsets.reserve(count + 1);
+    lead.reserve(count);
+    select_ages.reserve(count);
     std::unordered_map<std::uint64_t, std::size_t> curve_of;
     std::vector<PiecewiseTable> curves;
     std::vector<std::size_t> group_curve;
@@ -570,11 +588,21 @@ void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*
         paths[g] = &table.path(select);
         starts[g] = table.path_start(select);
     }
+    // The period ratios of each (curve, frequency), shared by its groups.
+    std::map<std::pair<std::size_t, std::size_t>, std::vector<double>> ratios;
+    std::vector<const std::vector<double>*> group_ratios(group_count);
+    for (std::size_t g = 0; g < group_count; ++g) {
+        const auto m = static_cast<std::size_t>(p.m[lead[g]]);
+        auto [it, added] = ratios.try_emplace({group_curve[g], m});
+        if (added) it->second = period_ratios(curves[group_curve[g]], m);
+        group_ratios[g] = &it->second;
+    }
     parallel_for(group_count, 64, [&](std::size_t begin, std::size_t end) {
         for (std::size_t g = begin; g < end; ++g) {
             const std::span<std::uint32_t> group(members.data() + offsets[g], offsets[g + 1] - offsets[g]);
             const auto table = static_cast<std::size_t>(p.table[lead[g]]);
-            value_group(curves[group_curve[g]], *paths[g], starts[g], rules[table], p, group, terms, out);
+            value_group(curves[group_curve[g]], *group_ratios[g], *paths[g], starts[g], rules[table], p, group, terms,
+                        out);
         }
     });
     if (!p.benefits.empty())

@@ -98,12 +98,18 @@ struct Status {
 
 // ---- values (unrounded) ---------------------------------------------------------
 
+// exp(-log(1 + r_j) / m) for each segment j: the discount over one period of
+// m-thly payments, which the sums below step by (computed there when not given).
+std::vector<double> period_ratios(const PiecewiseTable& curve, std::size_t m);
+
 // Sum of amount x v(t) x survival(t) over the schedule's payments.
-double life_schedule_value(const PiecewiseTable& curve, const Schedule& s, const Status& status);
+double life_schedule_value(const PiecewiseTable& curve, const Schedule& s, const Status& status,
+                           std::span<const double> ratios = {});
 // The same over the first counts[i] regular payments (counts ascending), in
 // one pass: each equals the regular part of life_schedule_value bit for bit.
 void life_schedule_sums(const PiecewiseTable& curve, const Schedule& s, const Status& status,
-                        std::span<const std::size_t> counts, std::span<double> out);
+                        std::span<const std::size_t> counts, std::span<double> out,
+                        std::span<const double> ratios = {});
 // The pro-rata last payment's share.
 double life_partial_value(const PiecewiseTable& curve, const Schedule& s, const Status& status);
 
