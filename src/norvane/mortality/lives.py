@@ -19,6 +19,7 @@ from .. import _kernels
 from ..base import _ALLOWED_PAYMENT_FREQUENCIES, _NUMERIC_TYPES
 from ..engine.annuity import _kernel_curve
 from ..engine.base import Dispatcher
+from ..engine.dispatch import _MAX_PAYMENTS, _too_many_payments
 from ..validators import (
     _resolve_gr,
     _validate_cashflow_inputs,
@@ -126,6 +127,8 @@ class _Status:
                     method_name=method_name,
                     caller=Dispatcher.ANNUITY,
                 )
+        if n is not None and math.isfinite(n) and not float(n) * int(m) < _MAX_PAYMENTS:
+            raise _too_many_payments(method_name, float(n), int(m))
         growth = _resolve_gr(gr, method_name)
         # The curve seen from ts, shifted and made native once through the curve's and the engine's caches.
         seen = _kernel_curve(curve._ir_shifted_for_ts(float(ts), curve._ts_shift_cache) if ts else curve)
