@@ -37,7 +37,9 @@ def table_writer(path: Path, schema: pa.Schema) -> Iterator[Callable[[pa.RecordB
     and removed when it ends with an error."""
     try:
         if output_kind(path) == "parquet":
-            with pq.ParquetWriter(path, schema) as parquet:
+            # Dictionaries pay for repeated texts (messages), not for unique ones (ids).
+            repeated = [name for name in schema.names if name != "id"]
+            with pq.ParquetWriter(path, schema, use_dictionary=repeated) as parquet:
                 yield parquet.write
         else:
             compression = "gzip" if path.name.lower().endswith(".gz") else None

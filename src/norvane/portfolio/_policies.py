@@ -22,6 +22,8 @@ POLICY_COLUMNS = ("id", "term", "deferment", "shift", "frequency", "timing", "gr
 # Number texts that Arrow's cast reads exactly as float() does; other texts (1_000, ...) go to
 # float() itself, one cell at a time.
 _PLAIN_NUMBER = r"(?i)^[+-]?(([0-9]+\.?[0-9]*|\.[0-9]+)(e[+-]?[0-9]+)?|inf(inity)?|nan)$"
+# Cells per cast when a column holds cells that Arrow cannot read.
+_SLICE = 1 << 13
 
 
 class InputError(Exception):
@@ -94,18 +96,36 @@ def _mask(array: pa.Array) -> np.ndarray:
     return np.asarray(pc.fill_null(array, False).to_numpy(zero_copy_only=False), dtype=bool)
 
 
-def _text_numbers(column: pa.Array, name: str, defects: _Defects) -> tuple[np.ndarray, np.ndarray]:
-    text = pc.utf8_trim_whitespace(column)
-    given = _mask(pc.not_equal(text, ""))
+def _cast(text: pa.Array) -> tuple[np.ndarray, np.ndarray]:
+    """Arrow's reading of a text column as float64 (NaN for nulls), and the cells it could not
+    read: whole columns first, and slices of a column that holds such cells."""
+    try:
+        return pc.cast(text, pa.float64()).to_numpy(zero_copy_only=False), np.zeros(len(text), dtype=bool)
+    except pa.ArrowInvalid:
+        pass
+    if len(text) > _SLICE:
+        parts = [_cast(text.slice(start, _SLICE)) for start in range(0, len(text), _SLICE)]
+        return np.concatenate([values for values, _ in parts]), np.concatenate([odd for _, odd in parts])
     plain = _mask(pc.match_substring_regex(text, _PLAIN_NUMBER))
     values = pc.cast(pc.if_else(pa.array(plain), text, None), pa.float64()).to_numpy(zero_copy_only=False)
+    return values, ~plain & _mask(pc.is_valid(text))
+
+
+def _text_numbers(column: pa.Array, name: str, defects: _Defects) -> tuple[np.ndarray, np.ndarray]:
+    text = pc.if_else(pc.equal(column, ""), None, column)
+    values, odd = _cast(text)
+    given = _mask(pc.is_valid(text))
+    # Cells Arrow could not read (1_000, " 5", ...) and NaN ("nan", but also "nan(1)", which
+    # float() refuses) are judged by float(), as written once stripped.
+    odd |= given & np.isnan(values)
     failed = np.zeros(len(column), dtype=bool)
-    odd = np.flatnonzero(given & ~plain)
-    for i, cell in zip(odd, text.take(pa.array(odd)).to_pylist()):
+    rows = np.flatnonzero(odd)
+    for i, cell in zip(rows, text.take(pa.array(rows)).to_pylist()):
         try:
-            values[i] = float(cell)
+            values[i] = float(cell.strip()) if cell.strip() else math.nan
         except ValueError:
             failed[i] = True
+        given[i] = bool(cell.strip())
     defects.note(failed, lambda i: f"{name} is not a number, got {_shown(column, i)}")
     return values, given & ~failed
 

@@ -19,7 +19,6 @@ from typing import Any
 import numpy as np
 import pyarrow as pa
 import pyarrow.csv as pa_csv
-import pyarrow.dataset as ds
 import pyarrow.parquet as pq
 
 from ._policies import InputError, check_columns
@@ -174,6 +173,8 @@ def _open_csv(path: Path) -> Book:
 
 def _open_parquet(path: Path) -> Book:
     if path.is_dir():
+        import pyarrow.dataset as ds  # a third of a second to import: only for directories
+
         dataset = ds.dataset(path, format="parquet", partitioning="hive")
         # Little read-ahead: memory stays near one batch per column.
         batches = dataset.to_batches(batch_size=BATCH_ROWS, batch_readahead=1, fragment_readahead=1)
@@ -218,9 +219,14 @@ def _from_pandas(frame: Any) -> pa.Table:
     return pa.Table.from_arrays(columns, names=[str(name) for name in frame.columns])
 
 
+def _is_instance(book: Any, module: str, name: str) -> bool:
+    """isinstance without importing the module: its objects exist only once it is loaded."""
+    loaded = sys.modules.get(module)
+    return loaded is not None and isinstance(book, getattr(loaded, name))
+
+
 def _is_pandas(book: Any) -> bool:
-    pandas = sys.modules.get("pandas")  # a pandas frame can only exist once pandas is loaded
-    return pandas is not None and isinstance(book, pandas.DataFrame)
+    return _is_instance(book, "pandas", "DataFrame")
 
 
 def _table(book: Any) -> pa.Table | None:
@@ -249,7 +255,7 @@ def open_book(book: Any, name: str = "book") -> Book:
         opened = _rows(name, table.schema, iter(table.to_batches(max_chunksize=BATCH_ROWS)), table.num_rows)
         opened.index = book.index if _is_pandas(book) else None
         return opened
-    if isinstance(book, ds.Dataset):
+    if _is_instance(book, "pyarrow.dataset", "Dataset"):
         return _rows(name, book.schema, book.to_batches(batch_size=BATCH_ROWS), book.count_rows())
     if not isinstance(book, pa.RecordBatchReader) and hasattr(book, "__arrow_c_stream__"):
         book = pa.RecordBatchReader.from_stream(book)
