@@ -37,8 +37,8 @@ def table_writer(path: Path, schema: pa.Schema) -> Iterator[Callable[[pa.RecordB
     and removed when it ends with an error."""
     try:
         if output_kind(path) == "parquet":
-            # Dictionaries pay for repeated texts (messages), not for unique ones (ids).
-            repeated = [name for name in schema.names if name != "id"]
+            # Dictionaries pay for repeated texts (messages), not for unique ids or numbers.
+            repeated = [f.name for f in schema if pa.types.is_string(f.type) and f.name != "id"]
             with pq.ParquetWriter(path, schema, use_dictionary=repeated) as parquet:
                 yield parquet.write
         else:

@@ -100,15 +100,16 @@ def _cast(text: pa.Array) -> tuple[np.ndarray, np.ndarray]:
     """Arrow's reading of a text column as float64 (NaN for nulls), and the cells it could not
     read: whole columns first, and slices of a column that holds such cells."""
     try:
-        return pc.cast(text, pa.float64()).to_numpy(zero_copy_only=False), np.zeros(len(text), dtype=bool)
+        values = pc.cast(text, pa.float64())
+        return values.to_numpy(zero_copy_only=False, writable=True), np.zeros(len(text), dtype=bool)
     except pa.ArrowInvalid:
         pass
     if len(text) > _SLICE:
         parts = [_cast(text.slice(start, _SLICE)) for start in range(0, len(text), _SLICE)]
         return np.concatenate([values for values, _ in parts]), np.concatenate([odd for _, odd in parts])
     plain = _mask(pc.match_substring_regex(text, _PLAIN_NUMBER))
-    values = pc.cast(pc.if_else(pa.array(plain), text, None), pa.float64()).to_numpy(zero_copy_only=False)
-    return values, ~plain & _mask(pc.is_valid(text))
+    values = pc.cast(pc.if_else(pa.array(plain), text, None), pa.float64())
+    return values.to_numpy(zero_copy_only=False, writable=True), ~plain & _mask(pc.is_valid(text))
 
 
 def _text_numbers(column: pa.Array, name: str, defects: _Defects) -> tuple[np.ndarray, np.ndarray]:
@@ -121,11 +122,12 @@ def _text_numbers(column: pa.Array, name: str, defects: _Defects) -> tuple[np.nd
     failed = np.zeros(len(column), dtype=bool)
     rows = np.flatnonzero(odd)
     for i, cell in zip(rows, text.take(pa.array(rows)).to_pylist()):
+        cell = cell.strip()
+        given[i] = bool(cell)
         try:
-            values[i] = float(cell.strip()) if cell.strip() else math.nan
+            values[i] = float(cell) if cell else math.nan
         except ValueError:
             failed[i] = True
-        given[i] = bool(cell.strip())
     defects.note(failed, lambda i: f"{name} is not a number, got {_shown(column, i)}")
     return values, given & ~failed
 

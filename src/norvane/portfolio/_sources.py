@@ -24,8 +24,8 @@ import pyarrow.parquet as pq
 from ._policies import InputError, check_columns
 
 # Records per batch of Parquet files and in-memory tables; CSV blocks are of about the same size.
-BATCH_ROWS = 1 << 18
-CSV_BLOCK_BYTES = 8 << 20
+BATCH_ROWS = 1 << 16
+CSV_BLOCK_BYTES = 2 << 20
 # Enough of a CSV file for its header line.
 _HEADER_BYTES = 1 << 20
 _GZIP_MAGIC = b"\x1f\x8b"
