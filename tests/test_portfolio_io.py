@@ -140,6 +140,28 @@ def test_every_input_kind_gives_the_same_values(tmp_path, batches, kind):
         assert frame.index.equals(index) and str(frame["error"].dtype) == "string"
 
 
+def test_typed_columns_nan_is_a_missing_cell_and_ids_read_as_python_writes_them():
+    table = pa.table(
+        {
+            "id": pa.array([5.0, None, math.nan, 0.25]),
+            "term": [math.nan, 10.0, None, 10.0],  # NaN and null: perpetuities
+            "timing": pa.array([math.nan, None, 1.0, 4.0]),  # NaN and null: due; a number is no timing
+            "frequency": pa.array([1, 1, 5, 1], pa.int64()),
+        }
+    )
+    result = value_book(table, CURVE)
+    assert list(result.id) == ["5.0", "", "", "0.25"]
+    assert result.present_value[:2].tolist() == pytest.approx([1 / (1 - V), (1 - V**10) / (1 - V)], rel=1e-10)
+    assert list(result.error) == [
+        None,
+        None,
+        f"frequency must be one of {FREQUENCIES}, got 5",
+        "timing must be 'due' or 'immediate', got 4.0",
+    ]
+    flags = value_book({"id": [True, False, None], "term": [1, 2, 3]}, CURVE)
+    assert list(flags.id) == ["True", "False", ""]
+
+
 @pytest.mark.parametrize(
     "content, error, message",
     [

@@ -96,6 +96,15 @@ def _mask(array: pa.Array) -> np.ndarray:
     return np.asarray(pc.fill_null(array, False).to_numpy(zero_copy_only=False), dtype=bool)
 
 
+def _present(column: pa.Array) -> np.ndarray:
+    """Cells that are neither null nor, in a float column, NaN (data frames write a missing
+    number as NaN)."""
+    present = _mask(pc.is_valid(column))
+    if pa.types.is_floating(column.type):
+        present &= ~_mask(pc.is_nan(column))
+    return present
+
+
 def _cast(text: pa.Array) -> tuple[np.ndarray, np.ndarray]:
     """Arrow's reading of a text column as float64 (NaN for nulls), and the cells it could not
     read: whole columns first, and slices of a column that holds such cells."""
@@ -157,10 +166,10 @@ def _ids(column: pa.Array | None, first_record: int, count: int) -> pa.Array:
     """Identifiers as text: the record numbers when there is no id column, "" for a missing id."""
     if column is None:
         return pc.cast(pa.array(np.arange(first_record + 1, first_record + count + 1)), pa.string())
-    if pa.types.is_floating(column.type):
-        # Arrow writes 5.0 as "5"; an id reads as Python writes the number.
-        values = column.to_numpy(zero_copy_only=False)
-        return pa.array(np.where(np.isnan(values), "", values.astype(str)), pa.string())
+    if pa.types.is_floating(column.type) or pa.types.is_boolean(column.type):
+        # Arrow writes 5.0 as "5" and True as "true"; an id reads as Python writes it.
+        text = column.to_numpy(zero_copy_only=False).astype(str)
+        return pa.array(np.where(_present(column), text, ""), pa.string())
     return pc.fill_null(pc.cast(column, pa.string()), "")
 
 
@@ -174,7 +183,7 @@ def _due(column: pa.Array | None, count: int, defects: _Defects) -> np.ndarray:
         bad = ~_mask(pc.is_in(text, pa.array(["", "due", "immediate"])))
     else:  # a number or any other cell is never a timing
         immediate = np.zeros(count, dtype=bool)
-        bad = _mask(pc.is_valid(column))
+        bad = _present(column)
     defects.note(bad, lambda i: f"timing must be 'due' or 'immediate', got {_shown(column, i)}")
     return ~immediate
 
