@@ -27,6 +27,7 @@ from norvane.interest_rates import (
     _InterestRateMeta,
     _woolhouse_flows_to_grid,
 )
+from norvane.mortality import MortalityTable, constant_force, life_annuities
 from norvane.portfolio import BookValues, InputError, value_book
 
 ALLOWED = (TypeError, ValueError, KeyError, OverflowError, ZeroDivisionError)
@@ -221,8 +222,19 @@ def _unpickled(x, y):
     return curve.vn(1.5), curve.validate(), str(curve), curve.export("json"), curve.a(n=2)
 
 
+TABLE, FLAT = constant_force(0.03).table(20, 100), InterestRate(0.03)
+
 # name: (call with two hostile values, the promised result types)
 MODULE_CALLS = {
+    "MortalityTable": (lambda x, y: MortalityTable(x, y), MortalityTable),
+    "MortalityTable.scaled/rated": (lambda x, y: TABLE.scaled(x).rated(y), MortalityTable),
+    "Life.tpx": (lambda x, y: TABLE.life(x).tpx(y), NUMBER),
+    "Life.a": (lambda x, y: TABLE.life(60).a(FLAT, n=x, m=y), float),
+    "Life.ä": (lambda x, y: TABLE.life(60).ä(FLAT, d=x, ts=y), float),
+    "life_annuities": (
+        lambda x, y: life_annuities(FLAT, {"t": TABLE}, table=["t", "t"], age=x, n=y),
+        (np.ndarray, BatchResult),
+    ),
     "unpickled curve": (_unpickled, tuple),
     "_InterestRateMeta.model_copy": (
         lambda x, y: _InterestRateMeta().model_copy({"term_unit": x, "tolerance_eps": y}),
