@@ -243,7 +243,7 @@ def test_plots_are_written(tmp_path, capsys, command):
         (["--portfolio", "{tmp}/missing.csv"], "no such file"),
         (["--curve", "{tmp}/missing.json"], "not a readable curve"),
         (["--curve", "{tmp}/bad.json"], "not a readable curve"),
-        (["--portfolio", "{tmp}/noterm.csv"], "no 'term' column"),
+        (["--portfolio", "{tmp}/noterm.csv"], "no 'term' or 'age' column"),
         (["--portfolio", "{tmp}/book.csv", "--output", "{tmp}/out.txt"], "must end in"),
         (["flows", "--portfolio", "{tmp}/missing.csv"], "no such file"),
         (["curve", "--curve", "{tmp}/bad.json"], "not a readable curve"),
