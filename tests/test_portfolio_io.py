@@ -183,7 +183,7 @@ def test_unusable_books(tmp_path, content, error, message):
 
 def test_readme_data_frame_example():
     text = (Path(__file__).resolve().parents[1] / "README.md").read_text(encoding="utf-8")
-    (block,) = [b for b in re.findall(r"```python\n(.*?)```", text, re.S) if "value_book" in b]
+    (block,) = [b for b in re.findall(r"```python\n(.*?)```", text, re.S) if "frame = values.to_pandas()" in b]
     namespace: dict = {}
     exec(block, namespace)
     values, frame = namespace["values"], namespace["frame"]
