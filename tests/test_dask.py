@@ -16,6 +16,7 @@ import pytest
 
 from norvane.config import Config
 from norvane.interest_rates import InterestRate
+from norvane.mortality import bundled_table
 from norvane.portfolio import value_book
 
 distributed = pytest.importorskip("distributed")
@@ -292,8 +293,6 @@ def test_threads_of_one_process_keep_their_own_settings(book):
 
 
 def test_life_records_and_their_tables_reach_the_workers(client):
-    from norvane.mortality import bundled_table
-
     tables = {"M": bundled_table("makeham_20_120").scaled(0.9), "F": bundled_table("makeham_13_110")}
     frame = pd.DataFrame({"term": [10, 10, None, 5], "age": [None, 65, 70.5, 130], "table": [None, None, "F", "F"]})
     result = value_policies(dd.from_pandas(frame, npartitions=2), CURVE, tables=tables, with_errors=True).compute()
