@@ -49,6 +49,10 @@ CASES = [
     ("selected,15,,3,4,,,,60,S,58", life("S", 60, select_age=58, n=15, m=4, ts=3)),
     ("too-old,,,,,,,,130,S,", "age 130.0 at valuation time 0.0 is beyond the table's last age 120"),
     ("negative-term,-1,,,,,,,65,,", "term must be >= 0.0 and finite, got -1.0"),
+    (
+        "two-faults,5,-2,nan,,,,,65,,",
+        "deferment must be >= 0.0 and finite, got -2.0; shift must be >= 0.0 and finite, got nan",
+    ),
     ("bundled,5,,,,,,,50,makeham_20_120,", life("M20", 50, n=5)),
     ("certain-imm,5,,,,immediate,,,,,", closed(math.fsum(v(k) for k in range(1, 6)))),
 ]

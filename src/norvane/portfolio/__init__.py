@@ -32,14 +32,13 @@ from ..config import Config
 from ..mortality import MortalityTable
 from ._life import DEFAULT_TABLE, BookTables, book_tables
 from ._output import check_output, output_kind, table_writer, write_table
-from ._policies import LIFE_COLUMNS, POLICY_COLUMNS, InputError, Policies, policies_from_batch
+from ._policies import POLICY_COLUMNS, InputError, Policies, policies_from_batch
 from ._sources import BATCH_ROWS, Book, open_book
 from ._valuation import PERPETUITY_YEARS, book_flows, flow_years, last_payment_year, value_policies
 
 __all__ = [
     "BATCH_ROWS",
     "DEFAULT_TABLE",
-    "LIFE_COLUMNS",
     "POLICY_COLUMNS",
     "PERPETUITY_YEARS",
     "SHOWN_ERRORS",

@@ -17,9 +17,11 @@ import pyarrow.compute as pc
 
 from ..base import _ALLOWED_PAYMENT_FREQUENCIES
 
-POLICY_COLUMNS = ("id", "term", "deferment", "shift", "frequency", "timing", "growth", "benefit")
-# A record with an age is a life annuity on the table its "table" cell names.
-LIFE_COLUMNS = ("age", "table", "select_age")
+# The last three make a record a life annuity (it has an age) on the table its "table" cell names.
+POLICY_COLUMNS = (
+    *("id", "term", "deferment", "shift", "frequency", "timing", "growth", "benefit"),
+    *("age", "table", "select_age"),
+)
 
 # Number texts that Arrow's cast reads exactly as float() does; other texts (1_000, ...) go to
 # float() itself, one cell at a time.
