@@ -100,7 +100,7 @@ def _real_array(x: object) -> np.ndarray:
     kind = arr.dtype.kind
     if kind in "iuf":
         if isinstance(arr, np.ma.MaskedArray):
-            arr = arr.astype(np.float64).filled(np.nan)
+            arr = np.ma.filled(arr.astype(np.float64), np.nan)
         return arr
     if kind == "O":
         types = set(map(type, arr.flat))
@@ -119,7 +119,7 @@ def _real_array(x: object) -> np.ndarray:
     raise _not_real(x)
 
 
-def _as_f64_safe(x: object) -> F64Array:
+def _as_f64_safe(x: Any) -> F64Array:
     """Convert ``x`` to a C-contiguous float64 array.
 
     Parameters
@@ -146,8 +146,8 @@ def _as_f64_safe(x: object) -> F64Array:
     """
     tp = type(x)
     if tp is np.ndarray:
-        if x.dtype is _F64:  # type: ignore[union-attr]
-            return x if x.flags.c_contiguous else np.ascontiguousarray(x)  # type: ignore[union-attr,return-value]
+        if x.dtype is _F64:
+            return x if x.flags.c_contiguous else np.ascontiguousarray(x)
     elif tp is float:
         return np.array(x, dtype=_F64)
     elif tp is int:
@@ -155,7 +155,7 @@ def _as_f64_safe(x: object) -> F64Array:
             return np.array(x, dtype=_F64)
         except OverflowError:
             raise _out_of_range() from None
-    elif isinstance(x, (np.floating, np.integer)) and x.dtype.itemsize <= 8:  # type: ignore[union-attr]
+    elif isinstance(x, (np.floating, np.integer)) and x.dtype.itemsize <= 8:
         return np.array(x, dtype=_F64)
 
     arr = _real_array(x)

@@ -16,13 +16,13 @@ from .conversion import F64Array, _is_pandas_1d
 from .scalars import _prefixed, _validate_float_sequence
 
 
-def _batch_length(x: object) -> int:
+def _batch_length(x: Any) -> int:
     """Length of a per-policy input, or -1 for a single value."""
     tp = type(x)
     if tp is list or tp is tuple:
-        return len(x)  # type: ignore[arg-type]
+        return len(x)
     if tp is np.ndarray:
-        return x.shape[0] if x.ndim else -1  # type: ignore[union-attr]
+        return x.shape[0] if x.ndim else -1
     if x is None or tp is float or tp is int or tp is str:
         return -1
     if isinstance(x, (list, tuple)):
@@ -30,7 +30,7 @@ def _batch_length(x: object) -> int:
     if isinstance(x, np.ndarray):
         return x.shape[0] if x.ndim else -1
     if _is_pandas_1d(x):
-        return len(x)  # type: ignore[arg-type]
+        return len(x)
     return -1
 
 

@@ -118,7 +118,7 @@ def _validate_float_sequence(seq: Any, method_name: str = "", attr_name: str = "
     return arr
 
 
-_TYPE_NAMES = {np.integer: "numpy integer", np.floating: "numpy floating"}
+_TYPE_NAMES: dict[type, str] = {np.integer: "numpy integer", np.floating: "numpy floating"}
 
 
 def _validate_scalar_numeric(
