@@ -71,81 +71,44 @@ def same(got, want):
 # ---------------------------------------------------------------- force of interest
 
 
-@pytest.mark.parametrize("rate", [0.03, -0.005, 0.0, 0.25])
-def test_delta_of_constant_curve(rate):
+@pytest.mark.parametrize("rate", [0.03, -0.005, 0.0])
+def test_delta_of_constant_and_piecewise_curves(rate):
     ir = InterestRate(rate)
-    assert ir._constant_delta is None
     d = ir.delta()  # a zero rate gives an exact 0.0: the tolerance is relative only
     assert type(d) is float and d == pytest.approx(math.log(1 + rate), rel=1e-15, abs=0)
-    assert ir._constant_delta == d and (d < 0) == (rate < 0)
-    for t in (2.0, 7, np.float64(0.5)):
-        assert type(ir.delta(t)) is float and ir.delta(t) == d
-    for t in ([0.5, 1.5], np.array([[1.0, 2.0, 3.0]]), []):
-        arr = ir.delta(t)
-        assert isinstance(arr, np.ndarray) and arr.dtype == np.float64 and arr.shape == np.shape(t) and np.all(arr == d)
-
-
-def test_delta_of_piecewise_curve_and_its_cache():
-    ir = pw([5, 5], [0.02, 0.0, -0.03])
-    want = {2.0: math.log(1.02), 5.0: math.log(1.02), 6.0: 0.0, 10.0: 0.0, 10.5: math.log(0.97), -1.0: math.log(1.02)}
+    assert ir.delta(7) == d and ir.delta(np.array([[1.0, 2.0]])).tolist() == [[d, d]]
+    steps = pw([5, 5], [0.02, rate, -0.03])
+    want = {5.0: math.log(1.02), 6.0: math.log(1 + rate), 10.0: math.log(1 + rate), 10.5: math.log(0.97)}
     for t, w in want.items():
-        assert type(ir.delta(t)) is float and ir.delta(t) == pytest.approx(w, rel=1e-15, abs=0)
-    assert ir.delta(7.0) == 0.0 and ir.delta(np.float64(6.0)) == 0.0
-    arr = ir.delta(np.array(list(want)))
-    assert arr.dtype == np.float64 and arr == pytest.approx(list(want.values()), rel=1e-15, abs=0)
-    assert set(ir._force_cache) == set(want) | {7.0}  # every numeric scalar query, as a float key
-    assert (
-        ir.delta(np.array(8.0)) == ir.delta([8.0])[0] == 0.0 and 8.0 not in ir._force_cache
-    )  # other kinds are not cached
+        assert type(steps.delta(t)) is float and steps.delta(t) == pytest.approx(w, rel=1e-15, abs=0)
+    assert steps.delta(np.array(list(want))) == pytest.approx(list(want.values()), rel=1e-15, abs=0)
     with exact(ValueError, "For piecewise rates, time t must be specified."):
-        ir.delta()
-    cache = InterestRate(terms=[5], rates=[0.02, 0.03])
-    cache.delta([1.0, 2.0])
-    assert len(cache._force_cache) == 0  # arrays are never cached
-    cache._lru_store(cache._force_cache, 2.0, 0.5, 10)
-    assert cache.delta(2) == 0.5 and cache.delta(2.0) == 0.5  # a hit is returned before any lookup
-    cache.rates = [0.05, 0.06]
-    assert cache.delta(2.0) == pytest.approx(math.log(1.05), rel=1e-15)  # a new curve empties the cache
-    cache._meta.cache_maxsize = 2
-    for t in (1, 2, 1, 3):
-        cache.delta(t)
-    assert list(cache._force_cache) == [1.0, 3.0]  # bounded, least recently used evicted
+        steps.delta()
 
 
 def test_delta_refuses_rates_at_or_below_minus_one():
-    for rate, warm in ((-1.0, False), (-1.5, False), (-1.5, True)):
-        ir = InterestRate(0.03)
-        if warm:
-            ir.delta()  # a force computed earlier does not bypass the guard
-        ir.rate = rate
-        for args in ((), (1.0,), ([1.0, 2.0],)):
-            with exact(ValueError, force_msg(rate)):
-                ir.delta(*args)
-        assert (ir._constant_delta is None) != warm
+    ir = InterestRate(0.03)
+    ir.delta()  # a force computed earlier does not bypass the guard
+    ir.rate = -1.5
+    for args in ((), (1.0,), ([1.0, 2.0],)):
+        with exact(ValueError, force_msg(-1.5)):
+            ir.delta(*args)
     ir = with_rates(pw([1, 1], [0.01, 0.02, 0.03]), [-1.0, 0.02, -2.0])
-    for t, r in ((0.5, "-1.0"), (2.5, "-2.0"), (1, "-1.0")):
-        with exact(ValueError, f"Rate {r} {LE} -1"):
-            ir.delta(t)
+    with exact(ValueError, f"Rate -2.0 {LE} -1"):
+        ir.delta(2.5)
     with exact(ValueError, f"Rates {LE} -1 at indices [0 2 3]"):  # positions in the query, not in the curve
         ir.delta([3.0, 1.5, 0.5, 1.0])
-    assert len(ir._force_cache) == 0 and ir.delta(1.5) == pytest.approx(math.log(1.02), rel=1e-15)
 
 
 @pytest.mark.parametrize(
     "curve, t0, t1",
     [
-        (0.03, 0.0, 1.0),
         (0.03, 2.5, 10),
-        (-0.005, 0, 0.25),
-        (PW, 0, 5),
         (PW, 0, 7.5),
         (PW, 3, 12),
-        (PW, 6, 9.5),
         (PW, 11, 40),
         (([3], [0.0, 0.05]), 1, 7),
-        (0.0, 1, 2),
         (([2, 2], [0.0, 0.0, 0.0]), 1, 5),
-        (([3], [0.0, 0.05]), 0.5, 2),
     ],
 )
 def test_average_force_and_effective_rate_from_discount_factors(curve, t0, t1):
@@ -163,13 +126,8 @@ def test_average_force_and_effective_rate_from_discount_factors(curve, t0, t1):
 def test_analytics_follow_the_active_scenario():
     box = InterestRate({"a": 0.03, "b": PW})
     assert box.delta() == pytest.approx(math.log(1.03), rel=1e-15) and box.i_m(1, 6) == 0.03
-    assert box.get_average_force(10) == pytest.approx(math.log(1.03), rel=1e-12)
     box.active_scenario = "b"
     assert box.delta(6) == pytest.approx(math.log(1.03), rel=1e-15) and box.d_m(1) == 0.02 / 1.02
-    assert box.i_m(12, 6) == pytest.approx(12 * (1.03 ** (1 / 12) - 1), rel=1e-12)
-    assert box.get_effective_rate(0, 5) == pytest.approx(0.02, rel=1e-10)
-    with exact(ValueError, "For piecewise rates, time t must be specified."):
-        box.delta()
 
 
 POS = "Duration n must be positive per actuarial practice, got "
@@ -180,10 +138,8 @@ AVG = "Cannot calculate average force: discount factor {} \u2264 0 results in un
     "n, exc, msg",
     [(n, TypeError, "Duration n must be numeric") for n in (True, False, "1", None, [1.0])]
     + [
-        (0, ValueError, POS + "0"),
         (0.0, ValueError, POS + "0.0"),
         (-1.5, ValueError, POS + "-1.5"),
-        (np.int64(-2), ValueError, POS + "-2"),
         (INF, ValueError, AVG.format("0.0")),
         (NAN, ValueError, AVG.format("nan")),
     ],
@@ -197,7 +153,7 @@ def test_average_force_failures(n, exc, msg):
 
 
 @pytest.mark.parametrize("rate", [0.03, -0.005, 0.25, 0.0])
-@pytest.mark.parametrize("m", [1, 2, 4, 5, 12, 24, 365, np.int64(12)])
+@pytest.mark.parametrize("m", [1, 5, 12, np.int64(365)])
 def test_nominal_rates_against_closed_forms(rate, m):
     ir = InterestRate(rate)
     i_m, d_m = ir.i_m(m), ir.d_m(m)
@@ -225,18 +181,11 @@ def test_nominal_rates_order_and_segments():
     "m, t, exc, msg",
     [
         (True, 0.0, TypeError, "m must be a plain integer, got bool"),
-        (True, -1, TypeError, "m must be a plain integer, got bool"),
         (1.5, 0.0, TypeError, None),
-        ("12", 0.0, TypeError, None),
-        (np.bool_(True), 0.0, TypeError, None),
         (0, 0.0, ValueError, "m must be a positive integer, got 0"),
-        (-4, "x", ValueError, "m must be a positive integer, got -4"),
         (np.int64(-4), 0.0, ValueError, "m must be a positive integer, got -4"),
         (12, "1", TypeError, "t must be numeric, got str"),
-        (12, True, TypeError, "t must be numeric, got bool"),
-        (12, None, TypeError, "t must be numeric, got NoneType"),
         (12, -0.5, ValueError, "t must be non-negative, got -0.5"),
-        (12, -1, ValueError, "t must be non-negative, got -1"),
         (12, NAN, ValueError, "t must be non-negative, got nan"),
     ],
 )
@@ -279,14 +228,11 @@ def test_effective_rate_failures_and_zero_discounting():
 @pytest.mark.parametrize(
     "t, k, start, end",
     [
-        (1.5, 0, 0.0, 2.0),
         (2.0, 0, 0.0, 2.0),
         (2.000001, 1, 2.0, 5.0),
-        (3, 1, 2.0, 5.0),
         (np.float64(5.0), 1, 2.0, 5.0),
         (7.0, 2, 5.0, INF),
         (-1.0, 0, 0.0, 2.0),
-        (np.int32(9), 2, 5.0, INF),
     ],
 )
 def test_segment_info_of_piecewise_curve(t, k, start, end):
@@ -324,7 +270,7 @@ def test_segment_info_of_constant_curve(rate):
     assert InterestRate(rate).get_segment_info(-2.5)["time_queried"] == -2.5
 
 
-@pytest.mark.parametrize("t", [True, np.bool_(False), "1", object(), ["a"], None, [1.0], np.array([1.0])])
+@pytest.mark.parametrize("t", [True, "1", None, [1.0], np.array([1.0])])
 @pytest.mark.parametrize("curve", [0.03, PW, {"a": PW}])
 def test_non_numeric_times_are_refused(curve, t):
     ir = make(curve)[0]
@@ -359,10 +305,7 @@ def stats(rates):
     [
         ([1, 2.5, 0.5], [0.0, -0.01, 0.0, 0.0312345678], "non_monotonic"),
         ([5, 5], [0.02, 0.03, 0.04], "increasing"),
-        ([1], [0.03, 0.03], "increasing"),
         ([1, 1], [0.04, 0.03, 0.02], "decreasing"),
-        ([1], [-0.01, 0.01], "increasing"),
-        ([2, 2], [0.02, 0.04, 0.03], "non_monotonic"),
         ([1, 2, 3], [0.05, 0.0, 0.0, -0.01], "decreasing"),
     ],
 )
@@ -409,23 +352,6 @@ def test_validate_piecewise_report(terms, rates, shape):
         "key_discount_factors": {f"{n}y": ref_v(terms, rates, n) for n in (1, 5, 10, 30)},
     }
     same(ir.curve_analysis(), analysis)
-
-
-@pytest.mark.filterwarnings("ignore::RuntimeWarning")  # NumPy reductions over 1e308 and inf
-def test_validate_and_analysis_edge_values():
-    gaps = pw([1, 1], [0.01, 0.02, 0.03])
-    gaps._terms, gaps._cum_terms = np.array([1.0, -1.0]), np.array([1.0, 0.0])
-    report = gaps.validate()
-    assert report["status"] == "warning" and report["structure"]["terms_valid"] is False
-    assert report["structure"]["has_gaps"] is True and report["structure"]["min_term"] == -1.0
-    single = pw([1], [0.01, 0.02])
-    single._rates = np.array([0.02])
-    assert single._check_monotonicity() == "single_rate"
-    big = pw([40], [0.01, 1e308])  # at most 1e308 is finite here, unlike the strict test of validate()
-    assert big.curve_analysis()["rate_properties"]["all_finite"] is True
-    assert with_rates(pw([40], [0.01, 0.02]), [0.01, INF]).curve_analysis()["rate_properties"]["all_finite"] is False
-    with pytest.raises(ValueError, match=LE + " -1"):
-        with_rates(pw(), [0.02, 0.03, -1.5]).curve_analysis()
 
 
 @pytest.mark.parametrize(

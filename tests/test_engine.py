@@ -172,11 +172,7 @@ def test_zero_rate_and_container_curve():
 @pytest.mark.parametrize("mode", MODES)
 @pytest.mark.parametrize("timing", [0, 1])
 @pytest.mark.parametrize(
-    "n, m, d, amounts",
-    [
-        (3.0, 1, 0.0, [100.0, 110.0, 121.0]),
-        (1.3, 4, 2.0, [1.0, 2.0, 3.0, 4.0, 5.0, 6.0]),
-    ],
+    "n, m, d, amounts", [(3.0, 1, 0.0, [100.0, 110.0, 121.0]), (1.3, 4, 2.0, [1.0, 2.0, 3.0, 4.0, 5.0, 6.0])]
 )
 def test_explicit_amounts_are_valued_exactly(mode, timing, n, m, d, amounts):
     starts = [d + k / m for k in range(len(amounts))]

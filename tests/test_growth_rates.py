@@ -31,13 +31,7 @@ def test_refused(rate, kind, exc):
 
 
 @pytest.mark.parametrize(
-    "rate, kind",
-    [
-        (-0.999, "geometric"),
-        (-1.5, "arithmetic"),
-        (np.float32(0.25), "geometric"),
-        (3, "arithmetic"),
-    ],
+    "rate, kind", [(-0.999, "geometric"), (-1.5, "arithmetic"), (np.float32(0.25), "geometric"), (3, "arithmetic")]
 )
 def test_accepted_rates_are_floats(rate, kind):
     g = GrowthRate(rate, kind=kind)
