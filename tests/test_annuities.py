@@ -74,16 +74,9 @@ def test_reference_values(ir, method, kwargs, expected):
     assert value == pytest.approx(expected, abs=TOL)
 
 
-def test_quoted_reference_numbers(ir):
-    assert abs(ir.ä(n=5) - 4.7170984) < 1e-7
-    assert abs(ir.a(n=10) - 8.5302028) < 1e-7
-    assert abs(ir.ä(n=3, cashflow_amounts=[100, 110, 121]) - 320.8502) < 1e-4
-
-
 @pytest.mark.parametrize("mode", MODES)
 @pytest.mark.parametrize("due", [True, False])
-@pytest.mark.parametrize("m", [1, 4, 12])
-@pytest.mark.parametrize("d", [0.0, 2.5])
+@pytest.mark.parametrize("m, d", [(1, 0.0), (12, 2.5)])
 def test_level_closed_forms_by_mode(ir, mode, due, m, d):
     Config().calculation_mode = mode
     value = annuity(ir, due, n=8.0, m=m, d=d)
@@ -103,19 +96,10 @@ def test_perpetuity_normalisation(ir, due, m, d):
     assert values[0] == pytest.approx(V**d / (d_m(m) if due else i_m(m)), rel=1e-9)
 
 
-@pytest.mark.parametrize(
-    "call",
-    [
-        lambda ir: ir.a(5),
-        lambda ir: ir.ä(5),
-        lambda ir: ir.a(5.0, 0.0),
-        lambda ir: ir.ä(cashflow_times=[1.0]),
-        lambda ir: ir.a(term=5),
-    ],
-)
-def test_keyword_only_signature(ir, call):
-    with pytest.raises(TypeError):
-        call(ir)
+def test_keyword_only_signature(ir):
+    for call in (lambda: ir.a(5), lambda: ir.ä(5.0, 0.0), lambda: ir.a(term=5)):
+        with pytest.raises(TypeError):
+            call()
 
 
 BENEFITS_MSG = "[{}] benefits requires batch mode (array n, d, ts, m, or gr)."
@@ -126,9 +110,7 @@ BENEFITS_MSG = "[{}] benefits requires batch mode (array n, d, ts, m, or gr)."
     ("extra", "word"),
     [
         ({"on_error": "nan", "record_ids": ["p1"], "t_output": np.arange(5.0), "benefits": [1.0]}, "on_error"),
-        ({"record_ids": ["p1"], "t_output": np.arange(5.0), "benefits": [1.0]}, "record_ids"),
         ({"t_output": np.arange(5.0), "return_flows": True, "benefits": [1.0]}, "t_output"),
-        ({"t_output": np.arange(5.0), "benefits": [1.0]}, "t_output"),
         ({"benefits": [1.0]}, None),
     ],
 )
@@ -145,12 +127,6 @@ def test_scalar_mode_check_precedence(ir, method, extra, word):
         assert "benefits" not in msg
 
 
-def test_one_element_array_is_batch_mode(ir):
-    out = ir.a(n=[10.0], benefits=[2.0])
-    assert isinstance(out, np.ndarray) and out.shape == (1,)
-    assert out[0] == pytest.approx(2.0 * (1 - V**10) / I, abs=TOL)
-
-
 MUTEX = (
     "] 'gr' and 'cashflow_amounts' are mutually exclusive: 'cashflow_amounts' defines explicit "
     "payment amounts, so 'gr' has no effect. Pass gr=None when using cashflow_amounts."
@@ -158,33 +134,26 @@ MUTEX = (
 LENGTH = "] 'cashflow_amounts' length must match provided 'cashflow_times' length."
 
 
-@pytest.mark.parametrize("method", ["a", "ä"])
-def test_growth_and_amounts_are_exclusive(ir, method):
-    with pytest.raises(ValueError) as info:
-        getattr(ir, method)(n=3, gr=0.02, cashflow_amounts=[1.0, 1.0, 1.0])
-    assert str(info.value) == "[InterestRate." + method + MUTEX
-
-
-def test_amounts_must_match_explicit_times(ir):
-    with pytest.raises(ValueError) as info:
-        ir.a(cashflow_times=[1.0, 2.0], cashflow_amounts=[1.0])
-    assert str(info.value) == "[InterestRate.a" + LENGTH
+ONE_D = "] 'cashflow_amounts' must be a one-dimensional sequence."
 
 
 @pytest.mark.parametrize("name", ["InterestRate.a", "InterestRate.ä"])
 @pytest.mark.parametrize(
-    ("kwargs", "tail"),
+    ("kwargs", "public", "unvalidated"),
     [
-        ({"n": 3.0, "cashflow_amounts": [[1.0, 1.0, 1.0]]}, "] 'payment_amount' must be a 1-D sequence."),
-        ({"n": 3.0, "cashflow_amounts": np.ones((3, 1))}, "] 'payment_amount' must be a 1-D sequence."),
-        ({"cashflow_times": [1.0, 2.0], "cashflow_amounts": [1.0]}, LENGTH),
-        ({"n": 3.0, "gr": 0.01, "cashflow_amounts": [1.0, 1.0, 1.0]}, MUTEX),
+        ({"n": 3.0, "cashflow_amounts": [[1.0, 1.0, 1.0]]}, ONE_D, "] 'payment_amount' must be a 1-D sequence."),
+        ({"cashflow_times": [1.0, 2.0], "cashflow_amounts": [1.0]}, LENGTH, LENGTH),
+        ({"n": 3.0, "gr": 0.01, "cashflow_amounts": [1.0, 1.0, 1.0]}, MUTEX, MUTEX),
     ],
 )
-def test_dispatcher_messages_without_validation(ir, name, kwargs, tail):
+def test_annuity_argument_messages(ir, name, kwargs, public, unvalidated):
+    if name == "InterestRate.a" or "cashflow_times" not in kwargs:  # ä takes no cashflow_times
+        with pytest.raises(ValueError) as info:
+            getattr(ir, name[-1])(**kwargs)
+        assert str(info.value) == "[" + name + public
     with pytest.raises(ValueError) as info:
         ir._annuity_dispatch(validate=False, method_name=name, **kwargs)
-    assert str(info.value) == "[" + name + tail
+    assert str(info.value) == "[" + name + unvalidated
 
 
 @pytest.mark.parametrize(
@@ -193,8 +162,6 @@ def test_dispatcher_messages_without_validation(ir, name, kwargs, tail):
         (lambda eps: 3.0 + eps / 8, 4, 12),
         (lambda eps: 3.0 - eps / 8, 4, 12),
         (lambda eps: 3.0 + 4 * eps, 4, 13),
-        (lambda eps: 2.9999999999999996, 1, 3),
-        (lambda eps: 2.5, 2, 5),
         (lambda eps: 2.2, 2, 5),
     ],
 )
@@ -225,7 +192,6 @@ def test_zero_effective_term(ir, mode, due, kwargs):
 @pytest.mark.parametrize(
     "kwargs",
     [
-        {"n": 10.0},
         {"n": 7.5, "m": 4, "d": 1.5},
         {"n": 6.0, "m": 12, "gr": 0.02},
         {"n": 9.0, "m": 2, "d": 1.0, "ts": 3.0},

@@ -87,40 +87,26 @@ def test_broadcasting_and_perpetuities(ir, kwargs, expected):
     np.testing.assert_allclose(out, expected, rtol=1e-9, atol=TOL)
 
 
-def test_on_error_nan_report(ir):
-    res = ir.ä(n=[10.0, -1.0], on_error="nan")
-    assert isinstance(res, BatchResult) and isinstance(res.errors, BatchErrorReport)
-    assert res.values[0] == pytest.approx((1 - V**10) / D, abs=TOL) and math.isnan(res.values[1])
-    assert (res.errors.n_errors, res.errors.n_total) == (1, 2)
-    assert res.errors.valid_mask.tolist() == [True, False]
-    assert res.errors.invalid_indices.tolist() == [1]
-    assert len(res.errors.messages) == 1 and "'n'" in res.errors.messages[0]
-
-
 def test_on_error_nan_with_ids_and_benefits(ir):
     res = ir.a(
         n=[10.0, np.nan, 5.0, 20.0],
         d=[0.0, 0.0, -2.0, 1.0],
         ts=[0.0, 0.0, 0.0, -1.0],
-        benefits=[1.0, 2.0, 3.0, 4.0],
+        benefits=[2.0, 2.0, 3.0, 4.0],
         record_ids=["p1", "p2", "p3", "p4"],
         on_error="nan",
     )
-    assert res.values[0] == ir.a(n=10.0)
-    assert np.isnan(res.values[1:]).all()
-    assert res.errors.invalid_indices.tolist() == [1, 2, 3]
-    assert list(res.errors.record_ids) == ["p2", "p3", "p4"]
-    assert ["'n'" in res.errors.messages[0], "'d'" in res.errors.messages[1], "'ts'" in res.errors.messages[2]] == [
-        True
-    ] * 3
+    assert isinstance(res, BatchResult) and isinstance(res.errors, BatchErrorReport)
+    assert res.values[0] == 2.0 * ir.a(n=10.0) and np.isnan(res.values[1:]).all()
+    assert (res.errors.n_errors, res.errors.n_total, res.errors.valid_mask.tolist()) == (3, 4, [True] + [False] * 3)
+    assert res.errors.invalid_indices.tolist() == [1, 2, 3] and list(res.errors.record_ids) == ["p2", "p3", "p4"]
+    assert [name in msg for name, msg in zip(("'n'", "'d'", "'ts'"), res.errors.messages)] == [True] * 3
 
 
 @pytest.mark.parametrize("method", ["a", "ä"])
 @pytest.mark.parametrize(
     "kwargs",
     [
-        {"n": [5.0, 10.0, 20.0, 10.0], "m": [1, 2, 12, 2]},
-        {"n": [5.0, 10.0, 20.0, 10.0], "gr": [None, 0.02, GrowthRate(0.01, "arithmetic"), 0.02]},
         {"n": [5.0, 10.0, 20.0, 10.0], "m": [1, 2, 12, 2], "gr": [None, 0.02, GrowthRate(0.01, "arithmetic"), 0.02]},
         {"n": [8.0, 8.0, 3.5], "m": [4, 12, 4], "gr": [0.01, GrowthRate(0.01), None], "d": [1.0, 0.0, 2.0]},
     ],
@@ -168,16 +154,12 @@ def test_pandas_series_keep_input_order(ir):
         n=pd.Series([10.0, 5.0, 20.0], index=idx),
         m=pd.Series([1, 12, 1], index=idx),
         d=pd.Series([0.0, 0.0, 2.0], index=idx),
+        gr=pd.Series([0.0, 0.0, 0.02], index=idx),
         benefits=pd.Series([1.0, 2.0, 0.5], index=idx),
     )
-    expected = [(1 - V**10) / D, 2.0 * (1 - V**5) / (12 * (1 - V ** (1 / 12))), 0.5 * V**2 * (1 - V**20) / D]
+    g = (1.02 * V) ** np.arange(20)
+    expected = [(1 - V**10) / D, 2.0 * (1 - V**5) / (12 * (1 - V ** (1 / 12))), 0.5 * V**2 * g.sum()]
     np.testing.assert_allclose(np.asarray(out), expected, atol=TOL)
-
-
-def test_pandas_series_growth(ir):
-    out = ir.a(n=[10.0, 10.0, 10.0], gr=pd.Series([0.02, 0.0, 0.02], index=["x", "y", "z"]))
-    assert out[0] == out[2] == ir.a(n=10.0, gr=0.02)
-    assert out[1] == pytest.approx(immediate(10), abs=TOL)
 
 
 GRID = np.array([0.0, 2.5, 5.0, 12.0])
@@ -252,31 +234,28 @@ def woolhouse(**over):
     return flows
 
 
-def test_woolhouse_merges_equal_times_and_zero_discount():
-    grid, expected, pv = _woolhouse_flows_to_grid(woolhouse(), 1)
-    np.testing.assert_array_equal(grid, [0.0, 1.0, 2.0, 2.5])
-    np.testing.assert_allclose(expected, [1.0, 3.0, 2.0, 0.0])
-    np.testing.assert_allclose(pv, [1.0, 1.4, 0.4, 0.7])
-    grid3, expected3, pv3 = _woolhouse_flows_to_grid(woolhouse(), 3)
-    np.testing.assert_array_equal(grid3, grid)
-    np.testing.assert_array_equal(expected3, 3 * expected)
-    np.testing.assert_array_equal(pv3, 3 * pv)
+FRACTIONAL = {"time_grid": [1.0, 3.0], "present_value": [0.3, 0.45], "discount_factor": [0.6, 0.9]}
 
 
-def test_woolhouse_without_fractional_grids():
-    grid, expected, pv = _woolhouse_flows_to_grid(woolhouse(fractional={}), 2)
-    np.testing.assert_array_equal(grid, [0.0, 1.0, 2.0])
-    np.testing.assert_allclose(pv, [2.0, 2.8, 0.8])
-    fractional = {"time_grid": [1.0, 3.0], "present_value": [0.3, 0.45], "discount_factor": [0.6, 0.9]}
-    grid, expected, pv = _woolhouse_flows_to_grid(woolhouse(fractional=fractional), 1)
-    np.testing.assert_allclose(expected, [1.0, 3.5, 2.0, 0.5])
-    np.testing.assert_allclose(pv, [1.0, 1.7, 0.4, 0.45])
-
-
-@pytest.mark.parametrize("coef", ["abc", None, [1.0], b"1"])
-def test_woolhouse_coefficient_must_be_a_number(coef):
-    with pytest.raises(TypeError, match="coef_immediate"):
-        _woolhouse_flows_to_grid(woolhouse(coef_immediate=coef), 1)
+@pytest.mark.parametrize(
+    "over, scale, grid, expected, pv",
+    [  # equal times merge; a zero discount factor leaves the amount unknown (0); amounts scale with benefits
+        ({}, 1, [0.0, 1.0, 2.0, 2.5], [1.0, 3.0, 2.0, 0.0], [1.0, 1.4, 0.4, 0.7]),
+        ({}, 3, [0.0, 1.0, 2.0, 2.5], [3.0, 9.0, 6.0, 0.0], [3.0, 4.2, 1.2, 2.1]),
+        ({"fractional": {}}, 2, [0.0, 1.0, 2.0], [2.0, 6.0, 4.0], [2.0, 2.8, 0.8]),
+        ({"fractional": FRACTIONAL}, 1, [0.0, 1.0, 2.0, 3.0], [1.0, 3.5, 2.0, 0.5], [1.0, 1.7, 0.4, 0.45]),
+    ],
+)
+def test_woolhouse_flows_to_grid(over, scale, grid, expected, pv):
+    got = _woolhouse_flows_to_grid(woolhouse(**over), scale)
+    for array, want in zip(got, (grid, expected, pv)):
+        np.testing.assert_allclose(array, want, rtol=1e-15)
+    for bad in ("abc", None, [1.0]):
+        with pytest.raises(TypeError, match="coef_immediate"):
+            _woolhouse_flows_to_grid(woolhouse(coef_immediate=bad), 1)
+    for key in ("coef_immediate", "due", "fractional_tail"):
+        with pytest.raises(KeyError):
+            _woolhouse_flows_to_grid({k: v for k, v in woolhouse().items() if k != key}, 1)
 
 
 @pytest.mark.parametrize("gr", ["x", {}, b"1", True, object()])
@@ -284,17 +263,3 @@ def test_woolhouse_coefficient_must_be_a_number(coef):
 def test_batch_growth_must_be_a_growth_rate_or_number(ir, method, gr):
     with pytest.raises(TypeError, match=r"^\[InterestRate\." + method + r"\] 'gr': "):
         call(ir, method, n=[1.0, 2.0], gr=gr)
-
-
-@pytest.mark.parametrize(
-    "drop", ["coef_immediate", "due", "immediate", "fractional", "fractional_tail", "due.present_value"]
-)
-def test_woolhouse_missing_keys(drop):
-    flows = woolhouse()
-    if "." in drop:
-        part, key = drop.split(".")
-        flows[part] = {k: v for k, v in flows[part].items() if k != key}
-    else:
-        del flows[drop]
-    with pytest.raises(KeyError):
-        _woolhouse_flows_to_grid(flows, 1)
