@@ -69,37 +69,32 @@ def prefix(terms, rates):
 # ---------------------------------------------------------------- construction
 
 
-@pytest.mark.parametrize("value", [0.03, np.float32(0.25), 0, np.int64(2), -0.999999, 2**60])
-def test_constant_form(value):
-    ir = InterestRate(value)
-    assert ir.is_constant and type(ir.rate) is float and ir.rate == float(value)
-    assert ir.terms is None and ir.rates is None and ir.scenarios == {} and ir.active_scenario is None
-
-
-def test_piecewise_form_and_argument_precedence():
-    ir = pw()
-    assert not ir.is_constant and ir.rate is None and ir.scenarios == {}
-    assert ir.terms.tolist() == [5.0, 5.0] and ir.rates.tolist() == [0.02, 0.03, 0.04]
-    both = InterestRate(0.05, [1], [0.01, 0.02])  # terms with rates win over rate
-    assert not both.is_constant and both.rate is None
-    assert InterestRate(0.05, terms=[1, 2]).rate == 0.05 and InterestRate(0.05, rates=[0.1, 0.2]).rates is None
+@pytest.mark.parametrize(
+    "args, kwargs, rate, terms",
+    [
+        ((np.float32(0.25),), {}, 0.25, None),
+        ((2**60,), {}, float(2**60), None),
+        ((0.05, [1], [0.01, 0.02]), {}, None, [1.0]),  # terms with rates win over rate
+        ((0.05,), {"terms": [1, 2]}, 0.05, None),  # terms without rates are ignored
+    ],
+)
+def test_constant_and_piecewise_forms(args, kwargs, rate, terms):
+    ir = InterestRate(*args, **kwargs)
+    assert ir.is_constant == (terms is None) and ir.rate == rate and type(ir.rate) is type(rate)
+    assert (ir.terms is None if terms is None else ir.terms.tolist() == terms) and ir.scenarios == {}
 
 
 @pytest.mark.parametrize(
     "args, kwargs, msg",
     [
         ((), {}, ARGS_MSG),
-        ((), {"rates": [0.01, 0.02]}, ARGS_MSG),
         (("x",), {"term_unit": "hours"}, UNIT_MSG),  # metadata is checked before anything else
         ((-1,), {}, RATE_MSG.format("-1.0", "")),
-        ((np.float64(-3),), {}, RATE_MSG.format("-3.0", "")),
         ((NAN,), {}, FINITE.format("", "nan")),
         ((-INF,), {}, FINITE.format("", "-inf")),  # finiteness before sign
         ((), {"terms": [], "rates": [0.01]}, EMPTY),
-        ((), {"terms": [1, 1], "rates": [0.01, 0.02]}, LEN_MSG),
         ((), {"terms": [1], "rates": 0.01}, LEN_MSG),  # a scalar is one rate
         ((), {"terms": [1], "rates": [[0.01, 0.02]]}, RATES_1D),
-        ((), {"terms": [1, -2], "rates": [0.01] * 3}, POSITIVE),
         ((), {"terms": [12, 6, -INF], "rates": [0.1] * 4, "term_unit": "months"}, TERM_AT.format(2, "-inf")),
         ((), {"terms": [0, NAN], "rates": [NAN] * 3}, TERM_AT.format(1, "nan")),  # terms before rates
         ((), {"terms": [1, 1], "rates": [NAN, -2]}, LEN_MSG),  # the length is checked with the terms
@@ -120,9 +115,7 @@ def _readonly(a):
 
 VARIANTS = {
     "list": list,
-    "f32": lambda v: np.array(v, dtype=np.float32),
     "u8": lambda v: np.array(v, dtype=np.uint8),
-    "big_endian": lambda v: np.array(v, dtype=">f8"),
     "read_only": _readonly,
     "strided": lambda v: np.repeat(np.array(v, dtype=np.float64), 2)[::2],
     "series": lambda v: pd.Series(v, index=[3 * i + 10 for i in range(len(v))], dtype=float),
@@ -155,23 +148,17 @@ def test_stored_arrays_are_private_read_only_f64(make, via_setters):
 
 
 def test_scenario_dict_form():
-    ir = InterestRate(
-        {"base": 0.01, "stress": ([5], [0.02, 0.03]), "np": np.float64(0.02), "list": [[1, 2], [0, 0, 0]]}
-    )
-    assert ir.active_scenario == "base" and ir.scenario_names == ["base", "stress", "np", "list"]
+    ir = InterestRate({"base": 0.01, "stress": ([5], [0.02, 0.03]), "list": [[6], [0, 0]]}, term_unit="months")
+    assert ir.active_scenario == "base" and ir.scenario_names == ["base", "stress", "list"]
     assert ir.rate is None and ir.is_constant  # the active scenario is constant
-    s = ir.scenarios
-    assert all(type(v) is InterestRate and v.scenarios == {} for v in s.values())
-    assert s["stress"].terms.tolist() == [5.0] and type(s["np"].rate) is float
-    months = InterestRate({"s": ([6, 12], [0.01, 0.012, 0.013])}, term_unit="months").scenarios["s"]
-    assert months.terms.tolist() == [0.5, 1.0]
+    assert all(type(v) is InterestRate and v.scenarios == {} for v in ir.scenarios.values())
+    assert ir.scenarios["stress"].terms.tolist() == pytest.approx([5 / 12], rel=1e-15) and ir.scenarios["list"].terms.tolist() == [0.5]
 
 
 @pytest.mark.parametrize(
     "scenarios, exc, msg",
     [
         ({1: 0.01}, TypeError, "Scenario name must be a string. Found: 1"),
-        ({"ok": 0.01, 2: "x"}, TypeError, "Scenario name must be a string. Found: 2"),
         ({"bad": "x", 2: 0.01}, ValueError, "Invalid scenario format for 'bad': 'x'"),
         ({"a": True}, ValueError, "Rate value cannot be boolean."),
         (
@@ -179,9 +166,7 @@ def test_scenario_dict_form():
             ValueError,
             "Invalid scenario format for 'a': ([1], [0.01, 0.02], 'years')",
         ),
-        ({"a": -INF}, ValueError, FINITE.format(SCEN("a"), "-inf")),
         ({"ok": ([1], [0.01, 0.02]), "t": -1.0}, ValueError, RATE_MSG.format("-1.0", SCEN("t"))),
-        ({"s": ([1], [0.01, INF])}, ValueError, FINITE_AT.format(1, SCEN("s"), "inf")),
         ({"s": ([1], [0.01])}, ValueError, LEN_MSG),  # checked by the scenario's own constructor, no context
     ],
 )
@@ -198,11 +183,9 @@ def test_scenario_dict_messages(scenarios, exc, msg):
     [
         ("months", None, None, {}, [6, 12, 1], [0.5, 1.0, 1 / 12]),
         ("days", 360.0, None, {}, [365], [365 / 360]),
-        ("days", 365.25, None, {"days_per_year": 365.0}, [730], [2.0]),  # the curve's own value wins
         ("weeks", None, 52.1775, {}, [52.1775], [1.0]),
         ("weeks", None, 52.0, {}, [13], [0.25]),
         ("days", None, 52.0, {}, [1], "days_per_year is not configured"),
-        ("weeks", 365.0, None, {}, [1], "weeks_per_year is not configured"),
         ("days", 365.0, 52.0, {"days_per_year": 364.0}, [1], f"days_per_year must be one of {DAYS}, got 364.0"),
         ("weeks", 365.0, 52.0, {"weeks_per_year": 12.0}, [1], f"weeks_per_year must be one of {WEEKS}, got 12.0"),
         ("Years", 365.0, 52.0, {}, [1], UNKNOWN_UNIT("Years")),
@@ -270,7 +253,6 @@ def test_scenarios_switch_add_and_replace():
     "action, exc, msg",
     [
         (lambda ir: setattr(ir, "active_scenario", "zzz"), ValueError, "Scenario 'zzz' not found."),
-        (lambda ir: setattr(ir, "active_scenario", None), ValueError, "Scenario 'None' not found."),
         (lambda ir: ir.add_scenario("b", 0.03), TypeError, "scenario must be an InterestRate instance, got float"),
         (
             lambda ir: ir.add_scenario("b", {"c": 0.02}),
@@ -300,10 +282,8 @@ EQUAL = [
     (lambda: container("b"), lambda: container("b")),
 ]
 UNEQUAL = [
-    (lambda: InterestRate(0.03), lambda: InterestRate(0.031)),
     (lambda: InterestRate(0.03), _pw([1], [0.03, 0.03])),
     (_pw([1], [0.01, 0.02]), _pw([2], [0.01, 0.02])),
-    (_pw([1], [0.01, 0.02]), _pw([1, 1], [0.01, 0.02, 0.02])),
     (container, lambda: container("b")),
     (lambda: InterestRate({"a": 0.01}), lambda: InterestRate({"b": 0.01})),
     (lambda: InterestRate({"a": ([1], [0.01, 0.02])}), _pw([1], [0.01, 0.02])),
@@ -346,51 +326,32 @@ def test_copies_are_equal_and_independent(make, how):
     assert ir.rates is None or ir.rates.tolist() == [0.02, 0.03, 0.04]
 
 
-def test_copies_keep_shared_objects_shared():
-    cont, shared = container(), InterestRate(0.02)
-    cont.add_scenario("x", shared)
-    cont.add_scenario("y", shared)
-    dup = cont.copy()
-    assert dup.scenarios["x"] is dup.scenarios["y"] and dup.scenarios["x"] is not shared
-    pair = copy.deepcopy([cont, cont])
-    assert pair[0] is pair[1]
-
-
 # ---------------------------------------------------------------- rate guards
-
-GUARD_CASES = [  # (rate, shown by the discount guard, shown by the force guard)
-    (-1, "-1.0", "-1"),
-    (-1.5, "-1.5", "-1.5"),
-    (np.int64(-2), "-2.0", "-2"),
-    (-1e20, "-1e+20", "-1e+20"),
-    (-INF, "-inf", "-inf"),
-]
-
-
-@pytest.mark.parametrize("context", ["", " at t=2.5"])
-@pytest.mark.parametrize("rate, discount_shown, force_shown", GUARD_CASES)
-def test_rate_guards_refuse(rate, discount_shown, force_shown, context):
-    with exact(ValueError, RATE_MSG.format(discount_shown, context)):
-        InterestRate._validate_rate_for_discount(rate, context)
-    with exact(ValueError, FORCE_MSG.format(force_shown, context)):
-        InterestRate._validate_rate_for_force(rate, context)
-    assert InterestRate._validate_rate_for_discount(-0.999999) is InterestRate._validate_rate_for_force(0) is None
 
 
 @pytest.mark.parametrize(
-    "rate, context, exc, msg",
+    "guard, rate, context, exc, msg",
     [
-        ("0.1", "", TypeError, "Interest rate must be numeric, got str"),
-        (None, SCEN("x"), TypeError, "Interest rate must be numeric for scenario 'x', got NoneType"),
-        (True, "", TypeError, "Interest rate must be numeric, got bool"),
-        (-INF, " ctx", ValueError, FINITE.format(" ctx", "-inf")),
-        pytest.param(10**400, "", ValueError, FINITE.format("", str(10**400)), id="huge_int"),
+        ("discount", -1, "", ValueError, RATE_MSG.format("-1.0", "")),
+        ("discount", np.int64(-2), " at t=2.5", ValueError, RATE_MSG.format("-2.0", " at t=2.5")),
+        ("discount", -INF, "", ValueError, RATE_MSG.format("-inf", "")),
+        ("force", -1, " at t=2.5", ValueError, FORCE_MSG.format("-1", " at t=2.5")),
+        ("force", -1e20, "", ValueError, FORCE_MSG.format("-1e+20", "")),
+        ("value", None, SCEN("x"), TypeError, "Interest rate must be numeric for scenario 'x', got NoneType"),
+        ("value", True, "", TypeError, "Interest rate must be numeric, got bool"),
+        ("value", -INF, " ctx", ValueError, FINITE.format(" ctx", "-inf")),
+        ("value", 10**400, "", ValueError, FINITE.format("", str(10**400))),
     ],
 )
-def test_rate_value_validator(rate, context, exc, msg):
+def test_rate_guards(guard, rate, context, exc, msg):
+    check = {
+        "discount": InterestRate._validate_rate_for_discount,
+        "force": InterestRate._validate_rate_for_force,
+        "value": InterestRate._validate_rate_value,
+    }[guard]
     with exact(exc, msg):
-        InterestRate._validate_rate_value(rate, context)
-    assert InterestRate._validate_rate_value(-5.0, context) is None  # kind and finiteness only
+        check(rate, context)
+    assert check(-0.999999 if guard != "value" else -5.0, context) is None  # the value check: kind and finiteness
 
 
 # ---------------------------------------------------------------- prefix products and setters
@@ -423,12 +384,9 @@ def test_setters_store_and_refresh():
     [
         ("rates", [0.01, 0.02], ValueError, LEN_MSG),
         ("rates", [0.01, NAN, -2], ValueError, FINITE_AT.format(1, "", "nan")),
-        ("rates", [0.01, -1, 0.02], ValueError, RATE_MSG.format("-1.0", "")),
-        ("rates", [[0.01, 0.02, 0.03]], ValueError, RATES_1D),
         ("rates", "abc", TypeError, None),
         ("terms", [1, 0], ValueError, POSITIVE),
         ("terms", [1, INF], ValueError, TERM_AT.format(1, "inf")),
-        ("terms", [[1, 2]], ValueError, TERMS_1D),
     ],
 )
 def test_failed_assignment_leaves_curve_unchanged(attr, value, exc, msg):

@@ -5,7 +5,6 @@ import gc
 import itertools
 import math
 import re
-import warnings
 
 import numpy as np
 import pandas as pd
@@ -73,12 +72,10 @@ CURVES = {"piecewise": PW, "constant": 0.03}
         (PW, 7.5, 1.02**-5 * 1.03**-2.5),
         (PW, 12.5, 1.02**-5 * 1.03**-5 * 1.04**-2.5),
         (PW, -1, 1.0),  # piecewise curves never accumulate backwards
-        (PW, INF, 0.0),
         (0.03, -5, 1.03**5),  # constant curves do
         (((1,), (-0.5, 0.0)), 3, 2.0),
         # a segment whose 1 + r is exactly 1.0 contributes 1.0 ** x == 1.0 for every x, NaN included
         (((1,), (0.02, 0.0)), NAN, 1 / 1.02),
-        (((1,), (0.02, TINY)), NAN, 1 / 1.02),
         (0.0, NAN, 1.0),
     ],
 )
@@ -130,12 +127,8 @@ BASE, INTS = np.array([[0.5, 5.0, 7.5], [12.5, -1.0, 0.0]]), np.array([[1, 5, 7]
 FORMS = {  # each builds an input from a float base array b and an integer base array i
     "list": lambda b, i: b[0].tolist(),
     "nested": lambda b, i: b.tolist(),
-    "empty": lambda b, i: [],
     "zero_d": lambda b, i: np.array(b[0, 2]),
-    "f32": lambda b, i: b.astype(np.float32),
     "i64": lambda b, i: i.astype(np.int64),
-    "three_d": lambda b, i: np.stack([b, b[::-1]])[:, :, ::-1],
-    "read_only": lambda b, i: np.broadcast_to(b[1], (3, 3)),
     "strided": lambda b, i: b[:, ::2],
     "series": lambda b, i: pd.Series(b[0], index=[7, 3, 9]),
 }
@@ -197,7 +190,6 @@ def with_rates(rates):
     [
         ([0.02, -1.5, 0.04], [1, 7], "[1]"),
         ([0.02, 0.03, -2.0], [1, 7, 12, 20], "[2 3]"),
-        ([0.02, -1.0, 0.04], [5, 10, 10.5], "[1]"),  # a boundary belongs to the segment that ends there
         ([-1.0, -1.0, -1.0], [-1, 1e9], "[0 1]"),  # a non-positive duration counts unless all of them are
     ],
 )
@@ -210,26 +202,6 @@ def test_vn_names_positions_of_durations_in_bad_segments(rates, n, positions):
     assert close(ir.vx(7), 1.02**-5 * (-0.5) ** -2) and math.isnan(ir.vx(7.5))  # vx leaves rates unchecked
 
 
-@pytest.mark.parametrize(
-    "rate, exc, msg",
-    [
-        (-1.5, ValueError, f"Rate -1.5 {LE} -1" + TAIL),
-        (
-            NAN,
-            ValueError,
-            "Interest rate must be finite, got nan. Infinite or NaN rates are not allowed in actuarial calculations.",
-        ),
-        (None, RuntimeError, "Internal error: constant rate is None in discount_factor."),
-    ],
-)
-def test_constant_rate_checks(rate, exc, msg):
-    ir = InterestRate(0.03)
-    ir.rate = rate
-    for call in (ir.vn, ir.sn):
-        with exact(exc, msg):
-            call(2.0)
-
-
 # ---------------------------------------------------------------- vx and sn
 
 
@@ -237,9 +209,7 @@ def test_constant_rate_checks(rate, exc, msg):
     "x, x0, expected",
     [
         (7, 2, 1.02**-5),
-        (12.5, 2.5, 1.02**-5 * 1.03**-5),
         ([1, 2], 0.5, [1.02**-0.5, 1.02**-1.5]),
-        ([5], [1, 2], [1.02**-4, 1.02**-3]),
         ([[1, 7], [3, 12]], [[0, 2], [3, 0]], [[1.02**-1, 1.02**-5], [1.0, 1.02**-5 * 1.03**-5 * 1.04**-2]]),
     ],
 )
@@ -256,27 +226,14 @@ SHAPES = "Incompatible shapes for 'x' and 'x0': {} and {}. Both must have the sa
     "x, x0, msg",
     [
         ([1, -0.5], 0, "'x' contains negative values."),
-        ([1, 2, 3], [-1, 0], "'x0' contains negative values."),
         ([[1, 2], [3, 4]], [0, 1, 2, 3], SHAPES.format("(2, 2)", "(4,)")),
         (1, [0.5, 2], "All values in 'x' must be greater than or equal to 'x0'."),
-        (NAN, 0, "All values in 'x' must be greater than or equal to 'x0'."),
     ],
 )
 @pytest.mark.parametrize("curve", CURVES)
 def test_vx_messages(x, x0, msg, curve):
     with exact(ValueError, msg):
         make(CURVES[curve]).vx(x, x0)
-
-
-def test_sn_overflows_quietly_to_infinity_but_follows_the_float_power():
-    with warnings.catch_warnings():
-        warnings.simplefilter("error")
-        out = InterestRate(0.2).sn([1, 1e6])
-        assert out[1] == INF and close(out[0], 1.2) and make(PW).sn(1e6) == INF
-    for rate, n in ((0.03, -1e308), (-0.5, 2**70)):  # a scalar power that overflows raises, as ** does
-        for curve in (InterestRate(rate), InterestRate({"s": rate})):
-            with pytest.raises(OverflowError):
-                curve.sn(n)
 
 
 # ---------------------------------------------------------------- rate lookup and its cache
@@ -323,7 +280,6 @@ def test_get_rate_cache_keys_and_bound():
     [
         (2.5, [2.5, 5.0], [0.02, 0.03, 0.04]),
         (7, [3.0], [0.03, 0.04]),
-        (np.int32(5), [5.0], [0.03, 0.04]),
         (10, None, 0.04),
         (5 - 1e-13, [5.0], [0.03, 0.04]),  # within the tolerance of a boundary: the boundary
         (5 - 1e-9, [5 - (5 - 1e-9), 5.0], [0.02, 0.03, 0.04]),
@@ -372,18 +328,6 @@ def test_shift_cache():
     assert ir._ir_shifted_for_ts(7, own).terms.tolist() == [3.0] and len(own) == 1
     ir.terms = [4, 4]
     assert not own and ir._ir_shifted_for_ts(7, own).terms.tolist() == [1.0]
-
-
-@pytest.mark.parametrize(
-    "curve, ts, eps",
-    [(PW, 0, None), (PW, 1e-12, None), (PW, 0.4, 0.5), (0.03, 3, None), ({"c": 0.02, "p": PW}, 3, None)],
-)
-def test_shift_within_tolerance_or_constant_is_the_curve_itself(curve, ts, eps):
-    ir, cache = make(curve), {}
-    if eps is not None:
-        ir._meta.tolerance_eps = eps
-    assert shift_for_ts(ir, ts, cache) is ir and cache == {}
-    assert shift_for_ts(make(PW), 2e-12, {}) is not ir  # just beyond the tolerance
 
 
 @pytest.mark.parametrize(

@@ -70,15 +70,10 @@ def test_slots_defaults_and_dump_order():
     "field, given, stored",
     [
         ("days_per_year", 365, 365.0),
-        ("days_per_year", np.int64(360), 360.0),
-        ("weeks_per_year", 52, 52.0),
-        ("tolerance_eps", 0, 0.0),
         ("tolerance_eps", np.float32(0.5), 0.5),
         ("cache_maxsize", 2.9, 2),
-        ("cache_maxsize", np.float64(3.99), 3),
         ("cache_maxsize", np.int64(5), 5),
         ("perpetuity_n_eff", 3.7, 3),
-        ("perpetuity_n_eff", 1.0, 1),
     ],
 )
 def test_numeric_coercion(field, given, stored):
@@ -121,17 +116,12 @@ def test_first_failed_check_wins(i):
     "kwargs, msg",
     [
         ({"term_unit": "Years"}, unit_msg("Years")),
-        ({"term_unit": None}, unit_msg("None")),
         ({"term_unit": 5}, unit_msg("5")),
         ({"days_per_year": float("nan")}, f"days_per_year nan not in allowed set {_ALLOWED_DAYS_PER_YEAR}"),
-        ({"days_per_year": 52.0}, f"days_per_year 52.0 not in allowed set {_ALLOWED_DAYS_PER_YEAR}"),
         ({"weeks_per_year": 365.0}, f"weeks_per_year 365.0 not in allowed set {_ALLOWED_WEEKS_PER_YEAR}"),
         ({"calculation_mode": "DISCRETE_PRECISION"}, "Invalid calculation_mode: DISCRETE_PRECISION"),
-        ({"calculation_mode": 1}, "Invalid calculation_mode: 1"),
         ({"cache_maxsize": 0.5}, "cache_maxsize must be a positive integer"),
-        ({"cache_maxsize": -3}, "cache_maxsize must be a positive integer"),
         ({"tolerance_eps": float("-inf")}, "tolerance_eps must be non-negative"),
-        ({"perpetuity_n_eff": 0.9}, "perpetuity_n_eff must be a positive integer"),
     ],
 )
 def test_value_error_messages(kwargs, msg):
@@ -175,11 +165,8 @@ def test_model_copy():
     "update, exc, msg",
     [
         ({"term_unit": None}, ValueError, unit_msg("None")),
-        ({"cache_maxsize": 0}, ValueError, "cache_maxsize must be a positive integer"),
         ({"days_per_year": 300}, ValueError, f"days_per_year 300.0 not in allowed set {_ALLOWED_DAYS_PER_YEAR}"),
         ([("description", "x")], TypeError, None),
-        ("description", TypeError, None),
-        (5, TypeError, None),
     ],
 )
 def test_model_copy_rejects(update, exc, msg):

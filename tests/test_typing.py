@@ -164,24 +164,6 @@ def test_class_members_match_the_stub(module, class_name):
         assert ast.literal_eval(stub["__slots__"].value) == cls.__slots__
 
 
-@pytest.mark.parametrize(("module", "class_name"), CLASSES)
-def test_member_kinds_match_the_stub(module, class_name):
-    cls = runtime_owner(module, class_name)
-    node = stub_classes(module)[class_name]
-    slots = set(getattr(cls, "__slots__", ()))
-    for fn in functions(node.body):
-        raw = vars(cls)[fn.name]
-        assert ("staticmethod" in decorators(fn)) == (type(raw).__name__ == "nb_func"), fn.name
-        assert ("classmethod" in decorators(fn)) == isinstance(raw, classmethod), fn.name
-    defs = [fn for fn in node.body if isinstance(fn, ast.FunctionDef)]
-    getters = {fn.name for fn in defs if "property" in decorators(fn)}
-    setters = {fn.name for fn in defs if f"{fn.name}.setter" in decorators(fn)}
-    # Slots are properties at run time and plain attributes in the stub.
-    runtime = {n: v for n, v in vars(cls).items() if isinstance(v, property) and n not in slots}
-    assert getters == set(runtime)
-    assert setters == {n for n, v in runtime.items() if v.fset is not None}
-
-
 SIGNATURES = [
     pytest.param(module, class_name, fn, id=f"{module}.{class_name or ''}.{fn.name}")
     for module in MODULES
