@@ -40,11 +40,9 @@ def test_one_shared_object_with_defaults():
     "field, value, stored",
     [
         ("days_per_year", 360, 360.0),
-        ("days_per_year", np.float64(365.0), 365.0),
         ("days_per_year", None, None),
         ("days_per_year", 365.25 + 5e-10, 365.25),  # snapped to the exact constant
         ("weeks_per_year", np.float32(52.0), 52.0),
-        ("weeks_per_year", None, None),
         ("calculation_mode", "continuous_precision", "continuous_precision"),
         ("force_integer_ts", np.bool_(True), True),
     ],
@@ -59,13 +57,10 @@ def test_valid_assignment(field, value, stored):
     "field, value, exc",
     [
         ("days_per_year", "365", TypeError),
-        ("days_per_year", True, TypeError),
         ("days_per_year", 364.0, ValueError),
         ("days_per_year", 365.25 + 2e-9, ValueError),
-        ("days_per_year", float("nan"), ValueError),
         ("weeks_per_year", np.float32(52.1775), ValueError),  # float32 is ~1e-6 away
         ("calculation_mode", "exact", ValueError),
-        ("calculation_mode", 1, TypeError),
         ("force_integer_ts", 1, TypeError),
         ("decimals", 4, TypeError),
         ("decimals", {"bonds": 4}, ValueError),

@@ -152,7 +152,9 @@ def test_scenario_dict_form():
     assert ir.active_scenario == "base" and ir.scenario_names == ["base", "stress", "list"]
     assert ir.rate is None and ir.is_constant  # the active scenario is constant
     assert all(type(v) is InterestRate and v.scenarios == {} for v in ir.scenarios.values())
-    assert ir.scenarios["stress"].terms.tolist() == pytest.approx([5 / 12], rel=1e-15) and ir.scenarios["list"].terms.tolist() == [0.5]
+    assert ir.scenarios["stress"].terms.tolist() == pytest.approx([5 / 12], rel=1e-15) and ir.scenarios[
+        "list"
+    ].terms.tolist() == [0.5]
 
 
 @pytest.mark.parametrize(

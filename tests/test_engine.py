@@ -136,15 +136,6 @@ def test_textbook_annuities(n, m, timing, want):
     close(value("discrete_precision", n, m, d=5.0, timing=timing), V**5 * want)
 
 
-def test_zero_rate_and_container_curve():
-    for mode in MODES:
-        close(value(mode, 7.3, 12, 1.0, ir=InterestRate(0.0)), 7.3)  # every payment counts in full
-    ir = InterestRate({"low": 0.01, "stress": I})
-    ir.active_scenario = "stress"
-    for mode, timing in itertools.product(MODES, (0, 1)):
-        close(value(mode, 7.3, 4, 1.0, timing, ir=ir), closed_form(mode, 7.3, 4, 1.0, timing))
-
-
 # ---------------------------------------------------------------- explicit amounts and times
 
 
@@ -331,16 +322,6 @@ def test_piecewise_curves_against_brute_force(curve, n, d, m, timing, gr):
         close(math.fsum(float(x) for p in parts for x in p), want)
 
 
-@pytest.mark.parametrize("timing", [0, 1])
-def test_annual_woolhouse_is_the_exact_sum(timing):
-    # With one payment a year Woolhouse has nothing to approximate
-    ir = InterestRate(terms=PW[0], rates=PW[1])
-    close(
-        value("discrete_simplified", 9.7, 1, 1.3, timing, ir=ir, gr=GROWTHS[1]),
-        brute("discrete_precision", PW, 9.7, 1, 1.3, timing, GROWTHS[1]),
-    )
-
-
 # ---------------------------------------------------------------- native kernels
 
 
@@ -361,18 +342,6 @@ CONST = _kernels.Curve(np.array([I]), np.empty(0), np.empty(0))
         lambda: _kernels.Curve(np.array([0.01, 0.02]), np.array([1.0]), np.empty(0)),
         lambda: _kernels.Curve(np.array([0.01]), np.array([1.0]), np.array([1.0])),
         lambda: _kernels.Curve(np.empty(0), np.empty(0), np.empty(0)),
-    ],
-    ids=[
-        "m0",
-        "timing",
-        "growth-kind",
-        "negative-term",
-        "too-many-payments",
-        "count-too-many",
-        "interval-lengths",
-        "ends-length",
-        "rates-length",
-        "no-rates",
     ],
 )
 def test_kernel_bad_arguments_raise_value_error(call):
