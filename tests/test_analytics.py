@@ -181,18 +181,6 @@ def test_nominal_rate_argument_checks(curve, method, m, t, exc, msg):
         getattr(InterestRate(curve), method)(m, t)
 
 
-@pytest.mark.parametrize("method, symbol", [("i_m", "i"), ("d_m", "d")])
-def test_nominal_rates_refuse_rates_at_or_below_minus_one(method, symbol):
-    ir = with_rates(pw([5], [0.02, 0.03]), [0.02, -1.2])
-    for m in (12, 1):
-        with exact(ValueError, force_msg(-1.2, f" at t=6.0 (computing {symbol}^({m}))")):
-            getattr(ir, method)(m, t=6)
-    const = InterestRate(0.03)
-    const.rate = -1.0
-    with exact(ValueError, force_msg(-1.0, f" at t=0.0 (computing {symbol}^(4))")):
-        getattr(const, method)(4)
-
-
 def test_effective_rate_failures_and_zero_discounting():
     for t0, t1 in ((1.0, 1.0), (2.0, 1.0), (3, 3.0)):
         with exact(ValueError, "t_end must be greater than t_start"):

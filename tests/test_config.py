@@ -8,9 +8,7 @@ from typing import get_args
 import numpy as np
 import pytest
 
-from norvane.config import _ALLOWED_DAYS_PER_YEAR as DAYS
-from norvane.config import _ALLOWED_WEEKS_PER_YEAR as WEEKS
-from norvane.config import Config, _calendar_constant_allowed
+from norvane.config import Config
 from norvane.engine.annuity import _ANNUITY_CALCULATION_MODE_DISPATCH
 from norvane.engine.base import CalculationModeLiteral
 
@@ -125,24 +123,6 @@ def test_override_is_all_or_nothing(fields, exc):
     with pytest.raises(exc), Config().override(**fields):
         pytest.fail("block must not run")
     assert state() == DEFAULTS
-
-
-@pytest.mark.parametrize(
-    "value, allowed, expected",
-    [
-        (360, DAYS, True),
-        (np.float32(365.25), DAYS, True),
-        (365.0 - 9e-10, DAYS, True),
-        (365.0 - 1.1e-9, DAYS, False),
-        (52.1775, WEEKS, True),
-        (52.1775, DAYS, False),
-        (float("nan"), DAYS, False),
-        (True, (1.0,), False),
-        ("365.0", DAYS, False),
-    ],
-)
-def test_calendar_constant_allowed(value, allowed, expected):
-    assert _calendar_constant_allowed(value, allowed) is expected
 
 
 def test_modes_agree_across_modules():

@@ -11,7 +11,6 @@ from hypothesis import strategies as st
 from hypothesis.extra import numpy as hnp
 
 import norvane.helpers as h
-from norvane.growth_rates import GrowthRate
 
 NAN, INF = float("nan"), float("inf")
 A, AD = "InterestRate.a", "InterestRate.ä"
@@ -109,22 +108,6 @@ def test_validate_numeric_input_refuses(value):
         h._validate_numeric_input([[1.0], [2.0, 3.0]], method_name="InterestRate", attr_name="n")
 
 
-@pytest.mark.parametrize(
-    "seq, exc",
-    [
-        (5.0, TypeError),
-        ("abc", TypeError),
-        ([1, "x"], TypeError),
-        ([[1.0, 2.0]], ValueError),
-    ],
-)
-def test_validate_float_sequence(seq, exc):
-    with pytest.raises(exc, match=r"^\[InterestRate\] Parameter 'terms'"):
-        h._validate_float_sequence(seq=seq, method_name="InterestRate", attr_name="terms")
-    assert h._validate_float_sequence(pd.Series([5, 5]), "m", "terms").tolist() == [5.0, 5.0]
-    assert h._validate_float_sequence([], "m", "terms").shape == (0,)
-
-
 def test_validate_scalar_numeric():
     got = h._validate_scalar_numeric(np.int64(12), "m", "InterestRate.i_m", (int, np.integer), int)
     assert got == 12 and type(got) is int
@@ -193,20 +176,6 @@ def test_benefits():
             h._validate_benefits(bad, 2, A)
 
 
-@pytest.mark.parametrize(
-    "arr, kwargs, msg",
-    [
-        ([1.0, -1.0], {"allow_inf": True}, "'n' must be >= 0.0 and finite at index 1, got -1.0"),
-        ([INF, NAN], {"allow_inf": True}, "'n' must be >= 0.0 and finite at index 1, got nan"),
-        ([2.0, 0.5], {"min_val": 1}, "'n' must be >= 1.0 and finite at index 1, got 0.5"),
-    ],
-)
-def test_check_batch_param_names_first_offender(arr, kwargs, msg):
-    with exact(ValueError, "[InterestRate.a] " + msg):
-        h._check_batch_param(np.array(arr), "n", A, **kwargs)
-    assert h._check_batch_param(np.array([0.0, 3.0, INF]), "n", A, allow_inf=True) is None
-
-
 def test_collect_batch_param_errors():
     valid, messages = h._collect_batch_param_errors(
         AD, [("n", [10.0, -1.0, NAN, INF], 0.0, True), ("d", [0.0, -2.0, 0.0, 0.0], 0.0, False)]
@@ -221,34 +190,6 @@ def test_collect_batch_param_errors():
 
 
 # ------------------------------------------------------------ grouping and results
-
-
-@pytest.mark.parametrize(
-    "m, gr, N, expected",
-    [
-        (12, None, 3, {(12, None, (0, 1, 2))}),
-        (
-            np.array([12, 1, 12, 1, 12]),
-            [0.01, None, GrowthRate(0.01), 0.0, None],
-            5,
-            {(1, None, (1,)), (1, GrowthRate(0.0), (3,)), (12, GrowthRate(0.01), (0, 2)), (12, None, (4,))},
-        ),
-        (2, np.array([0.02, 0.0, 0.02]), 3, {(2, GrowthRate(0.0), (1,)), (2, GrowthRate(0.02), (0, 2))}),
-        (
-            np.array([1, 2]),
-            [GrowthRate(0.1, "arithmetic")],
-            2,
-            {(1, GrowthRate(0.1, "arithmetic"), (0,)), (2, GrowthRate(0.1, "arithmetic"), (1,))},
-        ),
-    ],
-)
-def test_group_by_frequency_and_growth(m, gr, N, expected):
-    groups = h._group_batch_m_gr_indices(m, gr, N)
-    assert {(m, g, tuple(idx.tolist())) for m, g, idx in groups} == expected
-    assert all(idx.dtype == np.int64 for *_, idx in groups) and h._group_batch_m_gr_indices(m, gr, 0) == []
-    for bad, exc in (([0.01, True], TypeError), ([0.01, -2.0], ValueError), ([0.01] * 3, ValueError)):
-        with pytest.raises(exc, match=r"^\[InterestRate\.a\] .*gr"):
-            h._group_batch_m_gr_indices(1, bad, 2, A)
 
 
 def test_unit_values_rounded_before_benefits():

@@ -130,24 +130,6 @@ def test_value_error_messages(kwargs, msg):
     assert str(excinfo.value) == msg
 
 
-@pytest.mark.parametrize(
-    "kwargs",
-    [{"term_unit": u} for u in ("years", "months", "weeks", "days")]
-    + [{"calculation_mode": m} for m in MODES]
-    + [{"days_per_year": d} for d in (360.0, 365.0, 365.25)]
-    + [
-        {"weeks_per_year": 52.0},
-        {"weeks_per_year": 52.1775},
-        {"tolerance_eps": 0.0},
-        {"cache_maxsize": 1},
-        {"perpetuity_n_eff": 1},
-        {"description": ""},
-    ],
-)
-def test_accepted_values_are_stored(kwargs):
-    assert Meta(**kwargs).model_dump() == {**DEFAULTS, **kwargs}
-
-
 def test_model_copy():
     m = Meta(**CUSTOM)
     for update in (None, {}):
