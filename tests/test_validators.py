@@ -6,9 +6,7 @@ import numpy as np
 import pytest
 
 from norvane.engine.base import Dispatcher
-from norvane.growth_rates import GrowthRate
 from norvane.validators import (
-    _resolve_gr,
     _validate_cashflow_inputs,
     _validate_frequency_and_payment_timing,
     _validate_shift_deferment_and_duration,
@@ -84,22 +82,6 @@ def cashflows(**kw):
 
 
 @pytest.mark.parametrize(
-    "kw, n_amounts",
-    [
-        ({"cashflow_amounts": [100, 110, 121]}, 3),
-        ({"cashflow_amounts": np.ones(5), "n": 2.5, "m": 2}, 5),  # a pro-rata last payment counts
-        ({"cashflow_amounts": np.ones(50), "n": 4.1, "m": 12}, 50),  # 49.199999999999996 -> 50
-        ({"cashflow_amounts": np.ones(27), "n": 27 / 13, "m": 13}, 27),  # 27.000000000000004 -> 27
-        ({"cashflow_times": (1, 1, 2), "cashflow_amounts": [3, -4, 5], "calculation_mode": "continuous_precision"}, 3),
-    ],
-)
-def test_cashflow_inputs_accepted(kw, n_amounts):
-    times, amounts = cashflows(**kw)
-    assert amounts.dtype == np.float64 and amounts.shape == (n_amounts,)
-    assert (times is None) == ("cashflow_times" not in kw)
-
-
-@pytest.mark.parametrize(
     "kw, exc, text",
     [
         (
@@ -124,12 +106,3 @@ def test_cashflow_inputs_accepted(kw, n_amounts):
 def test_cashflow_inputs_refused(kw, exc, text):
     with raises(exc, text):
         cashflows(**kw)
-
-
-def test_resolve_gr():
-    g = GrowthRate(0.1, "arithmetic")
-    assert _resolve_gr(None) is None and _resolve_gr(g) is g
-    assert _resolve_gr(np.float32(0.5)) == GrowthRate(0.5) and _resolve_gr(0) == GrowthRate(0.0, "geometric")
-    for bad, exc in ((True, TypeError), ("0.02", TypeError), ([0.02], TypeError), (-1.0, ValueError)):
-        with raises(exc, "'gr'"):
-            _resolve_gr(bad, "InterestRate.a")
