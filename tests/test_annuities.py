@@ -191,7 +191,7 @@ def piecewise_df(t):
 @pytest.mark.parametrize("due", [True, False])
 @pytest.mark.parametrize(
     ("ts", "d", "n", "m"),
-    [(3.0, 0.0, 10.0, 1), (3.0, 5.0, 10.0, 2), (1.5, 0.5, 6.0, 4), (7.0, 2.0, 8.0, 12), (2.0, 0.0, 8.0, 1)],
+    [(3.0, 0.0, 10.0, 1), (3.0, 5.0, 10.0, 2), (1.5, 0.5, 6.0, 4), (7.0, 2.0, 8.0, 12), (0.25, 0.0, 8.0, 4)],
 )
 def test_ts_shift_on_piecewise_curve(due, ts, d, n, m):
     curve = InterestRate(terms=[2.0, 3.0], rates=list(PIECEWISE_RATES))
@@ -203,6 +203,8 @@ def test_ts_shift_on_piecewise_curve(due, ts, d, n, m):
     times = ts + d_eff + k / m
     expected = sum(piecewise_df(t) for t in times) / piecewise_df(ts) / m
     assert value == pytest.approx(expected, abs=TOL)
+    batch = annuity(curve, due, ts=[ts, ts], d=d, n=n, m=m)  # the portfolio kernel shifts the same way
+    assert batch.tolist() == pytest.approx([expected] * 2, abs=TOL)
 
 
 # ---------------------------------------------------------------- native paths agree with the engine

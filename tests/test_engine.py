@@ -197,6 +197,8 @@ def test_rounding(mode):
     got = value(mode, 7.3, 12, 1.0, 1, decimals=4)
     assert got == np.round(exact, 4) and got != exact
     assert value(mode, 7.3, 12, 1.0, 1, decimals=0) == np.round(exact)
+    # Without interest 2.5 and 3.5 years pay exactly 2.5 and 3.5: halves round to even, as NumPy does
+    assert [value(mode, n, 2, ir=InterestRate(0.0), decimals=0) for n in (2.5, 3.5)] == [2.0, 4.0]
 
 
 @pytest.mark.parametrize("mode", MODES)
