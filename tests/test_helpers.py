@@ -123,19 +123,59 @@ def test_validate_scalar_numeric():
 @pytest.mark.parametrize(
     "check, args, exc, text",
     [
-        (h._validate_on_error_batch_only, ("nan", False), ValueError, "on_error='nan' requires batch mode"),
-        (h._validate_record_ids_batch_only, (["p1"], False, 1), ValueError, "record_ids requires batch mode"),
-        (h._validate_record_ids_batch_only, (["a"], True, 2), ValueError, "expected 2, got 1"),
-        (h._validate_record_ids_batch_only, ("ab", True, 2), TypeError, "got str"),
-        (h._validate_t_output, ([0, 1], True, False), ValueError, "t_output requires batch mode"),
+        (
+            h._validate_on_error_batch_only,
+            ("nan", False),
+            ValueError,
+            "on_error='nan' requires batch mode (array n, d, ts, m, or gr).",
+        ),
+        (
+            h._validate_record_ids_batch_only,
+            (["p1"], False, 1),
+            ValueError,
+            "record_ids requires batch mode (array n, d, ts, m, or gr).",
+        ),
+        (
+            h._validate_record_ids_batch_only,
+            (["a"], True, 2),
+            ValueError,
+            "'record_ids' must have one id per policy: expected 2, got 1.",
+        ),
+        (
+            h._validate_record_ids_batch_only,
+            ("ab", True, 2),
+            TypeError,
+            "'record_ids' must be a sequence with one id per policy, got str.",
+        ),
+        (
+            h._validate_t_output,
+            ([0, 1], True, False),
+            ValueError,
+            "t_output requires batch mode (array n, d, ts, m, or gr).",
+        ),
         (h._validate_t_output, ([0, 1], False, True), ValueError, "t_output requires return_flows=True."),
-        (h._validate_t_output, ([0.0, NAN], True, True), ValueError, "must be finite and >= 0 at index 1, got nan."),
-        (h._validate_t_output, ([0.0, 1.0, 1.0], True, True), ValueError, "increasing, got 1.0 after 1.0 at index 2."),
-        (h._validate_t_output, (1.0, True, True), TypeError, "must be a sequence of real numbers"),
+        (
+            h._validate_t_output,
+            ([0.0, NAN], True, True),
+            ValueError,
+            "'t_output' must be finite and >= 0 at index 1, got nan.",
+        ),
+        (
+            h._validate_t_output,
+            ([0.0, 1.0, 1.0], True, True),
+            ValueError,
+            "'t_output' must be strictly increasing, got 1.0 after 1.0 at index 2.",
+        ),
+        (
+            h._validate_t_output,
+            (1.0, True, True),
+            TypeError,
+            "Parameter 't_output' must be a sequence of real numbers, not a single value.",
+        ),
     ],
 )
 def test_batch_only_arguments_refused(check, args, exc, text):
-    with pytest.raises(exc, match=r"^\[InterestRate\.a\] .*" + re.escape(text)):
+    with pytest.raises(exc, match=r"^\[InterestRate\.a\] " + re.escape(text) + "$"):
         check(*args, A)
 
 
@@ -146,16 +186,16 @@ def test_batch_only_arguments_refused(check, args, exc, text):
         ([12], 3, 12),
         ([1, 12, 4], 3, [1, 12, 4]),
         (pd.Series([365, 52]), 2, [365, 52]),
-        (5, 1, (ValueError, "'m' must be one of")),
-        ([1, 5], 2, (ValueError, "at index 1, got 5")),
-        ([1, 12], 3, (ValueError, "Incompatible batch lengths: m=2")),
-        (12.0, 1, (TypeError, "got float")),
-        ([1.0, 12.0], 2, (TypeError, "integers")),
+        (5, 1, (ValueError, "'m' must be one of (1, 2, 3, 4, 6, 12, 13, 24, 26, 52, 365), got 5.")),
+        ([1, 5], 2, (ValueError, "'m' must be one of (1, 2, 3, 4, 6, 12, 13, 24, 26, 52, 365) at index 1, got 5.")),
+        ([1, 12], 3, (ValueError, "Incompatible batch lengths: m=2, expected 3 or 1 (broadcast).")),
+        (12.0, 1, (TypeError, "'m' must be an integer payment frequency, got float.")),
+        ([1.0, 12.0], 2, (TypeError, "'m' must contain integers, got dtype float64.")),
     ],
 )
 def test_resolve_batch_m(m, N, expected):
     if isinstance(expected, tuple):
-        with pytest.raises(expected[0], match=r"^\[InterestRate\.a\] .*" + re.escape(expected[1])):
+        with pytest.raises(expected[0], match=r"^\[InterestRate\.a\] " + re.escape(expected[1]) + "$"):
             h._resolve_batch_m(m, N, A)
         return
     got = h._resolve_batch_m(m, N, A)
@@ -229,13 +269,13 @@ def test_aggregate_flows_match_reference_binning(parts, grid):
         (1.0, 2.0, 1, 3, 1),
         (0.5, 1.5, 12, 24, 6),
         (0.0, 27 / 13, 13, 30, 3),  # 27.000000000000004 payments are 27
-        (0.0, 3.0, 1, 2, "lists 2 amounts but 3 payments remain"),
-        (0.0, INF, 1, 3, "finite"),
+        (0.0, 3.0, 1, 2, "'cashflow_amounts' lists 2 amounts but 3 payments remain at ts=0.0."),
+        (0.0, INF, 1, 3, "'cashflow_amounts' requires a finite term 'n'."),
     ],
 )
 def test_cashflow_amounts_skip(ts, n_eff, m, n_amounts, skip):
     if isinstance(skip, str):
-        with pytest.raises(ValueError, match=r"^\[InterestRate\.ä\] .*" + re.escape(skip)):
+        with pytest.raises(ValueError, match=r"^\[InterestRate\.ä\] " + re.escape(skip) + "$"):
             h._cashflow_amounts_payment_skip(ts, n_eff, AD, m, n_amounts)
     else:
         assert h._cashflow_amounts_payment_skip(ts, n_eff, AD, m, n_amounts) == skip
