@@ -84,7 +84,6 @@ def test_as_f64_safe_special_inputs(x, expected):
     [
         (3, [3.0], True),
         (np.array(4.0), [4.0], True),
-        (NAN, [NAN], True),
         ([7.0], [7.0], False),
         ([[1, 2], [3, 4]], [[1.0, 2.0], [3.0, 4.0]], False),
         (pd.Series([0.5, NAN]), [0.5, NAN], False),
@@ -120,54 +119,28 @@ def test_validate_scalar_numeric():
 # ------------------------------------------------------------ batch checks
 
 
+ON_ERROR, IDS, GRID = h._validate_on_error_batch_only, h._validate_record_ids_batch_only, h._validate_t_output
+BATCH_ONLY = " requires batch mode (array n, d, ts, m, or gr)."
+
+
 @pytest.mark.parametrize(
     "check, args, exc, text",
     [
+        (ON_ERROR, ("nan", False), ValueError, "on_error='nan'" + BATCH_ONLY),
+        (IDS, (["p1"], False, 1), ValueError, "record_ids" + BATCH_ONLY),
+        (IDS, (["a"], True, 2), ValueError, "'record_ids' must have one id per policy: expected 2, got 1."),
+        (IDS, ("ab", True, 2), TypeError, "'record_ids' must be a sequence with one id per policy, got str."),
+        (GRID, ([0, 1], True, False), ValueError, "t_output" + BATCH_ONLY),
+        (GRID, ([0, 1], False, True), ValueError, "t_output requires return_flows=True."),
+        (GRID, ([0.0, NAN], True, True), ValueError, "'t_output' must be finite and >= 0 at index 1, got nan."),
         (
-            h._validate_on_error_batch_only,
-            ("nan", False),
-            ValueError,
-            "on_error='nan' requires batch mode (array n, d, ts, m, or gr).",
-        ),
-        (
-            h._validate_record_ids_batch_only,
-            (["p1"], False, 1),
-            ValueError,
-            "record_ids requires batch mode (array n, d, ts, m, or gr).",
-        ),
-        (
-            h._validate_record_ids_batch_only,
-            (["a"], True, 2),
-            ValueError,
-            "'record_ids' must have one id per policy: expected 2, got 1.",
-        ),
-        (
-            h._validate_record_ids_batch_only,
-            ("ab", True, 2),
-            TypeError,
-            "'record_ids' must be a sequence with one id per policy, got str.",
-        ),
-        (
-            h._validate_t_output,
-            ([0, 1], True, False),
-            ValueError,
-            "t_output requires batch mode (array n, d, ts, m, or gr).",
-        ),
-        (h._validate_t_output, ([0, 1], False, True), ValueError, "t_output requires return_flows=True."),
-        (
-            h._validate_t_output,
-            ([0.0, NAN], True, True),
-            ValueError,
-            "'t_output' must be finite and >= 0 at index 1, got nan.",
-        ),
-        (
-            h._validate_t_output,
+            GRID,
             ([0.0, 1.0, 1.0], True, True),
             ValueError,
             "'t_output' must be strictly increasing, got 1.0 after 1.0 at index 2.",
         ),
         (
-            h._validate_t_output,
+            GRID,
             (1.0, True, True),
             TypeError,
             "Parameter 't_output' must be a sequence of real numbers, not a single value.",
