@@ -7,7 +7,6 @@ import math
 import operator
 import pickle
 import re
-from types import SimpleNamespace as NS
 
 import numpy as np
 import pandas as pd
@@ -15,8 +14,6 @@ import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
 
-from norvane.config import _ALLOWED_DAYS_PER_YEAR as DAYS
-from norvane.config import _ALLOWED_WEEKS_PER_YEAR as WEEKS
 from norvane.config import Config
 from norvane.interest_rates import InterestRate
 
@@ -176,33 +173,19 @@ def test_scenario_dict_messages(scenarios, exc, msg):
 
 
 @pytest.mark.parametrize(
-    "unit, days, weeks, meta, values, expected",
+    "unit, days, weeks, values, expected",
     [
-        ("months", None, None, {}, [6, 12, 1], [0.5, 1.0, 1 / 12]),
-        ("days", 360.0, None, {}, [365], [365 / 360]),
-        ("weeks", None, 52.1775, {}, [52.1775], [1.0]),
-        ("weeks", None, 52.0, {}, [13], [0.25]),
-        ("days", None, 52.0, {}, [1], "days_per_year is not configured"),
-        ("days", 365.0, 52.0, {"days_per_year": 364.0}, [1], f"days_per_year must be one of {DAYS}, got 364.0"),
-        ("weeks", 365.0, 52.0, {"weeks_per_year": 12.0}, [1], f"weeks_per_year must be one of {WEEKS}, got 12.0"),
-        ("Years", 365.0, 52.0, {}, [1], UNKNOWN_UNIT("Years")),
+        ("months", None, None, [6, 12, 1], [0.5, 1.0, 1 / 12]),
+        ("days", 360.0, None, [365], [365 / 360]),
+        ("weeks", None, 52.1775, [52.1775], [1.0]),
+        ("weeks", 365.0, 52.0, [13], [0.25]),
     ],
 )
-def test_term_units(unit, days, weeks, meta, values, expected):
-    args = (unit, NS(days_per_year=days, weeks_per_year=weeks), meta.get("days_per_year"), meta.get("weeks_per_year"))
-    if isinstance(expected, str):
-        with exact(ValueError, expected):
-            InterestRate._get_term_unit_factor(*args)
-        return
+def test_term_units(unit, days, weeks, values, expected):
     cfg = Config()
-    cfg.days_per_year, cfg.weeks_per_year = days, weeks
-    ir = InterestRate(0.03)
-    for field, value in meta.items():
-        setattr(ir._meta, field, value)
-    assert ir._to_years(np.array(values, dtype=float), unit).tolist() == pytest.approx(expected, rel=1e-15)
-    if not meta:
-        built = InterestRate(terms=values, rates=[0.01] * (len(values) + 1), term_unit=unit)
-        assert built.terms.tolist() == pytest.approx(expected, rel=1e-15)
+    cfg.days_per_year, cfg.weeks_per_year = days, weeks  # only the unit at hand may be consulted
+    ir = InterestRate(terms=values, rates=[0.01] * (len(values) + 1), term_unit=unit)
+    assert ir.terms.tolist() == pytest.approx(expected, rel=1e-15)
 
 
 def test_calendar_is_read_at_conversion_time():

@@ -175,33 +175,6 @@ def test_non_numeric_input_is_a_type_error_naming_the_parameter(bad, call, name,
         call(make(CURVES[curve]), bad)
 
 
-# ---------------------------------------------------------------- rates at or below -1
-
-
-def with_rates(rates):
-    ir = make(PW)
-    ir._rates = np.array(rates, dtype=float)  # construction refuses such rates
-    ir._invalidate_caches()  # the one-plus-rate factors are rebuilt from the new rates on the next call
-    return ir
-
-
-@pytest.mark.parametrize(
-    "rates, n, positions",
-    [
-        ([0.02, -1.5, 0.04], [1, 7], "[1]"),
-        ([0.02, 0.03, -2.0], [1, 7, 12, 20], "[2 3]"),
-        ([-1.0, -1.0, -1.0], [-1, 1e9], "[0 1]"),  # a non-positive duration counts unless all of them are
-    ],
-)
-def test_vn_names_positions_of_durations_in_bad_segments(rates, n, positions):
-    for call in (lambda ir: ir.vn(n), lambda ir: ir.sn(n)):
-        with exact(ValueError, f"Rates {LE} -1 at indices {positions}" + TAIL):
-            call(with_rates(rates))
-    ir = with_rates([0.02, -1.5, 0.04])
-    assert_all_close(ir.vn([1, 2]), [1.02**-1, 1.02**-2])  # segment 1 is never reached
-    assert close(ir.vx(7), 1.02**-5 * (-0.5) ** -2) and math.isnan(ir.vx(7.5))  # vx leaves rates unchecked
-
-
 # ---------------------------------------------------------------- vx and sn
 
 
@@ -243,15 +216,7 @@ STEPS = ((1.0, 2.0), (0.01, 0.015, 0.02))
 
 @pytest.mark.parametrize(
     "t, expected",
-    [
-        (1.0, 0.01),
-        (np.nextafter(1.0, 2.0), 0.015),
-        (3, 0.015),
-        (3.5, 0.02),
-        (INF, 0.02),
-        (0, 0.01),
-        (np.float32(1.5), 0.015),
-    ],
+    [(1.0, 0.01), (np.nextafter(1.0, 2.0), 0.015), (3.5, 0.02), (INF, 0.02), (0, 0.01), (np.float32(1.5), 0.015)],
 )
 def test_get_rate_segments(t, expected):
     got = make(STEPS).get_rate(t)
