@@ -20,20 +20,15 @@ from norvane.interest_rates import InterestRate
 NAN, INF = float("nan"), float("inf")
 LE = "\u2264"  # the messages use the less-than-or-equal sign, not "<="
 RATE_MSG = "Rate {} " + LE + " -1{}: (1+i) must be positive for discount factor computation per actuarial standards"
-FORCE_MSG = (
-    "Cannot calculate force of interest: rate {} " + LE + " -1{} would make ln(1 + i) undefined per actuarial standards"
-)
 FINITE = "Interest rate must be finite{}, got {}. Infinite or NaN rates are not allowed in actuarial calculations."
 FINITE_AT = "Interest rate must be finite at position {}{}, got {}. Infinite or NaN rates are not allowed in actuarial calculations."
 TERM_AT = "Term length must be finite at position {}, got {}."
 LEN_MSG = "For piecewise rates, rates must have length terms+1 (last rate applies indefinitely)"
 ARGS_MSG = "Invalid arguments: provide either a float rate, terms and rates, or a dictionary of scenarios."
 UNIT_MSG = "Invalid term_unit: hours. Must be one of ('years', 'months', 'weeks', 'days')"
-RATES_1D, TERMS_1D = (f"{x} must be a one-dimensional sequence of numerics." for x in ("rates", "terms"))
 POSITIVE, EMPTY = "All terms must be positive", "terms and rates must not be empty"
 NESTED = "Nested multi-scenario InterestRate is not allowed. Add only simple scenarios (constant or piecewise)."
 SCEN = " for scenario '{}'".format
-UNKNOWN_UNIT = "Unknown term unit: {}. Valid units: years, months, weeks, days.".format
 
 
 def exact(exc, msg):

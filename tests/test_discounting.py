@@ -16,8 +16,6 @@ from norvane.interest_rates import InterestRate
 from norvane.interest_rates import _interest_rate_shifted_for_ts as shift_for_ts
 
 NAN, INF = float("nan"), float("inf")
-LE = "\u2264"
-TAIL = ": (1+i) must be positive for discount factor computation per actuarial standards"
 FAST = settings(max_examples=60, deadline=None, suppress_health_check=[HealthCheck.too_slow])
 
 
@@ -59,7 +57,7 @@ def assert_all_close(got, want, rel=1e-13):  # NaN matches NaN, infinities must 
     np.testing.assert_allclose(np.ravel(got).astype(float), np.ravel(want).astype(float), rtol=rel, atol=0)
 
 
-PW, TINY = ((5, 5), (0.02, 0.03, 0.04)), 1e-300
+PW = ((5, 5), (0.02, 0.03, 0.04))
 CURVES = {"piecewise": PW, "constant": 0.03}
 
 

@@ -19,7 +19,6 @@ from norvane.interest_rates import InterestRate
 
 MODES = ("discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified")
 PRECISION = ("discrete_precision", "continuous_precision")
-SIMPLIFIED = ("discrete_simplified", "continuous_simplified")
 COMPONENTS = ("due", "immediate", "fractional", "fractional_tail")
 I = 0.03
 V, D, DELTA = 1 / (1 + I), I / (1 + I), math.log(1 + I)
