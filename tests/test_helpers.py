@@ -51,7 +51,9 @@ def test_as_f64_safe_equals_float64_cast(arr, form):
     "x, expected",
     [
         (np.uint64(2**64 - 1), 2.0**64),
+        (np.array(4.0), 4.0),
         (range(3), [0.0, 1.0, 2.0]),
+        ([[1, 2], [3, 4]], [[1.0, 2.0], [3.0, 4.0]]),
         (np.array([1, 2**62], dtype=object), [1.0, 2.0**62]),
         (pd.Series([4, None], dtype="Int64"), [4.0, NAN]),
         (np.ma.array([1.0, 2.0], mask=[False, True]), [1.0, NAN]),
@@ -72,27 +74,14 @@ def test_as_f64_safe_special_inputs(x, expected):
     out = h._as_f64_safe(x)
     assert out.dtype == np.float64 and out.flags.c_contiguous
     np.testing.assert_array_equal(out, expected)
+    arr, is_scalar = h._validate_numeric_input(x)  # a 0-d array is a single number, [x] is not
+    assert is_scalar == (np.ndim(expected) == 0)
+    np.testing.assert_array_equal(arr, np.reshape(out, arr.shape))
     a = np.arange(6.0)
     assert h._as_f64_safe(a) is a and not np.shares_memory(h._as_f64_safe(a[::2]), a)  # copies only when needed
 
 
 # ------------------------------------------------------------ single values
-
-
-@pytest.mark.parametrize(
-    "value, expected, scalar",
-    [
-        (3, [3.0], True),
-        (np.array(4.0), [4.0], True),
-        ([7.0], [7.0], False),
-        ([[1, 2], [3, 4]], [[1.0, 2.0], [3.0, 4.0]], False),
-        (pd.Series([0.5, NAN]), [0.5, NAN], False),
-    ],
-)
-def test_validate_numeric_input(value, expected, scalar):
-    arr, is_scalar = h._validate_numeric_input(value)
-    assert is_scalar is scalar and arr.dtype == np.float64
-    np.testing.assert_array_equal(arr, expected)
 
 
 @pytest.mark.parametrize("value", [True, np.bool_(True), "1", None, 1j, [1.0, "a"], [True, 2.0], object()])
