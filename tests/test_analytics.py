@@ -2,10 +2,10 @@
 information, the validation report and the curve analysis."""
 
 import math
-import re
 
 import numpy as np
 import pytest
+from reference import discount, exact
 
 from norvane.interest_rates import InterestRate
 
@@ -15,26 +15,12 @@ PW = ([5, 5], [0.02, 0.03, 0.04])
 POLICY = {"flat_or_piecewise_discount": True, "multi_scenario_curves": False}
 
 
-def exact(exc, msg):
-    return pytest.raises(exc, match="^" + re.escape(msg) + "$")
-
-
 def pw(terms=PW[0], rates=PW[1]):
     return InterestRate(terms=list(terms), rates=list(rates))
 
 
 def props(rate):
     return {"is_zero": rate == 0.0, "is_negative": rate < 0.0, "is_positive": rate > 0.0}
-
-
-def ref_v(terms, rates, t):
-    """Discount factor from 0 to t, one ** per segment crossed."""
-    v, start = 1.0, 0.0
-    for length, r in zip(terms, rates):
-        if t <= start + length:
-            return v * (1 + r) ** -(t - start)
-        v, start = v * (1 + r) ** -length, start + length
-    return v * (1 + rates[-1]) ** -(t - start)
 
 
 def same(got, want):
@@ -83,8 +69,8 @@ def test_average_force_and_effective_rate_from_discount_factors(curve, t0, t1):
     terms, rates = curve
     ir = pw(terms, rates) if terms else InterestRate(rates[0])
     force, rate = ir.get_average_force(t1), ir.get_effective_rate(t0, t1)
-    assert type(force) is float and force == pytest.approx(-math.log(ref_v(terms, rates, t1)) / t1, rel=1e-12, abs=0)
-    want = (ref_v(terms, rates, t1) / ref_v(terms, rates, t0)) ** (
+    assert type(force) is float and force == pytest.approx(-math.log(discount(terms, rates, t1)) / t1, rel=1e-12, abs=0)
+    want = (discount(terms, rates, t1) / discount(terms, rates, t0)) ** (
         -1 / (t1 - t0)
     ) - 1  # exactly 0.0 without discounting
     assert type(rate) is float and rate == pytest.approx(want, rel=1e-10, abs=0)
@@ -223,7 +209,7 @@ def test_piecewise_report_and_analysis(terms, rates, shape):
             "rate_range": {"min": min(rates), "max": max(rates), "spread": max(rates) - min(rates)},
             "rate_properties": counts | {"all_finite": True},
             "curve_properties": shape_of,
-            "key_discount_factors": {f"{n}y": ref_v(terms, rates, n) for n in (1, 5, 10, 30)},
+            "key_discount_factors": {f"{n}y": discount(terms, rates, n) for n in (1, 5, 10, 30)},
         },
     )
 

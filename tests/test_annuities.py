@@ -2,6 +2,7 @@
 
 import numpy as np
 import pytest
+from reference import discount
 
 from norvane.config import Config
 from norvane.interest_rates import InterestRate
@@ -149,14 +150,7 @@ def test_zero_effective_term(ir, mode, due, kwargs):
         assert flows["time_grid"].size == 0 and flows["pv_cf"].size == 0
 
 
-PIECEWISE_BOUNDS = np.array([0.0, 2.0, 5.0])
-PIECEWISE_RATES = np.array([0.02, 0.04, 0.05])
-
-
-def piecewise_df(t):
-    ends = np.append(PIECEWISE_BOUNDS[1:], np.inf)
-    spent = np.clip(t - PIECEWISE_BOUNDS, 0.0, ends - PIECEWISE_BOUNDS)
-    return float(np.prod((1.0 + PIECEWISE_RATES) ** -spent))
+PIECEWISE_RATES = [0.02, 0.04, 0.05]
 
 
 @pytest.mark.parametrize("due", [True, False])
@@ -165,14 +159,16 @@ def piecewise_df(t):
     [(3.0, 0.0, 10.0, 1), (3.0, 5.0, 10.0, 2), (1.5, 0.5, 6.0, 4), (7.0, 2.0, 8.0, 12), (0.25, 0.0, 8.0, 4)],
 )
 def test_ts_shift_on_piecewise_curve(due, ts, d, n, m):
-    curve = InterestRate(terms=[2.0, 3.0], rates=list(PIECEWISE_RATES))
+    curve = InterestRate(terms=[2.0, 3.0], rates=PIECEWISE_RATES)
     d_eff, n_eff = max(0.0, d - ts), max(0.0, n - max(0.0, ts - d))
     value = annuity(curve, due, ts=ts, d=d, n=n, m=m)
     shifted = annuity(curve.shifted(ts), due, d=d_eff, n=n_eff, m=m)
     assert value == pytest.approx(shifted, abs=1e-12)
     k = np.arange(round(n_eff * m)) + (0 if due else 1)
     times = ts + d_eff + k / m
-    expected = sum(piecewise_df(t) for t in times) / piecewise_df(ts) / m
+    expected = (
+        sum(discount([2.0, 3.0], PIECEWISE_RATES, t) for t in times) / discount([2.0, 3.0], PIECEWISE_RATES, ts) / m
+    )
     assert value == pytest.approx(expected, abs=TOL)
     batch = annuity(curve, due, ts=[ts, ts], d=d, n=n, m=m)  # the portfolio kernel shifts the same way
     assert batch.tolist() == pytest.approx([expected] * 2, abs=TOL)

@@ -6,13 +6,13 @@ import itertools
 import math
 import operator
 import pickle
-import re
 
 import numpy as np
 import pandas as pd
 import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
+from reference import exact
 
 from norvane.config import Config
 from norvane.interest_rates import InterestRate
@@ -29,10 +29,6 @@ UNIT_MSG = "Invalid term_unit: hours. Must be one of ('years', 'months', 'weeks'
 POSITIVE, EMPTY = "All terms must be positive", "terms and rates must not be empty"
 NESTED = "Nested multi-scenario InterestRate is not allowed. Add only simple scenarios (constant or piecewise)."
 SCEN = " for scenario '{}'".format
-
-
-def exact(exc, msg):
-    return pytest.raises(exc, match="^" + re.escape(msg) + "$")
 
 
 def pw():

@@ -11,6 +11,7 @@ import pandas as pd
 import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
+from reference import discount, exact
 
 from norvane.interest_rates import InterestRate
 from norvane.interest_rates import _interest_rate_shifted_for_ts as shift_for_ts
@@ -19,28 +20,13 @@ NAN, INF = float("nan"), float("inf")
 FAST = settings(max_examples=60, deadline=None, suppress_health_check=[HealthCheck.too_slow])
 
 
-def exact(exc, msg):
-    return pytest.raises(exc, match="^" + re.escape(msg) + "$")
-
-
 def make(curve):
     """A constant curve from a number, a piecewise one from (terms, rates)."""
     return InterestRate(terms=list(curve[0]), rates=list(curve[1])) if isinstance(curve, tuple) else InterestRate(curve)
 
 
 def ref_v(curve, n):
-    """Discount factor walking the segments one by one, one math.pow per segment."""
-    if not isinstance(curve, tuple):  # constant: the formula holds for every n, a zero rate ignores n
-        return 1.0 if curve == 0.0 else math.pow(1.0 + curve, -n)
-    if n <= 0.0:
-        return 1.0
-    (terms, rates), v, start = curve, 1.0, 0.0
-    for t, r in zip(terms, rates):
-        if n <= start + t:
-            return v * math.pow(1.0 + r, -(n - start))
-        v *= math.pow(1.0 + r, -t)
-        start += t
-    return v * math.pow(1.0 + rates[-1], -(n - start))  # NaN and durations past the last term
+    return discount(*curve, n) if isinstance(curve, tuple) else discount([], [curve], n)
 
 
 def ref_rate(curve, t):

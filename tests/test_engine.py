@@ -11,6 +11,7 @@ import numpy as np
 import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
+from reference import discount
 
 from norvane import _kernels
 from norvane.engine.annuity import _ANNUITY_CALCULATION_MODE_DISPATCH as ENGINE
@@ -206,18 +207,6 @@ def test_zero_term(mode):
 # ---------------------------------------------------------------- piecewise curves, brute force
 
 
-def pw_v(curve, t):
-    """Discount factor: a product over the segments crossed, each factor with **."""
-    terms, rates = curve
-    v, start = 1.0, 0.0
-    for length, r in zip(terms, rates):
-        if t <= start + length:
-            return v * (1 + r) ** -(t - start)
-        v *= (1 + r) ** -length
-        start += length
-    return v * (1 + rates[-1]) ** -(t - start)
-
-
 def pw_integral(curve, a, b):
     """Integral of v over [a, b], split at the segment ends, exact on each piece."""
     terms, rates = curve
@@ -227,7 +216,7 @@ def pw_integral(curve, a, b):
     for x0, x1 in zip(cuts, cuts[1:]):
         r = rates[next((j for j, e in enumerate(ends) if (x0 + x1) / 2 <= e), len(terms))]
         delta = math.log1p(r)
-        total.append(pw_v(curve, x0) * (x1 - x0 if delta == 0 else -math.expm1(-delta * (x1 - x0)) / delta))
+        total.append(discount(*curve, x0) * (x1 - x0 if delta == 0 else -math.expm1(-delta * (x1 - x0)) / delta))
     return math.fsum(total)
 
 
@@ -245,17 +234,17 @@ def brute(mode, curve, n, m, d, timing, gr):
     gf = growth_factor(gr)
     pays = payments(n, m, d, timing, gf)
     if mode == "discrete_precision":
-        return math.fsum(a * pw_v(curve, t) for _, t, a in pays)
+        return math.fsum(a * discount(*curve, t) for _, t, a in pays)
     if mode == "continuous_precision":
         return math.fsum(gf(j) * pw_integral(curve, d + j, min(d + j + 1, d + n)) for j in range(math.ceil(n)))
     k = math.floor(n)
-    due = math.fsum(gf(j) * pw_v(curve, d + j) for j in range(k))
-    imm = math.fsum(gf(j) * pw_v(curve, d + j + 1) for j in range(k))
+    due = math.fsum(gf(j) * discount(*curve, d + j) for j in range(k))
+    imm = math.fsum(gf(j) * discount(*curve, d + j + 1) for j in range(k))
     if mode == "continuous_simplified":
         return (due + imm) / 2 + gf(k) * pw_integral(curve, d + k, d + n)
     c = (m - 1) / (2 * m)
     whole = due - c * (due - imm) if timing == 0 else imm + c * (due - imm)
-    return whole + math.fsum(a * pw_v(curve, t) for idx, t, a in pays if idx >= k * m)
+    return whole + math.fsum(a * discount(*curve, t) for idx, t, a in pays if idx >= k * m)
 
 
 curves = st.integers(1, 4).flatmap(

@@ -9,15 +9,12 @@ import pytest
 from hypothesis import given
 from hypothesis import strategies as st
 from hypothesis.extra import numpy as hnp
+from reference import exact
 
 import norvane.helpers as h
 
 NAN, INF = float("nan"), float("inf")
 A, AD = "InterestRate.a", "InterestRate.ä"
-
-
-def exact(exc, msg):
-    return pytest.raises(exc, match="^" + re.escape(msg) + "$")
 
 
 # ------------------------------------------------------------ h._as_f64_safe
