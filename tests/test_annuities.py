@@ -7,6 +7,7 @@ from reference import discount
 from norvane.config import Config
 from norvane.interest_rates import InterestRate
 
+NAN, INF = float("nan"), float("inf")
 I = 0.03
 V = 1.0 / (1.0 + I)
 D = I / (1.0 + I)
@@ -77,46 +78,116 @@ def test_keyword_only_signature(ir):
             call()
 
 
-@pytest.mark.parametrize("method", ["a", "ä"])
-@pytest.mark.parametrize(
-    ("extra", "first"),  # the batch-only arguments are checked in this order, benefits last
-    [
-        ({"on_error": "nan", "record_ids": ["p1"], "t_output": np.arange(5.0), "benefits": [1.0]}, "on_error='nan'"),
-        ({"t_output": np.arange(5.0), "return_flows": True, "benefits": [1.0]}, "t_output"),
-        ({"benefits": [1.0]}, "benefits"),
-    ],
-)
-def test_scalar_mode_check_precedence(ir, method, extra, first):
-    with pytest.raises(ValueError) as info:
-        getattr(ir, method)(n=10, **extra)
-    assert str(info.value) == f"[InterestRate.{method}] {first} requires batch mode (array n, d, ts, m, or gr)."
-
-
 MUTEX = (
-    "] 'gr' and 'cashflow_amounts' are mutually exclusive: 'cashflow_amounts' defines explicit "
+    "'gr' and 'cashflow_amounts' are mutually exclusive: 'cashflow_amounts' defines explicit "
     "payment amounts, so 'gr' has no effect. Pass gr=None when using cashflow_amounts."
 )
-LENGTH = "] 'cashflow_amounts' length must match provided 'cashflow_times' length."
-ONE_D = "] 'cashflow_amounts' must be a one-dimensional sequence."
+LENGTH = "'cashflow_amounts' length must match provided 'cashflow_times' length."
+GR_TIMES = (
+    "'gr' cannot be combined with explicit 'cashflow_times': growth is defined on the regular payment "
+    "schedule. Pass gr=None or scale the amounts instead."
+)
+PRECISION_ONLY = (
+    "'cashflow_times' needs a precision calculation mode ('discrete_precision', 'continuous_precision'), "
+    "the current mode is discrete_simplified."
+)
+BATCH_ONLY = " requires batch mode (array n, d, ts, m, or gr)."
+GRID = np.arange(5.0)
 
 
-@pytest.mark.parametrize("name", ["InterestRate.a", "InterestRate.ä"])
 @pytest.mark.parametrize(
-    ("kwargs", "public", "unvalidated"),
+    ("method", "kwargs", "config", "exc", "text"),
     [
-        ({"n": 3.0, "cashflow_amounts": [[1.0, 1.0, 1.0]]}, ONE_D, "] 'payment_amount' must be a 1-D sequence."),
-        ({"cashflow_times": [1.0, 2.0], "cashflow_amounts": [1.0]}, LENGTH, LENGTH),
-        ({"n": 3.0, "gr": 0.01, "cashflow_amounts": [1.0, 1.0, 1.0]}, MUTEX, MUTEX),
+        ("a", {"ts": -1.0}, {}, ValueError, "'ts' must be finite and >= 0, got -1.0."),
+        ("a", {"ts": True}, {}, TypeError, "'ts' must be a real number, got bool."),
+        ("ä", {"d": NAN}, {}, ValueError, "'d' must be finite and >= 0, got nan."),
+        ("a", {"n": -1.0}, {}, ValueError, "'n' must be >= 0, got -1.0."),
+        (
+            "a",
+            {"ts": 1.5},
+            {"force_integer_ts": True},
+            ValueError,
+            "'ts' must be a whole number of years while force_integer_ts is set, got 1.5.",
+        ),
+        ("ä", {"m": 5}, {}, ValueError, "'m' must be one of (1, 2, 3, 4, 6, 12, 13, 24, 26, 52, 365), got 5."),
+        ("a", {"m": 12.0}, {}, TypeError, "'m' must be an integer payment frequency, got float."),
+        ("a", {"cashflow_times": [1.0], "gr": 0.02}, {}, ValueError, GR_TIMES),
+        ("a", {"cashflow_times": [1.0]}, {"calculation_mode": "discrete_simplified"}, ValueError, PRECISION_ONLY),
+        (
+            "a",
+            {"cashflow_times": [1.0, NAN]},
+            {},
+            ValueError,
+            "'cashflow_times' must be finite and >= 0 at index 1, got nan.",
+        ),
+        (
+            "a",
+            {"cashflow_times": [1.0, 2.0, 1.5]},
+            {},
+            ValueError,
+            "'cashflow_times' must be non-decreasing, got 1.5 after 2.0 at index 2.",
+        ),
+        ("a", {"cashflow_times": [True]}, {}, TypeError, "'cashflow_times' must be a sequence of real numbers."),
+        ("a", {"cashflow_times": [1.0, 2.0], "cashflow_amounts": [1.0]}, {}, ValueError, LENGTH),
+        (
+            "ä",
+            {"n": 3.0, "cashflow_amounts": [1.0, INF, 1.0]},
+            {},
+            ValueError,
+            "'cashflow_amounts' must be finite at index 1, got inf.",
+        ),
+        (
+            "ä",
+            {"n": 3.0, "cashflow_amounts": [1.0, 1.0]},
+            {},
+            ValueError,
+            "'cashflow_amounts' must hold one amount per payment: expected 3 (n=3.0, m=1), got 2.",
+        ),
+        (
+            "ä",
+            {"n": None, "cashflow_amounts": [1.0]},
+            {},
+            ValueError,
+            "'cashflow_amounts' without 'cashflow_times' needs a finite term 'n' >= 0, got None.",
+        ),
+        (
+            "a",
+            {"n": 3.0, "cashflow_amounts": [[1.0, 1.0, 1.0]]},
+            {},
+            ValueError,
+            "'cashflow_amounts' must be a one-dimensional sequence.",
+        ),
+        ("ä", {"n": 3.0, "gr": 0.01, "cashflow_amounts": [1.0] * 3}, {}, ValueError, MUTEX),
+        # the batch-only arguments are checked in this order, benefits last
+        (
+            "a",
+            {"on_error": "nan", "record_ids": ["p1"], "t_output": GRID, "benefits": [1.0]},
+            {},
+            ValueError,
+            "on_error='nan'" + BATCH_ONLY,
+        ),
+        ("ä", {"t_output": GRID, "return_flows": True, "benefits": [1.0]}, {}, ValueError, "t_output" + BATCH_ONLY),
+        ("a", {"benefits": [1.0]}, {}, ValueError, "benefits" + BATCH_ONLY),
     ],
 )
-def test_annuity_argument_messages(ir, name, kwargs, public, unvalidated):
-    if name == "InterestRate.a" or "cashflow_times" not in kwargs:  # ä takes no cashflow_times
-        with pytest.raises(ValueError) as info:
-            getattr(ir, name[-1])(**kwargs)
-        assert str(info.value) == "[" + name + public
+def test_annuity_messages(ir, method, kwargs, config, exc, text):
+    with Config().override(**config), pytest.raises(exc) as info:
+        getattr(ir, method)(**{"n": 10.0, **kwargs})
+    assert str(info.value) == f"[InterestRate.{method}] {text}"
+
+
+@pytest.mark.parametrize(
+    ("kwargs", "text"),  # the dispatcher's own checks, for callers that skip validation
+    [
+        ({"n": 3.0, "cashflow_amounts": [[1.0, 1.0, 1.0]]}, "'payment_amount' must be a 1-D sequence."),
+        ({"cashflow_times": [1.0, 2.0], "cashflow_amounts": [1.0]}, LENGTH),
+        ({"n": 3.0, "gr": 0.01, "cashflow_amounts": [1.0, 1.0, 1.0]}, MUTEX),
+    ],
+)
+def test_unvalidated_dispatch_messages(ir, kwargs, text):
     with pytest.raises(ValueError) as info:
-        ir._annuity_dispatch(validate=False, method_name=name, **kwargs)
-    assert str(info.value) == "[" + name + unvalidated
+        ir._annuity_dispatch(validate=False, method_name="InterestRate.ä", **kwargs)
+    assert str(info.value) == "[InterestRate.ä] " + text
 
 
 @pytest.mark.parametrize(
