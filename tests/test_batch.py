@@ -13,6 +13,7 @@ from norvane.growth_rates import GrowthRate
 from norvane.helpers import BatchErrorReport, BatchResult
 from norvane.interest_rates import InterestRate, _woolhouse_flows_to_grid
 
+NAN = float("nan")
 I = 0.03
 V = 1.0 / (1.0 + I)
 D = I / (1.0 + I)
@@ -34,33 +35,92 @@ def immediate(n):
 
 
 LENGTHS = (
-    "] Incompatible batch lengths: n={}, d={}, ts={}. All arrays must share the same length or be length-1 (broadcast)."
+    "Incompatible batch lengths: n={}, d={}, ts={}. All arrays must share the same length or be length-1 (broadcast)."
 )
 HETEROGENEOUS_M = (
-    "] return_flows=True is not supported when m is a vector with heterogeneous values. "
+    "return_flows=True is not supported when m is a vector with heterogeneous values. "
     "Use a scalar m or split the batch by payment frequency and call separately."
 )
-NAN_FLOWS = "] on_error='nan' is not supported with return_flows=True in batch mode."
+MUTEX = (
+    "'gr' and 'cashflow_amounts' are mutually exclusive: 'cashflow_amounts' defines explicit "
+    "payment amounts, so 'gr' has no effect. Pass gr=None when using cashflow_amounts."
+)
+NAN_FLOWS = "on_error='nan' is not supported with return_flows=True in batch mode."
+
+
+M_SET = "(1, 2, 3, 4, 6, 12, 13, 24, 26, 52, 365)"
+TWO = [1.0, 2.0]
 
 
 @pytest.mark.parametrize(
-    ("method", "kwargs", "tail"),
+    ("method", "kwargs", "exc", "tail"),
     [
-        ("a", {"n": [10.0, 20.0], "d": [0.0, 1.0, 2.0]}, LENGTHS.format(2, 3, 1)),
-        ("ä", {"n": [10.0, 20.0, 5.0], "ts": [0.0, 1.0]}, LENGTHS.format(3, 1, 2)),
-        ("ä", {"n": [10.0, 10.0], "m": [1, 12], "return_flows": True}, HETEROGENEOUS_M),
-        ("a", {"n": [10.0, 20.0], "d": [0.0, 1.0, 2.0], "on_error": "nan", "return_flows": True}, NAN_FLOWS),
+        ("a", {"n": TWO, "d": [0.0, 1.0, 2.0]}, ValueError, LENGTHS.format(2, 3, 1)),
+        ("ä", {"n": [1.0, 2.0, 5.0], "ts": [0.0, 1.0]}, ValueError, LENGTHS.format(3, 1, 2)),
+        ("ä", {"n": TWO, "m": [1, 12], "return_flows": True}, ValueError, HETEROGENEOUS_M),
+        ("a", {"n": TWO, "d": [0.0, 1.0, 2.0], "on_error": "nan", "return_flows": True}, ValueError, NAN_FLOWS),
+        ("a", {"n": TWO, "on_error": "ignore"}, ValueError, "'on_error' must be 'raise' or 'nan', got 'ignore'."),
+        ("a", {"n": [1.0, -1.0]}, ValueError, "'n' must be >= 0.0 and finite at index 1, got -1.0"),
+        (
+            "a",
+            {"n": TWO, "record_ids": ["a"]},
+            ValueError,
+            "'record_ids' must have one id per policy: expected 2, got 1.",
+        ),
+        (
+            "a",
+            {"n": TWO, "record_ids": "ab"},
+            TypeError,
+            "'record_ids' must be a sequence with one id per policy, got str.",
+        ),
+        ("a", {"n": TWO, "t_output": [0, 1]}, ValueError, "t_output requires return_flows=True."),
+        (
+            "a",
+            {"n": TWO, "return_flows": True, "t_output": [0.0, NAN]},
+            ValueError,
+            "'t_output' must be finite and >= 0 at index 1, got nan.",
+        ),
+        (
+            "a",
+            {"n": TWO, "return_flows": True, "t_output": [0.0, 1.0, 1.0]},
+            ValueError,
+            "'t_output' must be strictly increasing, got 1.0 after 1.0 at index 2.",
+        ),
+        (
+            "a",
+            {"n": TWO, "return_flows": True, "t_output": 1.0},
+            TypeError,
+            "Parameter 't_output' must be a sequence of real numbers, not a single value.",
+        ),
+        ("a", {"n": TWO, "m": 5}, ValueError, f"'m' must be one of {M_SET}, got 5."),
+        ("a", {"n": TWO, "m": [1, 5]}, ValueError, f"'m' must be one of {M_SET} at index 1, got 5."),
+        (
+            "a",
+            {"n": [1.0, 2.0, 3.0], "m": [1, 12]},
+            ValueError,
+            "Incompatible batch lengths: m=2, expected 3 or 1 (broadcast).",
+        ),
+        ("a", {"n": TWO, "m": [1.0, 12.0]}, TypeError, "'m' must contain integers, got dtype float64."),
+        (
+            "a",
+            {"n": TWO, "benefits": [1, 2, 3]},
+            ValueError,
+            "'benefits' must have one value per policy: expected 2, got 3.",
+        ),
+        ("a", {"n": TWO, "benefits": [1, -1]}, ValueError, "'benefits' must be finite and >= 0 at index 1, got -1.0."),
+        ("a", {"n": TWO, "benefits": [True, 1]}, TypeError, "'benefits' must contain real numbers."),
         (
             "a",
             {"n": [3.0], "gr": 0.01, "cashflow_amounts": [1.0] * 3},
-            "] 'gr' and 'cashflow_amounts' are mutually exclusive",
+            ValueError,
+            MUTEX,
         ),
     ],
 )
-def test_batch_dispatch_messages(ir, method, kwargs, tail):
-    with pytest.raises(ValueError) as info:
+def test_batch_messages(ir, method, kwargs, exc, tail):
+    with pytest.raises(exc) as info:
         call(ir, method, **kwargs)
-    assert str(info.value).startswith("[InterestRate." + method + tail)
+    assert str(info.value) == f"[InterestRate.{method}] {tail}"
 
 
 @pytest.mark.parametrize(
