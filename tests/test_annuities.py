@@ -95,6 +95,8 @@ BATCH_ONLY = " requires batch mode (array n, d, ts, m, or gr)."
 GRID = np.arange(5.0)
 
 
+# One case per line.
+# fmt: off
 @pytest.mark.parametrize(
     ("method", "kwargs", "config", "exc", "text"),
     [
@@ -102,74 +104,27 @@ GRID = np.arange(5.0)
         ("a", {"ts": True}, {}, TypeError, "'ts' must be a real number, got bool."),
         ("ä", {"d": NAN}, {}, ValueError, "'d' must be finite and >= 0, got nan."),
         ("a", {"n": -1.0}, {}, ValueError, "'n' must be >= 0, got -1.0."),
-        (
-            "a",
-            {"ts": 1.5},
-            {"force_integer_ts": True},
-            ValueError,
-            "'ts' must be a whole number of years while force_integer_ts is set, got 1.5.",
-        ),
+        ("a", {"ts": 1.5}, {"force_integer_ts": True}, ValueError, "'ts' must be a whole number of years while force_integer_ts is set, got 1.5."),
         ("ä", {"m": 5}, {}, ValueError, "'m' must be one of (1, 2, 3, 4, 6, 12, 13, 24, 26, 52, 365), got 5."),
         ("a", {"m": 12.0}, {}, TypeError, "'m' must be an integer payment frequency, got float."),
         ("a", {"cashflow_times": [1.0], "gr": 0.02}, {}, ValueError, GR_TIMES),
         ("a", {"cashflow_times": [1.0]}, {"calculation_mode": "discrete_simplified"}, ValueError, PRECISION_ONLY),
-        (
-            "a",
-            {"cashflow_times": [1.0, NAN]},
-            {},
-            ValueError,
-            "'cashflow_times' must be finite and >= 0 at index 1, got nan.",
-        ),
-        (
-            "a",
-            {"cashflow_times": [1.0, 2.0, 1.5]},
-            {},
-            ValueError,
-            "'cashflow_times' must be non-decreasing, got 1.5 after 2.0 at index 2.",
-        ),
+        ("a", {"cashflow_times": [1.0, NAN]}, {}, ValueError, "'cashflow_times' must be finite and >= 0 at index 1, got nan."),
+        ("a", {"cashflow_times": [1.0, 2.0, 1.5]}, {}, ValueError, "'cashflow_times' must be non-decreasing, got 1.5 after 2.0 at index 2."),
         ("a", {"cashflow_times": [True]}, {}, TypeError, "'cashflow_times' must be a sequence of real numbers."),
         ("a", {"cashflow_times": [1.0, 2.0], "cashflow_amounts": [1.0]}, {}, ValueError, LENGTH),
-        (
-            "ä",
-            {"n": 3.0, "cashflow_amounts": [1.0, INF, 1.0]},
-            {},
-            ValueError,
-            "'cashflow_amounts' must be finite at index 1, got inf.",
-        ),
-        (
-            "ä",
-            {"n": 3.0, "cashflow_amounts": [1.0, 1.0]},
-            {},
-            ValueError,
-            "'cashflow_amounts' must hold one amount per payment: expected 3 (n=3.0, m=1), got 2.",
-        ),
-        (
-            "ä",
-            {"n": None, "cashflow_amounts": [1.0]},
-            {},
-            ValueError,
-            "'cashflow_amounts' without 'cashflow_times' needs a finite term 'n' >= 0, got None.",
-        ),
-        (
-            "a",
-            {"n": 3.0, "cashflow_amounts": [[1.0, 1.0, 1.0]]},
-            {},
-            ValueError,
-            "'cashflow_amounts' must be a one-dimensional sequence.",
-        ),
+        ("ä", {"n": 3.0, "cashflow_amounts": [1.0, INF, 1.0]}, {}, ValueError, "'cashflow_amounts' must be finite at index 1, got inf."),
+        ("ä", {"n": 3.0, "cashflow_amounts": [1.0, 1.0]}, {}, ValueError, "'cashflow_amounts' must hold one amount per payment: expected 3 (n=3.0, m=1), got 2."),
+        ("ä", {"n": None, "cashflow_amounts": [1.0]}, {}, ValueError, "'cashflow_amounts' without 'cashflow_times' needs a finite term 'n' >= 0, got None."),
+        ("a", {"n": 3.0, "cashflow_amounts": [[1.0, 1.0, 1.0]]}, {}, ValueError, "'cashflow_amounts' must be a one-dimensional sequence."),
         ("ä", {"n": 3.0, "gr": 0.01, "cashflow_amounts": [1.0] * 3}, {}, ValueError, MUTEX),
         # the batch-only arguments are checked in this order, benefits last
-        (
-            "a",
-            {"on_error": "nan", "record_ids": ["p1"], "t_output": GRID, "benefits": [1.0]},
-            {},
-            ValueError,
-            "on_error='nan'" + BATCH_ONLY,
-        ),
+        ("a", {"on_error": "nan", "record_ids": ["p1"], "t_output": GRID, "benefits": [1.0]}, {}, ValueError, "on_error='nan'" + BATCH_ONLY),
         ("ä", {"t_output": GRID, "return_flows": True, "benefits": [1.0]}, {}, ValueError, "t_output" + BATCH_ONLY),
         ("a", {"benefits": [1.0]}, {}, ValueError, "benefits" + BATCH_ONLY),
     ],
 )
+# fmt: on
 def test_annuity_messages(ir, method, kwargs, config, exc, text):
     with Config().override(**config), pytest.raises(exc) as info:
         getattr(ir, method)(**{"n": 10.0, **kwargs})

@@ -52,6 +52,8 @@ M_SET = "(1, 2, 3, 4, 6, 12, 13, 24, 26, 52, 365)"
 TWO = [1.0, 2.0]
 
 
+# One case per line.
+# fmt: off
 @pytest.mark.parametrize(
     ("method", "kwargs", "exc", "tail"),
     [
@@ -61,62 +63,23 @@ TWO = [1.0, 2.0]
         ("a", {"n": TWO, "d": [0.0, 1.0, 2.0], "on_error": "nan", "return_flows": True}, ValueError, NAN_FLOWS),
         ("a", {"n": TWO, "on_error": "ignore"}, ValueError, "'on_error' must be 'raise' or 'nan', got 'ignore'."),
         ("a", {"n": [1.0, -1.0]}, ValueError, "'n' must be >= 0.0 and finite at index 1, got -1.0"),
-        (
-            "a",
-            {"n": TWO, "record_ids": ["a"]},
-            ValueError,
-            "'record_ids' must have one id per policy: expected 2, got 1.",
-        ),
-        (
-            "a",
-            {"n": TWO, "record_ids": "ab"},
-            TypeError,
-            "'record_ids' must be a sequence with one id per policy, got str.",
-        ),
+        ("a", {"n": TWO, "record_ids": ["a"]}, ValueError, "'record_ids' must have one id per policy: expected 2, got 1."),
+        ("a", {"n": TWO, "record_ids": "ab"}, TypeError, "'record_ids' must be a sequence with one id per policy, got str."),
         ("a", {"n": TWO, "t_output": [0, 1]}, ValueError, "t_output requires return_flows=True."),
-        (
-            "a",
-            {"n": TWO, "return_flows": True, "t_output": [0.0, NAN]},
-            ValueError,
-            "'t_output' must be finite and >= 0 at index 1, got nan.",
-        ),
-        (
-            "a",
-            {"n": TWO, "return_flows": True, "t_output": [0.0, 1.0, 1.0]},
-            ValueError,
-            "'t_output' must be strictly increasing, got 1.0 after 1.0 at index 2.",
-        ),
-        (
-            "a",
-            {"n": TWO, "return_flows": True, "t_output": 1.0},
-            TypeError,
-            "Parameter 't_output' must be a sequence of real numbers, not a single value.",
-        ),
+        ("a", {"n": TWO, "return_flows": True, "t_output": [0.0, NAN]}, ValueError, "'t_output' must be finite and >= 0 at index 1, got nan."),
+        ("a", {"n": TWO, "return_flows": True, "t_output": [0.0, 1.0, 1.0]}, ValueError, "'t_output' must be strictly increasing, got 1.0 after 1.0 at index 2."),
+        ("a", {"n": TWO, "return_flows": True, "t_output": 1.0}, TypeError, "Parameter 't_output' must be a sequence of real numbers, not a single value."),
         ("a", {"n": TWO, "m": 5}, ValueError, f"'m' must be one of {M_SET}, got 5."),
         ("a", {"n": TWO, "m": [1, 5]}, ValueError, f"'m' must be one of {M_SET} at index 1, got 5."),
-        (
-            "a",
-            {"n": [1.0, 2.0, 3.0], "m": [1, 12]},
-            ValueError,
-            "Incompatible batch lengths: m=2, expected 3 or 1 (broadcast).",
-        ),
+        ("a", {"n": [1.0, 2.0, 3.0], "m": [1, 12]}, ValueError, "Incompatible batch lengths: m=2, expected 3 or 1 (broadcast)."),
         ("a", {"n": TWO, "m": [1.0, 12.0]}, TypeError, "'m' must contain integers, got dtype float64."),
-        (
-            "a",
-            {"n": TWO, "benefits": [1, 2, 3]},
-            ValueError,
-            "'benefits' must have one value per policy: expected 2, got 3.",
-        ),
+        ("a", {"n": TWO, "benefits": [1, 2, 3]}, ValueError, "'benefits' must have one value per policy: expected 2, got 3."),
         ("a", {"n": TWO, "benefits": [1, -1]}, ValueError, "'benefits' must be finite and >= 0 at index 1, got -1.0."),
         ("a", {"n": TWO, "benefits": [True, 1]}, TypeError, "'benefits' must contain real numbers."),
-        (
-            "a",
-            {"n": [3.0], "gr": 0.01, "cashflow_amounts": [1.0] * 3},
-            ValueError,
-            MUTEX,
-        ),
+        ("a", {"n": [3.0], "gr": 0.01, "cashflow_amounts": [1.0] * 3}, ValueError, MUTEX),
     ],
 )
+# fmt: on
 def test_batch_messages(ir, method, kwargs, exc, tail):
     with pytest.raises(exc) as info:
         call(ir, method, **kwargs)
