@@ -35,24 +35,13 @@ def value(
     mode, n, m=1, d=0.0, timing=0, ir=None, gr=None, decimals=15, survival=one, times=None, amounts=None, flows=False
 ):
     """Call an engine entry the way the dispatcher does, counting the payments of n years m-thly."""
-    size = int(n * m)
-    frac = n * m - size
-    size += frac > 1e-12
-    return ENGINE[mode](
-        d=d,
-        n=n,
-        payments_size=size,
-        payments_frac=frac,
-        m=m,
-        gr=gr,
-        ir=InterestRate(I) if ir is None else ir,
-        decimals=decimals,
-        payment_timing=timing,
-        survival_func=survival,
-        cashflow_times=None if times is None else np.asarray(times, dtype=np.float64),
-        cashflow_amounts=None if amounts is None else np.asarray(amounts, dtype=np.float64),
-        return_flows=flows,
-    )
+    size, frac = int(n * m), n * m - int(n * m)
+    kw = {"d": d, "n": n, "payments_size": size + (frac > 1e-12), "payments_frac": frac, "m": m, "gr": gr}
+    kw |= {"ir": InterestRate(I) if ir is None else ir, "decimals": decimals, "payment_timing": timing}
+    kw |= {"survival_func": survival, "return_flows": flows}
+    explicit = {"cashflow_times": times, "cashflow_amounts": amounts}
+    kw |= {k: None if v is None else np.asarray(v, dtype=np.float64) for k, v in explicit.items()}
+    return ENGINE[mode](**kw)
 
 
 def close(got, want, rel=1e-12):
