@@ -100,6 +100,11 @@ ZERO_DF = "Cannot compute effective rate: discount factor at {} is zero"
         (lambda ir: ir.get_average_force(INF), ValueError, AVG.format("0.0")),
         (lambda ir: ir.get_average_force(NAN), ValueError, AVG.format("nan")),
         (lambda ir: ir.i_m(True), TypeError, "m must be a plain integer, got bool"),
+        (
+            lambda ir: ir.i_m(1.5),
+            TypeError,
+            "[InterestRate.i_m] Parameter 'm' must be of type int or numpy integer, got float.",
+        ),
         (lambda ir: ir.i_m(np.int64(-4), "x"), ValueError, "m must be a positive integer, got -4"),
         (lambda ir: ir.d_m(12, "1"), TypeError, "t must be numeric, got str"),
         (lambda ir: ir.d_m(12, NAN), ValueError, "t must be non-negative, got nan"),

@@ -93,15 +93,6 @@ def test_validate_numeric_input_refuses(value):
         h._validate_numeric_input([[1.0], [2.0, 3.0]], method_name="InterestRate", attr_name="n")
 
 
-def test_validate_scalar_numeric():
-    got = h._validate_scalar_numeric(np.int64(12), "m", "InterestRate.i_m", (int, np.integer), int)
-    assert got == 12 and type(got) is int
-    for bad, typename in ((12.0, "float"), (True, "bool")):
-        msg = f"[InterestRate.i_m] Parameter 'm' must be of type int or numpy integer, got {typename}."
-        with exact(TypeError, msg):
-            h._validate_scalar_numeric(bad, "m", "InterestRate.i_m", (int, np.integer), int)
-
-
 # ------------------------------------------------------------ batch checks
 
 
