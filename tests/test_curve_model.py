@@ -72,23 +72,32 @@ def test_constant_and_piecewise_forms(args, kwargs, rate, terms):
     assert (ir.terms is None if terms is None else ir.terms.tolist() == terms) and ir.scenarios == {}
 
 
+# One case per line.
+# fmt: off
 @pytest.mark.parametrize(
-    "args, kwargs, msg",
+    "args, kwargs, exc, msg",
     [
-        ((), {}, ARGS_MSG),
-        (("x",), {"term_unit": "hours"}, UNIT_MSG),  # metadata is checked before anything else
-        ((-1,), {}, RATE_MSG.format("-1.0", "")),
-        ((-INF,), {}, FINITE.format("", "-inf")),  # finiteness before sign
-        ((), {"terms": [], "rates": [0.01]}, EMPTY),
-        ((), {"terms": [1], "rates": 0.01}, LEN_MSG),  # a scalar is one rate
-        ((), {"terms": [12, 6, -INF], "rates": [0.1] * 4, "term_unit": "months"}, TERM_AT.format(2, "-inf")),
-        ((), {"terms": [0, NAN], "rates": [NAN] * 3}, TERM_AT.format(1, "nan")),  # terms before rates
-        ((), {"terms": [1, 1], "rates": [NAN, -2]}, LEN_MSG),  # the length is checked with the terms
-        ((), {"terms": [1], "rates": [0.01, -1.0000001]}, RATE_MSG.format("-1.0000001", "")),
+        ((), {}, ValueError, ARGS_MSG),
+        (("x",), {"term_unit": "hours"}, ValueError, UNIT_MSG),  # metadata is checked before anything else
+        ((-1,), {}, ValueError, RATE_MSG.format("-1.0", "")),
+        ((-INF,), {}, ValueError, FINITE.format("", "-inf")),  # finiteness before sign
+        ((), {"terms": [], "rates": [0.01]}, ValueError, EMPTY),
+        ((), {"terms": [1], "rates": 0.01}, ValueError, LEN_MSG),  # a scalar is one rate
+        ((), {"terms": [12, 6, -INF], "rates": [0.1] * 4, "term_unit": "months"}, ValueError, TERM_AT.format(2, "-inf")),
+        ((), {"terms": [0, NAN], "rates": [NAN] * 3}, ValueError, TERM_AT.format(1, "nan")),  # terms before rates
+        ((), {"terms": [1, 1], "rates": [NAN, -2]}, ValueError, LEN_MSG),  # the length is checked with the terms
+        ((), {"terms": [1], "rates": [0.01, -1.0000001]}, ValueError, RATE_MSG.format("-1.0000001", "")),
+        (({1: 0.01},), {}, TypeError, "Scenario name must be a string. Found: 1"),
+        (({"bad": "x", 2: 0.01},), {}, ValueError, "Invalid scenario format for 'bad': 'x'"),
+        (({"a": True},), {}, ValueError, "Rate value cannot be boolean."),
+        (({"a": ([1], [0.01, 0.02], "years")},), {}, ValueError, "Invalid scenario format for 'a': ([1], [0.01, 0.02], 'years')"),
+        (({"ok": ([1], [0.01, 0.02]), "t": -1.0},), {}, ValueError, RATE_MSG.format("-1.0", SCEN("t"))),
+        (({"s": ([1], [0.01])},), {}, ValueError, LEN_MSG),  # checked by the scenario's own constructor, no context
     ],
 )
-def test_construction_messages(args, kwargs, msg):
-    with exact(ValueError, msg):
+# fmt: on
+def test_construction_messages(args, kwargs, exc, msg):
+    with exact(exc, msg):
         InterestRate(*args, **kwargs)
 
 
@@ -138,26 +147,6 @@ def test_scenario_dict_form():
     assert ir.scenarios["stress"].terms.tolist() == pytest.approx([5 / 12], rel=1e-15) and ir.scenarios[
         "list"
     ].terms.tolist() == [0.5]
-
-
-@pytest.mark.parametrize(
-    "scenarios, exc, msg",
-    [
-        ({1: 0.01}, TypeError, "Scenario name must be a string. Found: 1"),
-        ({"bad": "x", 2: 0.01}, ValueError, "Invalid scenario format for 'bad': 'x'"),
-        ({"a": True}, ValueError, "Rate value cannot be boolean."),
-        (
-            {"a": ([1], [0.01, 0.02], "years")},
-            ValueError,
-            "Invalid scenario format for 'a': ([1], [0.01, 0.02], 'years')",
-        ),
-        ({"ok": ([1], [0.01, 0.02]), "t": -1.0}, ValueError, RATE_MSG.format("-1.0", SCEN("t"))),
-        ({"s": ([1], [0.01])}, ValueError, LEN_MSG),  # checked by the scenario's own constructor, no context
-    ],
-)
-def test_scenario_dict_messages(scenarios, exc, msg):
-    with exact(exc, msg):
-        InterestRate(scenarios)
 
 
 # ---------------------------------------------------------------- term units and calendar
