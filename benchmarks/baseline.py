@@ -276,30 +276,46 @@ def effective_schedule(n, d, ts, perpetuity_years=PERPETUITY_YEARS):
     return max(0.0, d - ts), max(0.0, n - elapsed)
 
 
-def baseline_portfolio_annuity(curve, n, d, ts, m, timing=0, benefits=None, decimals=10):
-    """Per-policy present values of a book of level annuities of 1 a year payable ``m``-thly.
+def prefix_sum_book(curve, n, d, ts, m, benefits=None, decimals=10):
+    """A book of due annuities of 1 a year payable ``m``-thly whose terms,
+    deferments and valuation times are whole multiples of 1/m, as a NumPy user
+    writes it: discount factors on the payment grid once, their running sums
+    ``S``, then ``(S[end] - S[start]) / m / v(ts)`` per policy."""
+    n, d, ts = (np.asarray(x, np.float64) for x in (n, d, ts))
+    left = np.maximum(0.0, n - np.maximum(0.0, ts - d))
+    start = np.rint(np.maximum(ts, d) * m).astype(np.intp)
+    end = start + np.rint(left * m).astype(np.intp)
+    grid = curve.vn(np.arange(end.max() + 1) / m)
+    running = np.concatenate(([0.0], np.cumsum(grid)))
+    unit = (running[end] - running[start]) / m / grid[np.rint(ts * m).astype(np.intp)]
+    values = np.round(unit, decimals)
+    return values if benefits is None else values * benefits
 
-    ``n``, ``d``, ``ts`` (and ``benefits``) are arrays of one length N (``n`` may
-    hold infinities: perpetuities). Policies with the same (n, d, ts) row have the
-    same unit value, so each distinct row is valued once, on the curve seen from
-    its ``ts`` (``shifted_for_ts`` with a dictionary made for this call), by
-    ``baseline_annuity`` on its effective deferment and term; a zero effective term
-    is worth 0.0. The unit values are rounded with ``np.round(x, decimals)``,
-    gathered back to the policies and multiplied by ``benefits`` when given.
-    """
-    params = np.stack([np.asarray(n, np.float64), np.asarray(d, np.float64), np.asarray(ts, np.float64)], axis=1)
-    unique_params, inverse = np.unique(params, axis=0, return_inverse=True)
-    inverse = inverse.reshape(-1)  # (N,) whatever NumPy's version returns
-    shift_cache = {}
-    unit = np.empty(unique_params.shape[0], dtype=np.float64)
-    for k, (n_k, d_k, ts_k) in enumerate(unique_params.tolist()):
-        d_eff, n_eff = effective_schedule(n_k, d_k, ts_k)
-        if n_eff <= 0.0:
-            unit[k] = 0.0
-            continue
-        shifted = shifted_for_ts(curve, ts_k, shift_cache)
-        unit[k] = baseline_annuity(shifted, n_eff, m, timing, d_eff, None, decimals)
-    values = np.round(unit, decimals)[inverse]
-    if benefits is not None:
-        values = values * np.asarray(benefits, dtype=np.float64)
-    return values
+
+def closed_form_book(curve, n, d, ts, m, benefits=None, decimals=10):
+    """Any book of level due annuities payable ``m``-thly, vectorised over the
+    policies with one pass per curve segment: the payments inside a segment
+    are a geometric series, ``v(first) (1 - r^count) / (1 - r)``, plus the
+    pro-rata last payment; everything over ``v(ts)``."""
+    n, d, ts = (np.asarray(x, np.float64) for x in (n, d, ts))
+    left = np.maximum(0.0, n - np.maximum(0.0, ts - d))
+    start = np.maximum(ts, d)
+    whole = np.floor(left * m)
+    fraction = left * m - whole
+    ends = np.append(curve._cum_terms, np.inf)
+    begins = np.concatenate(([0.0], curve._cum_terms))
+    logs = np.log1p(curve.rates)
+    discount_at_begin = np.concatenate(([1.0], curve._prefix))
+    total = np.zeros_like(n)
+    for begin, end, log_q, v_begin in zip(begins, ends, logs, discount_at_begin, strict=True):
+        # the payments in [begin, end): from the first at or after begin to the first at or after end
+        first = np.clip(np.ceil((begin - start) * m), 0.0, whole)
+        after = np.clip(np.ceil((end - start) * m), 0.0, whole)
+        count = np.maximum(after - first, 0.0)
+        v_first = v_begin * np.exp(-(start + first / m - begin) * log_q)
+        series = count if log_q == 0.0 else np.expm1(-log_q * count / m) / np.expm1(-log_q / m)
+        total += np.where(count > 0.0, v_first * series, 0.0)
+    total += fraction * curve.vn(start + whole / m)
+    unit = total / m / curve.vn(ts)
+    values = np.round(unit, decimals)
+    return values if benefits is None else values * benefits

@@ -18,12 +18,11 @@ from __future__ import annotations
 
 import argparse
 import functools
-import statistics
 from types import SimpleNamespace
 
 import numpy as np
+from _timing import fmt_time, print_machine, print_table, time_sides
 from baseline import PAYMENT_COUNT_TOL, BaselineCurve, baseline_annuity
-from bench_discounting import calibrate, fmt_time, print_machine, print_table, run
 
 from norvane.engine.annuity import _ANNUITY_CALCULATION_MODE_DISPATCH as DISPATCH
 from norvane.growth_rates import GrowthRate
@@ -191,16 +190,6 @@ def check_closed_forms(ours, base):
 
 
 # -- timing ---------------------------------------------------------------------
-
-
-def time_sides(sides, repeats, min_time):
-    """Median seconds per call of each (function, args) side, repeats interleaved to share any drift."""
-    loops = [calibrate(*side, min_time) for side in sides]
-    samples = [[] for _ in sides]
-    for _ in range(repeats):
-        for side, n_loops, out in zip(sides, loops, samples, strict=True):
-            out.append(run(*side, n_loops))
-    return [statistics.median(s) for s in samples]
 
 
 # -- report ---------------------------------------------------------------------

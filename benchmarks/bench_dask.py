@@ -19,8 +19,8 @@ They run on a local cluster of 1 and of 2 single-threaded worker processes (or, 
 ``--scheduler``, on that cluster only). Cluster start-up is not timed; before timing, every
 worker imports norvane, dask.dataframe and pyarrow, and one partition is valued on the
 cluster and checked to equal the single-process values exactly. For comparison, one
-partition is read (``norvane.cli.read_portfolio``) and valued
-(``norvane.portfolio.value_portfolio``) in this process, as ``norvane value`` without
+partition is read (``norvane.portfolio.open_book``) and valued
+(``norvane.portfolio.value_policies``) in this process, as ``norvane value`` without
 ``--dask`` does, and its time is scaled by the number of partitions. Times are medians of
 ``--repeats`` runs. With ``--scheduler``, the workers must see the book (``--data``) and a
 temporary output directory at the same paths as this process, as on a shared file system.
@@ -34,12 +34,12 @@ import io
 import json
 import math
 import shutil
-import statistics
 import tempfile
 import time
 from pathlib import Path
 
 import numpy as np
+from _timing import median_time
 
 SEED = 20250101
 CURVE_TERMS, CURVE_RATES = (
@@ -107,24 +107,19 @@ def ensure_book(directory: Path, policies: int, files: int) -> Path:
 def single_process(path: Path, curve) -> tuple[float, np.ndarray, dict[str, float]]:
     """Seconds to read and value one file in this process as ``norvane value`` does, the
     values, and the split between reading (into policies) and valuing."""
-    from norvane.cli import read_portfolio
-    from norvane.portfolio import value_portfolio
+    from norvane.portfolio import open_book, policies_from_batch, value_policies
 
-    t0 = time.perf_counter()
-    pf = read_portfolio(path)
-    t1 = time.perf_counter()
-    values, _ = value_portfolio(curve, pf, "discrete_precision")
-    t2 = time.perf_counter()
-    return t2 - t0, values, {"read": t1 - t0, "value": t2 - t1}
-
-
-def median_time(call, repeats: int) -> float:
-    times = []
-    for _ in range(repeats):
+    split = {"read": 0.0, "value": 0.0}
+    values = []
+    started = time.perf_counter()
+    for block in open_book(path).blocks:
+        policies = policies_from_batch(block.batch, 0, block.defects)
+        read = time.perf_counter()
+        values.append(value_policies(curve, policies, "discrete_precision")[0])
+        split["read"] += read - started
         started = time.perf_counter()
-        call()
-        times.append(time.perf_counter() - started)
-    return statistics.median(times)
+        split["value"] += started - read
+    return split["read"] + split["value"], np.concatenate(values), split
 
 
 def _warm_up() -> None:

@@ -13,21 +13,16 @@ and from tracemalloc (which sees NumPy's allocations but not native ones).
 from __future__ import annotations
 
 import argparse
-import gc
 import json
-import os
-import platform
-import statistics
 import subprocess
 import sys
-import time
 import tracemalloc
 from types import SimpleNamespace
 
 import numpy as np
+from _timing import fmt_time, print_machine, print_table, time_sides
 from baseline import BaselineCurve, shifted_for_ts
 
-import norvane
 from norvane.interest_rates import InterestRate, _interest_rate_shifted_for_ts
 
 N = 10**6
@@ -103,39 +98,6 @@ def check_agreement(label, ours, base):
         raise AssertionError(f"{label}: ours ({kind_o} {v_o.shape}) and the baseline ({kind_b} {v_b.shape}) differ")
 
 
-# -- timing ---------------------------------------------------------------------
-
-
-def run(func, args, loops):
-    """Seconds per call over ``loops`` calls, with the garbage collector off as timeit does."""
-    gc.disable()
-    try:
-        start = time.perf_counter()
-        for _ in range(loops):
-            func(*args)
-        return (time.perf_counter() - start) / loops
-    finally:
-        gc.enable()
-
-
-def calibrate(func, args, min_time):
-    """Number of calls that lasts at least ``min_time`` seconds."""
-    loops = 1
-    while (per_call := run(func, args, loops)) * loops < min_time:
-        loops = max(loops * 2, int(1.2 * min_time / max(per_call, 1e-9)))
-    return loops
-
-
-def time_pair(ours, base, repeats, min_time):
-    """Median seconds per call of each side, repeats interleaved to share any drift."""
-    loops = [calibrate(*side, min_time) for side in (ours, base)]
-    samples = ([], [])
-    for _ in range(repeats):
-        for side, n_loops, out in zip((ours, base), loops, samples, strict=True):
-            out.append(run(*side, n_loops))
-    return statistics.median(samples[0]), statistics.median(samples[1])
-
-
 # -- memory ---------------------------------------------------------------------
 
 
@@ -181,42 +143,6 @@ def measure_memory(side_name, curve_name):
     return json.loads(proc.stdout.splitlines()[-1])
 
 
-# -- report ---------------------------------------------------------------------
-
-
-def fmt_time(seconds):
-    for unit, scale in (("s", 1.0), ("ms", 1e-3), ("us", 1e-6)):
-        if seconds >= scale:
-            return f"{seconds / scale:.3g} {unit}"
-    return f"{seconds / 1e-9:.3g} ns"
-
-
-def print_machine():
-    cpu = platform.processor()
-    try:
-        with open("/proc/cpuinfo") as info:
-            cpu = next(line.split(":", 1)[1].strip() for line in info if line.startswith("model name"))
-    except (OSError, StopIteration):
-        pass
-    print(f"machine : {platform.platform()}, {cpu or 'unknown CPU'}, {os.cpu_count()} CPUs")
-    print(f"python  : {platform.python_version()}, numpy {np.__version__}, norvane {norvane.__version__}")
-
-
-def print_table(header, rows):
-    """Fixed-width table, the first column left-aligned, the others right-aligned."""
-    widths = [max(len(str(row[i])) for row in [header, *rows]) for i in range(len(header))]
-
-    def line(row):
-        cells = [str(c).rjust(w) for c, w in zip(row, widths, strict=True)]
-        cells[0] = str(row[0]).ljust(widths[0])
-        return "  ".join(cells).rstrip()
-
-    print(line(header))
-    print("  ".join("-" * w for w in widths))
-    for row in rows:
-        print(line(row))
-
-
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--quick", action="store_true", help="fewer and shorter repeats")
@@ -242,7 +168,7 @@ def main():
 
     rows = []
     for label, elements, call_o, call_b in calls:
-        t_o, t_b = time_pair(call_o, call_b, repeats, min_time)
+        t_o, t_b = time_sides([call_o, call_b], repeats, min_time)
         per_elem = ("", "")
         if elements > 1:
             per_elem = (f"{t_o / elements * 1e9:.2f}", f"{t_b / elements * 1e9:.2f}")

@@ -14,10 +14,9 @@ from pathlib import Path
 import numpy as np
 import pytest
 
-from norvane.cli import _read_parquet
 from norvane.config import Config
 from norvane.interest_rates import InterestRate
-from norvane.portfolio import policies_from_table, value_portfolio
+from norvane.portfolio import value_book
 
 distributed = pytest.importorskip("distributed")
 dd = pytest.importorskip("dask.dataframe")
@@ -73,8 +72,8 @@ def make_book(n, seed=20240915):
 
 
 def single_process(directory, mode="discrete_precision"):
-    table, count, defects = _read_parquet(Path(directory))  # the command line's own reader
-    return value_portfolio(CURVE, policies_from_table(table, count, defects, directory), mode)
+    values = value_book(Path(directory), CURVE, mode=mode)  # the command line's own reader
+    return values.present_value, list(values.error)
 
 
 @pytest.fixture(scope="module")

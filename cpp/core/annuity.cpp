@@ -1,13 +1,10 @@
 #include "core/annuity.hpp"
 
-#include "core/parallel.hpp"
-
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <optional>
-#include <unordered_map>
+#include <stdexcept>
 
 namespace norvane::core {
 
@@ -51,25 +48,25 @@ double Growth::factor(std::size_t year) const {
 
 namespace {
 
-// The loop over the regular payments, from `at` up to payment `end`. Each
-// iteration values one run; with `checkpoints`, the state at the start of
-// every run is recorded, so that a later sum to any end can resume from the
-// last run that ends before it and give bit for bit the same result.
-double regular_sum(const PiecewiseTable& curve, const Schedule& s, ScheduleCursor at, std::size_t end,
-                   std::vector<ScheduleCursor>* checkpoints) {
+// The regular payments, one run (a geometric series) at a time.
+double regular_sum(const PiecewiseTable& curve, const Schedule& s) {
     const std::size_t m = s.m;
     const double per_payment_log = 1.0 / static_cast<double>(m);
-    double pv = at.pv;
-    std::size_t k = at.k;
+    const std::size_t end = s.first + s.count;
+    double pv = 0.0;
+    std::size_t k = s.first;
     while (k < end) {
-        if (checkpoints) checkpoints->push_back({k, pv});
         const double t = s.time(k);
         const std::size_t j = curve.segment_of(t);
         const double delta = curve.log_base(j);
-        const double v = curve.discount(t);
+        const double v = t <= 0.0 ? 1.0 : curve.discount_in(j, t);
         const std::size_t in_segment = payments_until(s, k, end, curve.segment_end(j));
         if (s.growth.kind == Growth::Arithmetic) {
             for (std::size_t i = k; i < k + in_segment; ++i) pv += s.amount(i) * curve.discount(s.time(i));
+            k += in_segment;
+        } else if (s.growth.kind == Growth::Level) {
+            // Level amounts: the whole run inside the segment is one series.
+            pv += s.amount(k) * v * geometric_sum(-delta * per_payment_log, static_cast<double>(in_segment));
             k += in_segment;
         } else if (k % m == 0 && in_segment >= m) {
             // Whole years inside the segment: each year's payments are one
@@ -88,54 +85,15 @@ double regular_sum(const PiecewiseTable& curve, const Schedule& s, ScheduleCurso
     return pv;
 }
 
-double with_partial(const PiecewiseTable& curve, const Schedule& s, double regular) {
-    if (!s.has_partial) return regular;
-    return regular + s.partial_fraction * s.growth.factor(s.partial_index / s.m) / static_cast<double>(s.m) *
-                         curve.discount(s.partial_time);
-}
-
 }  // namespace
 
+double partial_value(const PiecewiseTable& curve, const Schedule& s) {
+    if (!s.has_partial) return 0.0;
+    return s.partial_amount() * curve.discount(s.partial_time);
+}
+
 double schedule_value(const PiecewiseTable& curve, const Schedule& s) {
-    return with_partial(curve, s, regular_sum(curve, s, {s.first, 0.0}, s.first + s.count, nullptr));
-}
-
-// ---- sums shared by the schedules of a portfolio ---------------------------------
-
-ScheduleSums::Key ScheduleSums::key_of(const Schedule& s) {
-    return {std::bit_cast<std::uint64_t>(s.start), s.m, static_cast<std::uint64_t>(s.timing),
-            static_cast<std::uint64_t>(s.growth.kind), std::bit_cast<std::uint64_t>(s.growth.rate)};
-}
-
-std::size_t ScheduleSums::KeyHash::operator()(const Key& key) const {
-    std::uint64_t h = 0;
-    for (std::uint64_t part : key) h = (h ^ part) * 0x100000001B3ull + 0x9E3779B97F4A7C15ull;
-    return static_cast<std::size_t>(h);
-}
-
-void ScheduleSums::reserve(const Schedule& s) {
-    if (s.first != 0) return;
-    Entry& entry = entries_[key_of(s)];
-    entry.schedule = s;
-    entry.end = std::max(entry.end, s.count);
-}
-
-void ScheduleSums::build() {
-    for (auto& [key, entry] : entries_) {
-        entry.checkpoints.clear();
-        regular_sum(*curve_, entry.schedule, {0, 0.0}, entry.end, &entry.checkpoints);
-    }
-}
-
-double ScheduleSums::value(const Schedule& s) const {
-    auto it = s.first == 0 ? entries_.find(key_of(s)) : entries_.end();
-    if (it == entries_.end() || it->second.end < s.count) return schedule_value(*curve_, s);
-    const auto& checkpoints = it->second.checkpoints;
-    // The last run that starts at or before the end; the runs before it end there too.
-    auto after = std::upper_bound(checkpoints.begin(), checkpoints.end(), s.count,
-                                  [](std::size_t end, const ScheduleCursor& c) { return end < c.k; });
-    ScheduleCursor from = after == checkpoints.begin() ? ScheduleCursor{0, 0.0} : *(after - 1);
-    return with_partial(*curve_, s, regular_sum(*curve_, s, from, s.count, nullptr));
+    return regular_sum(curve, s) + partial_value(curve, s);
 }
 
 void schedule_payments(const Schedule& s, std::vector<double>& times, std::vector<double>& amounts) {
@@ -147,7 +105,7 @@ void schedule_payments(const Schedule& s, std::vector<double>& times, std::vecto
     }
     if (s.has_partial) {
         times.push_back(s.partial_time);
-        amounts.push_back(s.partial_fraction * s.growth.factor(s.partial_index / s.m) / static_cast<double>(s.m));
+        amounts.push_back(s.partial_amount());
     }
 }
 
@@ -201,19 +159,8 @@ double continuous_value(const PiecewiseTable& curve, double a, double b, double 
 
 // ---- the rules of a policy ------------------------------------------------------
 
-TermAtValuation term_at_valuation(double n, double d, double ts) {
-    const double elapsed = std::max(0.0, ts - d);
-    return {elapsed, std::max(0.0, d - ts), std::max(0.0, n - elapsed)};
-}
-
-bool countable(double n, std::size_t m) { return n >= 0.0 && n * static_cast<double>(m) < kMaxPayments; }
-
-PaymentCount payment_count(double n, std::size_t m, double tolerance) {
-    const double total = n * static_cast<double>(m);
-    const double whole = std::floor(total);
-    PaymentCount count{static_cast<std::size_t>(whole), total - whole};
-    if (count.fraction > tolerance) ++count.size;
-    return count;
+void require_countable(double n, std::size_t m) {
+    if (!countable(n, m)) throw std::invalid_argument("a term must be >= 0 with fewer than 2**53 payments");
 }
 
 std::optional<Mode> mode_named(std::string_view name) {
@@ -228,34 +175,7 @@ double woolhouse_weight(std::size_t m, bool continuous) {
     return continuous ? 0.5 : static_cast<double>(m - 1) / (2.0 * static_cast<double>(m));
 }
 
-double round_like_numpy(double value, int decimals) {
-    if (!std::isfinite(value)) return value;
-    const double scale = std::pow(10.0, decimals);
-    return std::nearbyint(value * scale) / scale;
-}
-
-Schedule Annuity::schedule() const {
-    const double total = n * static_cast<double>(m);
-    const std::size_t whole = static_cast<std::size_t>(std::floor(total));
-    const bool partial = payments_size > whole;
-    Schedule s;
-    s.start = d;
-    s.m = m;
-    s.timing = timing;
-    s.count = partial ? payments_size - 1 : payments_size;
-    s.growth = growth;
-    s.has_partial = partial;
-    s.partial_fraction = partial ? total - static_cast<double>(whole) : 0.0;
-    s.partial_time = timing == 0 ? d + static_cast<double>(s.count) / static_cast<double>(m) : d + n;
-    s.partial_index = s.count;
-    return s;
-}
-
-std::optional<Annuity> policy_annuity(double n, double d, double ts, const PolicyTerms& p) {
-    const TermAtValuation at = term_at_valuation(std::isinf(n) ? p.perpetuity_n_eff : n, d, ts);
-    if (at.term == 0.0) return std::nullopt;
-    return Annuity{at.deferment, at.term, payment_count(at.term, p.m, p.tolerance_eps).size, p.m, p.timing, p.growth};
-}
+double round_like_numpy(double value, int decimals) { return round_scaled(value, std::pow(10.0, decimals)); }
 
 WoolhouseParts woolhouse_parts(const Annuity& annuity, bool continuous) {
     const Schedule full = annuity.schedule();
@@ -271,50 +191,42 @@ WoolhouseParts woolhouse_parts(const Annuity& annuity, bool continuous) {
     return parts;
 }
 
+double WoolhouseParts::annual(double due_value, double immediate_value, int timing) const {
+    const double c = weight;
+    return timing == 0 ? (1.0 - c) * due_value + c * immediate_value : c * due_value + (1.0 - c) * immediate_value;
+}
+
+double WoolhouseParts::continuous_tail(const PiecewiseTable& curve, const Annuity& annuity) const {
+    const double start = annuity.d + static_cast<double>(due.count);
+    return continuous_value(curve, start, annuity.d + annuity.n, annuity.d, annuity.growth);
+}
+
 // ---- values of an annuity ----------------------------------------------------------
 
 namespace {
 
-double sum_of(const PiecewiseTable& curve, const ScheduleSums* sums, const Schedule& s) {
-    return sums ? sums->value(s) : schedule_value(curve, s);
-}
-
-double woolhouse_value(const PiecewiseTable& curve, const Annuity& annuity, bool continuous, const ScheduleSums* sums) {
+double woolhouse_value(const PiecewiseTable& curve, const Annuity& annuity, bool continuous) {
     const WoolhouseParts parts = woolhouse_parts(annuity, continuous);
-    const double due = sum_of(curve, sums, parts.due), immediate = sum_of(curve, sums, parts.immediate);
-    const double c = parts.weight;
-    const double annual = annuity.timing == 0 ? (1.0 - c) * due + c * immediate : c * due + (1.0 - c) * immediate;
-    if (continuous) {
-        const double start = annuity.d + static_cast<double>(parts.due.count);
-        return annual + continuous_value(curve, start, annuity.d + annuity.n, annuity.d, annuity.growth);
-    }
+    const double annual =
+        parts.annual(schedule_value(curve, parts.due), schedule_value(curve, parts.immediate), annuity.timing);
+    if (continuous) return annual + parts.continuous_tail(curve, annuity);
     return annual + schedule_value(curve, parts.fraction);
 }
 
 }  // namespace
 
-double annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode, const ScheduleSums* sums) {
+double annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode) {
     switch (mode) {
         case Mode::DiscretePrecision:
-            return sum_of(curve, sums, annuity.schedule());
+            return schedule_value(curve, annuity.schedule());
         case Mode::ContinuousPrecision:
             return continuous_value(curve, annuity.d, annuity.d + annuity.n, annuity.d, annuity.growth);
         case Mode::DiscreteSimplified:
-            return woolhouse_value(curve, annuity, false, sums);
+            return woolhouse_value(curve, annuity, false);
         case Mode::ContinuousSimplified:
-            return woolhouse_value(curve, annuity, true, sums);
+            return woolhouse_value(curve, annuity, true);
     }
     return 0.0;
-}
-
-void reserve_schedules(const Annuity& annuity, Mode mode, ScheduleSums& sums) {
-    if (mode == Mode::DiscretePrecision) {
-        sums.reserve(annuity.schedule());
-    } else if (mode != Mode::ContinuousPrecision) {
-        const WoolhouseParts parts = woolhouse_parts(annuity, false);
-        sums.reserve(parts.due);
-        sums.reserve(parts.immediate);
-    }
 }
 
 }  // namespace norvane::core

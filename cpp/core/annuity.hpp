@@ -6,13 +6,13 @@
 
 #include "core/curve.hpp"
 
-#include <array>
+#include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace norvane::core {
@@ -42,6 +42,9 @@ struct Schedule {
 
     double time(std::size_t k) const { return start + (static_cast<double>(k) + timing) / static_cast<double>(m); }
     double amount(std::size_t k) const { return growth.factor(k / m) / static_cast<double>(m); }
+    double partial_amount() const {
+        return partial_fraction * growth.factor(partial_index / m) / static_cast<double>(m);
+    }
 };
 
 // ---- the rules of a policy ------------------------------------------------------
@@ -52,7 +55,10 @@ struct Schedule {
 struct TermAtValuation {
     double elapsed, deferment, term;
 };
-TermAtValuation term_at_valuation(double n, double d, double ts);
+inline TermAtValuation term_at_valuation(double n, double d, double ts) {
+    const double elapsed = std::max(0.0, ts - d);
+    return {elapsed, std::max(0.0, d - ts), std::max(0.0, n - elapsed)};
+}
 
 // Payments in a term of n years at m a year: the whole periods, plus one
 // pro-rata payment when the remainder exceeds `tolerance` (a smaller one is
@@ -63,9 +69,17 @@ struct PaymentCount {
 };
 // Terms whose payments cannot be counted exactly in a double are refused.
 inline constexpr double kMaxPayments = 9007199254740992.0;  // 2^53
-bool countable(double n, std::size_t m);
+inline bool countable(double n, std::size_t m) { return n >= 0.0 && n * static_cast<double>(m) < kMaxPayments; }
+// Refuses (std::invalid_argument) a term that is not countable.
+void require_countable(double n, std::size_t m);
 // Requires countable(n, m).
-PaymentCount payment_count(double n, std::size_t m, double tolerance);
+inline PaymentCount payment_count(double n, std::size_t m, double tolerance) {
+    const double total = n * static_cast<double>(m);
+    const double whole = std::floor(total);
+    PaymentCount count{static_cast<std::size_t>(whole), total - whole};
+    if (count.fraction > tolerance) ++count.size;
+    return count;
+}
 
 // Woolhouse's weight of the annual immediate payments in an m-thly annuity-due,
 // (m - 1) / (2m); its limit 1/2 for continuous payments.
@@ -73,6 +87,15 @@ double woolhouse_weight(std::size_t m, bool continuous);
 
 // np.round(value, decimals): scale, round half to even, unscale.
 double round_like_numpy(double value, int decimals);
+// The same with the scale 10^decimals at hand: nearest, ties to even, with
+// no call into libm (adding and removing 2^52 rounds the way the default
+// rounding mode does; larger magnitudes are integers already).
+inline double round_scaled(double value, double scale) {
+    constexpr double kTwo52 = 4503599627370496.0;
+    const double x = value * scale;
+    if (!(std::abs(x) < kTwo52)) return std::isfinite(value) ? x / scale : value;
+    return std::copysign((std::abs(x) + kTwo52) - kTwo52, x) / scale;
+}
 
 // An annuity of 1 a year payable m-thly, as seen from the valuation time:
 // deferment, remaining term and payment count (one more than the whole
@@ -88,6 +111,23 @@ struct Annuity {
     // period (due) or at the end of the term (immediate).
     Schedule schedule() const;
 };
+
+inline Schedule Annuity::schedule() const {
+    const double total = n * static_cast<double>(m);
+    const std::size_t whole = static_cast<std::size_t>(std::floor(total));
+    const bool partial = payments_size > whole;
+    Schedule s;
+    s.start = d;
+    s.m = m;
+    s.timing = timing;
+    s.count = partial ? payments_size - 1 : payments_size;
+    s.growth = growth;
+    s.has_partial = partial;
+    s.partial_fraction = partial ? total - static_cast<double>(whole) : 0.0;
+    s.partial_time = timing == 0 ? d + static_cast<double>(s.count) / static_cast<double>(m) : d + n;
+    s.partial_index = s.count;
+    return s;
+}
 
 // The four calculation modes, and the mode of a name ("discrete_precision",
 // "discrete_simplified", "continuous_precision", "continuous_simplified").
@@ -108,7 +148,11 @@ struct PolicyTerms {
 // The annuity a policy (term n, infinite for a perpetuity; deferment d;
 // valuation time ts) stands for; none when no term is left. Requires the term
 // (or the perpetuity's horizon) to be countable at m a year.
-std::optional<Annuity> policy_annuity(double n, double d, double ts, const PolicyTerms& terms);
+inline std::optional<Annuity> policy_annuity(double n, double d, double ts, const PolicyTerms& p) {
+    const TermAtValuation at = term_at_valuation(std::isinf(n) ? p.perpetuity_n_eff : n, d, ts);
+    if (at.term == 0.0) return std::nullopt;
+    return Annuity{at.deferment, at.term, payment_count(at.term, p.m, p.tolerance_eps).size, p.m, p.timing, p.growth};
+}
 
 // The parts of Woolhouse's approximation: annual due and immediate payments
 // over the whole years (weighted 1 - c and c for due, c and 1 - c for
@@ -117,50 +161,26 @@ std::optional<Annuity> policy_annuity(double n, double d, double ts, const Polic
 struct WoolhouseParts {
     Schedule due, immediate, fraction;
     double weight;
+
+    // The weighted annual payments, given the values of `due` and `immediate`.
+    double annual(double due_value, double immediate_value, int timing) const;
+    // The continuous modes' final fraction of a year: the integral from the
+    // end of the whole years to the end of the term.
+    double continuous_tail(const PiecewiseTable& curve, const Annuity& annuity) const;
 };
 WoolhouseParts woolhouse_parts(const Annuity& annuity, bool continuous);
 
 // ---- values -----------------------------------------------------------------------
 
-// Present value of the whole schedule. Level and geometric amounts are summed
-// as geometric series per run of payments inside one segment and one year,
-// and whole years inside one segment are summed as one series, so the cost
-// grows with the number of segments and years crossed, not with payments;
-// arithmetic growth is summed payment by payment.
+// Present value of the whole schedule. Level amounts are summed as one
+// geometric series per segment; geometric amounts per run of payments inside
+// one segment and one year, whole years inside one segment as one series; so
+// the cost grows with the number of segments (and years) crossed, not with
+// payments. Arithmetic growth is summed payment by payment.
 double schedule_value(const PiecewiseTable& curve, const Schedule& s);
 
-// Sums of the schedules of a portfolio on one curve. Schedules that differ
-// only in their number of payments share one pass over the longest of them:
-// the state at the start of every run is kept, and a shorter sum resumes from
-// the last run that ends before its end, giving bit for bit the result of
-// schedule_value. Use: reserve every schedule, build once, then value.
-struct ScheduleCursor {
-    std::size_t k;  // next payment
-    double pv;      // value of the payments before it
-};
-
-class ScheduleSums {
-  public:
-    explicit ScheduleSums(const PiecewiseTable& curve) : curve_(&curve) {}
-    void reserve(const Schedule& s);
-    void build();
-    double value(const Schedule& s) const;  // == schedule_value(curve, s)
-
-  private:
-    using Key = std::array<std::uint64_t, 5>;  // start, m, timing, growth kind and rate
-    struct KeyHash {
-        std::size_t operator()(const Key& key) const;
-    };
-    struct Entry {
-        Schedule schedule;
-        std::size_t end = 0;
-        std::vector<ScheduleCursor> checkpoints;
-    };
-    static Key key_of(const Schedule& s);
-
-    const PiecewiseTable* curve_;
-    std::unordered_map<Key, Entry, KeyHash> entries_;
-};
+// Value of the schedule's pro-rata last payment (0 without one).
+double partial_value(const PiecewiseTable& curve, const Schedule& s);
 
 // Times and amounts of every payment (regular ones, then the partial one).
 void schedule_payments(const Schedule& s, std::vector<double>& times, std::vector<double>& amounts);
@@ -176,10 +196,6 @@ double continuous_value(const PiecewiseTable& curve, double a, double b, double 
 // - ContinuousPrecision: the integral of v(t) times growth over [d, d + n];
 // - ContinuousSimplified: (ä + a) / 2 on the whole years plus the final
 //   fraction's integral.
-double annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode,
-                     const ScheduleSums* sums = nullptr);
-
-// Reserves in `sums` the schedules annuity_value(curve, annuity, mode, &sums) reads.
-void reserve_schedules(const Annuity& annuity, Mode mode, ScheduleSums& sums);
+double annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode);
 
 }  // namespace norvane::core

@@ -174,9 +174,10 @@ void PiecewiseTable::rates_at(std::span<const double> t, std::span<double> out) 
     });
 }
 
-double PiecewiseTable::discount(double n) const {
-    if (n <= 0.0) return 1.0;
-    const Segment& seg = segments_[segment_of(n)];
+double PiecewiseTable::discount(double n) const { return n <= 0.0 ? 1.0 : discount_in(segment_of(n), n); }
+
+double PiecewiseTable::discount_in(std::size_t j, double n) const {
+    const Segment& seg = segments_[j];
     double t = n - seg.start_t;
     double v = seg.start_df * exp_any(-t * seg.log_q);
     return needs_pow(v) ? seg.start_df * std::pow(seg.q, -t) : v;

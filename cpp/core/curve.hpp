@@ -59,6 +59,8 @@ class PiecewiseTable {
 
     // Discount factors; durations <= 0 give exactly 1.0.
     double discount(double n) const;
+    // The discount factor of a duration n > 0 known to lie in segment j.
+    double discount_in(std::size_t j, double n) const;
     void discount(std::span<const double> n, std::span<double> out) const;
 
   private:

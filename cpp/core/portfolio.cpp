@@ -2,80 +2,484 @@
 
 #include "core/parallel.hpp"
 
+#include <algorithm>
 #include <array>
-#include <bit>
-#include <cstdint>
+#include <atomic>
+#include <cmath>
+#include <limits>
 #include <optional>
-#include <unordered_map>
+#include <thread>
+#include <utility>
 #include <vector>
 
 namespace norvane::core {
 
 namespace {
 
-struct TripletHash {
-    std::size_t operator()(const std::array<std::uint64_t, 3>& key) const {
-        std::uint64_t h = key[0] * 0x9E3779B97F4A7C15ull;
-        h ^= key[1] + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
-        h ^= key[2] + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
-        return static_cast<std::size_t>(h);
+constexpr double kEpsilon = std::numeric_limits<double>::epsilon();
+// A book value and its single call (on the shifted curve) differ by a few
+// epsilon of the value (5 seen on a 40-segment curve); a value closer than
+// this margin to a rounding tie is recomputed the single call's way.
+constexpr double kTieMargin = 16.0 * kEpsilon;
+// A grid longer than this many points is not built: policies beyond it take
+// the closed form per segment.
+constexpr std::size_t kMaxGridPoints = std::size_t{1} << 22;
+// Growth weights on a grid are kept within e^5 of 1, so that a difference of
+// two weighted sums loses no digit the rounding could see.
+constexpr double kMaxLogWeight = 5.0;
+
+// Running sums x[0] + ... + x[i-1] with their compensation (Neumaier), so
+// that a difference of two of them is accurate to the last bit of the
+// difference, not of the sums.
+class PrefixSums {
+  public:
+    template <typename Value>
+    void build(std::size_t size, Value value_of) {
+        hi_.assign(size + 1, 0.0);
+        lo_.assign(size + 1, 0.0);
+        double sum = 0.0, compensation = 0.0;
+        for (std::size_t i = 0; i < size; ++i) {
+            const double x = value_of(i), t = sum + x;
+            compensation += std::abs(sum) >= std::abs(x) ? (sum - t) + x : (x - t) + sum;
+            sum = t;
+            hi_[i + 1] = sum;
+            lo_[i + 1] = compensation;
+        }
+    }
+    std::size_t size() const { return hi_.empty() ? 0 : hi_.size() - 1; }
+    double between(std::size_t a, std::size_t b) const { return (hi_[b] - hi_[a]) + (lo_[b] - lo_[a]); }
+    // The size the difference's rounding error is relative to: the
+    // difference itself, plus the sums' own last bits.
+    double magnitude(std::size_t a, std::size_t b) const {
+        return std::abs(hi_[b] - hi_[a]) + kEpsilon * (std::abs(hi_[a]) + std::abs(hi_[b]));
+    }
+
+  private:
+    std::vector<double> hi_, lo_;
+};
+
+// A value and a bound on the size of the numbers it was computed from (its
+// rounding error is a few epsilon of that).
+struct Estimate {
+    double value = 0.0, magnitude = 0.0;
+    Estimate& operator+=(const Estimate& o) {
+        value += o.value;
+        magnitude += o.magnitude;
+        return *this;
+    }
+    Estimate scaled(double factor) const { return {value * factor, magnitude * std::abs(factor)}; }
+};
+
+// Sums of x[i0 + k] times the growth factor of year floor(k / stride) over a
+// range of k, for any origin i0, in O(1): level payments need one prefix sum;
+// geometric and arithmetic growth keep, for each residue r of i0 modulo the
+// stride, the prefix sums weighted by the year Y(l) = floor((l - r) / stride)
+// of every point l (g^Y, or Y), which fixes the year of each point relative
+// to any origin with that residue.
+class GrowthSums {
+  public:
+    GrowthSums(std::span<const double> x, std::size_t stride, const Growth& growth) : stride_(stride), growth_(growth) {
+        level_.build(x.size(), [&](std::size_t l) { return x[l]; });
+        if (growth.kind == Growth::Level) return;
+        const double log_g = std::log1p(growth.rate);
+        weighted_.resize(stride);
+        for (std::size_t r = 0; r < stride; ++r) {
+            weighted_[r].build(x.size(), [&](std::size_t l) {
+                const double year = std::floor((static_cast<double>(l) - static_cast<double>(r)) / stride);
+                return x[l] * (growth.kind == Growth::Geometric ? std::exp(log_g * year) : year);
+            });
+        }
+    }
+    std::size_t size() const { return level_.size(); }
+    const PrefixSums& level() const { return level_; }
+
+    // sum_{k0 <= k < k1} factor(floor(k / stride)) x[i0 + k]
+    Estimate sum(std::size_t i0, std::size_t k0, std::size_t k1) const {
+        const std::size_t a = i0 + k0, b = i0 + k1;
+        Estimate level{level_.between(a, b), level_.magnitude(a, b)};
+        if (growth_.kind == Growth::Level) return level;
+        const std::size_t r = i0 % stride_;
+        const double q0 = static_cast<double>(i0 / stride_);
+        const PrefixSums& w = weighted_[r];
+        Estimate weighted{w.between(a, b), w.magnitude(a, b)};
+        if (growth_.kind == Growth::Geometric) return weighted.scaled(std::pow(1.0 + growth_.rate, -q0));
+        // 1 + g (Y - q0): the level sum plus g times the years counted from i0.
+        Estimate years = weighted;
+        years += level.scaled(-q0);
+        return level += years.scaled(growth_.rate);
+    }
+
+  private:
+    std::size_t stride_;
+    Growth growth_;
+    PrefixSums level_;
+    std::vector<PrefixSums> weighted_;
+};
+
+// The book's grid: times i / m from 0, their discount factors, and what the
+// calculation mode sums over them. Policies whose schedule starts on the grid
+// are valued from differences of prefix sums.
+class PaymentGrid {
+  public:
+    PaymentGrid(const PiecewiseTable& table, const PolicyTerms& terms, std::size_t points) : m_(terms.m) {
+        std::vector<double> times(points);
+        for (std::size_t i = 0; i < points; ++i) times[i] = static_cast<double>(i) / static_cast<double>(m_);
+        discount_.resize(points);
+        table.discount(times, discount_);
+        const bool continuous = terms.mode == Mode::ContinuousPrecision;
+        if (continuous) {
+            // The integral of v over each step of the grid.
+            std::vector<double> steps(points - 1);
+            for (std::size_t i = 0; i + 1 < points; ++i)
+                steps[i] = continuous_value(table, times[i], times[i + 1], times[i], Growth{});
+            payments_.emplace(steps, m_, terms.growth);
+        } else if (terms.mode == Mode::DiscretePrecision) {
+            payments_.emplace(discount_, m_, terms.growth);
+        } else {
+            // Woolhouse: the annual payments on every residue of the grid
+            // modulo m (points r, r + m, ...), and the final year's m-thly ones.
+            std::vector<double> annual;
+            for (std::size_t r = 0; r < m_; ++r) {
+                annual.clear();
+                for (std::size_t i = r; i < points; i += m_) annual.push_back(discount_[i]);
+                annual_.emplace_back(annual, 1, terms.growth);
+            }
+            if (terms.mode == Mode::DiscreteSimplified) payments_.emplace(discount_, m_, terms.growth);
+        }
+    }
+
+    std::size_t points() const { return discount_.size(); }
+    std::size_t m() const { return m_; }
+    double discount(std::size_t i) const { return discount_[i]; }
+    // sum_{k0 <= k < k1} factor(k / m) x[i0 + k]: discount factors (discrete
+    // modes) or the integrals over the grid's steps (continuous precision).
+    Estimate payments(std::size_t i0, std::size_t k0, std::size_t k1) const { return payments_->sum(i0, k0, k1); }
+    // The running sums of the discount factors alone (discrete modes).
+    const PrefixSums& level_payments() const { return payments_->level(); }
+    // sum_{y < years} factor(y) v(i0 / m + y): the annual points of i0's residue.
+    Estimate annual(std::size_t i0, std::size_t years) const { return annual_[i0 % m_].sum(i0 / m_, 0, years); }
+
+  private:
+    std::size_t m_;
+    std::vector<double> discount_;
+    std::optional<GrowthSums> payments_;
+    std::vector<GrowthSums> annual_;  // by residue modulo m
+};
+
+// Level payments of 1 at t0, t0 + 1/m, ... on a curve: one geometric series
+// per segment crossed, with the series' denominators worked out once.
+class LevelSeries {
+  public:
+    LevelSeries(const PiecewiseTable& table, std::size_t m)
+        : table_(table), m_(static_cast<double>(m)), per_m_(1.0 / static_cast<double>(m)) {
+        for (std::size_t j = 0; j < table.segment_count(); ++j) {
+            const double log_q = table.log_base(j);
+            segments_.push_back({table.segment_end(j), log_q, log_q == 0.0 ? 0.0 : 1.0 / std::expm1(-log_q / m_)});
+        }
+    }
+
+    Estimate sum(double t0, std::size_t count) const {
+        double total = 0.0;
+        std::size_t k = 0;
+        for (std::size_t j = table_.segment_of(t0); k < count; ++j) {
+            // The payments in [start, end) of segment j: up to the first at or after its end.
+            const Segment& seg = segments_[j];
+            const double reach = (seg.end - t0) * m_;
+            const std::size_t after = reach >= static_cast<double>(count) ? count : ceil_count(reach);
+            if (after <= k) continue;
+            const double payments = static_cast<double>(after - k);
+            const double series =
+                seg.log_q == 0.0 ? payments : std::expm1(-seg.log_q * payments * per_m_) * seg.per_denominator;
+            total += table_.discount_in(j, t0 + static_cast<double>(k) * per_m_) * series;
+            k = after;
+        }
+        return {total, std::abs(total)};
+    }
+
+  private:
+    struct Segment {
+        double end, log_q, per_denominator;  // 1 / (e^(-log_q / m) - 1)
+    };
+    // ceil(x) for 0 <= x < 2^53, without a call into libm.
+    static std::size_t ceil_count(double x) {
+        const std::size_t whole = static_cast<std::size_t>(x);
+        return whole + (static_cast<double>(whole) < x);
+    }
+
+    const PiecewiseTable& table_;
+    double m_, per_m_;
+    std::vector<Segment> segments_;
+};
+
+// A schedule's payments as sums over ranges of them, for the value rules
+// below: on the book's grid from point i0 ...
+struct GridPayments {
+    const PaymentGrid& grid;
+    std::size_t i0;
+    int timing;
+
+    bool fits(const Schedule& s) const {
+        return i0 + s.count + static_cast<std::size_t>(timing) + grid.m() < grid.points();
+    }
+    Estimate regular(std::size_t k0, std::size_t k1) const {
+        return grid.payments(i0 + static_cast<std::size_t>(timing), k0, k1);
+    }
+    std::optional<Estimate> steps(std::size_t count) const { return grid.payments(i0, 0, count); }
+    Estimate annual(bool immediate, std::size_t years) const {
+        return grid.annual(immediate ? i0 + grid.m() : i0, years);
     }
 };
 
-// Bit pattern of a value with -0.0 folded into 0.0, so equal numbers share a key.
-std::uint64_t key_of(double x) { return std::bit_cast<std::uint64_t>(x == 0.0 ? 0.0 : x); }
+// ... and, for level payments anywhere, as series per segment.
+struct SeriesPayments {
+    const LevelSeries& per_period;
+    const LevelSeries& per_year;
+    double start, m;
+    int timing;
+
+    bool fits(const Schedule&) const { return true; }
+    Estimate regular(std::size_t k0, std::size_t k1) const {
+        return per_period.sum(start + static_cast<double>(k0 + static_cast<std::size_t>(timing)) / m, k1 - k0);
+    }
+    std::optional<Estimate> steps(std::size_t) const { return std::nullopt; }
+    Estimate annual(bool immediate, std::size_t years) const {
+        return per_year.sum(immediate ? start + 1.0 : start, years);
+    }
+};
+
+// The value from time 0 of an annuity (deferment from time 0) in `mode`, from
+// sums over its payments; nothing where `payments` cannot give them.
+template <typename Payments>
+std::optional<Estimate> value_from_sums(const Payments& payments, const PiecewiseTable& table, const Annuity& annuity,
+                                        Mode mode) {
+    const Schedule s = annuity.schedule();
+    if (!payments.fits(s)) return std::nullopt;
+    const double per_payment = 1.0 / static_cast<double>(s.m);
+    const auto exact = [](double value) { return Estimate{value, std::abs(value)}; };
+    if (mode == Mode::DiscretePrecision)
+        return payments.regular(0, s.count).scaled(per_payment) += exact(partial_value(table, s));
+    if (mode == Mode::ContinuousPrecision) {
+        std::optional<Estimate> pv = payments.steps(s.count);
+        if (!pv) return std::nullopt;
+        const double tail_start = s.start + static_cast<double>(s.count) * per_payment;
+        return *pv += exact(continuous_value(table, tail_start, annuity.d + annuity.n, annuity.d, annuity.growth));
+    }
+    const bool continuous = mode == Mode::ContinuousSimplified;
+    const WoolhouseParts parts = woolhouse_parts(annuity, continuous);
+    // The immediate payment of year y is due at its end, with year y's amount.
+    const Estimate due = payments.annual(false, parts.due.count), immediate = payments.annual(true, parts.due.count);
+    Estimate pv{parts.annual(due.value, immediate.value, annuity.timing), due.magnitude + immediate.magnitude};
+    if (continuous) return pv += exact(parts.continuous_tail(table, annuity));
+    pv += payments.regular(parts.fraction.first, s.count).scaled(per_payment);
+    return pv += exact(partial_value(table, s));
+}
+
+}  // namespace
+
+namespace {
+
+// The last time any policy of the book pays, from time 0. Refuses a book
+// with a term that is not countable.
+double book_span(std::span<const double> n, std::span<const double> d, const PolicyTerms& terms) {
+    require_countable(terms.perpetuity_n_eff, terms.m);
+    std::vector<double> spans(std::max(1u, std::thread::hardware_concurrency()), 0.0);
+    std::vector<std::size_t> uncountable(spans.size(), n.size());
+    std::atomic<std::size_t> next{0};
+    parallel_for(n.size(), std::size_t{1} << 16, [&](std::size_t begin, std::size_t end) {
+        double span = 0.0;
+        std::size_t first_bad = n.size();
+        for (std::size_t i = begin; i < end; ++i) {
+            const double term = std::isinf(n[i]) ? terms.perpetuity_n_eff : n[i];
+            if (!countable(term, terms.m) && first_bad == n.size()) first_bad = i;
+            span = std::max(span, d[i] + term);
+        }
+        const std::size_t slot = next++;
+        spans[slot] = span;
+        uncountable[slot] = first_bad;
+    });
+    const std::size_t bad = *std::min_element(uncountable.begin(), uncountable.end());
+    if (bad < n.size()) require_countable(n[bad], terms.m);
+    return *std::max_element(spans.begin(), spans.end());
+}
+
+// The grid of the book, when one is worth building: long enough for every
+// schedule and, with geometric growth, short enough for its weights.
+std::optional<PaymentGrid> book_grid(const PiecewiseTable& table, const PolicyTerms& terms, double span) {
+    const double m = static_cast<double>(terms.m);
+    const double wanted = std::ceil(span * m) + 2.0 * m + 2.0;
+    if (!(wanted <= static_cast<double>(kMaxGridPoints))) return std::nullopt;
+    const std::size_t points = static_cast<std::size_t>(wanted);
+    if (terms.growth.kind == Growth::Geometric &&
+        !(std::abs(std::log1p(terms.growth.rate)) * (wanted / m) <= kMaxLogWeight))
+        return std::nullopt;
+    return std::optional<PaymentGrid>(std::in_place, table, terms, points);
+}
+
+// Whether two values within `error` of `value` can round (times `scale`) to
+// different results: `value * scale` lies that close to a half.
+bool near_rounding_tie(double value, double error, double scale) {
+    const double scaled = value * scale;
+    if (!std::isfinite(scaled)) return true;
+    const double from_half = std::abs(scaled - std::floor(scaled) - 0.5);
+    return from_half <= error * scale + 4.0 * kEpsilon * std::abs(scaled);
+}
+
+// What a thread recomputed last on shifted curves: the curves of the last
+// few valuation times and the last few exact values, tried in turn (a book's
+// policies share few valuation times, and its near-ties repeat with them).
+class RecentExact {
+  public:
+    const PiecewiseTable& seen_from(const CurveArrays& curve, double ts, double eps) {
+        for (const auto& [at, table] : tables_)
+            if (at == ts) return table;
+        return remember(tables_, next_table_, {ts, discount_table(shifted(curve, ts, eps))}).second;
+    }
+    std::optional<double> value(double n, double d, double ts) const {
+        for (const auto& [policy, value] : values_)
+            if (policy[0] == n && policy[1] == d && policy[2] == ts) return value;
+        return std::nullopt;
+    }
+    double remember_value(double n, double d, double ts, double value) {
+        return remember(values_, next_value_, {{n, d, ts}, value}).second;
+    }
+
+  private:
+    static constexpr std::size_t kSize = 8;
+    template <typename Entry>
+    static Entry& remember(std::vector<Entry>& entries, std::size_t& next, Entry entry) {
+        if (entries.size() < kSize) return entries.emplace_back(std::move(entry));
+        next = (next + 1) % kSize;
+        return entries[next] = std::move(entry);
+    }
+    std::vector<std::pair<double, PiecewiseTable>> tables_;
+    std::vector<std::pair<std::array<double, 3>, double>> values_;
+    std::size_t next_table_ = 0, next_value_ = 0;
+};
+
+class BookValuer {
+  public:
+    BookValuer(const CurveArrays& curve, const PolicyTerms& terms, double span)
+        : curve_(curve),
+          terms_(terms),
+          table_(discount_table(curve)),
+          grid_(book_grid(table_, terms, span)),
+          per_period_(table_, terms.m),
+          per_year_(table_, 1),
+          scale_(std::pow(10.0, terms.decimals)),
+          per_payment_(1.0 / static_cast<double>(terms.m)),
+          level_precision_(grid_ && terms.growth.kind == Growth::Level && terms.mode == Mode::DiscretePrecision) {}
+
+    // The rounded unit value of one policy, equal to the value on the curve
+    // shifted to ts. Policies on the grid, and off it the closed form on the
+    // unshifted curve divided by v(ts), agree with that value to a few
+    // epsilon; where that could change the rounded digit, it is computed.
+    double unit_value(double n, double d, double ts, RecentExact& recent) const {
+        if (level_precision_) {
+            if (auto unit = grid_unit_value(n, d, ts)) return *unit;
+        }
+        return any_unit_value(n, d, ts, recent);
+    }
+
+  private:
+    double rounded(double value) const { return round_scaled(value, scale_); }
+
+    // The common case in one step: level payments on the grid, no pro-rata
+    // one, seen from a time on the grid; nothing otherwise, or near a tie.
+    std::optional<double> grid_unit_value(double n, double d, double ts) const {
+        if (std::isinf(n)) return std::nullopt;
+        const TermAtValuation at = term_at_valuation(n, d, ts);
+        if (at.term == 0.0) return 0.0;
+        const bool shift = is_shift(ts, terms_.tolerance_eps);
+        const double start = shift ? ts + at.deferment : at.deferment;
+        const PaymentCount count = payment_count(at.term, terms_.m, terms_.tolerance_eps);
+        if (count.fraction > terms_.tolerance_eps || !on_grid(start) || (shift && !on_grid(ts))) return std::nullopt;
+        const std::size_t first = grid_index(start) + static_cast<std::size_t>(terms_.timing);
+        const std::size_t last = first + count.size;
+        if (last >= grid_->points()) return std::nullopt;
+        const PrefixSums& sums = grid_->level_payments();
+        const double per_divisor = shift ? 1.0 / grid_->discount(grid_index(ts)) : 1.0;
+        const double value = sums.between(first, last) * per_payment_, unit = value * per_divisor;
+        const double error = kTieMargin * (std::abs(value) + sums.magnitude(first, last) * per_payment_) * per_divisor;
+        if (near_rounding_tie(unit, error, scale_)) return std::nullopt;
+        return round_scaled(unit, scale_);
+    }
+
+    [[gnu::noinline]] double any_unit_value(double n, double d, double ts, RecentExact& recent) const {
+        const bool shift = is_shift(ts, terms_.tolerance_eps);
+        const std::optional<Annuity> annuity = policy_annuity(n, d, ts, terms_);
+        if (!annuity) return 0.0;
+        if (!shift && !on_grid(annuity->d)) return rounded(annuity_value(table_, *annuity, terms_.mode));
+        Annuity from_zero = *annuity;
+        if (shift) from_zero.d += ts;
+        return rounded_unit(value_from_zero(from_zero), shift ? discount(ts) : 1.0, n, d, ts, recent);
+    }
+
+    // The rounded unit value pv / divisor; where a few epsilon could change
+    // the rounded digit, the value on the shifted curve instead.
+    double rounded_unit(const Estimate& pv, double divisor, double n, double d, double ts, RecentExact& recent) const {
+        const double per_divisor = 1.0 / divisor, unit = pv.value * per_divisor;
+        const double error = kTieMargin * (std::abs(pv.value) + pv.magnitude) * std::abs(per_divisor);
+        if (!near_rounding_tie(unit, error, scale_)) return round_scaled(unit, scale_);
+        if (auto known = recent.value(n, d, ts)) return *known;
+        return recent.remember_value(n, d, ts, exact_unit_value(n, d, ts, recent));
+    }
+
+    // The annuity's value from time 0: from the grid's sums, or the series
+    // per segment, or (growing payments off the grid) the closed form.
+    Estimate value_from_zero(const Annuity& annuity) const {
+        const double m = static_cast<double>(terms_.m);
+        if (on_grid(annuity.d)) {
+            if (auto pv = value_from_sums(GridPayments{*grid_, grid_index(annuity.d), annuity.timing}, table_, annuity,
+                                          terms_.mode))
+                return *pv;
+        }
+        if (terms_.growth.kind == Growth::Level) {
+            auto pv = value_from_sums(SeriesPayments{per_period_, per_year_, annuity.d, m, annuity.timing}, table_,
+                                      annuity, terms_.mode);
+            if (pv) return *pv;
+        }
+        const double value = annuity_value(table_, annuity, terms_.mode);
+        return {value, std::abs(value)};
+    }
+
+    bool on_grid(double t) const {
+        if (!grid_) return false;
+        const double x = t * static_cast<double>(terms_.m);
+        return x >= 0.0 && x < static_cast<double>(grid_->points()) &&
+               x == static_cast<double>(static_cast<std::size_t>(x));
+    }
+    std::size_t grid_index(double t) const { return static_cast<std::size_t>(t * static_cast<double>(terms_.m)); }
+    double discount(double t) const { return on_grid(t) ? grid_->discount(grid_index(t)) : table_.discount(t); }
+
+    // The value on the curve shifted to ts, as a single policy is valued.
+    double exact_unit_value(double n, double d, double ts, RecentExact& recent) const {
+        const Annuity annuity = *policy_annuity(n, d, ts, terms_);
+        if (!is_shift(ts, terms_.tolerance_eps)) return rounded(annuity_value(table_, annuity, terms_.mode));
+        return rounded(annuity_value(recent.seen_from(curve_, ts, terms_.tolerance_eps), annuity, terms_.mode));
+    }
+
+    const CurveArrays& curve_;
+    const PolicyTerms& terms_;
+    PiecewiseTable table_;
+    std::optional<PaymentGrid> grid_;
+    LevelSeries per_period_, per_year_;  // off the grid, level payments
+    double scale_, per_payment_;
+    bool level_precision_;
+};
 
 }  // namespace
 
 void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::span<const double> d,
                       std::span<const double> ts, std::span<const double> benefits, const PolicyTerms& terms,
                       std::span<double> out) {
-    const std::size_t count = n.size();
-    std::unordered_map<std::array<std::uint64_t, 3>, std::uint32_t, TripletHash> group_of;
-    std::vector<std::uint32_t> group(count);
-    std::vector<std::array<double, 3>> rows;
-    for (std::size_t i = 0; i < count; ++i) {
-        auto [it, added] =
-            group_of.try_emplace({key_of(n[i]), key_of(d[i]), key_of(ts[i])}, static_cast<std::uint32_t>(rows.size()));
-        if (added) rows.push_back({n[i], d[i], ts[i]});
-        group[i] = it->second;
-    }
-    // One shifted curve per distinct shift, each with the sums its schedules share.
-    std::unordered_map<std::uint64_t, std::size_t> curve_of;
-    std::vector<PiecewiseTable> curves;
-    std::vector<std::size_t> row_curve(rows.size());
-    for (std::size_t r = 0; r < rows.size(); ++r) {
-        auto [it, added] = curve_of.try_emplace(key_of(rows[r][2]), curves.size());
-        if (added) {
-            const double ts = rows[r][2];
-            const CurveArrays seen =
-                is_shift(ts, terms.tolerance_eps) ? shifted(curve, ts, terms.tolerance_eps) : curve;
-            curves.push_back(discount_table(seen));
-        }
-        row_curve[r] = it->second;
-    }
-    std::vector<ScheduleSums> sums;
-    sums.reserve(curves.size());
-    for (const auto& table : curves) sums.emplace_back(table);
-    std::vector<std::optional<Annuity>> annuities(rows.size());
-    for (std::size_t r = 0; r < rows.size(); ++r) {
-        annuities[r] = policy_annuity(rows[r][0], rows[r][1], rows[r][2], terms);
-        if (annuities[r]) reserve_schedules(*annuities[r], terms.mode, sums[row_curve[r]]);
-    }
-    parallel_for(sums.size(), 1, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t c = begin; c < end; ++c) sums[c].build();
-    });
-    std::vector<double> unit(rows.size());
-    parallel_for(rows.size(), 1024, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t r = begin; r < end; ++r) {
-            const auto& annuity = annuities[r];
-            const std::size_t c = row_curve[r];
-            unit[r] = annuity
-                          ? round_like_numpy(annuity_value(curves[c], *annuity, terms.mode, &sums[c]), terms.decimals)
-                          : 0.0;
+    const BookValuer valuer(curve, terms, book_span(n, d, terms));
+    parallel_for(n.size(), std::size_t{1} << 14, [&](std::size_t begin, std::size_t end) {
+        RecentExact recent;
+        for (std::size_t i = begin; i < end; ++i) {
+            const double unit = valuer.unit_value(n[i], d[i], ts[i], recent);
+            out[i] = benefits.empty() ? unit : unit * benefits[i];
         }
     });
-    for (std::size_t i = 0; i < count; ++i) out[i] = benefits.empty() ? unit[group[i]] : unit[group[i]] * benefits[i];
 }
 
 }  // namespace norvane::core

@@ -58,3 +58,61 @@ def portfolio_values(
     perpetuity_n_eff: float,
     decimals: int,
 ) -> NDArray[np.float64]: ...
+
+# ---- life contingencies
+
+class LifeTable:
+    def __init__(
+        self,
+        first_age: int,
+        ultimate: NDArray[np.float64],
+        select_first: int,
+        select_period: int,
+        select: NDArray[np.float64],
+    ) -> None: ...
+    def survival(
+        self,
+        ages: NDArray[np.float64],
+        select_ages: NDArray[np.float64],
+        durations: NDArray[np.float64],
+        rule: str,  # "udd", "constant_force" or "balducci"
+    ) -> NDArray[np.float64]: ...
+
+def life_value(
+    kind: Literal["annuity", "insurance", "endowment_insurance", "pure_endowment"],
+    lives: list[tuple[LifeTable, float, float, str]],
+    status: str,  # "single", "joint" or "last_survivor"
+    curve: Curve,
+    *,
+    ts: float,
+    d: float,
+    n: float,
+    m: int,
+    timing: int,
+    growth_kind: str,  # "level", "geometric" or "arithmetic"
+    growth_rate: float,
+    amounts: NDArray[np.float64] | None,
+    mode: Literal["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"],
+    decimals: int | None,
+    tolerance_eps: float,
+) -> float: ...
+def life_portfolio(
+    tables: list[LifeTable],
+    rules: list[str],
+    rates: NDArray[np.float64],
+    terms: NDArray[np.float64],
+    ends: NDArray[np.float64],
+    table: NDArray[np.float64],
+    age: NDArray[np.float64],
+    select_age: NDArray[np.float64],
+    n: NDArray[np.float64],
+    d: NDArray[np.float64],
+    ts: NDArray[np.float64],
+    m: NDArray[np.float64],
+    benefits: NDArray[np.float64] | None,
+    *,
+    timing: int,
+    mode: Literal["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"],
+    tolerance_eps: float,
+    decimals: int,
+) -> NDArray[np.float64]: ...

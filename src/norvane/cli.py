@@ -1,16 +1,12 @@
 """The norvane command line: value a portfolio of annuities, report on a curve, project cash flows.
 
-Run ``norvane --help`` or ``norvane COMMAND --help``. Reading and writing CSV needs only the
-standard library and NumPy; Parquet needs pyarrow (``pip install "norvane[parquet]"``) and
-plots need matplotlib (``pip install "norvane[plot]"``).
+Run ``norvane --help`` or ``norvane COMMAND --help``. Books are read and written with pyarrow,
+batch by batch (see :mod:`norvane.portfolio`); plots need matplotlib (``pip install "norvane[plot]"``).
 """
 
 from __future__ import annotations
 
 import argparse
-import csv
-import gzip
-import io
 import json
 import math
 import os
@@ -18,7 +14,7 @@ import sys
 import time
 from collections.abc import Sequence
 from pathlib import Path
-from typing import Any, TextIO
+from typing import Any
 
 import numpy as np
 
@@ -27,15 +23,19 @@ from .base import _ALLOWED_PAYMENT_FREQUENCIES
 from .config import Config
 from .engine.base import _CALCULATION_MODES
 from .portfolio import (
-    CHUNK,
     PERPETUITY_YEARS,
+    SHOWN_ERRORS,
+    BookSummary,
     InputError,
-    Portfolio,
+    book_flows,
+    check_output,
     flow_years,
     last_payment_year,
-    policies_from_table,
-    portfolio_flows,
-    value_portfolio,
+    open_book,
+    output_kind,
+    stream_book,
+    valued_blocks,
+    write_table,
 )
 
 EXIT_OK = 0
@@ -44,9 +44,6 @@ EXIT_INPUT = 2
 DATA = Path(__file__).resolve().parent / "data"
 SAMPLE_PORTFOLIO = DATA / "sample_portfolio.csv.gz"
 SAMPLE_CURVE = DATA / "sample_curve.json"
-
-# Error messages listed in the summary; the output file has all of them.
-SHOWN_ERRORS = 5
 
 COMMANDS = ("value", "curve", "flows")
 
@@ -67,78 +64,7 @@ output's "error" column. Exit status: 0 when the run completed (even with invali
 records), 2 when the input cannot be used (missing or unreadable file, unreadable
 curve, no "term" column)."""
 
-# --------------------------------------------------------------------------- reading
-
-
-def _open_text(path: Path) -> TextIO:
-    with open(path, "rb") as raw:
-        compressed = raw.read(2) == b"\x1f\x8b"
-    if compressed:
-        return io.TextIOWrapper(gzip.open(path, "rb"), encoding="utf-8-sig", newline="")
-    return open(path, encoding="utf-8-sig", newline="")
-
-
-def _read_csv(path: Path) -> tuple[dict[str, Sequence[Any]], int, list[str | None]]:
-    with _open_text(path) as text:
-        reader = csv.reader(text)
-        header = next(reader, None)
-        if not header:
-            raise InputError(f"{path}: no header line")
-        width = len(header)
-        rows, defects = [], []
-        for row in reader:
-            if not row:
-                continue  # blank line
-            if len(row) != width:
-                defects.append(f"record has {len(row)} fields, the header has {width}")
-                row = (row + [""] * width)[:width]
-            else:
-                defects.append(None)
-            rows.append(row)
-    columns = list(zip(*rows)) if rows else [()] * width
-    table: dict[str, Sequence[Any]] = {}
-    for name, values in zip(header, columns):
-        table.setdefault(name.strip().lower(), values)
-    return table, len(rows), defects
-
-
-def _require_pyarrow(purpose: str):
-    try:
-        import pyarrow
-        import pyarrow.parquet
-    except ImportError:
-        raise InputError(f'{purpose} needs pyarrow: pip install "norvane[parquet]"') from None
-    return pyarrow
-
-
-def _read_parquet(path: Path) -> tuple[dict[str, Sequence[Any]], int, list[str | None]]:
-    pa = _require_pyarrow("reading Parquet")
-    try:
-        data = pa.parquet.read_table(path)
-    except (pa.ArrowException, OSError) as exc:
-        raise InputError(f"{path}: not a readable Parquet file ({exc})") from None
-    table: dict[str, Sequence[Any]] = {}
-    for name in data.column_names:
-        # Data frames write missing numbers as NaN: in Parquet a NaN is a missing cell,
-        # as it is for the Dask path, which reads the same files through pandas.
-        cells = [None if isinstance(x, float) and math.isnan(x) else x for x in data.column(name).to_pylist()]
-        table.setdefault(name.strip().lower(), cells)
-    return table, data.num_rows, [None] * data.num_rows
-
-
-def read_portfolio(path: Path) -> Portfolio:
-    """Policies from a CSV, gzip-compressed CSV or Parquet file."""
-    if not path.is_file():
-        raise InputError(f"{path}: no such file")
-    suffix = path.name.lower()
-    try:
-        if suffix.endswith((".parquet", ".pq")):
-            table, count, defects = _read_parquet(path)
-        else:
-            table, count, defects = _read_csv(path)
-    except (OSError, EOFError, UnicodeDecodeError, csv.Error) as exc:
-        raise InputError(f"{path}: not a readable CSV file ({exc})") from None
-    return policies_from_table(table, count, defects, path)
+# --------------------------------------------------------------------------- curves
 
 
 def load_curve(curve_file: Path | None, rate: float | None):
@@ -178,75 +104,7 @@ def _percent(rate: float) -> str:
     return f"{rate * 100:.6g} %"
 
 
-# --------------------------------------------------------------------------- valuing
-
-
-class Progress:
-    """A plain text progress bar on stderr."""
-
-    def __init__(self, total: int, enabled: bool, label: str = "valuing", stream: TextIO | None = None):
-        self.total, self.enabled, self.label = max(total, 1), enabled, label
-        self.stream = sys.stderr if stream is None else stream
-        self.done = 0
-
-    def advance(self, count: int) -> None:
-        self.done += count
-        if self.enabled:
-            filled = int(30 * self.done / self.total)
-            self.stream.write(f"\r{self.label} [{'#' * filled}{'.' * (30 - filled)}] {self.done:,}/{self.total:,}")
-            self.stream.flush()
-
-    def close(self) -> None:
-        if self.enabled:
-            self.stream.write("\n")
-            self.stream.flush()
-
-
-# --------------------------------------------------------------------------- writing
-
-
-def _output_kind(path: Path) -> str:
-    name = path.name.lower()
-    if name.endswith((".csv", ".csv.gz")):
-        return "csv"
-    if name.endswith((".parquet", ".pq")):
-        return "parquet"
-    raise InputError(f"{path}: the output must end in .csv, .csv.gz or .parquet")
-
-
-def _check_output(path: Path | None) -> None:
-    if path is None:
-        return
-    if _output_kind(path) == "parquet":
-        _require_pyarrow("writing Parquet")
-    if not path.parent.is_dir():
-        raise InputError(f"{path}: the directory {path.parent} does not exist")
-
-
-def _cell(x: Any) -> str:
-    if x is None:
-        return ""
-    if isinstance(x, (float, np.floating)):
-        return repr(float(x))
-    return str(x)
-
-
-def write_table(path: Path, columns: dict[str, Sequence[Any]]) -> None:
-    """Columns to CSV (gzip-compressed for .gz) or Parquet, by the file name."""
-    if _output_kind(path) == "parquet":
-        pa = _require_pyarrow("writing Parquet")
-        data = {k: (np.asarray(v) if isinstance(v, np.ndarray) else list(v)) for k, v in columns.items()}
-        pa.parquet.write_table(pa.table(data), path)
-        return
-    opener = gzip.open if path.name.lower().endswith(".gz") else open
-    with opener(path, "wt", encoding="utf-8", newline="") as out:
-        writer = csv.writer(out, lineterminator="\n")
-        writer.writerow(columns)
-        cells = [
-            [_cell(x) for x in col.tolist()] if isinstance(col, np.ndarray) else [_cell(x) for x in col]
-            for col in columns.values()
-        ]
-        writer.writerows(zip(*cells))
+# --------------------------------------------------------------------------- printing
 
 
 def _require_matplotlib():
@@ -282,18 +140,11 @@ def _portfolio_label(path: Path | None) -> str:
     return "bundled sample portfolio" if path is None else str(path)
 
 
-def _summary(
-    args: argparse.Namespace,
-    curve_label: str,
-    mode: str,
-    count: int,
-    failed: int,
-    total: float,
-    elapsed: float,
-    first_errors: list[tuple[str, str]],
-) -> None:
+def _summary(args: argparse.Namespace, curve_label: str, mode: str, summary: BookSummary, elapsed: float) -> None:
+    count, valued, failed = summary.policies, summary.valued, summary.errors
+    total = summary.total_present_value
     if args.quiet:
-        print(f"{count:,} policies, {count - failed:,} valued, {failed:,} errors, total present value {_money(total)}")
+        print(f"{count:,} policies, {valued:,} valued, {failed:,} errors, total present value {_money(total)}")
         return
     print("norvane valuation")
     _print_pairs(
@@ -303,7 +154,7 @@ def _summary(
             ("mode", mode),
             *([("cluster", "local" if args.dask == "local" else str(args.dask))] if args.dask else []),
             ("policies", f"{count:,}"),
-            ("valued", f"{count - failed:,}"),
+            ("valued", f"{valued:,}"),
             ("errors", f"{failed:,}"),
             ("total present value", _money(total)),
             ("elapsed", f"{elapsed:.2f} s"),
@@ -312,7 +163,7 @@ def _summary(
     )
     if failed:
         print(f"first errors (of {failed:,}):")
-        for record, message in first_errors:
+        for record, message in summary.first_errors:
             print(f"  {record}: {message}")
 
 
@@ -352,7 +203,7 @@ def run_value_dask(args: argparse.Namespace, curve: Any, curve_label: str, mode:
         carry = ["id"] if "id" in policies.columns else []
         result = value_policies(policies, curve, mode=mode, with_errors=True, carry=carry).persist()
         if args.output is not None:
-            kind = _output_kind(args.output)
+            kind = output_kind(args.output)
             if kind == "parquet":
                 result.to_parquet(args.output, write_index=False)
             else:
@@ -367,31 +218,21 @@ def run_value_dask(args: argparse.Namespace, curve: Any, curve_label: str, mode:
         )
         shown = result[~result["error"].isna()].head(SHOWN_ERRORS, npartitions=-1)
         first = [(str(row.get("id", index)), row["error"]) for index, row in shown.iterrows()]
-    _summary(args, curve_label, mode, int(count), int(failed), float(total), time.perf_counter() - started, first)
+    summary = BookSummary(int(count), int(count - failed), int(failed), float(total), first)
+    _summary(args, curve_label, mode, summary, time.perf_counter() - started)
     return EXIT_OK
 
 
 def run_value(args: argparse.Namespace) -> int:
     started = time.perf_counter()
-    _check_output(args.output)
+    check_output(args.output)
     curve, curve_label = load_curve(args.curve, args.rate)
     mode = args.mode or Config().calculation_mode
     if args.dask:
         return run_value_dask(args, curve, curve_label, mode, started)
-    pf = read_portfolio(args.portfolio or SAMPLE_PORTFOLIO)
-    show = args.progress if args.progress is not None else (not args.quiet and len(pf) > CHUNK and sys.stderr.isatty())
-    values, errors = value_portfolio(curve, pf, mode, Progress(len(pf), show))
-    if args.output is not None:
-        try:
-            write_table(args.output, {"id": pf.ids, "present_value": values, "error": errors})
-        except OSError as exc:
-            raise InputError(f"{args.output}: cannot write ({exc})") from None
-    elapsed = time.perf_counter() - started
-
-    failed = [i for i, e in enumerate(errors) if e is not None]
-    total = math.fsum(values[np.isfinite(values)].tolist())
-    first = [(pf.ids[i], errors[i]) for i in failed[:SHOWN_ERRORS]]
-    _summary(args, curve_label, mode, len(pf), len(failed), total, elapsed, first)
+    progress = False if args.quiet and args.progress is None else args.progress  # None: on a terminal
+    summary = stream_book(args.portfolio or SAMPLE_PORTFOLIO, curve, args.output, mode=mode, progress=progress)
+    _summary(args, curve_label, mode, summary, time.perf_counter() - started)
     return EXIT_OK
 
 
@@ -438,16 +279,17 @@ def _save(fig, path: Path) -> None:
 def run_flows(args: argparse.Namespace) -> int:
     if args.plot is not None:
         Figure = _require_matplotlib()
-    _check_output(args.output)
+    check_output(args.output)
     curve, curve_label = load_curve(args.curve, args.rate)
-    pf = read_portfolio(args.portfolio or SAMPLE_PORTFOLIO)
     mode = args.mode or Config().calculation_mode
-    values, errors = value_portfolio(curve, pf, mode, Progress(len(pf), False))
-    valid = np.array([e is None for e in errors], dtype=bool)
+    book = open_book(args.portfolio or SAMPLE_PORTFOLIO)
+    blocks = [(block.policies, block.valid) for block in valued_blocks(book, curve, mode)]
+    count = sum(len(pf) for pf, _ in blocks)
+    invalid = sum(int((~valid).sum()) for _, valid in blocks)
 
-    last, perpetuities = last_payment_year(pf, valid)
+    last, perpetuities = last_payment_year(blocks)
     years = flow_years(last, perpetuities, args.horizon)
-    flows = portfolio_flows(curve, pf, valid, mode, years)
+    flows = book_flows(curve, blocks, mode, years)
     total = math.fsum(flows["pv_cf"].tolist())
 
     print("norvane cash flows")
@@ -456,12 +298,12 @@ def run_flows(args: argparse.Namespace) -> int:
             ("portfolio", _portfolio_label(args.portfolio)),
             ("curve", curve_label),
             ("mode", mode),
-            ("policies", f"{len(pf):,}"),
-            ("skipped (invalid)", f"{int((~valid).sum()):,}"),
+            ("policies", f"{count:,}"),
+            ("skipped (invalid)", f"{invalid:,}"),
         ]
     )
     gathered = perpetuities or last > years
-    if perpetuities and (pf.benefit[valid][~np.isfinite(pf.term[valid])] > 0).any():
+    if perpetuities and any((pf.benefit[valid & ~np.isfinite(pf.term)] > 0).any() for pf, valid in blocks):
         # The undiscounted payments of a perpetuity have no finite sum.
         flows["expected_cf"][-1] = math.inf
     labels = [str(y) for y in flows["year"]]
@@ -478,10 +320,7 @@ def run_flows(args: argparse.Namespace) -> int:
             + (" (perpetuities: no finite sum of payments)" if perpetuities else "")
         )
     if args.output is not None:
-        try:
-            write_table(args.output, flows)
-        except OSError as exc:
-            raise InputError(f"{args.output}: cannot write ({exc})") from None
+        write_table(args.output, flows)
         print(f"flows written to {args.output}")
     if args.plot is not None:
         fig = Figure(figsize=(9, 6), dpi=100, layout="constrained")
@@ -530,7 +369,7 @@ def build_parser() -> argparse.ArgumentParser:
         "--portfolio",
         type=Path,
         metavar="FILE",
-        help="policies: .csv, .csv.gz or .parquet; default: the bundled sample portfolio",
+        help="policies: .csv, .csv.gz, .parquet or a directory of Parquet files; default: the bundled sample portfolio",
     )
     book_options.add_argument(
         "--mode", choices=_CALCULATION_MODES, help=f"calculation mode (default {Config().calculation_mode})"
@@ -567,7 +406,7 @@ def build_parser() -> argparse.ArgumentParser:
         "--progress",
         action=argparse.BooleanOptionalAction,
         default=None,
-        help="progress bar on stderr (default: when stderr is a terminal and the portfolio is long)",
+        help="progress bar on stderr: policies read, or bytes of a CSV file (default: when stderr is a terminal)",
     )
     value.set_defaults(run=run_value)
 

@@ -31,7 +31,7 @@ import numpy as np
 import pandas as pd
 
 from .config import Config
-from .portfolio import Portfolio, flow_years, last_payment_year, policies_from_table, portfolio_flows, value_portfolio
+from .portfolio import Policies, book_flows, flow_years, last_payment_year, open_book, value_book, valued_blocks
 
 __all__ = ["value_policies", "policy_flows"]
 
@@ -40,23 +40,6 @@ __all__ = ["value_policies", "policy_flows"]
 # threads of one worker take turns, so that each values under its own settings
 # (the native kernels use the cores themselves).
 _SETTINGS_LOCK = threading.Lock()
-
-
-def _column(series: pd.Series) -> Any:
-    """A partition's column as the table reader takes it: numbers as a float array
-    (NaN missing), anything else as cells with None for missing ones."""
-    if series.dtype.kind in "iu":
-        return series.to_numpy()
-    if series.dtype.kind == "f":
-        return series.to_numpy(dtype=np.float64, na_value=np.nan)
-    return series.astype(object).where(series.notna(), None).tolist()
-
-
-def _portfolio(frame: pd.DataFrame) -> Portfolio:
-    """The policies of one partition; missing cells (NaN, None) are empty cells."""
-    table = {str(name).strip().lower(): _column(frame[name]) for name in frame.columns}
-    count = len(frame)
-    return policies_from_table(table, count, [None] * count, "partition")
 
 
 def _settings(mode: str | None) -> dict[str, Any]:
@@ -69,21 +52,22 @@ def _settings(mode: str | None) -> dict[str, Any]:
     }
 
 
-def _valued(frame: pd.DataFrame, curve: Any, settings: dict[str, Any]) -> tuple[Portfolio, np.ndarray, list]:
-    pf = _portfolio(frame)
+def _blocks(frame: pd.DataFrame, curve: Any, settings: dict[str, Any]) -> list[tuple[Policies, np.ndarray]]:
+    """The partition's policies and which of them are valid, under the caller's settings."""
     with _SETTINGS_LOCK, Config().override(**settings):
-        values, errors = value_portfolio(curve, pf, settings["calculation_mode"])
-    return pf, values, errors
+        blocks = valued_blocks(open_book(frame, "partition"), curve, settings["calculation_mode"])
+        return [(block.policies, block.valid) for block in blocks]
 
 
 def _value_partition(
     frame: pd.DataFrame, curve: Any, settings: dict[str, Any], with_errors: bool, carry: Sequence[str]
 ) -> pd.DataFrame:
-    _, values, errors = _valued(frame, curve, settings)
+    with _SETTINGS_LOCK, Config().override(**settings):
+        values = value_book(frame, curve, mode=settings["calculation_mode"])
     result = pd.DataFrame({name: frame[name] for name in carry}, index=frame.index)
-    result["present_value"] = values
+    result["present_value"] = values.present_value
     if with_errors:
-        result["error"] = pd.Series(errors, index=frame.index, dtype="string")
+        result["error"] = pd.Series(values.error, index=frame.index, dtype="string")
     return result
 
 
@@ -129,17 +113,15 @@ def value_policies(
 
 
 def _partition_horizon(frame: pd.DataFrame, curve: Any, settings: dict[str, Any]) -> tuple[int, bool, int]:
-    pf, _, errors = _valued(frame, curve, settings)
-    valid = np.array([e is None for e in errors], dtype=bool)
-    last, perpetuities = last_payment_year(pf, valid) if valid.any() else (1, False)
-    return last, perpetuities, int((~valid).sum())
+    blocks = _blocks(frame, curve, settings)
+    last, perpetuities = last_payment_year(blocks)
+    return last, perpetuities, sum(int((~valid).sum()) for _, valid in blocks)
 
 
 def _partition_flows(frame: pd.DataFrame, curve: Any, settings: dict[str, Any], years: int) -> dict[str, np.ndarray]:
-    pf, _, errors = _valued(frame, curve, settings)
-    valid = np.array([e is None for e in errors], dtype=bool)
+    blocks = _blocks(frame, curve, settings)
     with _SETTINGS_LOCK, Config().override(**settings):
-        return portfolio_flows(curve, pf, valid, settings["calculation_mode"], years)
+        return book_flows(curve, blocks, settings["calculation_mode"], years)
 
 
 def _add(a: dict[str, np.ndarray], b: dict[str, np.ndarray]) -> dict[str, np.ndarray]:

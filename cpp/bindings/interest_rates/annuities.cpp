@@ -36,7 +36,7 @@ std::optional<double> plain_number(nb::handle h) {
 bool is_none_or_default(const AnnuityArgs& a) {
     return a.gr.is_none() && a.cashflow_times.is_none() && a.cashflow_amounts.is_none() && a.benefits.is_none() &&
            a.t_output.is_none() && a.record_ids.is_none() && PyUnicode_Check(a.on_error.ptr()) &&
-           nb::borrow<nb::str>(a.on_error).equal(nb::str("raise")) && !truthy(a.return_flows);
+           PyUnicode_CompareWithASCIIString(a.on_error.ptr(), "raise") == 0 && !truthy(a.return_flows);
 }
 
 // The discount table of the curve seen from ts (the active scenario's).
@@ -61,10 +61,10 @@ std::optional<double> plain_annuity_value(nb::handle self_obj, int timing, const
     if (!(std::isfinite(*d) && *d >= 0.0 && std::isfinite(*ts) && *ts >= 0.0) || !(*n >= 0.0) || !allowed_frequency(m))
         return std::nullopt;
     InterestRate& self = nb::cast<InterestRate&>(self_obj);
-    nb::object config = self[Config];
-    if (truthy(config.attr("force_integer_ts")) && std::floor(*ts) != *ts) return std::nullopt;
-    nb::object mode_name = self_obj.attr("calculation_mode");
     const Registry& py = registry();
+    nb::object config = self[Config];
+    if (truthy(config.attr(py.name_force_integer_ts)) && std::floor(*ts) != *ts) return std::nullopt;
+    nb::object mode_name = config_backed(self, CalculationMode, py.name_calculation_mode);
     if (!py.dispatch_table[mode_name].is(py.own_entries[mode_name])) return std::nullopt;
     const std::optional<core::Mode> mode = core::mode_named(nb::borrow<nb::str>(mode_name).c_str());
     const Meta& meta = meta_of(self);
@@ -73,7 +73,7 @@ std::optional<double> plain_annuity_value(nb::handle self_obj, int timing, const
     terms.timing = timing;
     terms.tolerance_eps = to_double(meta.field[ToleranceEps], "tolerance_eps");
     terms.perpetuity_n_eff = to_double(meta.field[PerpetuityNEff], "perpetuity_n_eff");
-    terms.decimals = nb::cast<int>(config.attr("decimals").attr("annuities"));
+    terms.decimals = nb::cast<int>(config.attr(py.name_decimals).attr(py.name_annuities));
     if (!mode || !core::countable(std::isinf(*n) ? terms.perpetuity_n_eff : *n, terms.m)) return std::nullopt;
     const std::optional<core::Annuity> annuity = core::policy_annuity(*n, *d, *ts, terms);
     if (!annuity) return 0.0;

@@ -43,6 +43,13 @@ void init_registry(nb::module_& m) {
     r->json_dumps = json.attr("dumps");
     r->json_loads = json.attr("loads");
     r->builtin_round = builtins.attr("round");
+    auto interned = [](const char* name) { return checked(PyUnicode_InternFromString(name)); };
+    r->name_force_integer_ts = interned("force_integer_ts");
+    r->name_calculation_mode = interned("calculation_mode");
+    r->name_days_per_year = interned("days_per_year");
+    r->name_weeks_per_year = interned("weeks_per_year");
+    r->name_decimals = interned("decimals");
+    r->name_annuities = interned("annuities");
     r->int_type = builtins.attr("int");
     r->integer_types = nb::make_tuple(r->int_type, np.attr("integer"));
     r->np_generic = np.attr("generic");

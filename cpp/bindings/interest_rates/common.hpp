@@ -36,6 +36,9 @@ struct Registry {
     // NumPy
     nb::object np_generic, np_ndarray, np_array, np_empty, np_array_equal, np_round, np_full_like;
     nb::object np_greater_equal, np_all, np_atleast_1d, np_sum, np_min, np_max, np_mean, np_std;
+    // attribute names read on hot paths, interned once
+    nb::object name_force_integer_ts, name_calculation_mode, name_days_per_year, name_weeks_per_year, name_decimals,
+        name_annuities;
 };
 const Registry& registry();
 void init_registry(nb::module_& m);

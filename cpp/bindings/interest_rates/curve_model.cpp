@@ -514,12 +514,12 @@ PyType_Slot curve_type_slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(curve
                                   {Py_tp_clear, reinterpret_cast<void*>(curve_clear)},
                                   {0, nullptr}};
 
-nb::object config_backed(const InterestRate& ir, MetaField field, const char* config_attr) {
-    const nb::object& override_value = meta_of(ir).field[field];
-    return override_value.is_none() ? nb::object(ir[Config].attr(config_attr)) : override_value;
-}
-
 }  // namespace
+
+nb::object config_backed(const InterestRate& ir, MetaField field, nb::handle name) {
+    const nb::object& override_value = meta_of(ir).field[field];
+    return override_value.is_none() ? nb::object(ir[Config].attr(name)) : override_value;
+}
 
 CurveClass register_curve_model(nb::module_& m) {
     CurveClass cls(m, "InterestRate", kCurveDoc, nb::type_slots(curve_type_slots));
@@ -572,13 +572,15 @@ Examples
         "scenario_names", [](InterestRate& ir) { return nb::list(ir[Scenarios].attr("keys")()); },
         "Scenario names in insertion order ([] for a single curve).");
     cls.def_prop_ro(
-        "days_per_year", [](InterestRate& ir) { return config_backed(ir, DaysPerYear, "days_per_year"); },
+        "days_per_year", [](InterestRate& ir) { return config_backed(ir, DaysPerYear, registry().name_days_per_year); },
         "Days per year: the instance override, else the package Config.");
     cls.def_prop_ro(
-        "weeks_per_year", [](InterestRate& ir) { return config_backed(ir, WeeksPerYear, "weeks_per_year"); },
+        "weeks_per_year",
+        [](InterestRate& ir) { return config_backed(ir, WeeksPerYear, registry().name_weeks_per_year); },
         "Weeks per year: the instance override, else the package Config.");
     cls.def_prop_ro(
-        "calculation_mode", [](InterestRate& ir) { return config_backed(ir, CalculationMode, "calculation_mode"); },
+        "calculation_mode",
+        [](InterestRate& ir) { return config_backed(ir, CalculationMode, registry().name_calculation_mode); },
         "Annuity calculation mode: the instance override, else the package Config.");
     cls.def_prop_ro("is_constant", &active_curve_is_constant,
                     "Whether the curve (the active scenario of a container) is constant.");

@@ -104,6 +104,9 @@ bool has_scenarios(const InterestRate& ir);
 // Whether the curve (the active scenario of a container) is constant.
 bool is_constant(InterestRate& ir);
 InterestRate& active_curve(InterestRate& ir);  // the active scenario, or ir itself
+// A setting the curve's metadata may override: the override, else the package
+// Config's attribute `name` (an interned name of the registry).
+nb::object config_backed(const InterestRate& ir, MetaField field, nb::handle name);
 nb::object deep_copy(nb::handle self, nb::handle memo);
 void validate_rate_value(nb::handle rate, const std::string& context);
 void validate_rate_for_discount(double rate, const std::string& context);

@@ -9,6 +9,7 @@
 
 #include "core/annuity.hpp"
 #include "core/portfolio.hpp"
+#include "curve.hpp"
 
 #include <cmath>
 #include <cstring>
@@ -49,20 +50,14 @@ std::size_t frequency_of(std::size_t m) {
     return m;
 }
 
-void check_term(double n, std::size_t m) {
-    if (!core::countable(n, m)) throw std::invalid_argument("a term must be >= 0 with fewer than 2**53 payments");
-}
-
 core::Annuity annuity_of(double d, double n, std::size_t payments_size, std::size_t m, int timing,
                          const std::string& kind, double rate) {
     if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
-    check_term(n, frequency_of(m));
+    core::require_countable(n, frequency_of(m));
     return {d, n, payments_size, m, timing, growth_of(kind, rate)};
 }
 
-struct Curve {
-    core::PiecewiseTable table;
-};
+using bindings::Curve;
 
 core::CurveArrays arrays_of(InArray rates, InArray terms, InArray ends) {
     if (rates.shape(0) == 0 || terms.shape(0) != ends.shape(0) || rates.shape(0) != ends.shape(0) + 1)
@@ -124,6 +119,8 @@ nb::dict woolhouse_parts_of(const core::Annuity& a, bool continuous) {
 }
 
 }  // namespace
+
+void register_life(nb::module_& m);  // life.cpp
 
 NB_MODULE(_kernels, m) {
     m.doc() = "Native routines of the annuity engine: schedule rules and sums on a curve's arrays.";
@@ -209,7 +206,7 @@ NB_MODULE(_kernels, m) {
     m.def(
         "payment_count",
         [](double n, std::size_t m_, double tolerance) {
-            check_term(n, frequency_of(m_));
+            core::require_countable(n, frequency_of(m_));
             const core::PaymentCount count = core::payment_count(n, m_, tolerance);
             return std::make_pair(count.size, count.fraction);
         },
@@ -235,9 +232,7 @@ NB_MODULE(_kernels, m) {
             if (n.shape(0) != d.shape(0) || n.shape(0) != ts.shape(0))
                 throw std::invalid_argument("n, d and ts must have one length");
             if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
-            check_term(perpetuity_n_eff, frequency_of(m_));
-            for (std::size_t i = 0; i < n.shape(0); ++i)
-                if (!std::isinf(n.data()[i])) check_term(n.data()[i], m_);
+            core::require_countable(perpetuity_n_eff, frequency_of(m_));
             InArray weights;
             if (!benefits.is_none()) {
                 weights = nb::cast<InArray>(benefits);
@@ -246,17 +241,21 @@ NB_MODULE(_kernels, m) {
             const core::CurveArrays curve = arrays_of(rates, terms, ends);
             const core::PolicyTerms p{
                 m_, timing, growth_of(kind, rate), mode_of(mode), tolerance_eps, perpetuity_n_eff, decimals};
-            std::vector<double> out(n.shape(0));
+            const std::size_t count = n.shape(0);
+            auto* out = new double[count ? count : 1];
+            nb::capsule owner(out, [](void* ptr) noexcept { delete[] static_cast<double*>(ptr); });
             {
                 nb::gil_scoped_release release;
                 core::portfolio_values(curve, span_of(n), span_of(d), span_of(ts),
-                                       benefits.is_none() ? std::span<const double>() : span_of(weights), p, out);
+                                       benefits.is_none() ? std::span<const double>() : span_of(weights), p,
+                                       std::span<double>(out, count));
             }
-            return to_array(out);
+            return OutArray(out, {count}, owner);
         },
         nb::arg("rates"), nb::arg("terms"), nb::arg("ends"), nb::arg("n"), nb::arg("d"), nb::arg("ts"),
         nb::arg("benefits").none(), nb::kw_only(), nb::arg("m"), nb::arg("timing"), nb::arg("growth_kind"),
         nb::arg("growth_rate"), nb::arg("mode"), nb::arg("tolerance_eps"), nb::arg("perpetuity_n_eff"),
         nb::arg("decimals"),
-        "Rounded present values of a portfolio (times the benefits), each distinct (n, d, ts) valued once.");
+        "Rounded present values of a portfolio (times the benefits), each equal to its single policy's value.");
+    register_life(m);
 }

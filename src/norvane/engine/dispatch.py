@@ -520,8 +520,9 @@ def annuity_batch_financial(
     t_output: Any = None,
     method_name: str = "",
 ) -> Any:
-    """Value policies sharing m and growth: each distinct (term, deferment,
-    shift) once, then scatter."""
+    """Value policies sharing m and growth: generated schedules in the native
+    book kernel; explicit schedules and flows each distinct (term, deferment,
+    shift) once, then scattered."""
     m = int(m)
     gr = _resolve_gr(gr, method_name)
     return_flows = bool(return_flows)

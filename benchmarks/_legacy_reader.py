@@ -1,33 +1,37 @@
-"""Portfolios of annuity policies: reading a table of policies and valuing it.
+"""The pre-Arrow reader of ``norvane value``, kept only as the baseline of benchmarks/bench_io.py.
 
-Shared by the command line and the Dask path. A table maps column names
-("id", "term", "deferment", "shift", "frequency", "timing", "growth",
-"benefit") to sequences of cells; records that cannot be valued carry a
-message instead of stopping the run.
+It parses CSV with the csv module and Parquet through Python lists, cell by cell, holds the
+whole book in memory, values it and writes the output; the valuation calls are the library's
+own. Run as ``python benchmarks/_legacy_reader.py --portfolio BOOK --rate R [--output FILE]``
+to time it end to end as the command line did.
 """
 
 from __future__ import annotations
 
+import argparse
+import csv
+import gzip
+import io
 import math
 import re
+import sys
 from collections.abc import Callable, Sequence
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any
+from typing import Any, TextIO
 
 import numpy as np
+import pyarrow as pa
+import pyarrow.parquet
 
-from .base import _ALLOWED_PAYMENT_FREQUENCIES
-from .config import Config
+from norvane.base import _ALLOWED_PAYMENT_FREQUENCIES
+from norvane.config import Config
+from norvane.portfolio import InputError
 
 # Policies valued per call: bounds the memory of one call and paces progress reports.
 CHUNK = 50_000
 # Default length of the flows grid when perpetuities are held: their later flows share the last year.
 PERPETUITY_YEARS = 100
-
-
-class InputError(Exception):
-    """The input cannot be used (for example, no "term" column)."""
 
 
 class _NoProgress:
@@ -216,42 +220,119 @@ def value_portfolio(curve: Any, pf: Portfolio, mode: str, progress: Any = None) 
     return values, errors
 
 
-def portfolio_flows(curve, pf: Portfolio, valid: np.ndarray, mode: str, years: int) -> dict[str, np.ndarray]:
-    """Expected and discounted cash flows of the valid records on the grid 1, 2, ..., years.
-
-    Policies are grouped by (timing, frequency), one flows call per group; flows after the
-    last grid year (perpetuities) are gathered in the last year.
-    """
-    grid = np.arange(1.0, years + 1.0)
-    expected = np.zeros(years)
-    present = np.zeros(years)
-    with Config().override(calculation_mode=mode):
-        for due in (True, False):
-            method = curve.ä if due else curve.a
-            for m in np.unique(pf.frequency[valid & (pf.due == due)]):
-                rows = np.flatnonzero(valid & (pf.due == due) & (pf.frequency == m))
-                args = _arguments(pf, rows)
-                args["m"] = int(m)
-                flows = method(**args, return_flows=True, t_output=grid)
-                expected += flows["expected_cf"]
-                present += flows["pv_cf"]
-    return {"year": np.arange(1, years + 1), "expected_cf": expected, "pv_cf": present}
+def _open_text(path: Path) -> TextIO:
+    with open(path, "rb") as raw:
+        compressed = raw.read(2) == b"\x1f\x8b"
+    if compressed:
+        return io.TextIOWrapper(gzip.open(path, "rb"), encoding="utf-8-sig", newline="")
+    return open(path, encoding="utf-8-sig", newline="")
 
 
-def last_payment_year(pf: Portfolio, valid: np.ndarray) -> tuple[int, bool]:
-    """The last year with payments among the valid records, seen from their valuation
-    times, and whether any of them is a perpetuity."""
-    ends = (pf.deferment + pf.term - pf.shift)[valid]
-    finite = np.isfinite(ends)
-    last = int(math.ceil(ends[finite].max() - 1e-9)) if finite.any() else 1
-    return max(last, 1), bool((~finite).any())
+def _read_csv(path: Path) -> tuple[dict[str, Sequence[Any]], int, list[str | None]]:
+    with _open_text(path) as text:
+        reader = csv.reader(text)
+        header = next(reader, None)
+        if not header:
+            raise InputError(f"{path}: no header line")
+        width = len(header)
+        rows, defects = [], []
+        for row in reader:
+            if not row:
+                continue  # blank line
+            if len(row) != width:
+                defects.append(f"record has {len(row)} fields, the header has {width}")
+                row = (row + [""] * width)[:width]
+            else:
+                defects.append(None)
+            rows.append(row)
+    columns = list(zip(*rows)) if rows else [()] * width
+    table: dict[str, Sequence[Any]] = {}
+    for name, values in zip(header, columns):
+        table.setdefault(name.strip().lower(), values)
+    return table, len(rows), defects
 
 
-def flow_years(last: int, perpetuities: bool, horizon: float | None = None) -> int:
-    """Length of the yearly flows grid: the horizon when given, else the last payment
-    year, at least PERPETUITY_YEARS when perpetuities are held."""
-    if horizon is not None:
-        if not horizon >= 1:
-            raise InputError(f"--horizon must be at least 1 year, got {horizon}")
-        return int(math.ceil(horizon))
-    return max(last, PERPETUITY_YEARS if perpetuities else 1)
+def _require_pyarrow(purpose: str):
+    try:
+        import pyarrow
+        import pyarrow.parquet
+    except ImportError:
+        raise InputError(f'{purpose} needs pyarrow: pip install "norvane[parquet]"') from None
+    return pyarrow
+
+
+def _read_parquet(path: Path) -> tuple[dict[str, Sequence[Any]], int, list[str | None]]:
+    pa = _require_pyarrow("reading Parquet")
+    try:
+        data = pa.parquet.read_table(path)
+    except (pa.ArrowException, OSError) as exc:
+        raise InputError(f"{path}: not a readable Parquet file ({exc})") from None
+    table: dict[str, Sequence[Any]] = {}
+    for name in data.column_names:
+        # Data frames write missing numbers as NaN: in Parquet a NaN is a missing cell,
+        # as it is for the Dask path, which reads the same files through pandas.
+        cells = [None if isinstance(x, float) and math.isnan(x) else x for x in data.column(name).to_pylist()]
+        table.setdefault(name.strip().lower(), cells)
+    return table, data.num_rows, [None] * data.num_rows
+
+
+def read_portfolio(path: Path) -> Portfolio:
+    """Policies from a CSV, gzip-compressed CSV or Parquet file."""
+    if not path.is_file():
+        raise InputError(f"{path}: no such file")
+    suffix = path.name.lower()
+    try:
+        if suffix.endswith((".parquet", ".pq")):
+            table, count, defects = _read_parquet(path)
+        else:
+            table, count, defects = _read_csv(path)
+    except (OSError, EOFError, UnicodeDecodeError, csv.Error) as exc:
+        raise InputError(f"{path}: not a readable CSV file ({exc})") from None
+    return policies_from_table(table, count, defects, path)
+
+
+def _cell(x: Any) -> str:
+    if x is None:
+        return ""
+    if isinstance(x, (float, np.floating)):
+        return repr(float(x))
+    return str(x)
+
+
+def write_table(path: Path, columns: dict[str, Sequence[Any]]) -> None:
+    """Columns to CSV (gzip-compressed for .gz) or Parquet, by the file name."""
+    if path.name.lower().endswith((".parquet", ".pq")):
+        data = {k: (np.asarray(v) if isinstance(v, np.ndarray) else list(v)) for k, v in columns.items()}
+        pa.parquet.write_table(pa.table(data), path)
+        return
+    opener = gzip.open if path.name.lower().endswith(".gz") else open
+    with opener(path, "wt", encoding="utf-8", newline="") as out:
+        writer = csv.writer(out, lineterminator="\n")
+        writer.writerow(columns)
+        cells = [
+            [_cell(x) for x in col.tolist()] if isinstance(col, np.ndarray) else [_cell(x) for x in col]
+            for col in columns.values()
+        ]
+        writer.writerows(zip(*cells))
+
+
+def main(argv: Sequence[str] | None = None) -> int:
+    from norvane.interest_rates import InterestRate
+
+    parser = argparse.ArgumentParser(description="the pre-Arrow norvane value, for timing")
+    parser.add_argument("--portfolio", type=Path, required=True)
+    parser.add_argument("--rate", type=float, required=True)
+    parser.add_argument("--output", type=Path)
+    args = parser.parse_args(argv)
+    pf = read_portfolio(args.portfolio)
+    values, errors = value_portfolio(InterestRate(args.rate), pf, Config().calculation_mode)
+    if args.output is not None:
+        write_table(args.output, {"id": pf.ids, "present_value": values, "error": errors})
+    failed = sum(e is not None for e in errors)
+    total = math.fsum(values[np.isfinite(values)].tolist())
+    print(f"{len(pf):,} policies, {len(pf) - failed:,} valued, {failed:,} errors, total present value {total:,.2f}")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,263 @@
+// norvane._kernels, life contingencies: mortality tables, survival and life
+// values on a curve's arrays. Python validates and words the messages; these
+// bindings convert, guard against input that would crash, and call the core.
+#include <nanobind/nanobind.h>
+#include <nanobind/ndarray.h>
+#include <nanobind/stl/string.h>
+#include <nanobind/stl/tuple.h>
+#include <nanobind/stl/vector.h>
+
+#include "core/life.hpp"
+#include "curve.hpp"
+
+#include <cmath>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace nb = nanobind;
+using namespace norvane;
+
+namespace {
+
+using InArray = nb::ndarray<const double, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
+using OutArray = nb::ndarray<nb::numpy, double, nb::ndim<1>>;
+
+std::span<const double> span_of(const InArray& a) { return {a.data(), a.shape(0)}; }
+std::vector<double> vector_of(const InArray& a) { return {a.data(), a.data() + a.shape(0)}; }
+
+OutArray to_array(std::vector<double>&& values) {
+    auto* owned = new std::vector<double>(std::move(values));
+    nb::capsule owner(owned, [](void* p) noexcept { delete static_cast<std::vector<double>*>(p); });
+    return OutArray(owned->data(), {owned->size()}, owner);
+}
+
+core::FractionalAge rule_of(const std::string& name) {
+    if (auto rule = core::fractional_age_named(name)) return *rule;
+    throw std::invalid_argument("fractional-age rule must be 'udd', 'constant_force' or 'balducci', got '" + name +
+                                "'");
+}
+
+core::Mode mode_of(const std::string& name) {
+    if (auto mode = core::mode_named(name)) return *mode;
+    throw std::invalid_argument("unknown calculation mode '" + name + "'");
+}
+
+core::Growth growth_of(const std::string& kind, double rate) {
+    if (kind == "level") return {core::Growth::Level, 0.0};
+    if (kind == "geometric") return {core::Growth::Geometric, rate};
+    if (kind == "arithmetic") return {core::Growth::Arithmetic, rate};
+    throw std::invalid_argument("growth kind must be 'level', 'geometric' or 'arithmetic', got '" + kind + "'");
+}
+
+core::CurveArrays curve_of(const InArray& rates, const InArray& terms, const InArray& ends) {
+    if (rates.shape(0) == 0 || terms.shape(0) != ends.shape(0) || rates.shape(0) != ends.shape(0) + 1)
+        throw std::invalid_argument("a curve needs m rates and m-1 terms and ends");
+    return {vector_of(rates), vector_of(terms), vector_of(ends)};
+}
+
+// A select age as an integer (NaN: the integer part of the age).
+int select_of(double age, double select_age) {
+    const double select = std::isnan(select_age) ? std::floor(age) : select_age;
+    if (!(std::abs(select) < 1e9)) throw std::invalid_argument("ages must be finite");
+    return static_cast<int>(select);
+}
+
+// A life of `table` aged `age` at inception, seen at ts.
+core::LifeOnPath life_of(core::MortalityTable& table, double age, double select_age, double ts,
+                         core::FractionalAge rule) {
+    if (!std::isfinite(age) || !std::isfinite(ts)) throw std::invalid_argument("ages and times must be finite");
+    const int select = select_of(age, select_age);
+    const auto life = core::life_on_path(table.path(select), age - table.path_start(select) + ts, rule);
+    if (!life) throw std::invalid_argument("nobody in the table reaches age " + std::to_string(age + ts));
+    return *life;
+}
+
+using LifeArgs = std::tuple<core::MortalityTable*, double, double, std::string>;
+
+core::Status status_of(const std::vector<LifeArgs>& lives, const std::string& kind, double ts) {
+    core::Status status;
+    if (kind == "single" && lives.size() == 1) {
+        status.kind = core::Status::Single;
+    } else if ((kind == "joint" || kind == "last_survivor") && lives.size() == 2) {
+        status.kind = kind == "joint" ? core::Status::Joint : core::Status::LastSurvivor;
+    } else {
+        throw std::invalid_argument("a status is 'single' with one life or 'joint'/'last_survivor' with two");
+    }
+    for (std::size_t i = 0; i < lives.size(); ++i) {
+        auto& [table, age, select_age, rule] = lives[i];
+        if (!table) throw std::invalid_argument("a life needs a table");
+        status.lives[i] = life_of(*table, age, select_age, ts, rule_of(rule));
+    }
+    if (lives.size() == 1) status.lives[1] = status.lives[0];
+    return status;
+}
+
+struct LifeCall {
+    double ts, d, n;
+    std::size_t m;
+    int timing;
+    std::string growth_kind;
+    double growth_rate;
+    std::string mode;
+    double tolerance_eps;
+};
+
+double life_value(const std::string& kind, const core::PiecewiseTable& curve, const core::Status& status,
+                  const LifeCall& c, const double* amounts, std::size_t amounts_size) {
+    const core::Mode mode = mode_of(c.mode);
+    if (kind == "pure_endowment") {
+        const double t = c.d + c.n - c.ts;
+        return t < 0.0 ? 0.0 : core::pure_endowment_value(curve, t, status);
+    }
+    const bool insurance = kind == "insurance" || kind == "endowment_insurance";
+    if (!insurance && kind != "annuity") throw std::invalid_argument("unknown life value '" + kind + "'");
+    const core::PolicyTerms terms{
+        c.m, insurance ? 1 : c.timing, growth_of(c.growth_kind, c.growth_rate), mode, c.tolerance_eps, 0.0, 0};
+    const double horizon = status.horizon();
+    const double term = core::life_term(c.n, c.d, c.ts, horizon, c.m);
+    if (!core::countable(term > 0.0 ? term : 0.0, c.m))
+        throw std::invalid_argument("a term must be >= 0 with fewer than 2**53 payments");
+    const auto annuity = core::life_policy_annuity(c.n, c.d, c.ts, horizon, terms);
+    if (!annuity) return 0.0;
+    if (insurance) {
+        const double death = core::life_insurance_value(curve, *annuity, mode, status);
+        if (kind == "insurance" || std::isinf(c.n)) return death;
+        return death + core::pure_endowment_value(curve, annuity->d + annuity->n, status);
+    }
+    if (!amounts) return core::life_annuity_value(curve, *annuity, mode, status);
+    const std::size_t full = core::payment_count(term, c.m, c.tolerance_eps).size;
+    if (amounts_size != full)
+        throw std::invalid_argument("'cashflow_amounts' holds " + std::to_string(amounts_size) + " amounts for " +
+                                    std::to_string(full) + " payments");
+    return core::life_amounts_value(curve, *annuity,
+                                    {amounts + (full - annuity->payments_size), annuity->payments_size}, mode, status);
+}
+
+}  // namespace
+
+void register_life(nb::module_& m) {
+    nb::class_<core::MortalityTable>(m, "LifeTable",
+                                     "Death probabilities by integer age from `first_age` (closed: the last is 1), "
+                                     "with an optional select table of `select_period` columns from `select_first`.")
+        .def(
+            "__init__",
+            [](core::MortalityTable* self, int first_age, InArray ultimate, int select_first, std::size_t period,
+               InArray select) {
+                if (ultimate.shape(0) == 0) throw std::invalid_argument("a table needs at least one age");
+                if (period == 0 ? select.shape(0) != 0 : select.shape(0) % period != 0)
+                    throw std::invalid_argument("a select table needs `select_period` values per row");
+                for (double q : span_of(ultimate))
+                    if (!(q >= 0.0 && q <= 1.0)) throw std::invalid_argument("death probabilities must be in [0, 1]");
+                for (double q : span_of(select))
+                    if (!(q >= 0.0 && q <= 1.0)) throw std::invalid_argument("death probabilities must be in [0, 1]");
+                new (self)
+                    core::MortalityTable(first_age, vector_of(ultimate), select_first, period, vector_of(select));
+            },
+            nb::arg("first_age"), nb::arg("ultimate"), nb::arg("select_first"), nb::arg("select_period"),
+            nb::arg("select"))
+        .def(
+            "survival",
+            [](core::MortalityTable& table, InArray ages, InArray select_ages, InArray durations,
+               const std::string& rule_name) {
+                const std::size_t size = ages.shape(0);
+                if (select_ages.shape(0) != size || durations.shape(0) != size)
+                    throw std::invalid_argument("ages, select ages and durations must have one length");
+                const core::FractionalAge rule = rule_of(rule_name);
+                std::vector<core::LifeOnPath> lives;
+                lives.reserve(size);
+                for (std::size_t i = 0; i < size; ++i) {
+                    if (!(durations.data()[i] >= 0.0)) throw std::invalid_argument("durations must be >= 0");
+                    lives.push_back(life_of(table, ages.data()[i], select_ages.data()[i], 0.0, rule));
+                }
+                std::vector<double> out(size);
+                {
+                    nb::gil_scoped_release release;
+                    for (std::size_t i = 0; i < size; ++i) out[i] = lives[i].at(durations.data()[i]);
+                }
+                return to_array(std::move(out));
+            },
+            nb::arg("ages"), nb::arg("select_ages"), nb::arg("durations"), nb::arg("rule"),
+            "t_p_x for each (age, select age (NaN: none), duration).");
+
+    m.def(
+        "life_value",
+        [](const std::string& kind, const std::vector<LifeArgs>& lives, const std::string& status_kind,
+           const bindings::Curve& curve, double ts, double d, double n, std::size_t m_, int timing,
+           const std::string& growth_kind, double growth_rate, nb::object amounts, const std::string& mode,
+           nb::object decimals, double tolerance_eps) {
+            if (m_ == 0 || (timing != 0 && timing != 1)) throw std::invalid_argument("m >= 1 and timing 0 or 1");
+            if (!(ts >= 0.0 && d >= 0.0 && std::isfinite(ts) && std::isfinite(d) && n >= 0.0))
+                throw std::invalid_argument("ts and d must be finite and >= 0, n >= 0");
+            const core::Status status = status_of(lives, status_kind, ts);
+            const LifeCall call{ts, d, n, m_, timing, growth_kind, growth_rate, mode, tolerance_eps};
+            double value;
+            if (amounts.is_none()) {
+                value = life_value(kind, curve.table, status, call, nullptr, 0);
+            } else {
+                const auto given = nb::cast<InArray>(amounts);
+                value = life_value(kind, curve.table, status, call, given.data(), given.shape(0));
+            }
+            return decimals.is_none() ? value : core::round_like_numpy(value, nb::cast<int>(decimals));
+        },
+        nb::arg("kind"), nb::arg("lives"), nb::arg("status"), nb::arg("curve"), nb::kw_only(), nb::arg("ts"),
+        nb::arg("d"), nb::arg("n"), nb::arg("m"), nb::arg("timing"), nb::arg("growth_kind"), nb::arg("growth_rate"),
+        nb::arg("amounts").none(), nb::arg("mode"), nb::arg("decimals").none(), nb::arg("tolerance_eps"),
+        "A life-contingent value ('annuity', 'insurance', 'endowment_insurance' or 'pure_endowment') of one life "
+        "or two ('joint', 'last_survivor') on `curve` seen from the valuation time ts; lives are (table, age at "
+        "inception, select age or NaN, rule).");
+
+    m.def(
+        "life_portfolio",
+        [](std::vector<core::MortalityTable*> tables, const std::vector<std::string>& rule_names, InArray rates,
+           InArray terms, InArray ends, InArray table, InArray age, InArray select_age, InArray n, InArray d,
+           InArray ts, InArray frequency, nb::object benefits, int timing, const std::string& mode,
+           double tolerance_eps, int decimals) {
+            const std::size_t size = age.shape(0);
+            for (const InArray* column : {&table, &select_age, &n, &d, &ts, &frequency})
+                if (column->shape(0) != size) throw std::invalid_argument("policy columns must have one length");
+            if (tables.size() != rule_names.size() || tables.empty())
+                throw std::invalid_argument("one rule per table, at least one table");
+            if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
+            std::vector<core::FractionalAge> rules;
+            for (const auto& name : rule_names) rules.push_back(rule_of(name));
+            for (std::size_t i = 0; i < size; ++i) {
+                const double t = table.data()[i], x = age.data()[i], f = frequency.data()[i];
+                const double s = select_age.data()[i];
+                if (!std::isnan(s) && !(std::abs(s) < 1e9))
+                    throw std::invalid_argument("invalid select age at index " + std::to_string(i));
+                if (!(t >= 0.0 && t < static_cast<double>(tables.size()) && t == std::floor(t)) ||
+                    !tables[static_cast<std::size_t>(t)] || !(f >= 1.0 && f <= 365.0 && f == std::floor(f)) ||
+                    !(std::abs(x) < 1e9) || !(ts.data()[i] >= 0.0) || !std::isfinite(ts.data()[i]) ||
+                    !(d.data()[i] >= 0.0) || !std::isfinite(d.data()[i]) || !(n.data()[i] >= 0.0) ||
+                    !core::countable(std::isinf(n.data()[i]) ? 0.0 : n.data()[i], f))
+                    throw std::invalid_argument("invalid policy at index " + std::to_string(i));
+            }
+            InArray weights;
+            if (!benefits.is_none()) {
+                weights = nb::cast<InArray>(benefits);
+                if (weights.shape(0) != size) throw std::invalid_argument("benefits must match the policies");
+            }
+            const core::PolicyTerms p{1, timing, core::Growth{}, mode_of(mode), tolerance_eps, 0.0, decimals};
+            const core::LifePolicies policies{
+                span_of(table),      span_of(age),
+                span_of(select_age), span_of(n),
+                span_of(d),          span_of(ts),
+                span_of(frequency),  benefits.is_none() ? std::span<const double>() : span_of(weights)};
+            const core::CurveArrays curve = curve_of(rates, terms, ends);
+            std::vector<double> out(size);
+            {
+                nb::gil_scoped_release release;
+                core::life_portfolio_values(curve, tables, rules, policies, p, out);
+            }
+            return to_array(std::move(out));
+        },
+        nb::arg("tables"), nb::arg("rules"), nb::arg("rates"), nb::arg("terms"), nb::arg("ends"), nb::arg("table"),
+        nb::arg("age"), nb::arg("select_age"), nb::arg("n"), nb::arg("d"), nb::arg("ts"), nb::arg("m"),
+        nb::arg("benefits").none(), nb::kw_only(), nb::arg("timing"), nb::arg("mode"), nb::arg("tolerance_eps"),
+        nb::arg("decimals"),
+        "Rounded life annuity values of a portfolio (times the benefits): survival once per (table, select age), "
+        "each distinct policy valued once.");
+}

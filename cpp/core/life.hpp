@@ -1,0 +1,169 @@
+// Life contingencies on a curve: survival over mortality tables under a
+// fractional-age rule, and life annuities, insurances and pure endowments.
+// Schedules, payment counts, Woolhouse's parts and rounding come from
+// core/annuity.hpp; this file adds only the survival weights.
+#pragma once
+
+#include "core/annuity.hpp"
+
+#include <cstddef>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string_view>
+#include <vector>
+
+namespace norvane::core {
+
+// How survival runs inside a year of age: uniform distribution of deaths
+// (linear l), constant force (exponential l) or Balducci (linear 1/l).
+enum class FractionalAge { Uniform, ConstantForce, Balducci };
+// "udd", "constant_force" or "balducci".
+std::optional<FractionalAge> fractional_age_named(std::string_view name);
+
+// The death probabilities q[0], q[1], ... a life meets in the successive
+// years from an integer age on, and survival along them. Nobody survives the
+// last year (tables end with q = 1).
+class SurvivalPath {
+  public:
+    explicit SurvivalPath(std::vector<double> q);
+    double years() const { return static_cast<double>(q_.size()); }
+    // Survival from 0 to u >= 0.
+    double to(double u, FractionalAge rule) const;
+    // Survival to the integer j, the death probability of year j and log(1 - q).
+    double l(std::size_t j) const { return l_[j]; }
+    double q(std::size_t j) const { return q_[j]; }
+    double log_p(std::size_t j) const { return log_p_[j]; }
+
+  private:
+    std::vector<double> q_, l_, log_p_;  // l_[j]: survival to j; log_p_[j] = log(1 - q[j])
+};
+
+// An ultimate table (q by integer age from `first_age`), optionally with a
+// select table: row r holds q_[s]+t for s = select_first + r, t < period.
+// Paths are built on demand, once, and kept (their addresses never change).
+class MortalityTable {
+  public:
+    MortalityTable(int first_age, std::vector<double> ultimate, int select_first, std::size_t select_period,
+                   std::vector<double> select);
+    int first_age() const { return first_age_; }
+    int end_age() const { return first_age_ + static_cast<int>(ultimate_.size()); }  // nobody reaches it
+    std::size_t select_period() const { return period_; }
+    bool has_select_row(int age) const;
+    // Survival from the start of the path of a life selected at `select_age`
+    // (the ultimate path, from first_age, when the table has no select row for it).
+    const SurvivalPath& path(int select_age);
+    // Age at which that path starts.
+    int path_start(int select_age) const;
+
+  private:
+    int first_age_, select_first_;
+    std::size_t period_;
+    std::vector<double> ultimate_, select_;
+    std::mutex paths_mutex_;  // paths are added while other threads may read the table
+    std::optional<SurvivalPath> ultimate_path_;
+    std::map<int, SurvivalPath> select_paths_;
+};
+
+// One life on its path: `start` years along it at the valuation time.
+struct LifeOnPath {
+    const SurvivalPath* path;
+    double start;
+    FractionalAge rule;
+    double norm;  // 1 / survival to start
+
+    double at(double t) const { return t <= 0.0 ? 1.0 : path->to(start + t, rule) * norm; }
+    double horizon() const { return path->years() - start; }
+};
+// A life `start` years along `path`; none when nobody reaches that point.
+std::optional<LifeOnPath> life_on_path(const SurvivalPath& path, double start, FractionalAge rule);
+
+// The survival t years after the valuation time of one life, or of the joint
+// or last-survivor status of two independent lives (all alive at time 0).
+struct Status {
+    enum Kind { Single, Joint, LastSurvivor } kind = Single;
+    // The status's survival from the lives' survival x (and y).
+    static double combine(Kind kind, double x, double y) {
+        return kind == Single ? x : kind == Joint ? x * y : x + y - x * y;
+    }
+    LifeOnPath lives[2];
+
+    double at(double t) const;
+    // The time after which survival is 0.
+    double horizon() const;
+    // The first time after t at which some life completes a year of age.
+    double next_birthday(double t) const;
+};
+
+// ---- values (unrounded) ---------------------------------------------------------
+
+// exp(-log(1 + r_j) / m) for each segment j: the discount over one period of
+// m-thly payments, which the sums below step by (computed there when not given).
+std::vector<double> period_ratios(const PiecewiseTable& curve, std::size_t m);
+
+// Sum of amount x v(t) x survival(t) over the schedule's payments.
+double life_schedule_value(const PiecewiseTable& curve, const Schedule& s, const Status& status,
+                           std::span<const double> ratios = {});
+// The same over the first counts[i] regular payments (counts ascending), in
+// one pass: each equals the regular part of life_schedule_value bit for bit.
+void life_schedule_sums(const PiecewiseTable& curve, const Schedule& s, const Status& status,
+                        std::span<const std::size_t> counts, std::span<double> out,
+                        std::span<const double> ratios = {});
+// The pro-rata last payment's share.
+double life_partial_value(const PiecewiseTable& curve, const Schedule& s, const Status& status);
+
+// A life annuity in a calculation mode:
+// - DiscretePrecision: every payment with its survival probability;
+// - DiscreteSimplified: Woolhouse's parts of core/annuity.hpp, each payment
+//   weighted by survival, which is ä(m) = ä - c (E_start - E_end) in whole
+//   years, plus the final fraction of a year exactly;
+// - ContinuousPrecision: the integral of v(t) survival(t) over the term,
+//   exactly per piece between segment ends, birthdays and growth years
+//   (12-point Gauss-Legendre: each piece is at most a year of a smooth
+//   integrand);
+// - ContinuousSimplified: the Woolhouse limit c = 1/2 on the whole years,
+//   the final fraction integrated.
+double life_annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode, const Status& status);
+
+// Explicit amounts, one per payment of the annuity's schedule: payments at
+// their times in the discrete modes; flowing uniformly over their periods in
+// the continuous modes.
+double life_amounts_value(const PiecewiseTable& curve, const Annuity& annuity, std::span<const double> amounts,
+                          Mode mode, const Status& status);
+
+// 1 paid on death within the annuity's term (its deferment d and term n): at
+// the end of the 1/m period of death in the discrete modes, at the moment of
+// death in the continuous ones.
+double life_insurance_value(const PiecewiseTable& curve, const Annuity& periods, Mode mode, const Status& status);
+
+// 1 paid at time t if the status survives to it.
+double pure_endowment_value(const PiecewiseTable& curve, double t, const Status& status);
+
+// ---- portfolios ----------------------------------------------------------------
+
+// Per policy: index of its table, age at inception, select age (NaN: the
+// integer part of the age), term (infinite: whole life), deferment,
+// valuation time, payments a year and benefit (empty: 1). Unit values are
+// rounded as np.round does, then multiplied by the benefits. Survival paths
+// are built once per (table, select age), every distinct policy is valued
+// once, and in the discrete precision mode the policies of one life that
+// differ only in their term share one pass over the longest schedule. Every
+// policy must be valid (checked by the caller).
+struct LifePolicies {
+    std::span<const double> table, age, select_age, n, d, ts, m, benefits;
+};
+void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*> tables,
+                           std::span<const FractionalAge> rules, const LifePolicies& policies, const PolicyTerms& terms,
+                           std::span<double> out);
+
+// The term from inception of a policy with term n (infinite: for life, every
+// period that begins before survival ends `horizon` years after ts).
+double life_term(double n, double d, double ts, double horizon, std::size_t m);
+
+// The annuity of a policy on a status whose survival ends `horizon` years
+// after the valuation time: term n from inception after the deferment d
+// (infinite: for life), valued at ts. None when no payment is left.
+std::optional<Annuity> life_policy_annuity(double n, double d, double ts, double horizon, const PolicyTerms& terms);
+
+}  // namespace norvane::core

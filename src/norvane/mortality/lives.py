@@ -1,0 +1,343 @@
+"""Lives and pairs of lives: life annuities, insurances and pure endowments
+on any curve, in actuarial notation (``life.ä(curve, n=10, m=12)``).
+
+Every value is computed natively on the curve's schedule rules with the
+status's survival as weight, in the calculation mode of the curve, and
+rounded like the curve's own annuities.
+"""
+
+from __future__ import annotations
+
+import functools
+import math
+from typing import Any, Literal
+
+import numpy as np
+from numpy.typing import ArrayLike, NDArray
+
+from .. import _kernels
+from ..base import _ALLOWED_PAYMENT_FREQUENCIES, _NUMERIC_TYPES
+from ..engine.annuity import _kernel_curve
+from ..engine.base import Dispatcher
+from ..engine.dispatch import _MAX_PAYMENTS, _too_many_payments
+from ..validators import (
+    _resolve_gr,
+    _validate_cashflow_inputs,
+    _validate_frequency_and_payment_timing,
+    _validate_shift_deferment_and_duration,
+)
+from .tables import FractionalAgeLiteral, MortalityTable, _check_rule
+
+__all__ = ["JointLife", "Life"]
+
+F64 = NDArray[np.float64]
+_EMPTY = np.empty(0, dtype=np.float64)
+_EMPTY.flags.writeable = False
+LifeArgs = tuple[_kernels.LifeTable, float, float, str]
+
+
+@functools.cache
+def _curve_class() -> type:
+    from ..interest_rates import InterestRate  # the curve module imports the engine at load
+
+    return InterestRate
+
+
+def _checked_curve(curve: Any, method_name: str) -> Any:
+    if not isinstance(curve, _curve_class()):
+        raise TypeError(f"[{method_name}] 'curve' must be an InterestRate, got {type(curve).__name__}.")
+    return curve
+
+
+def _curve_arrays(curve: Any, method_name: str) -> tuple[F64, F64, F64]:
+    """Rates, segment lengths and ends of a curve (its active scenario for a container)."""
+    scenarios: Any = _checked_curve(curve, method_name).scenarios
+    leaf: Any = scenarios[curve.active_scenario] if scenarios else curve
+    if leaf.is_constant:
+        return np.array([float(leaf.rate)]), _EMPTY, _EMPTY
+    return leaf._rates, leaf._terms, leaf._cum_terms
+
+
+def _real(value: Any, name: str, method_name: str) -> float:
+    if isinstance(value, (bool, np.bool_)) or not isinstance(value, _NUMERIC_TYPES):
+        raise TypeError(f"[{method_name}] '{name}' must be a real number, got {type(value).__name__}.")
+    return float(value)  # type: ignore[arg-type]
+
+
+def _plain_numbers(ts: Any, d: Any, n: Any, m: Any, ts_integer: bool) -> bool:
+    """Whether the call's numbers are plain Python numbers in range (nothing to word)."""
+    return (
+        type(ts) in (float, int)
+        and type(d) in (float, int)
+        and 0.0 <= ts < math.inf
+        and 0.0 <= d < math.inf
+        and (n is None or (type(n) in (float, int) and n >= 0.0))
+        and type(m) is int
+        and m in _ALLOWED_PAYMENT_FREQUENCIES
+        and not (ts_integer and ts != int(ts))
+    )
+
+
+class _Status:
+    """What a life and a pair of lives share: their values on a curve."""
+
+    __slots__ = ()
+    _status_kind: str = "single"
+
+    def _lives(self) -> list[LifeArgs]:
+        raise NotImplementedError
+
+    def _value(
+        self,
+        kind: Literal["annuity", "insurance", "endowment_insurance", "pure_endowment"],
+        method_name: str,
+        curve: Any,
+        n: Any,
+        d: Any,
+        m: Any,
+        ts: Any,
+        timing: int = 0,
+        gr: Any = None,
+        cashflow_amounts: Any = None,
+    ) -> float:
+        config = _checked_curve(curve, method_name)._config
+        mode = curve.calculation_mode
+        amounts = None
+        plain = gr is None and cashflow_amounts is None and _plain_numbers(ts, d, n, m, config.force_integer_ts)
+        if not plain:  # the shared validators word the messages
+            _validate_shift_deferment_and_duration(
+                ts=ts,
+                ts_integer=config.force_integer_ts,
+                d=d,
+                n=n,
+                cashflow_times=None,
+                method_name=method_name,
+                has_growth_rate=gr is not None,
+            )
+            _validate_frequency_and_payment_timing(m=m, payment_timing=timing, method_name=method_name)
+            if cashflow_amounts is not None:
+                if gr is not None:
+                    raise ValueError(f"[{method_name}] 'gr' and 'cashflow_amounts' are mutually exclusive.")
+                _, amounts = _validate_cashflow_inputs(
+                    cashflow_times=None,
+                    cashflow_amounts=cashflow_amounts,
+                    calculation_mode=mode,
+                    m=m,
+                    n=n,
+                    method_name=method_name,
+                    caller=Dispatcher.ANNUITY,
+                )
+        if n is not None and math.isfinite(n) and not float(n) * int(m) < _MAX_PAYMENTS:
+            raise _too_many_payments(method_name, float(n), int(m))
+        growth = _resolve_gr(gr, method_name)
+        # The curve seen from ts, shifted and made native once through the curve's and the engine's caches.
+        seen = _kernel_curve(curve._ir_shifted_for_ts(float(ts), curve._ts_shift_cache) if ts else curve)
+        return _kernels.life_value(
+            kind,
+            self._lives(),
+            self._status_kind,
+            seen,
+            ts=float(ts),
+            d=float(d),
+            n=math.inf if n is None else float(n),
+            m=int(m),
+            timing=timing,
+            growth_kind="level" if growth is None else growth.kind,
+            growth_rate=0.0 if growth is None else float(growth.rate),
+            amounts=None if amounts is None else np.ascontiguousarray(amounts, dtype=np.float64),
+            mode=mode,
+            decimals=config.decimals.annuities,
+            tolerance_eps=curve._meta.tolerance_eps,
+        )
+
+    def ä(
+        self,
+        curve: Any,
+        n: float | None = None,
+        d: float = 0.0,
+        m: int = 1,
+        ts: float = 0.0,
+        gr: Any = None,
+        cashflow_amounts: ArrayLike | None = None,
+    ) -> float:
+        """Life annuity-due of 1 a year payable ``m`` times a year while the status survives.
+
+        Parameters
+        ----------
+        curve : InterestRate
+            Any curve; a container values its active scenario.
+        n : float or None
+            Payment term in years after the deferment (None: for life).
+        d : float
+            Deferment in years from inception.
+        m : int
+            Payments per year.
+        ts : float
+            Valuation time in years since inception; the lives are then
+            ``ts`` years older and alive.
+        gr : GrowthRate or float, optional
+            Annual growth of the payments.
+        cashflow_amounts : array-like, optional
+            One amount per payment of the full schedule (needs a finite ``n``).
+        """
+        return self._value("annuity", f"{type(self).__name__}.ä", curve, n, d, m, ts, 0, gr, cashflow_amounts)
+
+    def a(
+        self,
+        curve: Any,
+        n: float | None = None,
+        d: float = 0.0,
+        m: int = 1,
+        ts: float = 0.0,
+        gr: Any = None,
+        cashflow_amounts: ArrayLike | None = None,
+    ) -> float:
+        """Life annuity-immediate (payments at the end of each period); parameters as :meth:`ä`."""
+        return self._value("annuity", f"{type(self).__name__}.a", curve, n, d, m, ts, 1, gr, cashflow_amounts)
+
+    def A(self, curve: Any, n: float | None = None, d: float = 0.0, m: int = 1, ts: float = 0.0) -> float:
+        """Insurance of 1 on death: whole life (A_x) or term n (A¹_x:n), deferred d.
+
+        Paid at the end of the 1/m-year period of death in the discrete modes,
+        at the moment of death in the continuous modes.
+        """
+        return self._value("insurance", f"{type(self).__name__}.A", curve, n, d, m, ts)
+
+    def A_endowment(self, curve: Any, n: float, d: float = 0.0, m: int = 1, ts: float = 0.0) -> float:
+        """Endowment insurance A_x:n: 1 on death within n years, or 1 at n on survival."""
+        method_name = f"{type(self).__name__}.A_endowment"
+        _real(n, "n", method_name)
+        return self._value("endowment_insurance", method_name, curve, n, d, m, ts)
+
+    def E(self, curve: Any, n: float, ts: float = 0.0) -> float:
+        """Pure endowment nE_x: 1 paid n years after inception if the status survives."""
+        method_name = f"{type(self).__name__}.E"
+        if not math.isfinite(_real(n, "n", method_name)):
+            raise ValueError(f"[{method_name}] 'n' must be finite, got {n!r}.")
+        return self._value("pure_endowment", method_name, curve, n, 0.0, 1, ts)
+
+
+class Life(_Status):
+    """A life of a mortality table, aged ``age`` at inception.
+
+    Parameters
+    ----------
+    table : MortalityTable
+    age : float
+        Any real age the table reaches.
+    select_age : int, optional
+        Age at selection, for select tables (default: the integer part of
+        ``age``, a newly selected life).
+    fractional_age : {"udd", "constant_force", "balducci"}, optional
+        Fractional-age rule (default: the table's).
+    """
+
+    __slots__ = ("table", "age", "select_age", "fractional_age")
+
+    table: MortalityTable
+    age: float
+    select_age: int | None
+    fractional_age: str
+
+    def __init__(
+        self,
+        table: MortalityTable,
+        age: float,
+        *,
+        select_age: int | None = None,
+        fractional_age: FractionalAgeLiteral | None = None,
+    ) -> None:
+        if not isinstance(table, MortalityTable):
+            raise TypeError(f"[Life] 'table' must be a MortalityTable, got {type(table).__name__}.")
+        x = _real(age, "age", "Life")
+        selected = math.nan if select_age is None else _real(select_age, "select_age", "Life")
+        table._check_ages(np.array([x]), np.array([selected]), "Life")
+        rule = table.fractional_age if fractional_age is None else _check_rule(fractional_age, "Life")
+        set_ = object.__setattr__
+        set_(self, "table", table)
+        set_(self, "age", x)
+        set_(self, "select_age", None if select_age is None else int(selected))
+        set_(self, "fractional_age", rule)
+
+    def _lives(self) -> list[LifeArgs]:
+        select = math.nan if self.select_age is None else float(self.select_age)
+        return [(self.table._native, self.age, select, self.fractional_age)]
+
+    def tpx(self, t: ArrayLike) -> float | F64:
+        """Survival probability over t years from the life's age (vectorised)."""
+        return self.table.tpx(self.age, t, select_age=self.select_age, fractional_age=self.fractional_age)  # type: ignore[arg-type]
+
+    def __setattr__(self, name: str, value: Any) -> None:
+        raise AttributeError("Life is immutable.")
+
+    def __eq__(self, other: object) -> bool:
+        if not isinstance(other, Life):
+            return NotImplemented
+        return self._identity() == other._identity()
+
+    def __hash__(self) -> int:
+        return hash(self._identity())
+
+    def _identity(self) -> tuple[Any, ...]:
+        return (self.table, self.age, self.select_age, self.fractional_age)
+
+    def __reduce__(self) -> tuple[Any, ...]:
+        return (_life, self._identity())
+
+    def __repr__(self) -> str:
+        select = "" if self.select_age is None else f", selected at {self.select_age}"
+        return f"Life(age {self.age:g}{select}, {self.table!r})"
+
+
+def _life(table: MortalityTable, age: float, select_age: int | None, rule: Any) -> Life:
+    return Life(table, age, select_age=select_age, fractional_age=rule)
+
+
+class JointLife(_Status):
+    """Two independent lives: the ``"joint"`` status (while both live) or the
+    ``"last_survivor"`` status (while either lives). Both are alive at the
+    valuation time."""
+
+    __slots__ = ("x", "y", "status")
+
+    x: Life
+    y: Life
+    status: str
+
+    def __init__(self, x: Life, y: Life, *, status: Literal["joint", "last_survivor"] = "joint") -> None:
+        if not (isinstance(x, Life) and isinstance(y, Life)):
+            raise TypeError("[JointLife] 'x' and 'y' must be Life objects.")
+        if status not in ("joint", "last_survivor"):
+            raise ValueError(f"[JointLife] 'status' must be 'joint' or 'last_survivor', got {status!r}.")
+        set_ = object.__setattr__
+        set_(self, "x", x)
+        set_(self, "y", y)
+        set_(self, "status", status)
+
+    @property
+    def _status_kind(self) -> str:  # type: ignore[override]
+        return self.status
+
+    def _lives(self) -> list[LifeArgs]:
+        return self.x._lives() + self.y._lives()
+
+    def __setattr__(self, name: str, value: Any) -> None:
+        raise AttributeError("JointLife is immutable.")
+
+    def __eq__(self, other: object) -> bool:
+        if not isinstance(other, JointLife):
+            return NotImplemented
+        return (self.x, self.y, self.status) == (other.x, other.y, other.status)
+
+    def __hash__(self) -> int:
+        return hash((self.x, self.y, self.status))
+
+    def __reduce__(self) -> tuple[Any, ...]:
+        return (_joint_life, (self.x, self.y, self.status))
+
+    def __repr__(self) -> str:
+        return f"JointLife({self.x!r}, {self.y!r}, status={self.status!r})"
+
+
+def _joint_life(x: Life, y: Life, status: Any) -> JointLife:
+    return JointLife(x, y, status=status)

@@ -1,0 +1,221 @@
+"""Books of life annuities valued natively, one column array per policy field."""
+
+from __future__ import annotations
+
+from collections.abc import Mapping
+from typing import Any, Literal
+
+import numpy as np
+from numpy.typing import ArrayLike, NDArray
+
+from .. import _kernels
+from ..base import _ALLOWED_PAYMENT_FREQUENCIES
+from ..helpers import (
+    BatchErrorReport,
+    BatchResult,
+    _as_f64_safe,
+    _batch_param_invalid,
+    _batch_param_message,
+    _coerce_record_ids,
+    _map_batch_n_none_to_inf,
+    _validate_benefits,
+)
+from .lives import _curve_arrays
+from .tables import MortalityTable, _age_problems
+
+__all__ = ["life_annuities"]
+
+F64 = NDArray[np.float64]
+_METHOD = "life_annuities"
+_MAX_PAYMENTS = 2.0**53
+
+
+def _columns(method_name: str, **columns: Any) -> tuple[dict[str, Any], int]:
+    """Every column as a one-dimensional array of the book's length or of length 1 (a single value)."""
+    arrays = {
+        name: np.asarray(value).reshape(-1) if np.ndim(value) else np.asarray(value) for name, value in columns.items()
+    }
+    sizes = {name: a.shape[0] for name, a in arrays.items() if a.ndim}
+    size = max(sizes.values(), default=1)
+    if any(s != size and s != 1 for s in sizes.values()):
+        raise ValueError(f"[{method_name}] policy columns must share one length (or be single values), got {sizes}.")
+    # Single values stay single: they are checked once.
+    return {name: a.reshape(-1) for name, a in arrays.items()}, size
+
+
+def _table_codes(names: NDArray[Any], tables: Mapping[str, MortalityTable]) -> tuple[F64, list[str]]:
+    """Index of each policy's table in ``tables`` (NaN: unknown), and the known names."""
+    known = list(tables)
+    codes = np.full(names.shape, np.nan)
+    for i, name in enumerate(known):
+        codes[names == name] = i
+    return codes, known
+
+
+def _faults(
+    tables: Mapping[str, MortalityTable], cols: dict[str, Any], size: int
+) -> tuple[F64, F64, F64, dict[int, list[str]]]:
+    """Per-policy problems, by index; also the table codes, terms and frequencies as float arrays."""
+    faults: dict[int, list[str]] = {}
+
+    def add(mask: NDArray[np.bool_], text: Any) -> None:
+        for i in np.flatnonzero(np.broadcast_to(mask, (size,))).tolist():
+            faults.setdefault(i, []).append(text(i))
+
+    def at(values: NDArray[Any], i: int) -> Any:
+        return values[min(i, values.size - 1)]
+
+    codes, known = _table_codes(cols["table"], tables)
+    add(np.isnan(codes), lambda i: f"'table' at index {i} is {str(at(cols['table'], i))!r}, not one of {known}")
+    n = cols["n"]
+    for name, values, allow_inf in (("n", n, True), ("d", cols["d"], False), ("ts", cols["ts"], False)):
+        add(
+            _batch_param_invalid(values, 0.0, allow_inf),
+            lambda i, nm=name, v=values: _batch_param_message(nm, i, at(v, i), 0.0),
+        )
+    m = cols["m"]
+    allowed = np.isin(m, _ALLOWED_PAYMENT_FREQUENCIES) & (m == np.round(m))
+    add(~allowed, lambda i: f"'m' must be one of {_ALLOWED_PAYMENT_FREQUENCIES} at index {i}, got {int(at(m, i))!r}")
+    frequency = np.where(allowed, m, 1).astype(np.float64)
+    with np.errstate(invalid="ignore", over="ignore"):
+        add(
+            np.isfinite(n) & ~(n * frequency < _MAX_PAYMENTS),
+            lambda i: f"'n' at index {i} holds 2**53 payments or more",
+        )
+    ts = np.where(np.isfinite(cols["ts"]), cols["ts"], 0.0)
+    # Each policy's table bounds, gathered by code (unknown tables take the first's: they are invalid anyway).
+    known_codes = np.where(np.isnan(codes), 0, codes).astype(np.intp)
+    bounds = [np.take(column, known_codes) for column in np.array([t._bounds() for t in tables.values()]).T]
+    age = np.broadcast_to(cols["age"], (size,))
+    for i, problem in _age_problems(age, np.broadcast_to(cols["select_age"], (size,)), ts, *bounds).items():
+        faults.setdefault(i, []).append(f"{problem} at index {i}")
+    return codes, n, frequency, faults
+
+
+def life_annuities(
+    curve: Any,
+    tables: Mapping[str, MortalityTable],
+    *,
+    table: ArrayLike,
+    age: ArrayLike,
+    n: Any = None,
+    d: ArrayLike = 0.0,
+    ts: ArrayLike = 0.0,
+    m: ArrayLike = 1,
+    benefits: ArrayLike | None = None,
+    select_age: ArrayLike | None = None,
+    timing: Literal["due", "immediate"] = "due",
+    on_error: Literal["raise", "nan"] = "raise",
+    record_ids: Any = None,
+) -> F64 | BatchResult:
+    """Value a book of life annuities, one policy per element of the columns.
+
+    Parameters
+    ----------
+    curve : InterestRate
+    tables : mapping of str to MortalityTable
+        The tables the policies name (e.g. by sex); each with its own
+        fractional-age rule.
+    table, age : array-like
+        Per policy: the name of its table and the age at inception.
+    n, d, ts : array-like
+        Term after the deferment (None or inf: for life), deferment and
+        valuation time, in years since inception.
+    m : array-like of int
+        Payments per year.
+    benefits : array-like, optional
+        Annual amount per policy (default 1).
+    select_age : array-like, optional
+        Age at selection (NaN: the integer part of the age).
+    timing : {"due", "immediate"}
+    on_error : {"raise", "nan"}
+        "nan" values the valid policies and returns a ``BatchResult`` whose
+        report names each invalid policy's fault.
+    record_ids : sequence, optional
+        Ids shown in the report.
+
+    Returns
+    -------
+    ndarray or BatchResult
+        Unit values rounded like the curve's annuities, times the benefits.
+        Each equals the value of ``tables[table].life(age).ä(curve, ...)``.
+    """
+    if on_error not in ("raise", "nan"):
+        raise ValueError(f"[{_METHOD}] 'on_error' must be 'raise' or 'nan', got {on_error!r}.")
+    if timing not in ("due", "immediate"):
+        raise ValueError(f"[{_METHOD}] 'timing' must be 'due' or 'immediate', got {timing!r}.")
+    if not isinstance(tables, Mapping) or not tables or not all(isinstance(t, MortalityTable) for t in tables.values()):
+        raise TypeError(f"[{_METHOD}] 'tables' must be a non-empty mapping of names to MortalityTable objects.")
+    rates, terms, ends = _curve_arrays(curve, _METHOD)
+    cols, size = _columns(
+        _METHOD,
+        table=np.asarray(table),
+        age=_as_f64_safe(age),
+        n=_as_f64_safe(_map_batch_n_none_to_inf(n)),
+        d=_as_f64_safe(d),
+        ts=_as_f64_safe(ts),
+        m=np.asarray(m),
+        select_age=_as_f64_safe(np.nan if select_age is None else select_age),
+    )
+    if not np.issubdtype(cols["m"].dtype, np.integer):
+        raise TypeError(f"[{_METHOD}] 'm' must hold integers, got dtype {cols['m'].dtype}.")
+    weights = _validate_benefits(benefits, size, _METHOD)
+    codes, n_arr, frequency, faults = _faults(tables, cols, size)
+    if faults and on_error == "raise":
+        first = min(faults)
+        raise ValueError(f"[{_METHOD}] " + "; ".join(faults[first]))
+    valid = np.ones(size, dtype=bool)
+    valid[list(faults)] = False
+    rows = np.flatnonzero(valid)
+
+    def column(values: Any) -> F64:
+        values = np.broadcast_to(np.asarray(values, dtype=np.float64), (size,))
+        return np.ascontiguousarray(values if rows.size == size else values[rows])
+
+    valued = _kernels.life_portfolio(
+        [t._native for t in tables.values()],
+        [t.fractional_age for t in tables.values()],
+        rates,
+        terms,
+        ends,
+        column(codes),
+        column(cols["age"]),
+        column(cols["select_age"]),
+        column(n_arr),
+        column(cols["d"]),
+        column(cols["ts"]),
+        column(frequency),
+        None if weights is None else column(weights),
+        timing=0 if timing == "due" else 1,
+        mode=curve.calculation_mode,
+        tolerance_eps=curve._meta.tolerance_eps,
+        decimals=curve._config.decimals.annuities,
+    )
+    if rows.size == size:
+        values = valued
+    else:
+        values = np.full(size, np.nan)
+        values[rows] = valued
+    # A life at an age its table gives no chance of reaching has no value.
+    unreached = np.flatnonzero(valid & np.isnan(values)).tolist()
+    if unreached:
+        names, ages, times = (np.broadcast_to(cols[k], (size,)) for k in ("table", "age", "ts"))
+        for i in unreached:
+            reached = float(ages[i] + times[i])
+            faults[i] = [f"nobody in table {str(names[i])!r} survives to age {reached!r} at index {i}"]
+    if on_error == "raise":
+        if faults:
+            raise ValueError(f"[{_METHOD}] " + "; ".join(faults[min(faults)]))
+        return values
+    invalid = np.array(sorted(faults), dtype=np.int64)
+    mask = np.ones(size, dtype=bool)
+    mask[invalid] = False
+    report = BatchErrorReport(
+        n_errors=int(invalid.size),
+        n_total=size,
+        valid_mask=mask,
+        invalid_indices=invalid,
+        record_ids=_coerce_record_ids(record_ids, size)[invalid].tolist(),
+        messages=[f"[{_METHOD}] " + "; ".join(faults[i]) for i in invalid.tolist()],
+    )
+    return BatchResult(values=values, errors=report)

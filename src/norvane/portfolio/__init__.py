@@ -1,0 +1,223 @@
+"""Books of annuity policies: read with Arrow, checked record by record, valued batch by batch.
+
+A book is a table with the policy columns "id", "term", "deferment", "shift",
+"frequency", "timing", "growth" and "benefit" (names in any case; only "term" is
+required): a CSV or Parquet file, a directory of Parquet files, a pandas or polars
+DataFrame, a pyarrow Table, RecordBatchReader or Dataset, or a dict of columns.
+Records that cannot be valued carry a message instead of stopping the run.
+
+>>> from norvane.interest_rates import InterestRate
+>>> from norvane.portfolio import value_book
+>>> values = value_book({"term": [10, 20], "benefit": [1000, 500]}, InterestRate(0.03))
+>>> values.present_value.round(2).tolist()
+[8786.11, 7662.1]
+"""
+
+from __future__ import annotations
+
+import math
+import sys
+from collections.abc import Iterator
+from dataclasses import dataclass, field
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+import pyarrow as pa
+from tqdm import tqdm
+
+from ..config import Config
+from ._output import check_output, output_kind, table_writer, write_table
+from ._policies import POLICY_COLUMNS, InputError, Policies, policies_from_batch
+from ._sources import BATCH_ROWS, Book, open_book
+from ._valuation import PERPETUITY_YEARS, book_flows, flow_years, last_payment_year, value_policies
+
+__all__ = [
+    "BATCH_ROWS",
+    "POLICY_COLUMNS",
+    "PERPETUITY_YEARS",
+    "SHOWN_ERRORS",
+    "VALUES_SCHEMA",
+    "Book",
+    "BookSummary",
+    "BookValues",
+    "InputError",
+    "Policies",
+    "ValuedBlock",
+    "book_flows",
+    "check_output",
+    "flow_years",
+    "last_payment_year",
+    "open_book",
+    "output_kind",
+    "policies_from_batch",
+    "stream_book",
+    "value_book",
+    "value_policies",
+    "valued_blocks",
+    "write_table",
+]
+
+VALUES_SCHEMA = pa.schema([("id", pa.string()), ("present_value", pa.float64()), ("error", pa.string())])
+# Error messages a summary keeps; the values have all of them.
+SHOWN_ERRORS = 5
+
+
+@dataclass
+class ValuedBlock:
+    """One batch of policies with their present values and error messages (None when valued)."""
+
+    policies: Policies
+    values: np.ndarray
+    errors: np.ndarray
+    valid: np.ndarray
+
+    def to_batch(self) -> pa.RecordBatch:
+        return pa.RecordBatch.from_arrays(
+            [self.policies.ids, pa.array(self.values), pa.array(self.errors, pa.string())], schema=VALUES_SCHEMA
+        )
+
+
+@dataclass
+class BookSummary:
+    """Counts and total present value of a valued book, and its first error messages."""
+
+    policies: int = 0
+    valued: int = 0
+    errors: int = 0
+    total_present_value: float = 0.0  # of the finite values
+    first_errors: list[tuple[str, str]] = field(default_factory=list)  # (id, message)
+
+    def add(self, block: ValuedBlock) -> None:
+        failed = np.flatnonzero(~block.valid)
+        self.policies += len(block.values)
+        self.errors += len(failed)
+        self.valued += len(block.values) - len(failed)
+        finite = block.values[np.isfinite(block.values)]
+        self.total_present_value = math.fsum([self.total_present_value, *finite.tolist()])
+        for i in failed[: SHOWN_ERRORS - len(self.first_errors)]:
+            self.first_errors.append((block.policies.ids[i].as_py(), block.errors[i]))
+
+
+class BookValues:
+    """Present values and error messages of a book's policies, in the book's order.
+
+    ``present_value`` is NaN where ``error`` holds the record's message (None for valued
+    records); ``id`` is the policy's "id" cell, or its record number (from 1) without an
+    "id" column.
+    """
+
+    def __init__(self, table: pa.Table, summary: BookSummary, index: Any = None):
+        self._table, self._summary, self._index = table, summary, index
+
+    def __len__(self) -> int:
+        return self._table.num_rows
+
+    def __repr__(self) -> str:
+        s = self._summary
+        return f"<BookValues: {s.policies:,} policies, {s.errors:,} errors, total {s.total_present_value:,.2f}>"
+
+    @property
+    def id(self) -> np.ndarray:
+        return self._table["id"].to_numpy()
+
+    @property
+    def present_value(self) -> np.ndarray:
+        return self._table["present_value"].to_numpy()
+
+    @property
+    def error(self) -> np.ndarray:
+        return self._table["error"].to_numpy()
+
+    def summary(self) -> BookSummary:
+        return self._summary
+
+    def to_arrow(self) -> pa.Table:
+        """Columns "id", "present_value" and "error" (null for valued records)."""
+        return self._table
+
+    def to_pandas(self) -> Any:
+        """A pandas DataFrame of "id", "present_value" and "error" (pandas' string dtype, missing
+        for valued records), on the index of the book when it was a pandas DataFrame."""
+        import pandas as pd
+
+        frame = pd.DataFrame({"id": self.id, "present_value": self.present_value}, index=self._index)
+        frame["error"] = pd.Series(self.error, index=frame.index, dtype="string")
+        return frame
+
+
+def valued_blocks(
+    book: Book, curve: Any, mode: str | None = None, progress: bool | None = False
+) -> Iterator[ValuedBlock]:
+    """The book's batches, valued one by one as they are read.
+
+    ``progress``: draw a bar on stderr (None: when stderr is a terminal). It counts records,
+    or bytes of the file for CSV.
+    """
+    mode = mode or Config().calculation_mode
+    first = 0
+    with tqdm(
+        total=book.total,
+        unit=book.unit,
+        unit_scale=book.unit == "B",
+        desc="valuing",
+        disable=None if progress is None else not progress,  # None: off unless stderr is a terminal
+        file=sys.stderr,
+    ) as bar:
+        for block in book.blocks:
+            policies = policies_from_batch(block.batch, first, block.defects)
+            first += len(policies)
+            bar.update(book.done() - bar.n if book.done is not None else len(policies))
+            yield ValuedBlock(policies, *value_policies(curve, policies, mode))
+
+
+def value_book(book: Any, curve: Any, *, mode: str | None = None, progress: bool | None = False) -> BookValues:
+    """Present value and error message of every policy of a book.
+
+    Parameters
+    ----------
+    book : path, pandas or polars DataFrame, pyarrow Table, RecordBatchReader or Dataset, or dict
+        One row per policy, with the policy columns (see the module's description): a CSV
+        (plain or gzip-compressed) or Parquet file or a directory of Parquet files, or any
+        table in memory; objects with ``__arrow_c_stream__`` (polars, DuckDB) are read
+        through that interface. In number columns a null or NaN is a missing cell.
+    curve : InterestRate
+        The valuation curve.
+    mode : str, optional
+        Calculation mode; default ``Config().calculation_mode``.
+    progress : bool or None, default False
+        Draw a progress bar on stderr; None draws it when stderr is a terminal.
+
+    Returns
+    -------
+    BookValues
+        ``.present_value``, ``.error``, ``.id``, ``.summary()``, ``.to_arrow()`` and
+        ``.to_pandas()``.
+    """
+    summary = BookSummary()
+    batches = []
+    source = open_book(book)
+    for block in valued_blocks(source, curve, mode, progress):
+        summary.add(block)
+        batches.append(block.to_batch())
+    return BookValues(pa.Table.from_batches(batches, VALUES_SCHEMA), summary, source.index)
+
+
+def stream_book(
+    book: Any, curve: Any, output: Path | None = None, *, mode: str | None = None, progress: bool | None = False
+) -> BookSummary:
+    """Value a book batch by batch, writing "id", "present_value" and "error" of each batch
+    to ``output`` (.csv, .csv.gz or .parquet) before reading the next; memory stays near one
+    batch whatever the book's size. Returns the summary."""
+    check_output(output)
+    summary = BookSummary()
+    blocks = valued_blocks(open_book(book), curve, mode, progress)
+    if output is None:
+        for block in blocks:
+            summary.add(block)
+        return summary
+    with table_writer(output, VALUES_SCHEMA) as write:
+        for block in blocks:
+            summary.add(block)
+            write(block.to_batch())
+    return summary

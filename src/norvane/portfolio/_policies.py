@@ -1,0 +1,251 @@
+"""Policy records of one Arrow record batch as NumPy arrays, with each record's first defect.
+
+Cells are checked over whole columns with Arrow compute and NumPy; only the few cells that
+fail a check go through Python, to word their messages.
+"""
+
+from __future__ import annotations
+
+import math
+from collections.abc import Callable, Mapping
+from dataclasses import dataclass
+from typing import Any
+
+import numpy as np
+import pyarrow as pa
+import pyarrow.compute as pc
+
+from ..base import _ALLOWED_PAYMENT_FREQUENCIES
+
+POLICY_COLUMNS = ("id", "term", "deferment", "shift", "frequency", "timing", "growth", "benefit")
+
+# Number texts that Arrow's cast reads exactly as float() does; other texts (1_000, ...) go to
+# float() itself, one cell at a time.
+_PLAIN_NUMBER = r"(?i)^[+-]?(([0-9]+\.?[0-9]*|\.[0-9]+)(e[+-]?[0-9]+)?|inf(inity)?|nan)$"
+# Cells per cast when a column holds cells that Arrow cannot read.
+_SLICE = 1 << 13
+
+
+class InputError(Exception):
+    """The input cannot be used (for example, no "term" column)."""
+
+
+@dataclass
+class Policies:
+    """Policy parameters as NumPy arrays, with the records' own defects."""
+
+    ids: pa.Array  # string
+    term: np.ndarray
+    deferment: np.ndarray
+    shift: np.ndarray
+    frequency: np.ndarray  # int64
+    due: np.ndarray  # bool: annuity-due, else immediate
+    growth: np.ndarray  # NaN for level payments
+    benefit: np.ndarray
+    errors: np.ndarray  # object: first defect of each record, None when it can be valued
+    clean: np.ndarray  # bool: no defect
+
+    def __len__(self) -> int:
+        return len(self.ids)
+
+
+class _Defects:
+    """The first defect of each record: later checks do not replace an earlier message."""
+
+    def __init__(self, count: int):
+        self.messages = np.full(count, None, dtype=object)
+        self.clean = np.ones(count, dtype=bool)
+
+    def note(self, bad: np.ndarray, message: Callable[[int], str]) -> None:
+        rows = np.flatnonzero(bad & self.clean)
+        for i in rows:
+            self.messages[i] = message(int(i))
+        self.clean[rows] = False
+
+
+def _shown(column: pa.Array, i: int) -> str:
+    """A cell as messages show it: the repr of its plain Python value."""
+    return repr(column[i].as_py())
+
+
+def _plain(column: pa.Array) -> pa.Array:
+    """Dictionary-encoded and large or viewed text columns as plain columns."""
+    if pa.types.is_dictionary(column.type):
+        column = column.dictionary_decode()
+    if pa.types.is_large_string(column.type) or pa.types.is_string_view(column.type):
+        column = column.cast(pa.string())
+    return column
+
+
+def _is_text(column: pa.Array) -> bool:
+    return pa.types.is_string(column.type)
+
+
+def _is_number(column: pa.Array) -> bool:
+    kind = column.type
+    return (
+        pa.types.is_integer(kind)
+        or pa.types.is_floating(kind)
+        or pa.types.is_decimal(kind)
+        or pa.types.is_boolean(kind)
+    )
+
+
+def _mask(array: pa.Array) -> np.ndarray:
+    """A boolean Arrow array as a NumPy mask, null as False."""
+    return np.asarray(pc.fill_null(array, False).to_numpy(zero_copy_only=False), dtype=bool)
+
+
+def _present(column: pa.Array) -> np.ndarray:
+    """Cells that are neither null nor, in a float column, NaN (data frames write a missing
+    number as NaN)."""
+    present = _mask(pc.is_valid(column))
+    if pa.types.is_floating(column.type):
+        present &= ~_mask(pc.is_nan(column))
+    return present
+
+
+def _cast(text: pa.Array) -> tuple[np.ndarray, np.ndarray]:
+    """Arrow's reading of a text column as float64 (NaN for nulls), and the cells it could not
+    read: whole columns first, and slices of a column that holds such cells."""
+    try:
+        values = pc.cast(text, pa.float64())
+        return values.to_numpy(zero_copy_only=False, writable=True), np.zeros(len(text), dtype=bool)
+    except pa.ArrowInvalid:
+        pass
+    if len(text) > _SLICE:
+        parts = [_cast(text.slice(start, _SLICE)) for start in range(0, len(text), _SLICE)]
+        return np.concatenate([values for values, _ in parts]), np.concatenate([odd for _, odd in parts])
+    plain = _mask(pc.match_substring_regex(text, _PLAIN_NUMBER))
+    values = pc.cast(pc.if_else(pa.array(plain), text, None), pa.float64())
+    return values.to_numpy(zero_copy_only=False, writable=True), ~plain & _mask(pc.is_valid(text))
+
+
+def _text_numbers(column: pa.Array, name: str, defects: _Defects) -> tuple[np.ndarray, np.ndarray]:
+    text = pc.if_else(pc.equal(column, ""), None, column)
+    values, odd = _cast(text)
+    given = _mask(pc.is_valid(text))
+    # Cells Arrow could not read (1_000, " 5", ...) and NaN ("nan", but also "nan(1)", which
+    # float() refuses) are judged by float(), as written once stripped.
+    odd |= given & np.isnan(values)
+    failed = np.zeros(len(column), dtype=bool)
+    rows = np.flatnonzero(odd)
+    for i, cell in zip(rows, text.take(pa.array(rows)).to_pylist()):
+        cell = cell.strip()
+        given[i] = bool(cell)
+        try:
+            values[i] = float(cell) if cell else math.nan
+        except ValueError:
+            failed[i] = True
+    defects.note(failed, lambda i: f"{name} is not a number, got {_shown(column, i)}")
+    return values, given & ~failed
+
+
+def _numbers(
+    column: pa.Array | None, count: int, default: float, name: str, defects: _Defects
+) -> tuple[np.ndarray, np.ndarray]:
+    """A column as float64 with the default for missing cells, and the mask of given cells.
+
+    Missing cells are nulls, empty texts and, in number columns, NaN (data frames write a
+    missing number as NaN). A text that is not a number is a defect of its record.
+    """
+    if column is None:
+        return np.full(count, default), np.zeros(count, dtype=bool)
+    if _is_text(column):
+        values, given = _text_numbers(column, name, defects)
+    elif _is_number(column):
+        values = pc.cast(column, pa.float64(), safe=False).to_numpy(zero_copy_only=False)
+        given = ~np.isnan(values)
+    else:  # dates, lists, ...: no cell is a number
+        values, given = np.full(count, math.nan), np.zeros(count, dtype=bool)
+        defects.note(_mask(pc.is_valid(column)), lambda i: f"{name} is not a number, got {_shown(column, i)}")
+    return np.where(given, values, default), given
+
+
+def _ids(column: pa.Array | None, first_record: int, count: int) -> pa.Array:
+    """Identifiers as text: the record numbers when there is no id column, "" for a missing id."""
+    if column is None:
+        return pc.cast(pa.array(np.arange(first_record + 1, first_record + count + 1)), pa.string())
+    if pa.types.is_floating(column.type) or pa.types.is_boolean(column.type):
+        # Arrow writes 5.0 as "5" and True as "true"; an id reads as Python writes it.
+        text = column.to_numpy(zero_copy_only=False).astype(str)
+        return pa.array(np.where(_present(column), text, ""), pa.string())
+    return pc.fill_null(pc.cast(column, pa.string()), "")
+
+
+def _due(column: pa.Array | None, count: int, defects: _Defects) -> np.ndarray:
+    """True for annuities-due (the default), False for annuities-immediate."""
+    if column is None:
+        return np.ones(count, dtype=bool)
+    if _is_text(column):
+        text = pc.fill_null(pc.utf8_lower(pc.utf8_trim_whitespace(column)), "")
+        immediate = _mask(pc.equal(text, "immediate"))
+        bad = ~_mask(pc.is_in(text, pa.array(["", "due", "immediate"])))
+    else:  # a number or any other cell is never a timing
+        immediate = np.zeros(count, dtype=bool)
+        bad = _present(column)
+    defects.note(bad, lambda i: f"timing must be 'due' or 'immediate', got {_shown(column, i)}")
+    return ~immediate
+
+
+def first_columns(names: list[str]) -> dict[str, int]:
+    """Policy column name -> position, matched in any case; the first of equal names wins."""
+    found: dict[str, int] = {}
+    for position, name in enumerate(names):
+        found.setdefault(str(name).strip().lower(), position)
+    return found
+
+
+def check_columns(names: list[str], source: object) -> None:
+    if "term" not in first_columns(names):
+        raise InputError(f"{source}: no 'term' column (columns: {', '.join(map(str, names)) or 'none'})")
+
+
+def policies_from_batch(
+    batch: pa.RecordBatch, first_record: int = 0, defects: Mapping[int, str] | None = None
+) -> Policies:
+    """The policies of one record batch.
+
+    ``first_record`` counts the records before the batch (ids default to record numbers);
+    ``defects`` maps a row to a message the reader already has for it.
+    """
+    count = batch.num_rows
+    positions = first_columns(batch.schema.names)
+
+    def column(name: str) -> Any:
+        return _plain(batch.column(positions[name])) if name in positions else None
+
+    found = _Defects(count)
+    for row, message in (defects or {}).items():
+        found.messages[row], found.clean[row] = message, False
+    ids = _ids(column("id"), first_record, count)
+
+    # term, deferment and shift are checked by the valuation itself, record by record.
+    term, _ = _numbers(column("term"), count, math.inf, "term", found)
+    deferment, _ = _numbers(column("deferment"), count, 0.0, "deferment", found)
+    shift, _ = _numbers(column("shift"), count, 0.0, "shift", found)
+
+    # The library refuses a whole batch for a bad frequency, growth or benefit: check here.
+    raw_frequency = column("frequency")
+    freq, _ = _numbers(raw_frequency, count, 1.0, "frequency", found)
+    allowed = np.isin(freq, _ALLOWED_PAYMENT_FREQUENCIES)
+    found.note(
+        ~allowed,
+        lambda i: f"frequency must be one of {_ALLOWED_PAYMENT_FREQUENCIES}, got {_shown(raw_frequency, i)}",
+    )
+    frequency = np.where(allowed, freq, 1).astype(np.int64)
+
+    raw_growth = column("growth")
+    growth, has_growth = _numbers(raw_growth, count, math.nan, "growth", found)
+    bad = has_growth & ~(np.isfinite(growth) & (growth > -1.0))
+    found.note(bad, lambda i: f"growth must be a finite rate above -1, got {_shown(raw_growth, i)}")
+    growth[~has_growth | bad] = math.nan
+
+    raw_benefit = column("benefit")
+    benefit, _ = _numbers(raw_benefit, count, 1.0, "benefit", found)
+    bad = ~(np.isfinite(benefit) & (benefit >= 0.0))
+    found.note(bad, lambda i: f"benefit must be a finite amount >= 0, got {_shown(raw_benefit, i)}")
+    benefit[bad] = 0.0
+
+    due = _due(column("timing"), count, found)
+    return Policies(ids, term, deferment, shift, frequency, due, growth, benefit, found.messages, found.clean)

@@ -1,0 +1,79 @@
+"""The book kernel: every policy's value equals its single call, on and off the payment grid."""
+
+import math
+
+import numpy as np
+import pytest
+from hypothesis import given, settings
+from hypothesis import strategies as st
+
+from norvane.config import Config
+from norvane.growth_rates import GrowthRate
+from norvane.interest_rates import InterestRate
+
+MODES = ["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"]
+FREQUENCIES = [1, 2, 4, 12, 52]
+GROWTHS = [None, 0.03, -0.02, GrowthRate(0.01, "arithmetic")]
+
+# On the grid (whole years, quarters) and off it (any fraction), perpetuities included.
+grid_time = st.integers(0, 48).map(lambda k: k / 4.0)
+time = st.one_of(grid_time, st.floats(0.0, 12.0))
+policy = st.tuples(st.one_of(grid_time, st.floats(0.0, 45.0), st.just(math.inf)), time, time, st.floats(0.0, 1e4))
+
+
+@st.composite
+def curves(draw):
+    size = draw(st.integers(0, 12))
+    if size == 0:
+        return InterestRate(draw(st.floats(-0.5, 0.2)))
+    terms = draw(
+        st.lists(st.one_of(st.sampled_from([0.5, 1.0, 2.0]), st.floats(0.1, 3.0)), min_size=size, max_size=size)
+    )
+    rates = draw(st.lists(st.floats(-0.5, 0.2), min_size=size + 1, max_size=size + 1))
+    return InterestRate(terms=terms, rates=rates)
+
+
+@settings(max_examples=60, deadline=None, derandomize=True)
+@given(
+    curves(),
+    st.lists(policy, min_size=1, max_size=8),
+    st.sampled_from(MODES),
+    st.sampled_from(FREQUENCIES),
+    st.sampled_from(GROWTHS),
+    st.sampled_from(["a", "ä"]),
+)
+def test_book_equals_single_calls(curve, policies, mode, m, gr, method):
+    Config().calculation_mode = mode
+    n, d, ts, benefits = (np.array(column) for column in zip(*policies))
+    values = getattr(curve, method)(n=n, d=d, ts=ts, m=m, gr=gr, benefits=benefits)
+    for i in range(len(n)):
+        term = None if math.isinf(n[i]) else n[i]
+        single = getattr(curve, method)(n=term, d=d[i], ts=ts[i], m=m, gr=gr)
+        assert values[i] == single * benefits[i]
+
+
+@pytest.mark.parametrize("mode", MODES)
+def test_whole_year_book_against_closed_forms(mode):
+    """Due annuities of n whole years deferred d on a flat rate, from ts: v^max(d-ts,0) (1 - v^n') / d^(m)."""
+    Config().calculation_mode = mode
+    i, m = 0.04, 12
+    v = 1.0 / (1.0 + i)
+    rng = np.random.default_rng(5)
+    n = rng.integers(1, 41, 5000).astype(float)
+    d = rng.integers(0, 11, 5000).astype(float)
+    ts = rng.integers(0, 6, 5000).astype(float)
+    left = np.maximum(0.0, n - np.maximum(0.0, ts - d))
+    deferred = v ** np.maximum(0.0, d - ts)
+    if mode == "continuous_precision":
+        per_year = -math.log(v)  # the force of interest
+    elif mode == "discrete_precision":
+        per_year = m * (1.0 - v ** (1.0 / m))  # d^(m)
+    else:
+        per_year = None  # Woolhouse: a due minus (m - 1)/(2m) (1 - v^n)
+    if per_year is not None:
+        expected = deferred * (1.0 - v**left) / per_year
+    else:
+        weight = 0.5 if mode == "continuous_simplified" else (m - 1) / (2 * m)
+        expected = deferred * ((1.0 - v**left) / (i * v) - weight * (1.0 - v**left))
+    values = InterestRate(i).ä(n=n, d=d, ts=ts, m=m)
+    np.testing.assert_allclose(values, expected, rtol=0, atol=2e-10)

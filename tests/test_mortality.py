@@ -1,0 +1,250 @@
+"""Life contingencies against closed forms, published values and direct
+NumPy sums on small tables."""
+
+import math
+import pathlib
+import pickle
+import re
+
+import numpy as np
+import pytest
+from hypothesis import given
+from hypothesis import strategies as st
+
+from norvane.config import Config
+from norvane.interest_rates import InterestRate
+from norvane.mortality import (
+    JointLife,
+    MortalityTable,
+    bundled_table,
+    constant_force,
+    life_annuities,
+    makeham,
+)
+
+RULES = ["udd", "constant_force", "balducci"]
+TOL = 1e-9  # values are rounded to 10 decimals
+MODES = ["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"]
+I, MU = 0.04, 0.03
+FLAT = InterestRate(I)
+CF_TABLE = constant_force(MU).table(20, 100)
+CURVE = InterestRate(terms=[3, 4, 5], rates=[0.02, 0.035, 0.03, 0.045])
+
+
+def makeham_l(A, B, c, x):
+    """Survival from 0 to x under Makeham's law, in closed form."""
+    return np.exp(-A * x - B / math.log(c) * (c**x - 1.0))
+
+
+@pytest.mark.parametrize(
+    "name, law, rate, a65, A65",  # published values at 65
+    [
+        ("makeham_20_120", (0.00022, 2.7e-6, 1.124), 0.05, 13.5498, 0.35477),
+        ("makeham_13_110", (0.0007, 5e-5, 10**0.04), 0.06, 9.8969, 0.43980),
+    ],
+)
+def test_bundled_tables_match_the_law_and_published_values(name, law, rate, a65, A65):
+    table, curve = bundled_table(name), InterestRate(rate)
+    ages = np.arange(65, table.last_age + 1)
+    l = makeham_l(*law, ages) / makeham_l(*law, 65.0)
+    direct = np.sum(l * (1 + rate) ** -(ages - 65.0))
+    life = table.life(65)
+    assert life.ä(curve) == pytest.approx(direct, abs=TOL)
+    assert round(life.ä(curve), 4) == a65 and round(life.A(curve), 5) == A65
+
+
+@pytest.mark.parametrize("rule", RULES)
+@pytest.mark.parametrize("m", [1, 4, 12])
+def test_flat_curve_identities(rule, m):
+    life = CF_TABLE.life(60.25, fractional_age=rule)
+    d_m = m * (1 - (1 + I) ** (-1 / m))
+    assert life.A(FLAT, m=m) == pytest.approx(1 - d_m * life.ä(FLAT, m=m), abs=TOL)
+    assert life.A_endowment(FLAT, 10, m=m) == pytest.approx(1 - d_m * life.ä(FLAT, n=10, m=m), abs=TOL)
+    assert life.ä(FLAT, m=m) - life.a(FLAT, m=m) == pytest.approx(1 / m, abs=TOL)
+    with Config().override(calculation_mode="continuous_precision"):
+        assert life.A(FLAT) == pytest.approx(1 - math.log1p(I) * life.ä(FLAT), abs=TOL)
+
+
+def test_constant_force_is_a_certain_annuity_at_the_adjusted_rate():
+    j = (1 + I) * math.exp(MU) - 1
+    w, years = 1 / (1 + j), 101 - 60  # payments at ages 60 .. 100
+    assert CF_TABLE.life(60).ä(FLAT) == pytest.approx((1 - w**years) / (1 - w), abs=TOL)
+    # Monthly under a constant force: the force is infinite in the closing year.
+    n = years - 1 + 1 / 12
+    monthly = CF_TABLE.life(60, fractional_age="constant_force").ä(FLAT, m=12)
+    assert monthly == pytest.approx((1 - w**n) / (12 * (1 - w ** (1 / 12))), abs=TOL)
+    force = math.log1p(I) + MU
+    with Config().override(calculation_mode="continuous_precision"):
+        life = CF_TABLE.life(60, fractional_age="constant_force")
+        assert life.ä(FLAT) == pytest.approx(-math.expm1(-force * (years - 1)) / force, abs=TOL)
+        assert life.A(FLAT, n=10) == pytest.approx(MU / force * -math.expm1(-force * 10), abs=TOL)
+
+
+@pytest.mark.parametrize("mode", MODES)
+def test_recursion_pure_endowment_and_two_lives(mode):
+    table = bundled_table("makeham_20_120")
+    x, y = table.life(63), bundled_table("makeham_13_110").life(58.5)
+    with Config().override(calculation_mode=mode):
+        joint, last = (JointLife(x, y, status=s).ä(CURVE, n=20, m=4) for s in ("joint", "last_survivor"))
+        assert joint + last == pytest.approx(x.ä(CURVE, n=20, m=4) + y.ä(CURVE, n=20, m=4), abs=TOL)
+        assert JointLife(x, y).E(CURVE, 7) == pytest.approx(x.E(CURVE, 7) * y.tpx(7), abs=1e-10)
+    p63 = 1 - table.qx[63 - 20]
+    assert x.ä(CURVE) == pytest.approx(1 + CURVE.vn(1) * p63 * table.life(64).ä(CURVE.shifted(1)), abs=TOL)
+    assert x.E(CURVE, 12) == pytest.approx(CURVE.vn(12) * np.prod(1 - table.qx[43:55]), abs=1e-10)
+
+
+def test_woolhouse_mode_is_the_two_term_formula():
+    life, c = bundled_table("makeham_20_120").life(70), 11 / 24
+    whole, temporary, e10 = life.ä(CURVE), life.ä(CURVE, n=10), life.E(CURVE, 10)
+    with Config().override(calculation_mode="discrete_simplified"):
+        assert life.ä(CURVE, m=12) == pytest.approx(whole - c, abs=TOL)
+        assert life.ä(CURVE, n=10, m=12) == pytest.approx(temporary - c * (1 - e10), abs=TOL)
+
+
+def test_fractional_age_rules():
+    table = MortalityTable([0.1, 0.2, 1.0], first_age=50)
+    ages, t = np.array([50.0, 50.0, 51.0]), np.array([1.0, 2.0, 1.0])
+    by_rule = {rule: table.tpx(ages, t, fractional_age=rule) for rule in RULES}
+    assert all(np.array_equal(v, by_rule["udd"]) for v in by_rule.values())  # integer ages agree
+    np.testing.assert_allclose(by_rule["udd"], [0.9, 0.72, 0.8], rtol=1e-15)
+    q = 0.2  # half a year from 51.25 to 51.75
+    expected = {
+        "udd": (1 - 0.75 * q) / (1 - 0.25 * q),
+        "constant_force": (1 - q) ** 0.5,
+        "balducci": (1 - q) / (1 - 0.25 * q) * (1 - 0.75 * q) / (1 - q),
+    }
+    for rule, value in expected.items():
+        assert table.tpx(51.25, 0.5, fractional_age=rule) == pytest.approx(value, rel=1e-15)
+    life_values = {rule: table.life(50, fractional_age=rule).ä(FLAT) for rule in RULES}
+    assert len(set(life_values.values())) == 1
+
+
+@given(
+    st.floats(20, 110.99),
+    st.lists(st.floats(0, 120), min_size=2, max_size=6),
+    st.sampled_from(RULES),
+    st.sampled_from(["makeham_20_120", "makeham_13_110"]),
+)
+def test_survival_is_a_probability_falling_with_time(age, durations, rule, name):
+    table = bundled_table(name)
+    if rule != "udd" and age >= table.last_age or age > table.last_age + 0.99:
+        return  # nobody reaches these ages under this rule or table
+    t = np.sort(np.array(durations))
+    p = table.tpx(age, t, fractional_age=rule)
+    assert np.all((p >= 0) & (p <= 1)) and np.all(np.diff(p) <= 1e-15) and (t[0] > 0 or p[0] == 1.0)
+
+
+def test_select_tables_and_adjustments():
+    ultimate = bundled_table("makeham_13_110")
+    q = ultimate.qx
+    empty = MortalityTable(q, first_age=13, select=np.empty((5, 0)))
+    assert empty == ultimate and empty.life(40).ä(CURVE) == ultimate.life(40).ä(CURVE)
+    select = 0.5 * np.column_stack([q[:80], q[1:81]])  # q_[x] and q_[x]+1 at half the ultimate rates
+    table = MortalityTable(q, first_age=13, select=select)
+    v = 1 / 1.03
+    l = np.cumprod(np.r_[1.0, 1 - select[40 - 13], 1 - q[42 - 13 : -1]])
+    assert table.life(40).ä(FLAT.__class__(0.03)) == pytest.approx(np.sum(l * v ** np.arange(l.size)), abs=TOL)
+    assert table.life(45, select_age=40).ä(CURVE) == ultimate.life(45).ä(CURVE)  # past the select period
+    scaled = ultimate.scaled(0.9)
+    assert np.array_equal(scaled.qx[:-1], 0.9 * q[:-1]) and scaled.qx[-1] == 1.0
+    assert ultimate.rated(3).life(60).ä(CURVE) == ultimate.life(63).ä(CURVE)
+
+
+def test_curves_valuation_time_and_explicit_amounts():
+    life = bundled_table("makeham_20_120").life(60)
+    book = InterestRate({"base": 0.02, "stress": ([3, 4, 5], [0.02, 0.035, 0.03, 0.045])})
+    book.active_scenario = "stress"
+    assert life.ä(book, n=20, m=12) == life.ä(CURVE, n=20, m=12)
+    assert life.ä(CURVE, n=20, d=2, ts=5, m=12) == pytest.approx(
+        bundled_table("makeham_20_120").life(65).ä(CURVE.shifted(5), n=17, m=12), abs=1e-9
+    )
+    amounts = 100 * 1.02 ** np.arange(15)
+    assert life.ä(CURVE, n=15, cashflow_amounts=amounts) == pytest.approx(100 * life.ä(CURVE, n=15, gr=0.02), abs=1e-7)
+
+
+def test_portfolio_equals_single_lives_and_reports_errors():
+    rng = np.random.default_rng(7)
+    tables = {"M": bundled_table("makeham_20_120"), "F": bundled_table("makeham_13_110").scaled(0.8)}
+    size = 60
+    policies = dict(
+        table=rng.choice(["M", "F"], size),
+        age=np.round(rng.uniform(20, 95, size), 2),
+        n=np.where(rng.random(size) < 0.2, np.inf, rng.integers(1, 40, size) + 0.5 * rng.integers(0, 2, size)),
+        d=rng.integers(0, 10, size).astype(float),
+        ts=rng.choice([0.0, 1.5, 3.0], size),
+        m=rng.choice([1, 4, 12], size),
+    )
+    for mode in MODES:
+        with Config().override(calculation_mode=mode):
+            values = life_annuities(CURVE, tables, **policies, benefits=np.full(size, 2.0))
+            for k in range(size):
+                life = tables[policies["table"][k]].life(policies["age"][k])
+                term = policies["n"][k]
+                single = life.ä(
+                    CURVE,
+                    n=None if np.isinf(term) else term,
+                    d=policies["d"][k],
+                    m=int(policies["m"][k]),
+                    ts=policies["ts"][k],
+                )
+                assert values[k] == 2.0 * single
+    bad = life_annuities(
+        CURVE, tables, table=["M", "X", "M", "F"], age=[60, 60, 130, 60], n=[10, 10, 10, -1], on_error="nan"
+    )
+    assert np.isnan(bad.values[1:]).all() and bad.values[0] == tables["M"].life(60).ä(CURVE, n=10)
+    assert [re.search(r"'(\w+)'", m).group(1) for m in bad.errors.messages] == ["table", "age", "n"]
+    with pytest.raises(ValueError, match=r"\[life_annuities\] 'table' at index 1 is 'X'"):
+        life_annuities(CURVE, tables, table=["M", "X"], age=60)
+
+
+@pytest.mark.parametrize(
+    "build, message",
+    [
+        (lambda: MortalityTable([0.1, 1.2, 1.0], first_age=30), r"q at age 31 must be in \[0, 1\]"),
+        (lambda: MortalityTable([0.1, 0.2], first_age=30), r"q at the last age 31 must be 1"),
+        (lambda: MortalityTable([0.1, 0.2, 1], first_age=30, select=[[0.1], [-1]]), r"select q\[31\]\+0 must be in"),
+        (lambda: MortalityTable([0.1, 0.2, 0.3], first_age=30, closing_age=35), "'closing_age' 35 is outside"),
+        (lambda: CF_TABLE.life(101), "beyond the table's last age 100"),
+        (lambda: CF_TABLE.life(19), "at least the table's first age 20"),
+        (lambda: CF_TABLE.life(50, fractional_age="linear"), "'fractional_age' must be one of"),
+        (lambda: CF_TABLE.life(90).ä(FLAT, ts=20), "nobody in the table reaches age 110"),
+        (lambda: CF_TABLE.life(50).ä(FLAT, n=-1), "'n'"),
+        (lambda: CF_TABLE.life(50).ä(FLAT, n=1e300, m=12), r"\[Life.ä\] 'n' must hold fewer than 2\*\*53 payments"),
+        (lambda: makeham(0.001, -1e-5, 1.1), "B >= 0"),
+    ],
+)
+def test_bad_input_is_named(build, message):
+    with pytest.raises(ValueError, match=message):
+        build()
+
+
+def test_csv_value_semantics_and_pickling(tmp_path):
+    path = tmp_path / "select.csv"
+    path.write_text("Age,select_0,select_1,qx\n60,0.01,0.02,0.03\n61,0.015,0.025,0.04\n62,,,0.05\n63,,,1\n")
+    table = MortalityTable.from_csv(path)
+    assert table == MortalityTable(
+        [0.03, 0.04, 0.05, 1.0], first_age=60, select=[[0.01, 0.02], [0.015, 0.025]], select_first_age=60
+    )
+    assert table.life(60).tpx(3) == pytest.approx(0.99 * 0.98 * 0.95)
+    assert pickle.loads(pickle.dumps(table)) == table and hash(table.rated(0)) == hash(table)
+    assert pickle.loads(pickle.dumps(JointLife(table.life(61), table.life(60)))).ä(FLAT) == JointLife(
+        table.life(61), table.life(60)
+    ).ä(FLAT)
+    with pytest.raises(AttributeError):
+        table._qx = None
+    path.write_text("age,qx\n60,0.1\n62,1\n")
+    with pytest.raises(ValueError, match="62.0 follows 60.0"):
+        MortalityTable.from_csv(path)
+
+
+def test_readme_life_example():
+    readme = pathlib.Path(__file__).resolve().parents[1] / "README.md"
+    block = re.search(
+        r"```python\n([^`]*?from norvane.mortality import.*?)```", readme.read_text(encoding="utf-8"), re.S
+    )
+    namespace: dict = {}
+    exec(block.group(1), namespace)
+    life, flat = namespace["life"], namespace["flat"]
+    v, l = 1 / 1.03, makeham_l(0.00022, 2.7e-6, 1.124, np.arange(65.0, 75.0)) / makeham_l(0.00022, 2.7e-6, 1.124, 65.0)
+    assert namespace["temporary"] == pytest.approx(np.sum(l * v ** np.arange(10)), abs=TOL)
+    assert life.A(flat) == pytest.approx(1 - (1 - v) * life.ä(flat), abs=TOL)

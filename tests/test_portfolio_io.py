@@ -1,0 +1,192 @@
+"""norvane.portfolio: books read with Arrow batch by batch, every kind of bad cell, every input kind."""
+
+import csv
+import gzip
+import io
+import math
+import re
+from pathlib import Path
+
+import pandas as pd
+import pyarrow as pa
+import pyarrow.dataset as ds
+import pyarrow.parquet as pq
+import pytest
+
+from norvane.interest_rates import InterestRate
+from norvane.portfolio import InputError, _sources, stream_book, value_book
+
+V = 1 / 1.03
+CURVE = InterestRate(0.03)
+FREQUENCIES = "(1, 2, 3, 4, 6, 12, 13, 24, 26, 52, 365)"
+# Header names in any case; the second "term" column is ignored.
+HEADER = "\ufeffID,Term,deferment,shift,frequency,timing,growth,benefit,term"
+# (CSV record, closed-form value or the record's message): valid records between every kind of bad cell.
+RECORDS = [
+    ("r,5", "record has 2 fields, the header has 9"),
+    ("a,10,,,,,,,99", (1 - V**10) / (1 - V)),
+    ('"b, with comma",10,,,,due,,2,x', 2 * (1 - V**10) / (1 - V)),
+    ('"c\nline",1_0,,,,,,,', (1 - V**10) / (1 - V)),  # a multi-line id; float() reads 1_0
+    ("d, 5 ,,,,  Immediate ,,,", (1 - V**5) / 0.03),
+    ("e,   ,,,,,,,", 1 / (1 - V)),  # a blank term: a perpetuity
+    ("f,abc,,,,,,,", "term is not a number, got 'abc'"),
+    ("g,nan(1),,,,,,,", "term is not a number, got 'nan(1)'"),
+    ("h,nan,,,,,,,", "term must be >= 0.0 and finite, got nan"),
+    ("i,-3,,,,,,,", "term must be >= 0.0 and finite, got -3.0"),
+    ("j,5,x,,,,,,", "deferment is not a number, got 'x'"),
+    ("k,5,,-2,,,,,", "shift must be >= 0.0 and finite, got -2.0"),
+    ("l,5,,,5,,,,", f"frequency must be one of {FREQUENCIES}, got '5'"),
+    ("m,5,,,monthly,,,,", "frequency is not a number, got 'monthly'"),
+    ("v,5,,,12.5,,,,", f"frequency must be one of {FREQUENCIES}, got '12.5'"),
+    ("n,5,,,,arrears,,,", "timing must be 'due' or 'immediate', got 'arrears'"),
+    ("o,5,,,,,-2,,", "growth must be a finite rate above -1, got '-2'"),
+    ("p,5,,,,,2%,,", "growth is not a number, got '2%'"),
+    ("q,5,,,,,,-1,", "benefit must be a finite amount >= 0, got '-1'"),
+    ("u,5,,,,,,inf,", "benefit must be a finite amount >= 0, got 'inf'"),
+    ("t,5,x,,5,,,,", "deferment is not a number, got 'x'"),  # the first defect of a record wins
+    ("w,20,5,2,4,immediate,,100,", 100 * V**3 * (1 - V**20) / (4 * (1.03**0.25 - 1))),
+    ("x,10,,,,,0.02,,", (1 - (1.02 * V) ** 10) / (1 - 1.02 * V)),
+    ("s,5,,,,,,,,,extra", "record has 11 fields, the header has 9"),
+]
+
+
+def check(result, records=RECORDS):
+    """Ids, values against the closed forms, messages, their order, and the summary."""
+    ids = [next(csv.reader(io.StringIO(line)))[0] for line, _ in records]
+    assert list(result.id) == ids
+    for value, error, (line, expected) in zip(result.present_value, result.error, records):
+        if isinstance(expected, str):
+            assert math.isnan(value) and error == expected, line
+        else:
+            assert value == pytest.approx(expected, rel=1e-10) and error is None, line
+    summary = result.summary()
+    valid = [e for _, e in records if not isinstance(e, str)]
+    assert (summary.policies, summary.valued, summary.errors) == (len(records), len(valid), len(records) - len(valid))
+    assert summary.total_present_value == pytest.approx(math.fsum(valid), rel=1e-10)
+    assert summary.first_errors == [(i, e) for i, (_, e) in zip(ids, records) if isinstance(e, str)][:5]
+
+
+@pytest.fixture(params=["one batch", "batches of a few records"])
+def batches(request, monkeypatch):
+    if request.param != "one batch":  # broken records fall at the start, middle and end of batches
+        monkeypatch.setattr(_sources, "CSV_BLOCK_BYTES", 64)
+        monkeypatch.setattr(_sources, "BATCH_ROWS", 3)
+
+
+def written(path):
+    """(id, repr of the present value, error or None) per row of an output file."""
+    if path.suffix == ".parquet":
+        return [(r["id"], repr(r["present_value"]), r["error"]) for r in pq.read_table(path).to_pylist()]
+    with gzip.open(path, "rt", newline="") as f:
+        return [(r["id"], repr(float(r["present_value"])), r["error"] or None) for r in csv.DictReader(f)]
+
+
+def book_text(records=RECORDS):
+    return HEADER + "\n" + "\n".join(line for line, _ in records) + "\n"
+
+
+@pytest.mark.parametrize("name, compressed", [("b.csv", False), ("b.csv.gz", True), ("b.dat", True)])
+def test_csv_every_kind_of_cell(tmp_path, batches, name, compressed):
+    book = tmp_path / name  # gzip is known by its content, not by the name
+    book.write_bytes(gzip.compress(book_text().encode()) if compressed else book_text().encode())
+    result = value_book(book, CURVE)
+    check(result)
+    for output in ("values.csv.gz", "values.parquet"):  # streamed out: the same table
+        stream_book(book, CURVE, tmp_path / output)
+        assert written(tmp_path / output) == list(
+            zip(result.id, map(repr, result.present_value.tolist()), result.error)
+        )
+
+
+class CStream:
+    """Only the Arrow PyCapsule stream interface, as a polars DataFrame offers it."""
+
+    def __init__(self, table):
+        self.table = table
+
+    def __arrow_c_stream__(self, requested_schema=None):
+        return self.table.__arrow_c_stream__(requested_schema)
+
+
+def parquet_directory(table, directory):
+    for start in range(0, table.num_rows, 8):  # files sort in the records' order
+        pq.write_table(table.slice(start, 8), directory / f"part-{start:02}.parquet")
+    return directory
+
+
+INPUTS = {
+    "pandas": lambda table, _: table.to_pandas(),
+    "Table": lambda table, _: table,
+    "RecordBatchReader": lambda table, _: pa.RecordBatchReader.from_batches(table.schema, table.to_batches(4)),
+    "Dataset": lambda table, _: ds.dataset(table),
+    "C stream": lambda table, _: CStream(table),
+    "dict": lambda table, _: table.to_pydict(),
+    "Parquet file": lambda table, directory: parquet_directory(table, directory) / "part-00.parquet",
+    "Parquet directory": parquet_directory,
+}
+
+
+@pytest.mark.parametrize("kind", INPUTS)
+def test_every_input_kind_gives_the_same_values(tmp_path, batches, kind):
+    records = [(line, e) for line, e in RECORDS if "fields" not in str(e)]  # a table cannot hold broken rows
+    if kind == "Parquet file":
+        records = records[:8]
+    rows = list(csv.reader(io.StringIO(book_text(records).lstrip("\ufeff"))))
+    table = pa.Table.from_arrays([pa.array(column, pa.string()) for column in zip(*rows[1:])], names=rows[0])
+    check(value_book(INPUTS[kind](table, tmp_path), CURVE), records)
+    if kind == "pandas":  # the values keep the frame's index
+        index = pd.RangeIndex(len(records)) * 7
+        frame = value_book(table.to_pandas().set_axis(index), CURVE).to_pandas()
+        assert frame.index.equals(index) and str(frame["error"].dtype) == "string"
+
+
+def test_typed_columns_nan_is_a_missing_cell_and_ids_read_as_python_writes_them():
+    table = pa.table(
+        {
+            "id": pa.array([5.0, None, math.nan, 0.25]),
+            "term": [math.nan, 10.0, None, 10.0],  # NaN and null: perpetuities
+            "timing": pa.array([math.nan, None, 1.0, 4.0]),  # NaN and null: due; a number is no timing
+            "frequency": pa.array([1, 1, 5, 1], pa.int64()),
+        }
+    )
+    result = value_book(table, CURVE)
+    assert list(result.id) == ["5.0", "", "", "0.25"]
+    assert result.present_value[:2].tolist() == pytest.approx([1 / (1 - V), (1 - V**10) / (1 - V)], rel=1e-10)
+    assert list(result.error) == [
+        None,
+        None,
+        f"frequency must be one of {FREQUENCIES}, got 5",
+        "timing must be 'due' or 'immediate', got 4.0",
+    ]
+    flags = value_book({"id": [True, False, None], "term": [1, 2, 3]}, CURVE)
+    assert list(flags.id) == ["True", "False", ""]
+
+
+@pytest.mark.parametrize(
+    "content, error, message",
+    [
+        (b"", InputError, "no header line"),
+        (b"id,benefit\nx,1\n", InputError, "no 'term' column (columns: id, benefit)"),
+        (b"id,term\n\xff\xfe,1\n", InputError, "not a readable CSV file"),
+        (gzip.compress(b"id,term\n" + b"x,1\n" * 50_000)[:-100], InputError, "not a readable CSV file"),
+        (None, TypeError, "a book is a file path"),
+    ],
+)
+def test_unusable_books(tmp_path, content, error, message):
+    book = tmp_path / "b.csv"
+    if content is not None:
+        book.write_bytes(content)
+    with pytest.raises(error, match=re.escape(message)):
+        stream_book(book if content is not None else 42, CURVE, tmp_path / "out.parquet")
+    assert not (tmp_path / "out.parquet").exists()  # no half-written output is left
+
+
+def test_readme_data_frame_example():
+    text = (Path(__file__).resolve().parents[1] / "README.md").read_text(encoding="utf-8")
+    (block,) = [b for b in re.findall(r"```python\n(.*?)```", text, re.S) if "value_book" in b]
+    namespace: dict = {}
+    exec(block, namespace)
+    values, frame = namespace["values"], namespace["frame"]
+    expected = [1000 * (1 - V**10) / (1 - V), 500 * (1 - V**20) / (1 - V) * V**5, math.nan]
+    assert values.present_value == pytest.approx(expected, rel=1e-10, nan_ok=True)
+    assert frame["error"].isna().tolist() == [True, True, False]
