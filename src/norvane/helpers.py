@@ -40,6 +40,8 @@ from ._helpers.policy_arrays import (
     _resolve_batch_m,
     _validate_benefits,
 )
+from ._helpers.policy_arrays import _batch_param_invalid as _batch_param_invalid
+from ._helpers.policy_arrays import _batch_param_message as _batch_param_message
 from ._helpers.policy_arrays import _check_frequency as _check_frequency
 from ._helpers.results import BatchErrorReport, BatchResult
 from ._helpers.routing import (
@@ -51,8 +53,9 @@ from ._helpers.routing import (
 from ._helpers.scalars import _prefixed as _prefixed
 from ._helpers.scalars import _validate_float_sequence, _validate_numeric_input, _validate_scalar_numeric
 
-# The "x as x" imports above are used by validators.py and engine/dispatch.py
-# but are not part of the list below, which the extension imports.
+# The "x as x" imports above are used by validators.py, engine/dispatch.py and
+# mortality/portfolio.py but are not part of the list below, which the extension
+# imports.
 __all__ = [
     "_EMPTY_F64",
     "_MAX_FLOAT64",
