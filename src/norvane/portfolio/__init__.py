@@ -12,7 +12,7 @@ valued carry a message instead of stopping the run.
 >>> from norvane.portfolio import value_book
 >>> values = value_book({"term": [10, 20], "benefit": [1000, 500]}, InterestRate(0.03))
 >>> values.present_value.round(2).tolist()
-[8786.11, 7662.1]
+[8786.11, 7661.9]
 """
 
 from __future__ import annotations
