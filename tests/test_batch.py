@@ -13,6 +13,7 @@ from norvane.growth_rates import GrowthRate
 from norvane.helpers import BatchErrorReport, BatchResult
 from norvane.interest_rates import InterestRate, _woolhouse_flows_to_grid
 
+NAN = float("nan")
 I = 0.03
 V = 1.0 / (1.0 + I)
 D = I / (1.0 + I)
@@ -33,43 +34,56 @@ def immediate(n):
     return (1.0 - V**n) / I
 
 
+LENGTHS = (
+    "Incompatible batch lengths: n={}, d={}, ts={}. All arrays must share the same length or be length-1 (broadcast)."
+)
+HETEROGENEOUS_M = (
+    "return_flows=True is not supported when m is a vector with heterogeneous values. "
+    "Use a scalar m or split the batch by payment frequency and call separately."
+)
+MUTEX = (
+    "'gr' and 'cashflow_amounts' are mutually exclusive: 'cashflow_amounts' defines explicit "
+    "payment amounts, so 'gr' has no effect. Pass gr=None when using cashflow_amounts."
+)
+NAN_FLOWS = "on_error='nan' is not supported with return_flows=True in batch mode."
+
+
+M_SET = "(1, 2, 3, 4, 6, 12, 13, 24, 26, 52, 365)"
+TWO = [1.0, 2.0]
+
+
+# One case per line.
+# fmt: off
 @pytest.mark.parametrize(
-    ("method", "kwargs", "tail"),
+    ("method", "kwargs", "exc", "tail"),
     [
-        (
-            "a",
-            {"n": [10.0, 20.0], "d": [0.0, 1.0, 2.0]},
-            "] Incompatible batch lengths: n=2, d=3, ts=1. All arrays must share the same length or be length-1 (broadcast).",
-        ),
-        (
-            "ä",
-            {"n": [10.0, 20.0, 5.0], "ts": [0.0, 1.0]},
-            "] Incompatible batch lengths: n=3, d=1, ts=2. All arrays must share the same length or be length-1 (broadcast).",
-        ),
-        (
-            "ä",
-            {"n": [10.0, 10.0], "m": [1, 12], "return_flows": True},
-            (
-                "] return_flows=True is not supported when m is a vector with heterogeneous values. "
-                "Use a scalar m or split the batch by payment frequency and call separately."
-            ),
-        ),
-        (
-            "a",
-            {"n": [10.0, -1.0], "on_error": "nan", "return_flows": True},
-            "] on_error='nan' is not supported with return_flows=True in batch mode.",
-        ),
-        (
-            "a",
-            {"n": [10.0, 20.0], "d": [0.0, 1.0, 2.0], "on_error": "nan", "return_flows": True},
-            "] on_error='nan' is not supported with return_flows=True in batch mode.",
-        ),
+        ("a", {"n": TWO, "d": [0.0, 1.0, 2.0]}, ValueError, LENGTHS.format(2, 3, 1)),
+        ("ä", {"n": [1.0, 2.0, 5.0], "ts": [0.0, 1.0]}, ValueError, LENGTHS.format(3, 1, 2)),
+        ("ä", {"n": TWO, "m": [1, 12], "return_flows": True}, ValueError, HETEROGENEOUS_M),
+        ("a", {"n": TWO, "d": [0.0, 1.0, 2.0], "on_error": "nan", "return_flows": True}, ValueError, NAN_FLOWS),
+        ("a", {"n": TWO, "on_error": "ignore"}, ValueError, "'on_error' must be 'raise' or 'nan', got 'ignore'."),
+        ("a", {"n": [1.0, -1.0]}, ValueError, "'n' must be >= 0.0 and finite at index 1, got -1.0"),
+        ("a", {"n": TWO, "record_ids": ["a"]}, ValueError, "'record_ids' must have one id per policy: expected 2, got 1."),
+        ("a", {"n": TWO, "record_ids": "ab"}, TypeError, "'record_ids' must be a sequence with one id per policy, got str."),
+        ("a", {"n": TWO, "t_output": [0, 1]}, ValueError, "t_output requires return_flows=True."),
+        ("a", {"n": TWO, "return_flows": True, "t_output": [0.0, NAN]}, ValueError, "'t_output' must be finite and >= 0 at index 1, got nan."),
+        ("a", {"n": TWO, "return_flows": True, "t_output": [0.0, 1.0, 1.0]}, ValueError, "'t_output' must be strictly increasing, got 1.0 after 1.0 at index 2."),
+        ("a", {"n": TWO, "return_flows": True, "t_output": 1.0}, TypeError, "Parameter 't_output' must be a sequence of real numbers, not a single value."),
+        ("a", {"n": TWO, "m": 5}, ValueError, f"'m' must be one of {M_SET}, got 5."),
+        ("a", {"n": TWO, "m": [1, 5]}, ValueError, f"'m' must be one of {M_SET} at index 1, got 5."),
+        ("a", {"n": [1.0, 2.0, 3.0], "m": [1, 12]}, ValueError, "Incompatible batch lengths: m=2, expected 3 or 1 (broadcast)."),
+        ("a", {"n": TWO, "m": [1.0, 12.0]}, TypeError, "'m' must contain integers, got dtype float64."),
+        ("a", {"n": TWO, "benefits": [1, 2, 3]}, ValueError, "'benefits' must have one value per policy: expected 2, got 3."),
+        ("a", {"n": TWO, "benefits": [1, -1]}, ValueError, "'benefits' must be finite and >= 0 at index 1, got -1.0."),
+        ("a", {"n": TWO, "benefits": [True, 1]}, TypeError, "'benefits' must contain real numbers."),
+        ("a", {"n": [3.0], "gr": 0.01, "cashflow_amounts": [1.0] * 3}, ValueError, MUTEX),
     ],
 )
-def test_batch_dispatch_messages(ir, method, kwargs, tail):
-    with pytest.raises(ValueError) as info:
+# fmt: on
+def test_batch_messages(ir, method, kwargs, exc, tail):
+    with pytest.raises(exc) as info:
         call(ir, method, **kwargs)
-    assert str(info.value) == "[InterestRate." + method + tail
+    assert str(info.value) == f"[InterestRate.{method}] {tail}"
 
 
 @pytest.mark.parametrize(
@@ -87,40 +101,26 @@ def test_broadcasting_and_perpetuities(ir, kwargs, expected):
     np.testing.assert_allclose(out, expected, rtol=1e-9, atol=TOL)
 
 
-def test_on_error_nan_report(ir):
-    res = ir.ä(n=[10.0, -1.0], on_error="nan")
-    assert isinstance(res, BatchResult) and isinstance(res.errors, BatchErrorReport)
-    assert res.values[0] == pytest.approx((1 - V**10) / D, abs=TOL) and math.isnan(res.values[1])
-    assert (res.errors.n_errors, res.errors.n_total) == (1, 2)
-    assert res.errors.valid_mask.tolist() == [True, False]
-    assert res.errors.invalid_indices.tolist() == [1]
-    assert len(res.errors.messages) == 1 and "'n'" in res.errors.messages[0]
-
-
 def test_on_error_nan_with_ids_and_benefits(ir):
     res = ir.a(
         n=[10.0, np.nan, 5.0, 20.0],
         d=[0.0, 0.0, -2.0, 1.0],
         ts=[0.0, 0.0, 0.0, -1.0],
-        benefits=[1.0, 2.0, 3.0, 4.0],
+        benefits=[2.0, 2.0, 3.0, 4.0],
         record_ids=["p1", "p2", "p3", "p4"],
         on_error="nan",
     )
-    assert res.values[0] == ir.a(n=10.0)
-    assert np.isnan(res.values[1:]).all()
-    assert res.errors.invalid_indices.tolist() == [1, 2, 3]
-    assert list(res.errors.record_ids) == ["p2", "p3", "p4"]
-    assert ["'n'" in res.errors.messages[0], "'d'" in res.errors.messages[1], "'ts'" in res.errors.messages[2]] == [
-        True
-    ] * 3
+    assert isinstance(res, BatchResult) and isinstance(res.errors, BatchErrorReport)
+    assert res.values[0] == 2.0 * ir.a(n=10.0) and np.isnan(res.values[1:]).all()
+    assert (res.errors.n_errors, res.errors.n_total, res.errors.valid_mask.tolist()) == (3, 4, [True] + [False] * 3)
+    assert res.errors.invalid_indices.tolist() == [1, 2, 3] and list(res.errors.record_ids) == ["p2", "p3", "p4"]
+    assert [name in msg for name, msg in zip(("'n'", "'d'", "'ts'"), res.errors.messages)] == [True] * 3
 
 
 @pytest.mark.parametrize("method", ["a", "ä"])
 @pytest.mark.parametrize(
     "kwargs",
     [
-        {"n": [5.0, 10.0, 20.0, 10.0], "m": [1, 2, 12, 2]},
-        {"n": [5.0, 10.0, 20.0, 10.0], "gr": [None, 0.02, GrowthRate(0.01, "arithmetic"), 0.02]},
         {"n": [5.0, 10.0, 20.0, 10.0], "m": [1, 2, 12, 2], "gr": [None, 0.02, GrowthRate(0.01, "arithmetic"), 0.02]},
         {"n": [8.0, 8.0, 3.5], "m": [4, 12, 4], "gr": [0.01, GrowthRate(0.01), None], "d": [1.0, 0.0, 2.0]},
     ],
@@ -168,16 +168,12 @@ def test_pandas_series_keep_input_order(ir):
         n=pd.Series([10.0, 5.0, 20.0], index=idx),
         m=pd.Series([1, 12, 1], index=idx),
         d=pd.Series([0.0, 0.0, 2.0], index=idx),
+        gr=pd.Series([0.0, 0.0, 0.02], index=idx),
         benefits=pd.Series([1.0, 2.0, 0.5], index=idx),
     )
-    expected = [(1 - V**10) / D, 2.0 * (1 - V**5) / (12 * (1 - V ** (1 / 12))), 0.5 * V**2 * (1 - V**20) / D]
+    g = (1.02 * V) ** np.arange(20)
+    expected = [(1 - V**10) / D, 2.0 * (1 - V**5) / (12 * (1 - V ** (1 / 12))), 0.5 * V**2 * g.sum()]
     np.testing.assert_allclose(np.asarray(out), expected, atol=TOL)
-
-
-def test_pandas_series_growth(ir):
-    out = ir.a(n=[10.0, 10.0, 10.0], gr=pd.Series([0.02, 0.0, 0.02], index=["x", "y", "z"]))
-    assert out[0] == out[2] == ir.a(n=10.0, gr=0.02)
-    assert out[1] == pytest.approx(immediate(10), abs=TOL)
 
 
 GRID = np.array([0.0, 2.5, 5.0, 12.0])
@@ -223,23 +219,6 @@ def test_gridded_flows_land_on_next_grid_time(ir):
     np.testing.assert_allclose(flows["pv_cf"], pv, atol=1e-12)
 
 
-@pytest.mark.parametrize(
-    ("method", "kwargs", "tail"),
-    [
-        (
-            "a",
-            {"n": [3.0], "gr": 0.01, "cashflow_amounts": [1.0, 1.0, 1.0]},
-            "] 'gr' and 'cashflow_amounts' are mutually exclusive",
-        ),
-        ("ä", {"n": [3.0, 4.0], "cashflow_amounts": [1.0, 1.0, 1.0]}, "]"),
-    ],
-)
-def test_batch_valuation_errors_carry_method_prefix(ir, method, kwargs, tail):
-    with pytest.raises(ValueError) as info:
-        call(ir, method, **kwargs)
-    assert str(info.value).startswith("[InterestRate." + method + tail)
-
-
 def woolhouse(**over):
     flows = {
         "coef_immediate": 1.0,
@@ -252,31 +231,24 @@ def woolhouse(**over):
     return flows
 
 
-def test_woolhouse_merges_equal_times_and_zero_discount():
-    grid, expected, pv = _woolhouse_flows_to_grid(woolhouse(), 1)
-    np.testing.assert_array_equal(grid, [0.0, 1.0, 2.0, 2.5])
-    np.testing.assert_allclose(expected, [1.0, 3.0, 2.0, 0.0])
-    np.testing.assert_allclose(pv, [1.0, 1.4, 0.4, 0.7])
-    grid3, expected3, pv3 = _woolhouse_flows_to_grid(woolhouse(), 3)
-    np.testing.assert_array_equal(grid3, grid)
-    np.testing.assert_array_equal(expected3, 3 * expected)
-    np.testing.assert_array_equal(pv3, 3 * pv)
+FRACTIONAL = {"time_grid": [1.0, 3.0], "present_value": [0.3, 0.45], "discount_factor": [0.6, 0.9]}
 
 
-def test_woolhouse_without_fractional_grids():
-    grid, expected, pv = _woolhouse_flows_to_grid(woolhouse(fractional={}), 2)
-    np.testing.assert_array_equal(grid, [0.0, 1.0, 2.0])
-    np.testing.assert_allclose(pv, [2.0, 2.8, 0.8])
-    fractional = {"time_grid": [1.0, 3.0], "present_value": [0.3, 0.45], "discount_factor": [0.6, 0.9]}
-    grid, expected, pv = _woolhouse_flows_to_grid(woolhouse(fractional=fractional), 1)
-    np.testing.assert_allclose(expected, [1.0, 3.5, 2.0, 0.5])
-    np.testing.assert_allclose(pv, [1.0, 1.7, 0.4, 0.45])
-
-
-@pytest.mark.parametrize("coef", ["abc", None, [1.0], b"1"])
-def test_woolhouse_coefficient_must_be_a_number(coef):
+@pytest.mark.parametrize(
+    "over, scale, grid, expected, pv",
+    [  # equal times merge; a zero discount factor leaves the amount unknown (0); amounts scale with benefits
+        ({}, 1, [0.0, 1.0, 2.0, 2.5], [1.0, 3.0, 2.0, 0.0], [1.0, 1.4, 0.4, 0.7]),
+        ({}, 3, [0.0, 1.0, 2.0, 2.5], [3.0, 9.0, 6.0, 0.0], [3.0, 4.2, 1.2, 2.1]),
+        ({"fractional": {}}, 2, [0.0, 1.0, 2.0], [2.0, 6.0, 4.0], [2.0, 2.8, 0.8]),
+        ({"fractional": FRACTIONAL}, 1, [0.0, 1.0, 2.0, 3.0], [1.0, 3.5, 2.0, 0.5], [1.0, 1.7, 0.4, 0.45]),
+    ],
+)
+def test_woolhouse_flows_to_grid(over, scale, grid, expected, pv):
+    got = _woolhouse_flows_to_grid(woolhouse(**over), scale)
+    for array, want in zip(got, (grid, expected, pv)):
+        np.testing.assert_allclose(array, want, rtol=1e-15)
     with pytest.raises(TypeError, match="coef_immediate"):
-        _woolhouse_flows_to_grid(woolhouse(coef_immediate=coef), 1)
+        _woolhouse_flows_to_grid(woolhouse(coef_immediate="abc"), 1)
 
 
 @pytest.mark.parametrize("gr", ["x", {}, b"1", True, object()])
@@ -284,17 +256,3 @@ def test_woolhouse_coefficient_must_be_a_number(coef):
 def test_batch_growth_must_be_a_growth_rate_or_number(ir, method, gr):
     with pytest.raises(TypeError, match=r"^\[InterestRate\." + method + r"\] 'gr': "):
         call(ir, method, n=[1.0, 2.0], gr=gr)
-
-
-@pytest.mark.parametrize(
-    "drop", ["coef_immediate", "due", "immediate", "fractional", "fractional_tail", "due.present_value"]
-)
-def test_woolhouse_missing_keys(drop):
-    flows = woolhouse()
-    if "." in drop:
-        part, key = drop.split(".")
-        flows[part] = {k: v for k, v in flows[part].items() if k != key}
-    else:
-        del flows[drop]
-    with pytest.raises(KeyError):
-        _woolhouse_flows_to_grid(flows, 1)

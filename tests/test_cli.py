@@ -243,11 +243,14 @@ def test_plots_are_written(tmp_path, capsys, command):
         (["--portfolio", "{tmp}/missing.csv"], "no such file"),
         (["--curve", "{tmp}/missing.json"], "not a readable curve"),
         (["--curve", "{tmp}/bad.json"], "not a readable curve"),
-        (["--portfolio", "{tmp}/noterm.csv"], "no 'term' column"),
+        (["--portfolio", "{tmp}/noterm.csv"], "no 'term' or 'age' column"),
         (["--portfolio", "{tmp}/book.csv", "--output", "{tmp}/out.txt"], "must end in"),
         (["flows", "--portfolio", "{tmp}/missing.csv"], "no such file"),
         (["curve", "--curve", "{tmp}/bad.json"], "not a readable curve"),
         (["--rate", "-2"], "--rate"),
+        (["--mortality", "nope"], "no bundled table 'nope' (bundled: makeham_20_120, makeham_13_110)"),
+        (["--mortality", "M={tmp}/bad.json"], "not a readable mortality table"),
+        (["--mortality", "makeham_13_110", "--mortality", "makeham_13_110=x.csv"], "is given twice"),
     ],
 )
 def test_unusable_input_exits_with_2(tmp_path, capsys, args, message):

@@ -16,6 +16,7 @@ import pytest
 
 from norvane.config import Config
 from norvane.interest_rates import InterestRate
+from norvane.mortality import bundled_table
 from norvane.portfolio import value_book
 
 distributed = pytest.importorskip("distributed")
@@ -289,3 +290,13 @@ def test_threads_of_one_process_keep_their_own_settings(book):
     assert np.array_equal(got, reference, equal_nan=True)
     assert np.array_equal(default, book["values"], equal_nan=True)
     assert Config().calculation_mode == "discrete_precision"
+
+
+def test_life_records_and_their_tables_reach_the_workers(client):
+    tables = {"M": bundled_table("makeham_20_120").scaled(0.9), "F": bundled_table("makeham_13_110")}
+    frame = pd.DataFrame({"term": [10, 10, None, 5], "age": [None, 65, 70.5, 130], "table": [None, None, "F", "F"]})
+    result = value_policies(dd.from_pandas(frame, npartitions=2), CURVE, tables=tables, with_errors=True).compute()
+    single = value_book(frame, CURVE, tables=tables)
+    assert np.array_equal(result["present_value"], single.present_value, equal_nan=True)
+    assert result["error"].isna().tolist() == [True, True, True, False]
+    assert result["present_value"][1] == tables["M"].life(65).ä(CURVE, n=10)

@@ -1,29 +1,22 @@
-"""Discounting engine of InterestRate: discount factors (vn, _vn, _dfn), relative discount (vx),
-accumulation (sn), rate lookup with its LRU cache (get_rate) and curve shifting with the shift cache."""
+"""Discounting engine of InterestRate: discount factors (vn), relative discount (vx), accumulation
+(sn), rate lookup with its LRU cache (get_rate) and curve shifting with the shift cache."""
 
 import gc
 import itertools
 import math
-import re
-import warnings
 
 import numpy as np
 import pandas as pd
 import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
+from reference import discount, exact
 
 from norvane.interest_rates import InterestRate
 from norvane.interest_rates import _interest_rate_shifted_for_ts as shift_for_ts
 
 NAN, INF = float("nan"), float("inf")
-LE = "\u2264"
-TAIL = ": (1+i) must be positive for discount factor computation per actuarial standards"
 FAST = settings(max_examples=60, deadline=None, suppress_health_check=[HealthCheck.too_slow])
-
-
-def exact(exc, msg):
-    return pytest.raises(exc, match="^" + re.escape(msg) + "$")
 
 
 def make(curve):
@@ -32,18 +25,7 @@ def make(curve):
 
 
 def ref_v(curve, n):
-    """Discount factor walking the segments one by one, one math.pow per segment."""
-    if not isinstance(curve, tuple):  # constant: the formula holds for every n, a zero rate ignores n
-        return 1.0 if curve == 0.0 else math.pow(1.0 + curve, -n)
-    if n <= 0.0:
-        return 1.0
-    (terms, rates), v, start = curve, 1.0, 0.0
-    for t, r in zip(terms, rates):
-        if n <= start + t:
-            return v * math.pow(1.0 + r, -(n - start))
-        v *= math.pow(1.0 + r, -t)
-        start += t
-    return v * math.pow(1.0 + rates[-1], -(n - start))  # NaN and durations past the last term
+    return discount(*curve, n) if isinstance(curve, tuple) else discount([], [curve], n)
 
 
 def ref_rate(curve, t):
@@ -60,51 +42,29 @@ def assert_all_close(got, want, rel=1e-13):  # NaN matches NaN, infinities must 
     np.testing.assert_allclose(np.ravel(got).astype(float), np.ravel(want).astype(float), rtol=rel, atol=0)
 
 
-PW, ZERO_TAIL, TINY = ((5, 5), (0.02, 0.03, 0.04)), ((1,), (0.02, 0.0)), 1e-300
+PW = ((5, 5), (0.02, 0.03, 0.04))
 CURVES = {"piecewise": PW, "constant": 0.03}
 
 
-# ---------------------------------------------------------------- discount factors: closed forms
+# ---------------------------------------------------------------- discount factors
 
 
 @pytest.mark.parametrize(
     "curve, n, expected",
     [
         (PW, 7.5, 1.02**-5 * 1.03**-2.5),
-        (PW, 5, 1.02**-5),
-        (PW, 10, 1.02**-5 * 1.03**-5),
-        (PW, 2, 1.02**-2),
         (PW, 12.5, 1.02**-5 * 1.03**-5 * 1.04**-2.5),
-        (PW, -1, 1.0),
-        (PW, 0, 1.0),
-        (PW, -INF, 1.0),
-        (PW, INF, 0.0),
-        (PW, NAN, NAN),
-        (0.03, 5, 1.03**-5),
-        (0.03, -5, 1.03**5),
-        (0.03, 0, 1.0),
-        (0.03, INF, 0.0),
-        (0.03, NAN, NAN),
-        (-0.005, 1, 1 / 0.995),
-        (-0.5, -INF, 0.0),
+        (PW, -1, 1.0),  # piecewise curves never accumulate backwards
+        (0.03, -5, 1.03**5),  # constant curves do
         (((1,), (-0.5, 0.0)), 3, 2.0),
-        # a segment whose 1 + r is exactly 1.0 contributes 1.0 ** x == 1.0 for every x, NaN and infinities included
-        (ZERO_TAIL, NAN, 1 / 1.02),
-        (ZERO_TAIL, INF, 1 / 1.02),
+        # a segment whose 1 + r is exactly 1.0 contributes 1.0 ** x == 1.0 for every x, NaN included
+        (((1,), (0.02, 0.0)), NAN, 1 / 1.02),
         (0.0, NAN, 1.0),
-        (0.0, -INF, 1.0),
-        (TINY, NAN, 1.0),
-        (TINY, INF, 1.0),
-        (TINY, -INF, 1.0),
-        (((1,), (0.02, TINY)), NAN, 1 / 1.02),
-        (((1,), (0.02, TINY)), INF, 1 / 1.02),
     ],
 )
 def test_vn_closed_forms(curve, n, expected):
-    ir = make(curve)
-    got = ir.vn(n)
+    got = make(curve).vn(n)
     assert type(got) is float and close(got, expected, rel=1e-14)
-    assert_all_close(ir.vn([n, n]), [expected] * 2, rel=1e-14)
 
 
 RATE = st.one_of(st.just(0.0), st.floats(-0.5, 0.2, exclude_min=True, exclude_max=True))
@@ -117,41 +77,19 @@ def piecewise_and_durations(draw):
     terms = draw(st.lists(st.floats(0.01, 10), min_size=k, max_size=k))
     rates = draw(st.lists(RATE, min_size=k + 1, max_size=k + 1))
     bounds = list(itertools.accumulate(terms))  # exact segment ends
-    ns = draw(
-        st.lists(st.one_of(st.floats(-5, bounds[-1] + 20), st.sampled_from(bounds), EDGES), min_size=1, max_size=25)
-    )
+    ns = draw(st.lists(st.one_of(st.floats(-5, bounds[-1] + 20), st.sampled_from(bounds), EDGES), min_size=1))
     return (terms, rates), ns
 
 
 @FAST
-@given(piecewise_and_durations())
-def test_vn_piecewise_matches_segment_walk(case):
+@given(st.one_of(piecewise_and_durations(), st.tuples(RATE, st.lists(st.floats(-1000, 1000) | EDGES, min_size=1))))
+def test_vn_matches_segment_walk(case):
     curve, ns = case
     ir, want = make(curve), [ref_v(curve, n) for n in ns]
-    arr = ir.vn(np.array(ns))
-    assert_all_close(arr, want)
-    assert (arr[np.array(ns) <= 0.0] == 1.0).all()  # piecewise curves never accumulate backwards
-    assert_all_close(ir._dfn(ns), want)
+    assert_all_close(ir.vn(np.array(ns)), want)
     for n, w in zip(ns, want):
         got = ir.vn(n)
         assert type(got) is float and close(got, w), (n, got, w)
-        assert got == 1.0 or not n <= 0.0
-
-
-@FAST
-@given(RATE, st.lists(st.one_of(st.floats(-1000, 1000), EDGES), min_size=1, max_size=20))
-def test_vn_constant_matches_power(rate, ns):
-    ir, want = InterestRate(rate), [ref_v(rate, n) for n in ns]
-    arr = ir.vn(ns)
-    assert_all_close(arr, want)
-    assert rate != 0.0 or (arr == 1.0).all()
-    for n, w in zip(ns, want):
-        got = ir.vn(n)
-        assert type(got) is float and close(got, w)
-        if rate == 0.0:
-            assert got == 1.0
-        elif -1e3 < n < -1e-3 and abs(rate) > 1e-9:
-            assert got > 1.0 if rate > 0 else got < 1.0  # constant curves accumulate backwards
 
 
 @pytest.mark.parametrize("curve", [PW, 0.03, 0.0, ((0.5,) * 40, tuple(np.linspace(-0.4, 0.15, 41)))])
@@ -161,7 +99,7 @@ def test_long_arrays_match_the_segment_walk(curve):
     want = np.resize([ref_v(curve, n) for n in base], 400_010)[::2]
     x, ir = np.resize(base, 400_010)[::2], make(curve)  # long and non-contiguous
     with np.errstate(divide="ignore"):  # sn is 0 where the discount factor is infinite
-        outs = (ir.vn(x), ir._dfn(x), 1.0 / ir.sn(x.reshape(-1, 5)))
+        outs = (ir.vn(x), 1.0 / ir.sn(x.reshape(-1, 5)))
     for out in outs:
         np.testing.assert_allclose(out.ravel(), want, rtol=1e-13)
 
@@ -171,155 +109,53 @@ def test_long_arrays_match_the_segment_walk(curve):
 BASE, INTS = np.array([[0.5, 5.0, 7.5], [12.5, -1.0, 0.0]]), np.array([[1, 5, 7], [12, 0, 10]])
 FORMS = {  # each builds an input from a float base array b and an integer base array i
     "list": lambda b, i: b[0].tolist(),
-    "tuple": lambda b, i: tuple(b[1].tolist()),
     "nested": lambda b, i: b.tolist(),
-    "empty": lambda b, i: [],
     "zero_d": lambda b, i: np.array(b[0, 2]),
-    "f64_2d": lambda b, i: b.copy(),
-    "f32": lambda b, i: b.astype(np.float32),
-    "i32": lambda b, i: i.astype(np.int32),
     "i64": lambda b, i: i.astype(np.int64),
-    "big_endian": lambda b, i: b.astype(">f8"),
-    "three_d": lambda b, i: np.stack([b, b[::-1]])[:, :, ::-1],
-    "read_only": lambda b, i: np.broadcast_to(b[1], (3, 3)),
     "strided": lambda b, i: b[:, ::2],
-    "transposed": lambda b, i: b.T,
-    "fortran": lambda b, i: np.asfortranarray(b),
     "series": lambda b, i: pd.Series(b[0], index=[7, 3, 9]),
 }
 METHODS = {  # call and reference value per element
     "vn": (lambda ir, x: ir.vn(x), ref_v),
     "sn": (lambda ir, x: ir.sn(x), lambda c, n: 1.0 / ref_v(c, n)),
     "vx": (lambda ir, x: ir.vx(x), ref_v),
-    "_vn": (lambda ir, x: ir._vn(x, validate=True), ref_v),
     "get_rate": (lambda ir, x: ir.get_rate(x), ref_rate),
 }
 
 
-@pytest.mark.parametrize("form", FORMS)
+@pytest.mark.parametrize("form", [*FORMS, "scalar_int", "scalar_np"])
 @pytest.mark.parametrize("method", METHODS)
 @pytest.mark.parametrize("curve", CURVES)
-def test_array_likes_give_float64_arrays_of_the_input_shape(form, method, curve):
+def test_inputs_give_floats_or_float64_arrays_of_the_input_shape(form, method, curve):
     call, ref = METHODS[method]
+    if form.startswith("scalar"):
+        n = 7 if form == "scalar_int" else np.float32(7.5)
+        out = call(make(CURVES[curve]), n)
+        assert type(out) is float and close(out, ref(CURVES[curve], float(n)))
+        return
     x = FORMS[form](np.abs(BASE) if method == "vx" else BASE, INTS)  # vx refuses negative times
     before = np.array(x, copy=True)
     out = call(make(CURVES[curve]), x)
-    if method == "vx" and form == "zero_d":  # a 0-d array minus the float x0 is a NumPy scalar
-        assert type(out) is float
-    else:
+    if not (method == "vx" and form == "zero_d"):  # a 0-d array minus the float x0 is a NumPy scalar
         assert type(out) is np.ndarray and out.dtype == np.float64 and out.shape == before.shape
     assert_all_close(out, [ref(CURVES[curve], float(n)) for n in before.ravel()])
     assert np.array_equal(np.asarray(x), before) and np.asarray(x).dtype == before.dtype  # input untouched
 
 
-@pytest.mark.parametrize("n", [7, 7.5, np.int32(7), np.int64(12), np.uint8(3), np.float32(7.5), np.float64(12.5)])
-@pytest.mark.parametrize("method", METHODS)
-@pytest.mark.parametrize("curve", CURVES)
-def test_scalars_give_python_floats(n, method, curve):
-    call, ref = METHODS[method]
-    out = call(make(CURVES[curve]), n)
-    assert type(out) is float and close(out, ref(CURVES[curve], float(n)))
-
-
-@pytest.mark.parametrize(
-    "bad",
-    [
-        True,
-        np.bool_(False),
-        "1",
-        b"1",
-        None,
-        ["a"],
-        [1, "a"],
-        np.array([True, False]),
-        np.array(["1"]),
-        [True],
-        1 + 2j,
-        {},
-        {1.0},
-    ],
-)
+@pytest.mark.parametrize("bad", [True, np.bool_(False), "1", None, [1, "a"], np.array([True, False]), 1 + 2j, {1.0}])
 @pytest.mark.parametrize(
     "call, name",
     [
         (lambda ir, x: ir.vn(x), "n"),
         (lambda ir, x: ir.sn(x), "n"),
-        (lambda ir, x: ir._vn(x, "dur", True), "dur"),
         (lambda ir, x: ir.vx(x), "x"),
         (lambda ir, x: ir.vx(9, x), "x0"),
     ],
 )
 @pytest.mark.parametrize("curve", CURVES)
 def test_non_numeric_input_is_a_type_error_naming_the_parameter(bad, call, name, curve):
-    with pytest.raises(TypeError, match=re.escape(f"[InterestRate] Parameter '{name}'")):
+    with exact(TypeError, f"[InterestRate] Parameter '{name}' must be numeric."):
         call(make(CURVES[curve]), bad)
-
-
-# ---------------------------------------------------------------- rates at or below -1
-
-
-def with_rates(rates):
-    ir = make(PW)
-    ir._rates = np.array(rates, dtype=float)  # construction refuses such rates
-    ir._invalidate_caches()  # the one-plus-rate factors are rebuilt from the new rates on the next call
-    return ir
-
-
-@pytest.mark.parametrize(
-    "rates, n, positions",
-    [
-        ([0.02, -1.5, 0.04], [1, 7], "[1]"),
-        ([0.02, -1.0, 0.04], [7, 1, 8, 12], "[0 2]"),
-        ([0.02, 0.03, -2.0], [1, 7, 12, 20], "[2 3]"),
-        ([-1.0, 0.03, 0.04], 3, "[0]"),
-        ([0.02, -1.0, 0.04], [5, 10, 10.5], "[1]"),  # a boundary belongs to the segment that ends there
-        ([-1.0, -1.0, -1.0], [-1, 1e9], "[0 1]"),  # a non-positive duration counts unless all of them are
-    ],
-)
-def test_vn_names_positions_of_durations_in_bad_segments(rates, n, positions):
-    for call in (lambda ir: ir.vn(n), lambda ir: ir.sn(n), lambda ir: ir._dfn(n, validate=True)):
-        with exact(ValueError, f"Rates {LE} -1 at indices {positions}" + TAIL):
-            call(with_rates(rates))
-
-
-def test_unreached_or_unchecked_bad_rates():
-    ir = with_rates([0.02, -1.5, 0.04])
-    assert_all_close(ir.vn([1, 2]), [1.02**-1, 1.02**-2])  # segment 1 is never reached
-    assert ir.vn(-3) == 1.0 and with_rates([-2.0, -1.0, -3.0]).vn([-1, 0, -INF]).tolist() == [1.0, 1.0, 1.0]
-    assert close(ir.vx(7), 1.02**-5 * (-0.5) ** -2) and math.isnan(ir.vx(7.5))  # vx leaves rates unchecked
-    assert close(ir._dfn(7), 1.02**-5 * 4.0) and close(ir._vn([7.0])[0], 1.02**-5 * 4.0)
-
-
-@pytest.mark.parametrize(
-    "rate, exc, msg",
-    [
-        (-1.0, ValueError, f"Rate -1.0 {LE} -1" + TAIL),
-        (-1, ValueError, f"Rate -1.0 {LE} -1" + TAIL),
-        (-1.5, ValueError, f"Rate -1.5 {LE} -1" + TAIL),
-        (
-            NAN,
-            ValueError,
-            "Interest rate must be finite, got nan. Infinite or NaN rates are not allowed in actuarial calculations.",
-        ),
-        (None, RuntimeError, "Internal error: constant rate is None in discount_factor."),
-    ],
-)
-def test_constant_rate_checks(rate, exc, msg):
-    ir = InterestRate(0.03)
-    ir.rate = rate
-    for call in (ir.vn, ir.sn, lambda n: ir._dfn(n, validate=1)):
-        with exact(exc, msg):
-            call(2.0)
-
-
-def test_unchecked_constant_path_uses_plain_powers():
-    ir = InterestRate(0.03)
-    ir.rate = -1.0
-    with pytest.raises(ZeroDivisionError):
-        ir._dfn(2.0)
-    assert ir._vn(0) == 1.0
-    ir.rate = -1.5
-    assert isinstance(ir._dfn(0.5), complex) and abs(ir._dfn(0.5) - (-0.5) ** -0.5) < 1e-15 and ir._dfn(2) == 4.0
 
 
 # ---------------------------------------------------------------- vx and sn
@@ -328,15 +164,8 @@ def test_unchecked_constant_path_uses_plain_powers():
 @pytest.mark.parametrize(
     "x, x0, expected",
     [
-        (5, 0.0, 1.02**-5),
         (7, 2, 1.02**-5),
-        (3, 3, 1.0),
-        (-0.0, 0, 1.0),
-        (INF, 0, 0.0),
-        (12.5, 2.5, 1.02**-5 * 1.03**-5),
         ([1, 2], 0.5, [1.02**-0.5, 1.02**-1.5]),
-        (2, [0.5, 1], [1.02**-1.5, 1.02**-1]),
-        ([5], [1, 2], [1.02**-4, 1.02**-3]),
         ([[1, 7], [3, 12]], [[0, 2], [3, 0]], [[1.02**-1, 1.02**-5], [1.0, 1.02**-5 * 1.03**-5 * 1.04**-2]]),
     ],
 )
@@ -347,57 +176,20 @@ def test_vx_discounts_over_the_difference_from_time_zero(x, x0, expected):
 
 
 SHAPES = "Incompatible shapes for 'x' and 'x0': {} and {}. Both must have the same shape or one must have size 1."
-ORDER = "All values in 'x' must be greater than or equal to 'x0'."
 
 
 @pytest.mark.parametrize(
     "x, x0, msg",
     [
-        (-1, 0, "'x' contains negative values."),
         ([1, -0.5], 0, "'x' contains negative values."),
-        (-INF, -INF, "'x' contains negative values."),
-        (1, -1, "'x0' contains negative values."),
-        ([-1, 2, 3], [0, 1], "'x' contains negative values."),
-        ([1, 2, 3], [-1, 0], "'x0' contains negative values."),
-        ([1, 2, 3], [0, 1], SHAPES.format("(3,)", "(2,)")),
-        ([1, 2, 3], [0, 5], SHAPES.format("(3,)", "(2,)")),
         ([[1, 2], [3, 4]], [0, 1, 2, 3], SHAPES.format("(2, 2)", "(4,)")),
-        (1, [0.5, 2], ORDER),
-        (NAN, 0, ORDER),
-        ([1, 2], NAN, ORDER),
+        (1, [0.5, 2], "All values in 'x' must be greater than or equal to 'x0'."),
     ],
 )
 @pytest.mark.parametrize("curve", CURVES)
 def test_vx_messages(x, x0, msg, curve):
-    ir = make(CURVES[curve])
-    for call in (ir.vx, ir._validate_x_and_x0):
-        with exact(ValueError, msg):
-            call(x, x0)
-
-
-def test_validate_x_and_x0_returns_floats_for_scalars():
-    assert [(type(v), v) for v in make(PW)._validate_x_and_x0(np.float32(2), 1)] == [(float, 2.0), (float, 1.0)]
-    x, x0 = make(PW)._validate_x_and_x0((2, 3), np.int64(1))
-    assert type(x) is np.ndarray and x.dtype == np.float64 and x.tolist() == [2.0, 3.0] and type(x0) is float
-
-
-def test_sn_accumulates_and_overflows_quietly():
-    assert close(make(PW).sn(7.5), 1.02**5 * 1.03**2.5, rel=1e-14) and make(PW).sn(-4) == 1.0
-    assert close(InterestRate(0.03).sn(-5), 1.03**-5, rel=1e-14) and InterestRate(0.0).sn(NAN) == 1.0
-    with warnings.catch_warnings():
-        warnings.simplefilter("error")
-        assert InterestRate(0.2).sn(1e6) == INF and make(PW).sn(1e6) == INF
-        out = InterestRate(0.2).sn([1, 1e6])
-        assert out[1] == INF and close(out[0], 1.2) and make(PW).sn([[1e6]]).tolist() == [[INF]]
-
-
-@pytest.mark.parametrize("rate, n", [(0.03, -1e308), (0.03, -(2.0**70)), (-0.5, 1e308), (-0.5, 2**70)])
-@pytest.mark.parametrize("wrap", [lambda r: r, lambda r: {"s": r}], ids=["curve", "scenario"])
-def test_sn_overflow_follows_the_float_power(rate, n, wrap):
-    with pytest.raises(OverflowError):
-        (1.0 + rate) ** -n
-    with pytest.raises(OverflowError):
-        InterestRate(wrap(rate)).sn(n)
+    with exact(ValueError, msg):
+        make(CURVES[curve]).vx(x, x0)
 
 
 # ---------------------------------------------------------------- rate lookup and its cache
@@ -407,20 +199,7 @@ STEPS = ((1.0, 2.0), (0.01, 0.015, 0.02))
 
 @pytest.mark.parametrize(
     "t, expected",
-    [
-        (0.5, 0.01),
-        (1.0, 0.01),
-        (np.nextafter(1.0, 2.0), 0.015),
-        (3, 0.015),
-        (3.5, 0.02),
-        (1e9, 0.02),
-        (INF, 0.02),
-        (-1, 0.01),
-        (0, 0.01),
-        (-INF, 0.01),
-        (np.float32(1.5), 0.015),
-        (np.int8(3), 0.015),
-    ],
+    [(1.0, 0.01), (np.nextafter(1.0, 2.0), 0.015), (3.5, 0.02), (INF, 0.02), (0, 0.01), (np.float32(1.5), 0.015)],
 )
 def test_get_rate_segments(t, expected):
     got = make(STEPS).get_rate(t)
@@ -428,42 +207,17 @@ def test_get_rate_segments(t, expected):
     assert make(STEPS).get_rate([0.5, 1.5, 5.0, t]).tolist() == [0.01, 0.015, 0.02, expected]
 
 
-def test_get_rate_arrays_are_fresh_and_bypass_the_cache():
-    ir = make(STEPS)
-    out = ir.get_rate(np.array([[0.5], [2.0]]))
-    assert out.shape == (2, 1) and not np.shares_memory(out, ir.rates) and len(ir._rate_cache) == 0
-    const = InterestRate(0.03).get_rate([NAN, -5, 1, 2])
-    assert const.dtype == np.float64 and const.tolist() == [0.03] * 4
-    assert InterestRate(0.03).get_rate(NAN) == 0.03 and InterestRate(0.03).get_rate(np.ones((2, 3))).shape == (2, 3)
-
-
 def test_get_rate_cache_keys_and_bound():
     ir = make(STEPS)
     assert [ir.get_rate(t) for t in (1, 1.0, np.int64(1), np.float32(1.0))] == [0.01] * 4
     assert list(ir._rate_cache.items()) == [(1.0, 0.01)]
-    ir.get_rate(0.0), ir.get_rate(-0.0)
-    assert len(ir._rate_cache) == 2
     ir.get_rate(NAN), ir.get_rate(NAN)  # NaN never hits, so each lookup adds an entry
-    assert len(ir._rate_cache) == 4
+    assert len(ir._rate_cache) == 3
     ir = make(STEPS)
     ir._meta.cache_maxsize = 3
     for t in (10, 11, 12, 10, 13):
         ir.get_rate(t)
     assert list(ir._rate_cache) == [12.0, 10.0, 13.0]  # 11 was the least recently used
-    assert [ir.get_rate(t / 7) for t in range(50)][-1] == 0.02 and len(ir._rate_cache) == 3
-
-
-def test_get_rate_cache_emptied_when_curve_changes():
-    ir = make(STEPS)
-    assert ir.get_rate(2) == 0.015 and len(ir._rate_cache) == 1
-    ir.rates = [0.05, 0.06, 0.07]
-    assert len(ir._rate_cache) == 0 and ir.get_rate(2) == 0.06
-    ir.add_scenario("flat", InterestRate(0.09))
-    assert len(ir._rate_cache) == 0 and ir.get_rate(2) == 0.09
-    ir.add_scenario("steps", make(STEPS))
-    ir._lru_store(ir._rate_cache, 2.0, 0.5, 10)
-    ir.active_scenario = "steps"
-    assert len(ir._rate_cache) == 0 and ir.get_rate(2) == 0.015
 
 
 # ---------------------------------------------------------------- shifting
@@ -473,48 +227,30 @@ def test_get_rate_cache_emptied_when_curve_changes():
     "ts, terms, rates",
     [
         (2.5, [2.5, 5.0], [0.02, 0.03, 0.04]),
-        (5, [5.0], [0.03, 0.04]),
         (7, [3.0], [0.03, 0.04]),
-        (np.float64(7.0), [3.0], [0.03, 0.04]),
-        (np.int32(5), [5.0], [0.03, 0.04]),
         (10, None, 0.04),
-        (12, None, 0.04),
-        (5 - 1e-13, [5.0], [0.03, 0.04]),
+        (5 - 1e-13, [5.0], [0.03, 0.04]),  # within the tolerance of a boundary: the boundary
         (5 - 1e-9, [5 - (5 - 1e-9), 5.0], [0.02, 0.03, 0.04]),
-        (10 - 1e-13, None, 0.04),
     ],
 )
 def test_shifted_examples(ts, terms, rates):
     ir = make(PW)
-    epoch = ir._shift_cache_epoch
     s = ir.shifted(ts)
     assert type(s) is InterestRate and s is not ir and s.scenarios == {} and s._meta.term_unit == "years"
     if terms is None:
         assert s.is_constant and s.rate == rates
     else:
         assert s.terms.tolist() == terms and s.rates.tolist() == rates
-    assert ir.terms.tolist() == [5.0, 5.0] and ir._shift_cache_epoch == epoch  # the source is untouched
+    assert ir.terms.tolist() == [5.0, 5.0]  # the source is untouched
 
 
 def test_shifted_tolerance_and_units():
     ir = InterestRate(terms=[6, 6], rates=[0.01, 0.02, 0.03], term_unit="months")
-    s = ir.shifted(0.25)
-    assert s.terms.tolist() == [0.25, 0.5] and s._meta.term_unit == "years" and ir._meta.term_unit == "months"
+    assert ir.shifted(0.25).terms.tolist() == [0.25, 0.5] and ir._meta.term_unit == "months"
     ir._meta.tolerance_eps = 1e-3
     assert ir.shifted(0.5 - 1e-4).terms.tolist() == [0.5] and ir.shifted(0.49).terms.tolist() == [0.5 - 0.49, 0.5]
     assert ir.shifted(1.0 - 1e-4) == InterestRate(0.03)
-    ir._meta.tolerance_eps = 0.0
-    assert ir.shifted(0.5 - 1e-13).terms[0] == 0.5 - (0.5 - 1e-13)
-
-
-@pytest.mark.parametrize("curve", [STEPS, PW, 0.03, {"a": 0.01}])
-def test_get_rate_and_shifted_refuse_non_numbers(curve):
-    ir = make(curve)
-    with exact(TypeError, "[InterestRate] Parameter 't' must be numeric."):
-        ir.get_rate(True)
-    with pytest.raises(TypeError):
-        ir.get_rate("0.5")
-    for ts in ("a", True, np.bool_(True), None, [1.0], np.array(2.0)):
+    for ts in ("a", True, None, [1.0], np.array(2.0)):
         with exact(TypeError, "[InterestRate] Parameter 'ts' must be numeric."):
             ir.shifted(ts)
 
@@ -526,123 +262,36 @@ def test_shifted_curve_discounts_forward(case, s_frac, t):
     ir = make(curve)
     for s in [s_frac * sum(curve[0]) / 50] + [n for n in ns if math.isfinite(n) and n > 0]:
         got = ir.shifted(s).vn(t)
-        assert close(got, ir.vn(s + t) / ir.vn(s), rel=1e-12)
         assert close(got, ref_v(curve, s + t) / ref_v(curve, s), rel=1e-12)
 
 
 def test_shift_cache():
     ir, cache = make(PW), {}
     a = shift_for_ts(ir, 2.5, cache)
-    assert (
-        a == make(PW).shifted(2.5)
-        and shift_for_ts(ir, 2.5, cache) is a
-        and ir._ir_shifted_for_ts(np.float64(2.5), cache) is a
-    )
-    assert list(cache.items()) == [((ir, 2.5, ir._shift_cache_epoch), a)]
-    assert shift_for_ts(ir, 5, cache) is ir._ir_shifted_for_ts(5.0, cache) and (ir, 5.0, ir._shift_cache_epoch) in cache
-    epoch = ir._shift_cache_epoch
-    ir.rates = [0.05, 0.06, 0.07]
-    assert ir._shift_cache_epoch == epoch + 1
+    assert a == make(PW).shifted(2.5) and shift_for_ts(ir, np.float64(2.5), cache) is a and len(cache) == 1
+    ir.rates = [0.05, 0.06, 0.07]  # a new curve: the old entry can no longer be hit
     b = shift_for_ts(ir, 2.5, cache)
-    assert b is not a and b.rates.tolist() == [0.05, 0.06, 0.07] and len(cache) == 3
+    assert b is not a and b.rates.tolist() == [0.05, 0.06, 0.07] and len(cache) == 2
     own = ir._ts_shift_cache
     assert ir._ir_shifted_for_ts(7, own).terms.tolist() == [3.0] and len(own) == 1
     ir.terms = [4, 4]
-    assert ir._ts_shift_cache is own and not own and ir._ir_shifted_for_ts(7, own).terms.tolist() == [1.0]
-    assert shift_for_ts(ir, 2e-12, {}) is not ir  # just beyond the tolerance
-    with pytest.raises(TypeError):
-        shift_for_ts(ir, "x", {})
+    assert not own and ir._ir_shifted_for_ts(7, own).terms.tolist() == [1.0]
 
 
 @pytest.mark.parametrize(
-    "curve, ts, eps",
-    [
-        (PW, 0, None),
-        (PW, 0.0, None),
-        (PW, -3, None),
-        (PW, 1e-12, None),
-        (PW, 0.4, 0.5),
-        (0.03, 3, None),
-        (0.0, 1e9, None),
-        ({"c": 0.02, "p": PW}, 3, None),
-    ],
+    "active, v75, rate75, shifted",
+    [("flat", 1.05**-7.5, 0.05, 0.05), ("steps", 1.02**-5 * 1.03**-2.5, 0.03, ((2.5, 5), (0.02, 0.03, 0.04)))],
 )
-def test_shift_within_tolerance_or_constant_is_the_curve_itself(curve, ts, eps):
-    ir, cache = make(curve), {}
-    if eps is not None:
-        ir._meta.tolerance_eps = eps
-    assert shift_for_ts(ir, ts, cache) is ir and ir._ir_shifted_for_ts(ts, cache) is ir and cache == {}
-    if ts <= 0 or ir.is_constant:  # the method itself always builds an equal copy
-        s = ir.shifted(ts)
-        assert s is not ir and s == (ir.scenarios["c"] if ir.scenarios else ir) and s.scenarios == {}
-
-
-# ---------------------------------------------------------------- multi-scenario forwarding
-
-
-@pytest.mark.parametrize(
-    "active, v75, rate75, shifted, kernel",
-    [
-        ("flat", 1.05**-7.5, 0.05, 0.05, "constant rate is None"),  # is_constant follows the active scenario
-        ("steps", 1.02**-5 * 1.03**-2.5, 0.03, ((2.5, 5), (0.02, 0.03, 0.04)), "piecewise rate arrays not initialized"),
-    ],
-)
-def test_container_forwards_to_active_scenario(active, v75, rate75, shifted, kernel):
+def test_container_forwards_to_active_scenario(active, v75, rate75, shifted):
     c = InterestRate({"flat": 0.05, "steps": PW})
     c.active_scenario = active
-    assert (
-        close(c.vn(7.5), v75, rel=1e-14) and close(c._vn(7.5), v75, rel=1e-14) and close(c.vx(9.5, 2), v75, rel=1e-14)
-    )
-    assert close(c.sn(7.5), 1 / v75, rel=1e-14) and c.get_rate(7.5) == rate75 and c.get_rate([7.5]).tolist() == [rate75]
+    assert close(c.vn(7.5), v75, rel=1e-14) and close(c.vx(9.5, 2), v75, rel=1e-14)
+    assert close(c.sn(7.5), 1 / v75, rel=1e-14) and c.get_rate(7.5) == rate75
     s = c.shifted(2.5)
     assert s == make(shifted) and s.scenarios == {} and s is not c.scenarios[active]
-    assert_all_close(c.vn([7.5, -1.0]), [v75, 1.0 if active == "steps" else 1.05])
-    with exact(RuntimeError, f"Internal error: {kernel} in discount_factor."):
-        c._dfn(1.0)  # the kernel itself works on the container's own (empty) data
 
 
-# ---------------------------------------------------------------- junk input
-
-_LEAF = st.one_of(
-    st.none(),
-    st.booleans(),
-    st.integers(-(10**4), 10**4),
-    st.floats(-1e4, 1e4),
-    EDGES,
-    st.text(max_size=2),
-    st.binary(max_size=2),
-    st.complex_numbers(max_magnitude=3),
-)
-_BIG = [
-    list(range(50_000)),
-    [0.5] * 50_000 + ["x"],
-    np.arange(60_000.0).reshape(300, 200),
-    [[1.0] * 3] * 20_000 + [[1.0]],
-]
-_NEST = st.recursive(
-    _LEAF,
-    lambda c: st.one_of(
-        st.lists(c, max_size=4),
-        st.tuples(c, c),
-        st.dictionaries(st.text(max_size=1), c, max_size=2),
-        st.lists(c, max_size=3).map(lambda v: np.fromiter(v, dtype=object, count=len(v))),  # object arrays
-        st.lists(st.floats(-50, 50), max_size=4).map(pd.Series),
-    ),
-    max_leaves=10,
-)
-JUNK = st.one_of(_NEST, st.sampled_from(_BIG))
-
-
-@settings(max_examples=150, deadline=None, suppress_health_check=[HealthCheck.too_slow])
-@given(JUNK, st.sampled_from(sorted(CURVES)), st.sampled_from(["vn", "vx", "vx0", "get_rate", "sn"]))
-def test_junk_gives_a_value_or_a_documented_error(x, curve, method):
-    ir = make(CURVES[curve])
-    call = {"vn": ir.vn, "sn": ir.sn, "vx": ir.vx, "vx0": lambda v: ir.vx(1e5, v), "get_rate": ir.get_rate}[method]
-    try:
-        out = call(x)
-    except (TypeError, ValueError):
-        return
-    assert type(out) is float or (type(out) is np.ndarray and out.dtype == np.float64)
+# ---------------------------------------------------------------- memory
 
 
 def test_curves_in_their_own_shift_cache_are_collected():

@@ -14,15 +14,11 @@ from norvane.growth_rates import GrowthRate
     [
         (True, "geometric", TypeError),
         ("0.02", "geometric", TypeError),
-        (None, "geometric", TypeError),
         (0.02, 1, TypeError),
         (0.02, "linear", ValueError),
-        (0.02, "Geometric", ValueError),
         (float("nan"), "geometric", ValueError),
-        (float("inf"), "arithmetic", ValueError),
         (10**400, "geometric", ValueError),
         (-1.0, "geometric", ValueError),
-        (-1.5, "geometric", ValueError),
     ],
 )
 def test_refused(rate, kind, exc):
@@ -31,41 +27,22 @@ def test_refused(rate, kind, exc):
 
 
 @pytest.mark.parametrize(
-    "rate, kind",
-    [
-        (-0.999, "geometric"),
-        (-1.5, "arithmetic"),
-        (np.float32(0.25), "geometric"),
-        (3, "arithmetic"),
-    ],
-)
-def test_accepted_rates_are_floats(rate, kind):
-    g = GrowthRate(rate, kind=kind)
-    assert type(g.rate) is float and g.rate == float(rate) and g.kind == kind
-
-
-@pytest.mark.parametrize(
     "g, years, expected",
     [
-        (GrowthRate(0.03), [0, 1, 2, 10], [1.0, 1.03, 1.0609, 1.343916379344122]),
+        (GrowthRate(np.float32(0.25)), [0, 1, 2, 10], [1.0, 1.25, 1.25**2, 1.25**10]),
         (GrowthRate(-0.5), [0, 1, 3], [1.0, 0.5, 0.125]),
         (GrowthRate(0.05, "arithmetic"), [0, 1, 2, 10], [1.0, 1.05, 1.1, 1.5]),
-        (GrowthRate(-0.25, "arithmetic"), [0, 4, 6], [1.0, 0.0, -0.5]),  # not clipped
-        (GrowthRate(0.0), [0, 7], [1.0, 1.0]),
+        (GrowthRate(-1.5, "arithmetic"), [0, 1, 2], [1.0, -0.5, -2.0]),  # any finite rate, not clipped
     ],
 )
 def test_factors(g, years, expected):
     np.testing.assert_allclose(g.factors(np.array(years)), expected, rtol=1e-14)
     np.testing.assert_allclose(g.factors(pd.Series(years)), expected, rtol=1e-14)
     scalar = g.factors(years[-1])
-    assert type(scalar) is float and scalar == pytest.approx(expected[-1], rel=1e-14)
-
-
-def test_factors_keep_shape_and_refuse_non_numbers():
-    assert GrowthRate(0.1).factors(np.zeros((2, 3))).shape == (2, 3)
-    for bad in (True, ["1"], None):
-        with pytest.raises(TypeError):
-            GrowthRate(0.1).factors(bad)
+    assert type(scalar) is float and scalar == pytest.approx(expected[-1], rel=1e-14) and type(g.rate) is float
+    assert g.factors(np.zeros((2, 3))).shape == (2, 3)
+    with pytest.raises(TypeError):
+        g.factors(True)
 
 
 @pytest.mark.parametrize(
@@ -73,7 +50,6 @@ def test_factors_keep_shape_and_refuse_non_numbers():
     [
         (GrowthRate(0.1), 14, 12, [1.0] * 12 + [1.1, 1.1]),  # a year of level monthly payments first
         (GrowthRate(0.1, "arithmetic"), 5, 2, [1.0, 1.0, 1.1, 1.1, 1.2]),
-        (GrowthRate(0.1), 3, 1, [1.0, 1.1, 1.21]),
         (GrowthRate(0.1), 0, 4, []),
     ],
 )

@@ -9,37 +9,12 @@ from norvane.config import _ALLOWED_DAYS_PER_YEAR, _ALLOWED_WEEKS_PER_YEAR
 from norvane.interest_rates import _InterestRateMeta as Meta
 
 FIELDS = (
-    "term_unit",
-    "days_per_year",
-    "weeks_per_year",
-    "calculation_mode",
-    "description",
-    "cache_maxsize",
-    "tolerance_eps",
-    "perpetuity_n_eff",
+    "term_unit days_per_year weeks_per_year calculation_mode description cache_maxsize tolerance_eps perpetuity_n_eff"
 )
-DEFAULTS = {
-    "term_unit": "years",
-    "days_per_year": None,
-    "weeks_per_year": None,
-    "calculation_mode": None,
-    "description": None,
-    "cache_maxsize": 1000,
-    "tolerance_eps": 1e-12,
-    "perpetuity_n_eff": 1000,
-}
-CUSTOM = {
-    "term_unit": "days",
-    "days_per_year": 360.0,
-    "weeks_per_year": 52.0,
-    "calculation_mode": "continuous_simplified",
-    "description": "stress",
-    "cache_maxsize": 7,
-    "tolerance_eps": 0.0,
-    "perpetuity_n_eff": 250,
-}
+FIELDS = tuple(FIELDS.split())
+DEFAULTS = dict(zip(FIELDS, ["years", None, None, None, None, 1000, 1e-12, 1000]))
+CUSTOM = dict(zip(FIELDS, ["days", 360.0, 52.0, "continuous_simplified", "stress", 7, 0.0, 250]))
 UNITS = "('years', 'months', 'weeks', 'days')"
-MODES = ["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"]
 
 
 def unit_msg(value):
@@ -47,21 +22,14 @@ def unit_msg(value):
 
 
 def test_slots_defaults_and_dump_order():
-    assert tuple(Meta.__slots__) == FIELDS
+    assert tuple(Meta.__slots__) == FIELDS and not hasattr(Meta(), "__dict__")
     m, custom = Meta(), Meta(**CUSTOM)
     assert type(m.model_dump()) is dict and list(m.model_dump()) == list(FIELDS) and m.model_dump() == DEFAULTS
     assert [type(getattr(m, f)) for f in ("cache_maxsize", "tolerance_eps", "perpetuity_n_eff")] == [int, float, int]
-    dump = custom.model_dump()
-    dump["cache_maxsize"] = 1  # a fresh dict each time
+    custom.model_dump()["cache_maxsize"] = 1  # a fresh dict each time
     assert custom.model_dump() == CUSTOM and list(custom.model_dump()) == list(FIELDS)
-    assert not hasattr(m, "__dict__")
-    with pytest.raises(AttributeError):
-        m.colour = "red"
-    m.description = "edited"  # slots stay writable, None included
+    m.description = "edited"  # slots stay writable
     assert m.model_dump()["description"] == "edited"
-    for field in ("days_per_year", "weeks_per_year", "calculation_mode", "description"):
-        setattr(custom, field, None)
-        assert getattr(custom, field) is None
     with pytest.raises(TypeError):  # keyword-only
         Meta("years")
 
@@ -70,15 +38,10 @@ def test_slots_defaults_and_dump_order():
     "field, given, stored",
     [
         ("days_per_year", 365, 365.0),
-        ("days_per_year", np.int64(360), 360.0),
-        ("weeks_per_year", 52, 52.0),
-        ("tolerance_eps", 0, 0.0),
         ("tolerance_eps", np.float32(0.5), 0.5),
         ("cache_maxsize", 2.9, 2),
-        ("cache_maxsize", np.float64(3.99), 3),
         ("cache_maxsize", np.int64(5), 5),
         ("perpetuity_n_eff", 3.7, 3),
-        ("perpetuity_n_eff", 1.0, 1),
     ],
 )
 def test_numeric_coercion(field, given, stored):
@@ -121,41 +84,18 @@ def test_first_failed_check_wins(i):
     "kwargs, msg",
     [
         ({"term_unit": "Years"}, unit_msg("Years")),
-        ({"term_unit": None}, unit_msg("None")),
         ({"term_unit": 5}, unit_msg("5")),
         ({"days_per_year": float("nan")}, f"days_per_year nan not in allowed set {_ALLOWED_DAYS_PER_YEAR}"),
-        ({"days_per_year": 52.0}, f"days_per_year 52.0 not in allowed set {_ALLOWED_DAYS_PER_YEAR}"),
         ({"weeks_per_year": 365.0}, f"weeks_per_year 365.0 not in allowed set {_ALLOWED_WEEKS_PER_YEAR}"),
         ({"calculation_mode": "DISCRETE_PRECISION"}, "Invalid calculation_mode: DISCRETE_PRECISION"),
-        ({"calculation_mode": 1}, "Invalid calculation_mode: 1"),
         ({"cache_maxsize": 0.5}, "cache_maxsize must be a positive integer"),
-        ({"cache_maxsize": -3}, "cache_maxsize must be a positive integer"),
         ({"tolerance_eps": float("-inf")}, "tolerance_eps must be non-negative"),
-        ({"perpetuity_n_eff": 0.9}, "perpetuity_n_eff must be a positive integer"),
     ],
 )
 def test_value_error_messages(kwargs, msg):
     with pytest.raises(ValueError) as excinfo:
         Meta(**kwargs)
     assert str(excinfo.value) == msg
-
-
-@pytest.mark.parametrize(
-    "kwargs",
-    [{"term_unit": u} for u in ("years", "months", "weeks", "days")]
-    + [{"calculation_mode": m} for m in MODES]
-    + [{"days_per_year": d} for d in (360.0, 365.0, 365.25)]
-    + [
-        {"weeks_per_year": 52.0},
-        {"weeks_per_year": 52.1775},
-        {"tolerance_eps": 0.0},
-        {"cache_maxsize": 1},
-        {"perpetuity_n_eff": 1},
-        {"description": ""},
-    ],
-)
-def test_accepted_values_are_stored(kwargs):
-    assert Meta(**kwargs).model_dump() == {**DEFAULTS, **kwargs}
 
 
 def test_model_copy():
@@ -168,25 +108,6 @@ def test_model_copy():
     reset = m.model_copy({"cache_maxsize": None, "days_per_year": None, "tolerance_eps": None})
     assert reset.model_dump() == {**CUSTOM, "cache_maxsize": 1000, "days_per_year": None, "tolerance_eps": 1e-12}
     assert m.model_copy({"cache_maxsize": 2.9}).cache_maxsize == 2
-    assert m.model_dump() == CUSTOM
-
-
-@pytest.mark.parametrize(
-    "update, exc, msg",
-    [
-        ({"term_unit": None}, ValueError, unit_msg("None")),
-        ({"cache_maxsize": 0}, ValueError, "cache_maxsize must be a positive integer"),
-        ({"days_per_year": 300}, ValueError, f"days_per_year 300.0 not in allowed set {_ALLOWED_DAYS_PER_YEAR}"),
-        ([("description", "x")], TypeError, None),
-        ("description", TypeError, None),
-        (5, TypeError, None),
-    ],
-)
-def test_model_copy_rejects(update, exc, msg):
-    m = Meta(**CUSTOM)
-    with pytest.raises(exc) as excinfo:
-        m.model_copy(update)
-    assert msg is None or str(excinfo.value) == msg
     assert m.model_dump() == CUSTOM
 
 

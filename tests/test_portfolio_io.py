@@ -166,7 +166,7 @@ def test_typed_columns_nan_is_a_missing_cell_and_ids_read_as_python_writes_them(
     "content, error, message",
     [
         (b"", InputError, "no header line"),
-        (b"id,benefit\nx,1\n", InputError, "no 'term' column (columns: id, benefit)"),
+        (b"id,benefit\nx,1\n", InputError, "no 'term' or 'age' column (columns: id, benefit)"),
         (b"id,term\n\xff\xfe,1\n", InputError, "not a readable CSV file"),
         (gzip.compress(b"id,term\n" + b"x,1\n" * 50_000)[:-100], InputError, "not a readable CSV file"),
         (None, TypeError, "a book is a file path"),
@@ -183,7 +183,7 @@ def test_unusable_books(tmp_path, content, error, message):
 
 def test_readme_data_frame_example():
     text = (Path(__file__).resolve().parents[1] / "README.md").read_text(encoding="utf-8")
-    (block,) = [b for b in re.findall(r"```python\n(.*?)```", text, re.S) if "value_book" in b]
+    (block,) = [b for b in re.findall(r"```python\n(.*?)```", text, re.S) if "frame = values.to_pandas()" in b]
     namespace: dict = {}
     exec(block, namespace)
     values, frame = namespace["values"], namespace["frame"]

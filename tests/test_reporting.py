@@ -46,8 +46,6 @@ def build(form):
     [
         (0.03, {"type": "constant", "rate": 0.03}),
         (0.0123456789, {"type": "constant", "rate": 0.0123456789}),  # a constant rate is not rounded
-        (-0.005, {"type": "constant", "rate": -0.005}),
-        (([1.0, 2.0], [0.01, 0.015, 0.02]), {"type": "piecewise", "terms": [1.0, 2.0], "rates": [0.01, 0.015, 0.02]}),
         (([1], [0.0123456789, 0.0200004]), {"type": "piecewise", "terms": [1.0], "rates": [0.012346, 0.02]}),
         (
             ([1, 18], [0.01, 0.02, 0.03], "months"),
@@ -74,32 +72,15 @@ def test_export_dict_and_json(form, payload):
     assert (repr(curve), curve) == before
 
 
-def test_export_json_escapes_non_ascii_names():
-    text = InterestRate({"bäse": 0.01}).export("json")
-    assert "\\u00e4" in text and text.isascii() and json.loads(text) == {"bäse": {"type": "constant", "rate": 0.01}}
-
-
 def test_export_regulatory_of_single_curves():
     rates = [0.0, -0.01, 0.0312345678]
     mean, std = float(np.mean(rates)), float(np.std(rates))
-    stats = {
-        "zero_count": 1,
-        "negative_count": 1,
-        "positive_count": 1,
-        "min_rate": -0.01,
-        "max_rate": 0.0312345678,
-        "mean_rate": mean,
-        "std_rate": std,
-        "rate_volatility": std / abs(mean),
-        "has_zero_segments": True,
-    }
+    stats = {"zero_count": 1, "negative_count": 1, "positive_count": 1, "min_rate": -0.01, "max_rate": 0.0312345678}
+    stats |= {"mean_rate": mean, "std_rate": std, "rate_volatility": std / abs(mean), "has_zero_segments": True}
+    piecewise = {"type": "piecewise", "terms": [1.0, 2.0], "rates": [0.0, -0.01, 0.031235]}
     for curve, payload, want in (
         (InterestRate(0.03), {"type": "constant", "rate": 0.03}, {}),
-        (
-            InterestRate(terms=[1, 2], rates=rates),
-            {"type": "piecewise", "terms": [1.0, 2.0], "rates": [0.0, -0.01, 0.031235]},
-            stats,
-        ),
+        (InterestRate(terms=[1, 2], rates=rates), piecewise, stats),
     ):
         reg = curve.export("regulatory")
         assert list(reg) == list(payload) + ["_regulatory_metadata"]
@@ -111,9 +92,8 @@ def test_export_regulatory_of_single_curves():
         assert list(meta["rate_statistics"]) == list(want) and meta["rate_statistics"] == pytest.approx(want, rel=1e-12)
 
 
-@pytest.mark.parametrize("active", ["base", "stress"])
-def test_export_regulatory_of_container(active):
-    box = InterestRate({"base": 0.01, "stress": ([5], [0.02, 0.03])})
+def test_export_regulatory_of_container():
+    box, active = InterestRate({"base": 0.01, "stress": ([5], [0.02, 0.03])}), "stress"
     box.active_scenario = active
     reg = box.export("regulatory")
     assert list(reg) == ["base", "stress", "_metadata"]
@@ -125,15 +105,6 @@ def test_export_regulatory_of_container(active):
     ordered(meta["curve_policy"], {"flat_or_piecewise_discount": True, "multi_scenario_curves": True})
     fresh_stamp(meta["export_timestamp"])
     assert "_metadata" not in json.loads(box.export("json")) and "_metadata" not in box.export()
-
-
-def test_timestamp_and_export_call_shape():
-    ir = InterestRate(0.03)
-    fresh_stamp(ir._get_current_timestamp())
-    with pytest.raises(TypeError):
-        ir.export("dict", "json")
-    with pytest.raises(TypeError):
-        ir.export(fmt="json")
 
 
 # ---------------------------------------------------------------- rebuilding from an export
@@ -160,46 +131,15 @@ def test_from_export_round_trip(form):
         assert back.export() == ir.export()
 
 
-def test_from_export_restores_curves_and_active_scenario():
-    box = InterestRate({"base": 0.01, "stress": ([5, 6], [0.02, 0.03, 0.04])})
-    box.active_scenario = "stress"
-    back = InterestRate.from_export(box.export("regulatory"))
-    assert back == box and back.active_scenario == "stress" and back.vn(7.5) == box.vn(7.5)
-    plain = InterestRate.from_export(box.export())
-    assert plain.active_scenario == "base" and plain.scenarios["stress"] == box.scenarios["stress"]
-    months = InterestRate(terms=[6, 18], rates=[0.01, 0.02, 0.03], term_unit="months")
-    assert InterestRate.from_export(months.export("json")) == months  # terms travel in years
-    assert InterestRate.from_export(months.export()).terms.tolist() == [0.5, 1.5]
-    assert InterestRate.from_export({"type": "constant", "rate": 0.0123456789}).rate == 0.0123456789
-
-
 @pytest.mark.parametrize(
     "payload",
     [
-        {},
         {"type": "unknown", "rate": 0.03},
-        {"rate": 0.03},
-        {"type": "constant"},
-        {"type": "piecewise", "terms": [1.0]},
-        {"type": "piecewise", "rates": [0.01, 0.02]},
         {"a": {"type": "constant"}},
-        {"a": 0.03},
-        {"a": {"type": "rate"}},
-        {"_metadata": {"scenario_count": 0, "active_scenario": None}},
         "not json",
-        "",
-        "[1, 2]",
-        "42",
-        "null",
-        '{"type": "x"}',
-        json.dumps({"s": {"type": "piecewise", "terms": [1.0]}}),
         {"a": {"b": {"type": "constant", "rate": 0.01}}},
         {"a": {"type": "constant", "rate": 0.01}, "_metadata": {"active_scenario": "zzz"}},
-        42,
-        None,
         [{"type": "constant", "rate": 0.03}],
-        0.03,
-        (0.03,),
     ],
 )
 def test_from_export_refuses_malformed_payloads(payload):
@@ -214,7 +154,6 @@ def test_from_export_refuses_malformed_payloads(payload):
 @pytest.mark.parametrize(
     "form, text, rep",
     [
-        (0.03, "InterestRate: constant rate = 0.030000", "InterestRate(rate=0.030000)"),
         (0.0, "InterestRate: constant rate = 0.000000 (zero rate)", "InterestRate(rate=0.000000)"),
         (-0.005, "InterestRate: constant rate = -0.005000 (negative rate)", "InterestRate(rate=-0.005000)"),
         (0.0123456789, "InterestRate: constant rate = 0.012346", "InterestRate(rate=0.012346)"),
@@ -265,10 +204,5 @@ def test_text_forms_of_container():
     assert str(box) == "\n".join(lines) == box.summary()
     assert repr(box) == "InterestRate(scenarios=['base', 'shock'], active='base')"
     box.active_scenario = "shock"
-    assert str(box).split("\n") == ["InterestRate scenarios: base, shock (active: shock)"] + lines[1:]
+    assert str(box).split("\n")[0] == "InterestRate scenarios: base, shock (active: shock)"
     assert repr(box) == "InterestRate(scenarios=['base', 'shock'], active='shock')"
-    grown = InterestRate(0.02)
-    grown.add_scenario("x", InterestRate(0.0))
-    assert (
-        str(grown) == "InterestRate scenarios: x (active: x)\n  x: InterestRate: constant rate = 0.000000 (zero rate)"
-    )

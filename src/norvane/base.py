@@ -21,7 +21,7 @@ __all__ = [
 
 # ``bool`` subclasses ``int``: every check built on this tuple must also
 # refuse ``bool`` and ``np.bool_`` explicitly.
-_NUMERIC_TYPES: tuple[type, ...] = (int, float, np.integer, np.floating)
+_NUMERIC_TYPES = (int, float, np.integer, np.floating)
 
 Scalar = int | float | np.integer | np.floating
 """One real number: a Python int or float, or a NumPy integer/floating scalar."""

@@ -23,6 +23,7 @@ from .base import _ALLOWED_PAYMENT_FREQUENCIES
 from .config import Config
 from .engine.base import _CALCULATION_MODES
 from .portfolio import (
+    DEFAULT_TABLE,
     PERPETUITY_YEARS,
     SHOWN_ERRORS,
     BookSummary,
@@ -50,7 +51,8 @@ COMMANDS = ("value", "curve", "flows")
 POLICY_COLUMNS = f"""\
 policy columns (CSV header or Parquet column names, any case; other columns are ignored):
   id         policy identifier, any text (default: the record number)
-  term       years of payments after the deferment; empty = perpetuity (required column)
+  term       years of payments after the deferment; empty = perpetuity, or for life with
+             an age (a "term" or an "age" column is required)
   deferment  years from inception to the start of the payments, default 0
   shift      valuation time in years since inception, default 0
   frequency  payments per year, one of {", ".join(map(str, _ALLOWED_PAYMENT_FREQUENCIES))}; default 1
@@ -58,11 +60,17 @@ policy columns (CSV header or Parquet column names, any case; other columns are 
              default "due"
   growth     annual geometric growth rate of the payments, e.g. 0.02; empty = level
   benefit    annual amount, default 1
+  age        age at inception: the record is a life annuity (payments while the life
+             survives); empty = a certain annuity
+  table      mortality table of a life: a --mortality name or a bundled table
+             (makeham_20_120, makeham_13_110); empty = the first --mortality table,
+             or makeham_20_120 without --mortality
+  select_age age at selection on a select table; empty = the integer part of the age
 
 Invalid records do not stop a run: they get no value (NaN) and a message in the
 output's "error" column. Exit status: 0 when the run completed (even with invalid
 records), 2 when the input cannot be used (missing or unreadable file, unreadable
-curve, no "term" column)."""
+curve or mortality table, no "term" or "age" column)."""
 
 # --------------------------------------------------------------------------- curves
 
@@ -102,6 +110,39 @@ def _payload_form(payload: dict) -> str:
 
 def _percent(rate: float) -> str:
     return f"{rate * 100:.6g} %"
+
+
+def load_tables(specs: list[str] | None) -> dict[str, Any] | None:
+    """The --mortality tables by name: NAME=path.csv (columns age and qx, select_0, ...) or a
+    bundled table's name."""
+    if not specs:
+        return None
+    from .mortality import BUNDLED_TABLES, MortalityTable, bundled_table
+
+    tables: dict[str, Any] = {}
+    for spec in specs:
+        name, _, path = (part.strip() for part in spec.partition("="))
+        if not name:
+            raise InputError(f"--mortality {spec}: give NAME=path.csv or a bundled table's name")
+        if name in tables:
+            raise InputError(f"--mortality {spec}: the table {name!r} is given twice")
+        if not path:
+            if name not in BUNDLED_TABLES:
+                bundled = ", ".join(BUNDLED_TABLES)
+                raise InputError(f"--mortality {spec}: no bundled table {name!r} (bundled: {bundled})")
+            tables[name] = bundled_table(name)
+            continue
+        try:
+            tables[name] = MortalityTable.from_csv(path)
+        except (OSError, TypeError, ValueError) as exc:
+            raise InputError(f"--mortality {spec}: not a readable mortality table ({exc})") from None
+    return tables
+
+
+def _tables_form(tables: dict[str, Any] | None) -> str:
+    if not tables:
+        return f"{DEFAULT_TABLE} (bundled) for records with an age"
+    return ", ".join(tables) + f"; default {next(iter(tables))}"
 
 
 # --------------------------------------------------------------------------- printing
@@ -152,6 +193,7 @@ def _summary(args: argparse.Namespace, curve_label: str, mode: str, summary: Boo
             ("portfolio", _portfolio_label(args.portfolio)),
             ("curve", curve_label),
             ("mode", mode),
+            ("mortality", _tables_form(args.tables)),
             *([("cluster", "local" if args.dask == "local" else str(args.dask))] if args.dask else []),
             ("policies", f"{count:,}"),
             ("valued", f"{valued:,}"),
@@ -197,11 +239,11 @@ def run_value_dask(args: argparse.Namespace, curve: Any, curve_label: str, mode:
             blocksize=None if source.name.lower().endswith(".gz") else "64MB",
         )
     policies = policies.rename(columns={c: str(c).strip().lower() for c in policies.columns})
-    if "term" not in policies.columns:
-        raise InputError(f"{source}: no 'term' column")
+    if not {"term", "age"} & set(policies.columns):
+        raise InputError(f"{source}: no 'term' or 'age' column")
     with _dask_client(args.dask, args.workers):
         carry = ["id"] if "id" in policies.columns else []
-        result = value_policies(policies, curve, mode=mode, with_errors=True, carry=carry).persist()
+        result = value_policies(policies, curve, mode=mode, with_errors=True, carry=carry, tables=args.tables).persist()
         if args.output is not None:
             kind = output_kind(args.output)
             if kind == "parquet":
@@ -227,11 +269,14 @@ def run_value(args: argparse.Namespace) -> int:
     started = time.perf_counter()
     check_output(args.output)
     curve, curve_label = load_curve(args.curve, args.rate)
+    args.tables = load_tables(args.mortality)
     mode = args.mode or Config().calculation_mode
     if args.dask:
         return run_value_dask(args, curve, curve_label, mode, started)
     progress = False if args.quiet and args.progress is None else args.progress  # None: on a terminal
-    summary = stream_book(args.portfolio or SAMPLE_PORTFOLIO, curve, args.output, mode=mode, progress=progress)
+    summary = stream_book(
+        args.portfolio or SAMPLE_PORTFOLIO, curve, args.output, mode=mode, progress=progress, tables=args.tables
+    )
     _summary(args, curve_label, mode, summary, time.perf_counter() - started)
     return EXIT_OK
 
@@ -286,6 +331,7 @@ def run_flows(args: argparse.Namespace) -> int:
     blocks = [(block.policies, block.valid) for block in valued_blocks(book, curve, mode)]
     count = sum(len(pf) for pf, _ in blocks)
     invalid = sum(int((~valid).sum()) for _, valid in blocks)
+    life = sum(int((valid & pf.life).sum()) for pf, valid in blocks)
 
     last, perpetuities = last_payment_year(blocks)
     years = flow_years(last, perpetuities, args.horizon)
@@ -300,6 +346,7 @@ def run_flows(args: argparse.Namespace) -> int:
             ("mode", mode),
             ("policies", f"{count:,}"),
             ("skipped (invalid)", f"{invalid:,}"),
+            *([("skipped (life annuities)", f"{life:,}")] if life else []),
         ]
     )
     gathered = perpetuities or last > years
@@ -388,6 +435,14 @@ def build_parser() -> argparse.ArgumentParser:
         type=Path,
         metavar="FILE",
         help="write id, present_value and error per policy (.csv, .csv.gz or .parquet)",
+    )
+    value.add_argument(
+        "--mortality",
+        action="append",
+        metavar="NAME=FILE.csv",
+        help="a mortality table that the 'table' column names: a CSV file with columns age and qx "
+        "(select_0, select_1, ... for a select table), or a bundled table's name alone; repeatable, "
+        "the first is the default for records with an age and no table",
     )
     value.add_argument("--quiet", action="store_true", help="print a one-line summary only")
     value.add_argument(

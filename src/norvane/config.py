@@ -9,11 +9,11 @@ from __future__ import annotations
 
 from collections.abc import Iterator, Mapping
 from contextlib import contextmanager
-from typing import Any
+from typing import Any, TypeGuard
 
 import numpy as np
 
-from .base import _NUMERIC_TYPES
+from .base import _NUMERIC_TYPES, Scalar
 from .engine.base import _CALCULATION_MODES, CalculationModeLiteral
 
 __all__ = [
@@ -43,7 +43,7 @@ _DEFAULTS: dict[str, Any] = {
 }
 
 
-def _is_real_number(value: object) -> bool:
+def _is_real_number(value: object) -> TypeGuard[Scalar]:
     return isinstance(value, _NUMERIC_TYPES) and not isinstance(value, (bool, np.bool_))
 
 
@@ -65,7 +65,7 @@ def _calendar_constant_allowed(value: object, allowed: tuple[float, ...]) -> boo
     """
     if not _is_real_number(value):
         return False
-    x = float(value)  # type: ignore[arg-type]
+    x = float(value)
     return any(abs(x - a) <= _CALENDAR_TOLERANCE for a in allowed)
 
 
@@ -74,7 +74,7 @@ def _snap_calendar_constant(field: str, value: object, allowed: tuple[float, ...
         return None
     if not _is_real_number(value):
         raise TypeError(f"[Config] '{field}' must be a real number or None, got {type(value).__name__}")
-    x = float(value)  # type: ignore[arg-type]
+    x = float(value)
     for a in allowed:
         if abs(x - a) <= _CALENDAR_TOLERANCE:
             # Store the exact constant so that conversions never carry the noise.

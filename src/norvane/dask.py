@@ -2,9 +2,10 @@
 
 A book of policies too large for one machine is a Dask DataFrame with the
 policy columns of the command line ("id", "term", "deferment", "shift",
-"frequency", "timing", "growth", "benefit"; only "term" is required). Each
-partition is valued in its worker exactly as a single process values it, so
-the numbers are the same; the curve travels to the workers once, as one key
+"frequency", "timing", "growth", "benefit", and "age", "table", "select_age"
+for life annuities; "term" or "age" is required). Each partition is valued in
+its worker exactly as a single process values it, so the numbers are the same;
+the curve and the mortality tables travel to the workers once, each as one key
 of the task graph.
 
 Needs the ``dask`` extra: ``pip install "norvane[dask]"``.
@@ -22,7 +23,7 @@ Examples
 from __future__ import annotations
 
 import threading
-from collections.abc import Sequence
+from collections.abc import Mapping, Sequence
 from typing import Any
 
 import dask
@@ -31,7 +32,17 @@ import numpy as np
 import pandas as pd
 
 from .config import Config
-from .portfolio import Policies, book_flows, flow_years, last_payment_year, open_book, value_book, valued_blocks
+from .mortality import MortalityTable
+from .portfolio import (
+    Policies,
+    book_flows,
+    book_tables,
+    flow_years,
+    last_payment_year,
+    open_book,
+    value_book,
+    valued_blocks,
+)
 
 __all__ = ["value_policies", "policy_flows"]
 
@@ -60,10 +71,15 @@ def _blocks(frame: pd.DataFrame, curve: Any, settings: dict[str, Any]) -> list[t
 
 
 def _value_partition(
-    frame: pd.DataFrame, curve: Any, settings: dict[str, Any], with_errors: bool, carry: Sequence[str]
+    frame: pd.DataFrame,
+    curve: Any,
+    settings: dict[str, Any],
+    with_errors: bool,
+    carry: Sequence[str],
+    tables: Mapping[str, MortalityTable] | None,
 ) -> pd.DataFrame:
     with _SETTINGS_LOCK, Config().override(**settings):
-        values = value_book(frame, curve, mode=settings["calculation_mode"])
+        values = value_book(frame, curve, mode=settings["calculation_mode"], tables=tables)
     result = pd.DataFrame({name: frame[name] for name in carry}, index=frame.index)
     result["present_value"] = values.present_value
     if with_errors:
@@ -71,13 +87,19 @@ def _value_partition(
     return result
 
 
-def _shipped(curve: Any) -> Any:
-    # One graph key holds the curve; every partition's task refers to it.
-    return dask.delayed(curve, pure=True, traverse=False)
+def _shipped(value: Any) -> Any:
+    # One graph key holds the curve (or the tables); every partition's task refers to it.
+    return dask.delayed(value, pure=True, traverse=False)
 
 
 def value_policies(
-    policies: dd.DataFrame, curve: Any, *, mode: str | None = None, with_errors: bool = False, carry: Sequence[str] = ()
+    policies: dd.DataFrame,
+    curve: Any,
+    *,
+    mode: str | None = None,
+    with_errors: bool = False,
+    carry: Sequence[str] = (),
+    tables: Mapping[str, MortalityTable] | None = None,
 ) -> dd.Series | dd.DataFrame:
     """Present values of a Dask DataFrame of policies, partition by partition.
 
@@ -96,6 +118,9 @@ def value_policies(
     carry : sequence of str, default ()
         Input columns (for example "id") to carry into the result, computed in
         the same tasks as the values so that they share their partitions.
+    tables : mapping of str to MortalityTable, optional
+        The tables that "table" cells name, as for ``norvane.portfolio.value_book``
+        (shipped to the workers once).
 
     Returns
     -------
@@ -108,7 +133,11 @@ def value_policies(
     meta["present_value"] = pd.Series(dtype="float64")
     if with_errors:
         meta["error"] = pd.Series(dtype="string")
-    result = policies.map_partitions(_value_partition, _shipped(curve), _settings(mode), with_errors, carry, meta=meta)
+    book_tables(tables)  # a bad mapping is refused here, not in every task
+    shipped_tables = None if tables is None else _shipped(dict(tables))
+    result = policies.map_partitions(
+        _value_partition, _shipped(curve), _settings(mode), with_errors, carry, shipped_tables, meta=meta
+    )
     return result if (with_errors or carry) else result["present_value"]
 
 
@@ -131,7 +160,8 @@ def _add(a: dict[str, np.ndarray], b: dict[str, np.ndarray]) -> dict[str, np.nda
 def policy_flows(
     policies: dd.DataFrame, curve: Any, *, mode: str | None = None, horizon: float | None = None
 ) -> dict[str, Any]:
-    """Aggregated cash flows of the valid policies on the yearly grid 1, 2, ..., years.
+    """Aggregated cash flows of the valid certain annuities on the yearly grid 1, 2, ..., years
+    (records with an age are left out).
 
     Parameters
     ----------

@@ -167,4 +167,4 @@ def _as_growth_rate(value: Any) -> GrowthRate | None:
         return value
     if isinstance(value, (bool, np.bool_)) or not isinstance(value, _NUMERIC_TYPES):
         raise TypeError(f"growth rate must be a GrowthRate, a real number or None, got {type(value).__name__}")
-    return GrowthRate(value)
+    return GrowthRate(value)  # type: ignore[arg-type]  # NumPy scalars are accepted like floats

@@ -374,16 +374,17 @@ def _age_problems(
             ),
         ),
         (
+            ~(age >= np.where(on_select, select, first)),
+            lambda i: f"'age' must be at least the table's first age {int(first[i])}, got {float(age[i])!r}",
+        ),
+        # after the age's rule: a life younger than its select age is told about the select age
+        (
             ~np.isnan(select_age)
             & ~((select_age == np.floor(select_age)) & (select_age <= age) & (select_age >= first)),
             lambda i: (
                 f"'select_age' must be a whole age of the table not above the age {float(age[i])!r}, "
                 f"got {float(select_age[i])!r}"
             ),
-        ),
-        (
-            ~(age >= np.where(on_select, select, first)),
-            lambda i: f"'age' must be at least the table's first age {int(first[i])}, got {float(age[i])!r}",
         ),
         (~np.isfinite(age), lambda i: f"'age' must be finite, got {float(age[i])!r}"),
     ]

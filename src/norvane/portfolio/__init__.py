@@ -1,23 +1,25 @@
 """Books of annuity policies: read with Arrow, checked record by record, valued batch by batch.
 
 A book is a table with the policy columns "id", "term", "deferment", "shift",
-"frequency", "timing", "growth" and "benefit" (names in any case; only "term" is
+"frequency", "timing", "growth" and "benefit" (names in any case; "term" or "age" is
 required): a CSV or Parquet file, a directory of Parquet files, a pandas or polars
 DataFrame, a pyarrow Table, RecordBatchReader or Dataset, or a dict of columns.
-Records that cannot be valued carry a message instead of stopping the run.
+A record with an "age" is a life annuity on the mortality table its "table" cell names
+(selected at its "select_age"); one without is a certain annuity. Records that cannot be
+valued carry a message instead of stopping the run.
 
 >>> from norvane.interest_rates import InterestRate
 >>> from norvane.portfolio import value_book
 >>> values = value_book({"term": [10, 20], "benefit": [1000, 500]}, InterestRate(0.03))
 >>> values.present_value.round(2).tolist()
-[8786.11, 7662.1]
+[8786.11, 7661.9]
 """
 
 from __future__ import annotations
 
 import math
 import sys
-from collections.abc import Iterator
+from collections.abc import Iterator, Mapping
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any
@@ -27,6 +29,8 @@ import pyarrow as pa
 from tqdm import tqdm
 
 from ..config import Config
+from ..mortality import MortalityTable
+from ._life import DEFAULT_TABLE, BookTables, book_tables
 from ._output import check_output, output_kind, table_writer, write_table
 from ._policies import POLICY_COLUMNS, InputError, Policies, policies_from_batch
 from ._sources import BATCH_ROWS, Book, open_book
@@ -34,17 +38,20 @@ from ._valuation import PERPETUITY_YEARS, book_flows, flow_years, last_payment_y
 
 __all__ = [
     "BATCH_ROWS",
+    "DEFAULT_TABLE",
     "POLICY_COLUMNS",
     "PERPETUITY_YEARS",
     "SHOWN_ERRORS",
     "VALUES_SCHEMA",
     "Book",
     "BookSummary",
+    "BookTables",
     "BookValues",
     "InputError",
     "Policies",
     "ValuedBlock",
     "book_flows",
+    "book_tables",
     "check_output",
     "flow_years",
     "last_payment_year",
@@ -146,15 +153,19 @@ class BookValues:
         return frame
 
 
+Tables = Mapping[str, MortalityTable]
+
+
 def valued_blocks(
-    book: Book, curve: Any, mode: str | None = None, progress: bool | None = False
+    book: Book, curve: Any, mode: str | None = None, progress: bool | None = False, tables: Tables | None = None
 ) -> Iterator[ValuedBlock]:
     """The book's batches, valued one by one as they are read.
 
     ``progress``: draw a bar on stderr (None: when stderr is a terminal). It counts records,
-    or bytes of the file for CSV.
+    or bytes of the file for CSV. ``tables``: see :func:`value_book`.
     """
     mode = mode or Config().calculation_mode
+    known = book_tables(tables)
     first = 0
     with tqdm(
         total=book.total,
@@ -168,10 +179,17 @@ def valued_blocks(
             policies = policies_from_batch(block.batch, first, block.defects)
             first += len(policies)
             bar.update(book.done() - bar.n if book.done is not None else len(policies))
-            yield ValuedBlock(policies, *value_policies(curve, policies, mode))
+            yield ValuedBlock(policies, *value_policies(curve, policies, mode, known))
 
 
-def value_book(book: Any, curve: Any, *, mode: str | None = None, progress: bool | None = False) -> BookValues:
+def value_book(
+    book: Any,
+    curve: Any,
+    *,
+    mode: str | None = None,
+    progress: bool | None = False,
+    tables: Tables | None = None,
+) -> BookValues:
     """Present value and error message of every policy of a book.
 
     Parameters
@@ -187,6 +205,10 @@ def value_book(book: Any, curve: Any, *, mode: str | None = None, progress: bool
         Calculation mode; default ``Config().calculation_mode``.
     progress : bool or None, default False
         Draw a progress bar on stderr; None draws it when stderr is a terminal.
+    tables : mapping of str to MortalityTable, optional
+        The tables that "table" cells name (e.g. by sex), beside the bundled tables by their
+        names. Records with an age and no "table" cell follow the first of them, or the
+        bundled DEFAULT_TABLE when none is given.
 
     Returns
     -------
@@ -197,21 +219,28 @@ def value_book(book: Any, curve: Any, *, mode: str | None = None, progress: bool
     summary = BookSummary()
     batches = []
     source = open_book(book)
-    for block in valued_blocks(source, curve, mode, progress):
+    for block in valued_blocks(source, curve, mode, progress, tables):
         summary.add(block)
         batches.append(block.to_batch())
     return BookValues(pa.Table.from_batches(batches, VALUES_SCHEMA), summary, source.index)
 
 
 def stream_book(
-    book: Any, curve: Any, output: Path | None = None, *, mode: str | None = None, progress: bool | None = False
+    book: Any,
+    curve: Any,
+    output: Path | None = None,
+    *,
+    mode: str | None = None,
+    progress: bool | None = False,
+    tables: Tables | None = None,
 ) -> BookSummary:
     """Value a book batch by batch, writing "id", "present_value" and "error" of each batch
     to ``output`` (.csv, .csv.gz or .parquet) before reading the next; memory stays near one
-    batch whatever the book's size. Returns the summary."""
+    batch whatever the book's size. ``tables`` as for :func:`value_book`. Returns the summary."""
     check_output(output)
+    book_tables(tables)  # a bad mapping is refused before any work
     summary = BookSummary()
-    blocks = valued_blocks(open_book(book), curve, mode, progress)
+    blocks = valued_blocks(open_book(book), curve, mode, progress, tables)
     if output is None:
         for block in blocks:
             summary.add(block)

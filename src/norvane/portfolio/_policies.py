@@ -17,7 +17,11 @@ import pyarrow.compute as pc
 
 from ..base import _ALLOWED_PAYMENT_FREQUENCIES
 
-POLICY_COLUMNS = ("id", "term", "deferment", "shift", "frequency", "timing", "growth", "benefit")
+# The last three make a record a life annuity (it has an age) on the table its "table" cell names.
+POLICY_COLUMNS = (
+    *("id", "term", "deferment", "shift", "frequency", "timing", "growth", "benefit"),
+    *("age", "table", "select_age"),
+)
 
 # Number texts that Arrow's cast reads exactly as float() does; other texts (1_000, ...) go to
 # float() itself, one cell at a time.
@@ -42,6 +46,10 @@ class Policies:
     due: np.ndarray  # bool: annuity-due, else immediate
     growth: np.ndarray  # NaN for level payments
     benefit: np.ndarray
+    age: np.ndarray  # NaN for certain annuities
+    table: np.ndarray  # object: the table's name, "" for the book's default table
+    select_age: np.ndarray  # NaN: selected at the integer part of the age
+    life: np.ndarray  # bool: an age is given, the record is valued life-contingently
     errors: np.ndarray  # object: first defect of each record, None when it can be valued
     clean: np.ndarray  # bool: no defect
 
@@ -188,6 +196,20 @@ def _due(column: pa.Array | None, count: int, defects: _Defects) -> np.ndarray:
     return ~immediate
 
 
+def _names(column: pa.Array | None, count: int, name: str, defects: _Defects) -> tuple[np.ndarray, np.ndarray]:
+    """Names of a text column, stripped ("" for missing cells), and the mask of given names.
+    A cell of another kind (a number, ...) is a defect of its record."""
+    if column is None:
+        return np.full(count, "", dtype=object), np.zeros(count, dtype=bool)
+    if not _is_text(column):
+        given = _present(column)
+        defects.note(given, lambda i: f"{name} must be a name, got {_shown(column, i)}")
+        return np.full(count, "", dtype=object), given
+    text = pc.fill_null(pc.utf8_trim_whitespace(column), "")
+    names = np.asarray(text.to_numpy(zero_copy_only=False), dtype=object)
+    return names, names != ""
+
+
 def first_columns(names: list[str]) -> dict[str, int]:
     """Policy column name -> position, matched in any case; the first of equal names wins."""
     found: dict[str, int] = {}
@@ -197,8 +219,8 @@ def first_columns(names: list[str]) -> dict[str, int]:
 
 
 def check_columns(names: list[str], source: object) -> None:
-    if "term" not in first_columns(names):
-        raise InputError(f"{source}: no 'term' column (columns: {', '.join(map(str, names)) or 'none'})")
+    if not {"term", "age"} & first_columns(names).keys():
+        raise InputError(f"{source}: no 'term' or 'age' column (columns: {', '.join(map(str, names)) or 'none'})")
 
 
 def policies_from_batch(
@@ -248,4 +270,32 @@ def policies_from_batch(
     benefit[bad] = 0.0
 
     due = _due(column("timing"), count, found)
-    return Policies(ids, term, deferment, shift, frequency, due, growth, benefit, found.messages, found.clean)
+
+    # Ages, tables and select ages are checked by the life valuation, against each record's table.
+    age, life = _numbers(column("age"), count, math.nan, "age", found)
+    raw_table, raw_select = column("table"), column("select_age")
+    table, has_table = _names(raw_table, count, "table", found)
+    select_age, has_select = _numbers(raw_select, count, math.nan, "select_age", found)
+    # Without its age a life record would pass for a certain annuity: refuse it.
+    found.note(~life & has_table, lambda i: f"table is given without an age, got {_shown(raw_table, i)}")
+    found.note(~life & has_select, lambda i: f"select_age is given without an age, got {_shown(raw_select, i)}")
+    found.note(
+        life & has_growth,
+        lambda i: f"growth is not available for life annuities (the record has an age), got {_shown(raw_growth, i)}",
+    )
+    return Policies(
+        ids,
+        term,
+        deferment,
+        shift,
+        frequency,
+        due,
+        growth,
+        benefit,
+        age,
+        table,
+        select_age,
+        life,
+        found.messages,
+        found.clean,
+    )

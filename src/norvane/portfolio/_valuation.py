@@ -6,11 +6,14 @@ import math
 import re
 from collections.abc import Callable, Iterable
 from dataclasses import dataclass
+from functools import partial
 from typing import Any
 
 import numpy as np
 
 from ..config import Config
+from ..mortality import life_annuities
+from ._life import BookTables, book_tables
 from ._policies import InputError, Policies
 
 # Default length of the flows grid when perpetuities are held: their later flows share the last year.
@@ -25,14 +28,20 @@ _PARAMETER_COLUMNS = {
     "m": "frequency",
     "gr": "growth",
     "benefits": "benefit",
+    "age": "age",
+    "table": "table",
+    "select_age": "select_age",
 }
 
 
 def _clean_message(message: str) -> str:
-    """A library message without the method prefix and batch index, in column names."""
+    """A library message without the method prefix and batch index, in column names (each
+    fault of a message that lists several)."""
     message = re.sub(r"^\[[^\]]*\]\s*", "", message)
     message = re.sub(r" at index \d+", "", message)
-    return re.sub(r"^'(\w+)'", lambda m: _PARAMETER_COLUMNS.get(m.group(1), m.group(0)), message)
+    return re.sub(
+        r"(^|; )'(\w+)'", lambda m: m.group(1) + _PARAMETER_COLUMNS.get(m.group(2), f"'{m.group(2)}'"), message
+    )
 
 
 def _arguments(pf: Policies, rows: np.ndarray) -> dict[str, Any]:
@@ -59,16 +68,39 @@ class _Outcome:
         self.values[row], self.errors[row], self.valid[row] = math.nan, _clean_message(message), False
 
 
-def _value_rows(method: Callable, pf: Policies, rows: np.ndarray, out: _Outcome) -> None:
+def _certain_values(method: Callable, pf: Policies, rows: np.ndarray) -> Any:
+    return method(**_arguments(pf, rows), on_error="nan")
+
+
+def _life_values(curve: Any, tables: BookTables, due: bool, pf: Policies, rows: np.ndarray) -> Any:
+    names = pf.table[rows]
+    return life_annuities(
+        curve,
+        tables.tables,
+        table=np.where(names == "", tables.default, names),
+        age=pf.age[rows],
+        n=pf.term[rows],
+        d=pf.deferment[rows],
+        ts=pf.shift[rows],
+        m=pf.frequency[rows],
+        benefits=pf.benefit[rows],
+        select_age=pf.select_age[rows],
+        timing="due" if due else "immediate",
+        on_error="nan",
+    )
+
+
+def _value_rows(value: Callable[[Policies, np.ndarray], Any], pf: Policies, rows: np.ndarray, out: _Outcome) -> None:
+    """Value the records ``rows`` with one batch call ``value(pf, rows)`` (on_error="nan")."""
     try:
-        result = method(**_arguments(pf, rows), on_error="nan")
+        result = value(pf, rows)
     except (TypeError, ValueError, ArithmeticError):
         if len(rows) == 1:
             raise
         # Something the checks before valuing did not foresee refused the batch: isolate the record.
         for row in rows:
             try:
-                _value_rows(method, pf, np.array([row]), out)
+                _value_rows(value, pf, np.array([row]), out)
             except (TypeError, ValueError, ArithmeticError) as exc:
                 out.fail(row, str(exc))
         return
@@ -78,25 +110,36 @@ def _value_rows(method: Callable, pf: Policies, rows: np.ndarray, out: _Outcome)
         out.fail(rows[i], message)
 
 
-def value_policies(curve: Any, pf: Policies, mode: str) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
+def value_policies(
+    curve: Any, pf: Policies, mode: str, tables: BookTables | None = None
+) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
     """Present values (NaN for invalid records), the error message of each record (an object
-    array, None for valued records) and the mask of valued records: one batch call per timing."""
+    array, None for valued records) and the mask of valued records.
+
+    One batch call per timing for the certain annuities and one per timing for the life
+    annuities (records with an age), on ``tables`` (default: ``book_tables()``).
+    """
     out = _Outcome(np.full(len(pf), math.nan), pf.errors.copy(), pf.clean.copy())
-    usable = pf.clean
     with Config().override(calculation_mode=mode):
         for due, method in ((True, curve.ä), (False, curve.a)):
-            rows = np.flatnonzero(usable & (pf.due == due))
+            usable = pf.clean & (pf.due == due)
+            rows = np.flatnonzero(usable & ~pf.life)
             if len(rows):
-                _value_rows(method, pf, rows, out)
+                _value_rows(partial(_certain_values, method), pf, rows, out)
+            rows = np.flatnonzero(usable & pf.life)
+            if len(rows):
+                _value_rows(partial(_life_values, curve, tables or book_tables(), due), pf, rows, out)
     return out.values, out.errors, out.valid
 
 
 def portfolio_flows(curve: Any, pf: Policies, valid: np.ndarray, mode: str, years: int) -> dict[str, np.ndarray]:
-    """Expected and discounted cash flows of the valid records on the grid 1, 2, ..., years.
+    """Expected and discounted cash flows of the valid certain annuities on the grid 1, 2, ...,
+    years (life records are left out).
 
     Policies are grouped by (timing, frequency), one flows call per group; flows after the
     last grid year (perpetuities) are gathered in the last year.
     """
+    valid = valid & ~pf.life
     grid = np.arange(1.0, years + 1.0)
     expected = np.zeros(years)
     present = np.zeros(years)
@@ -114,9 +157,11 @@ def portfolio_flows(curve: Any, pf: Policies, valid: np.ndarray, mode: str, year
 
 
 def last_payment_year(blocks: Iterable[tuple[Policies, np.ndarray]]) -> tuple[int, bool]:
-    """The last year with payments among the valid records of (policies, valid) blocks, seen
-    from their valuation times, and whether any of them is a perpetuity."""
-    ends = np.concatenate([(pf.deferment + pf.term - pf.shift)[valid] for pf, valid in blocks] + [np.empty(0)])
+    """The last year with payments among the valid certain annuities of (policies, valid)
+    blocks, seen from their valuation times, and whether any of them is a perpetuity."""
+    ends = np.concatenate(
+        [(pf.deferment + pf.term - pf.shift)[valid & ~pf.life] for pf, valid in blocks] + [np.empty(0)]
+    )
     finite = np.isfinite(ends)
     last = int(math.ceil(ends[finite].max() - 1e-9)) if finite.any() else 1
     return max(last, 1), bool((~finite).any())

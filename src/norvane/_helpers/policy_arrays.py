@@ -1,0 +1,324 @@
+"""Per-policy arrays of a batch.
+
+Terms, frequencies, benefits, record ids and the range checks of the numeric
+parameters, without a Python loop over the policies.
+"""
+
+from __future__ import annotations
+
+import functools
+import operator
+from collections.abc import Callable, Iterable
+from typing import Any
+
+import numpy as np
+from numpy.typing import NDArray
+
+from ..base import _ALLOWED_PAYMENT_FREQUENCIES
+from .conversion import _BOOL_TYPES, _INTEGER_TYPES, F64Array, _as_f64_safe, _is_pandas_1d, _real_array
+from .routing import _batch_length, _first_index
+from .scalars import _prefixed
+
+_is_none: Callable[[object], bool] = functools.partial(operator.is_, None)
+
+
+def _map_batch_n_none_to_inf(n: Any) -> Any:
+    """Map ``None`` terms (perpetuities) to ``inf``.
+
+    Parameters
+    ----------
+    n : object
+        A term or per-policy terms, as the caller passed them.
+
+    Returns
+    -------
+    object
+        A scalar None becomes ``np.inf``; None entries of a list, tuple,
+        object array or object Series become ``inf`` (a new list or array).
+        Anything else is returned unchanged; NaN is not None and stays NaN.
+    """
+    if n is None:
+        return np.inf
+    if isinstance(n, (list, tuple)):
+        if any(map(_is_none, n)):
+            return [np.inf if v is None else v for v in n]
+        return n
+    if _is_pandas_1d(n):
+        if n.dtype != object:
+            return n
+        n = n.to_numpy()
+    if isinstance(n, np.ndarray) and n.dtype == object:
+        mask = np.fromiter(map(_is_none, n.flat), dtype=bool, count=n.size).reshape(n.shape)
+        if mask.any():
+            n = n.copy()
+            n[mask] = np.inf
+    return n
+
+
+def _arraylike_len_or_1(x: Any) -> int:
+    """Length of a list, tuple, array (first axis) or Series; 1 for a scalar."""
+    length = _batch_length(x)
+    return 1 if length < 0 else length
+
+
+def _integer_array(x: Any, method_name: str, attr_name: str) -> NDArray[np.int64]:
+    try:
+        arr = _real_array(x)
+    except TypeError:
+        raise TypeError(
+            _prefixed(method_name, f"'{attr_name}' must contain integers, got {type(x).__name__}.")
+        ) from None
+    if arr.dtype.kind not in "iu":
+        raise TypeError(_prefixed(method_name, f"'{attr_name}' must contain integers, got dtype {arr.dtype}."))
+    if arr.ndim != 1:
+        raise ValueError(_prefixed(method_name, f"'{attr_name}' must be one-dimensional."))
+    return arr.astype(np.int64)
+
+
+def _check_frequency(m: Any, method_name: str) -> int:
+    if isinstance(m, _BOOL_TYPES) or not isinstance(m, _INTEGER_TYPES):
+        raise TypeError(_prefixed(method_name, f"'m' must be an integer payment frequency, got {type(m).__name__}."))
+    if m not in _ALLOWED_PAYMENT_FREQUENCIES:
+        raise ValueError(_prefixed(method_name, f"'m' must be one of {_ALLOWED_PAYMENT_FREQUENCIES}, got {m!r}."))
+    return int(m)
+
+
+def _resolve_batch_m(m: Any, N: int, method_name: str) -> int | NDArray[np.int64]:
+    """Resolve the payment frequency of a batch.
+
+    Parameters
+    ----------
+    m : int, sequence of int, integer array or Series
+        One frequency for all policies, or one per policy (length N or 1).
+    N : int
+        Batch size.
+    method_name : str
+        Used in messages.
+
+    Returns
+    -------
+    int or ndarray of int64
+        An ``int`` when every policy has the same frequency (a scalar, a
+        length-1 array-like, or equal values); otherwise an int64 array of
+        length N.
+
+    Raises
+    ------
+    TypeError
+        For booleans, floats and other non-integers.
+    ValueError
+        For a frequency outside the allowed set (naming the first offending
+        index) or a length other than N or 1.
+    """
+    if _batch_length(m) < 0:
+        if isinstance(m, np.ndarray):  # 0-d array
+            m = m[()]
+        return _check_frequency(m, method_name)
+    arr = _integer_array(m, method_name, "m")
+    if arr.shape[0] not in (1, N):
+        raise ValueError(
+            _prefixed(
+                method_name,
+                f"Incompatible batch lengths: m={arr.shape[0]}, expected {N} or 1 (broadcast).",
+            )
+        )
+    bad = ~np.isin(arr, _ALLOWED_PAYMENT_FREQUENCIES)
+    if bad.any():
+        i = _first_index(bad)
+        raise ValueError(
+            _prefixed(
+                method_name,
+                f"'m' must be one of {_ALLOWED_PAYMENT_FREQUENCIES} at index {i}, got {int(arr[i])}.",
+            )
+        )
+    if arr.size and (arr == arr[0]).all():
+        return int(arr[0])
+    return np.ascontiguousarray(arr)
+
+
+def _batch_m_for_nan_recurse(m: Any, valid_idx: NDArray[np.int64]) -> Any:
+    """Payment frequency of the valid subset of an ``on_error="nan"`` batch.
+
+    Parameters
+    ----------
+    m : int or array-like of int
+        One frequency, or one per policy.
+    valid_idx : ndarray of int64
+        Positions of the valid policies.
+
+    Returns
+    -------
+    int or ndarray
+        A single frequency (scalar or length-1 array-like) unchanged; a
+        per-policy one indexed with ``valid_idx``.
+    """
+    if _arraylike_len_or_1(m) == 1:
+        return m
+    values = m.to_numpy() if _is_pandas_1d(m) else np.asarray(m)
+    return values[valid_idx]
+
+
+def _coerce_record_ids(record_ids: Any, N: int) -> np.ndarray:
+    """Record ids as a one-dimensional array of length N.
+
+    Parameters
+    ----------
+    record_ids : sequence, ndarray, pandas Series or None
+        Policy identifiers as the caller passed them.
+    N : int
+        Batch size.
+
+    Returns
+    -------
+    ndarray
+        ``arange(N)`` (int64) for None; otherwise an object array holding the
+        given ids as the original objects, so that reports show them as passed.
+
+    Raises
+    ------
+    ValueError
+        When the ids are not one-dimensional or not N of them.
+    """
+    if record_ids is None:
+        return np.arange(N, dtype=np.int64)
+    if _is_pandas_1d(record_ids):
+        record_ids = record_ids.tolist()
+    elif isinstance(record_ids, np.ndarray):
+        record_ids = record_ids.tolist() if record_ids.ndim == 1 else record_ids
+    if isinstance(record_ids, np.ndarray) or len(record_ids) != N:
+        raise ValueError(f"'record_ids' must be a sequence of {N} ids")
+    return np.fromiter(iter(record_ids), dtype=object, count=N)
+
+
+def _validate_benefits(benefits: Any, N: int, method_name: str) -> F64Array | None:
+    """Validate per-policy benefit weights.
+
+    Parameters
+    ----------
+    benefits : sequence, array, Series, scalar or None
+        One finite non-negative weight per policy; a single number applies
+        to every policy.
+    N : int
+        Batch size.
+
+    Returns
+    -------
+    ndarray of float64 or None
+        A new array of length N, or None when ``benefits`` is None.
+
+    Raises
+    ------
+    TypeError
+        For non-numeric values.
+    ValueError
+        For more than one dimension, a sequence whose length is not N, or a value
+        that is negative or not finite.
+    """
+    if benefits is None:
+        return None
+    try:
+        arr = _as_f64_safe(benefits)
+    except TypeError:
+        raise TypeError(_prefixed(method_name, "'benefits' must contain real numbers.")) from None
+    if arr.ndim > 1:
+        raise ValueError(_prefixed(method_name, "'benefits' must be one-dimensional."))
+    if arr.ndim == 0:
+        arr = np.full(N, arr.item(), dtype=np.float64)
+    elif arr.shape[0] != N:
+        raise ValueError(
+            _prefixed(method_name, f"'benefits' must have one value per policy: expected {N}, got {arr.shape[0]}.")
+        )
+    else:
+        arr = arr.copy()
+    bad = ~(np.isfinite(arr) & (arr >= 0.0))
+    if bad.any():
+        i = _first_index(bad)
+        raise ValueError(
+            _prefixed(method_name, f"'benefits' must be finite and >= 0 at index {i}, got {float(arr[i])!r}.")
+        )
+    return arr
+
+
+def _batch_param_invalid(arr: F64Array, min_val: float, allow_inf: bool) -> NDArray[np.bool_]:
+    ok = arr >= min_val  # False for NaN
+    if not allow_inf:
+        ok &= arr < np.inf
+    return ~ok
+
+
+def _batch_param_message(name: str, index: int, value: float, min_val: float) -> str:
+    return f"'{name}' must be >= {float(min_val)!r} and finite at index {index}, got {float(value)!r}"
+
+
+def _flat_param(arr: Any, name: str, method_name: str) -> F64Array:
+    values = _as_f64_safe(arr)
+    if values.ndim > 1:
+        raise ValueError(_prefixed(method_name, f"'{name}' must be one-dimensional."))
+    return values.reshape(-1)
+
+
+def _check_batch_param(arr: Any, name: str, method_name: str, min_val: float = 0.0, allow_inf: bool = False) -> None:
+    """Raise on the first policy whose parameter is out of range.
+
+    Every value must be ``>= min_val`` and finite (``+inf`` passes when
+    ``allow_inf``, for perpetual terms). NaN never passes.
+
+    Parameters
+    ----------
+    arr : scalar or array-like
+        Per-policy values of the parameter.
+    name, method_name : str
+        Parameter and method names for the message.
+    min_val : float, default 0.0
+        Smallest accepted value.
+    allow_inf : bool, default False
+        Accept ``+inf``.
+
+    Raises
+    ------
+    ValueError
+        e.g. ``[InterestRate.a] 'n' must be >= 0.0 and finite at index 1, got -1.0``.
+    """
+    values = _flat_param(arr, name, method_name)
+    bad = _batch_param_invalid(values, min_val, allow_inf)
+    if bad.any():
+        i = _first_index(bad)
+        raise ValueError(_prefixed(method_name, _batch_param_message(name, i, values[i], min_val)))
+
+
+def _collect_batch_param_errors(
+    method_name: str, checks: Iterable[tuple[str, Any, float, bool]]
+) -> tuple[NDArray[np.bool_], list[str]]:
+    """Check several per-policy parameters without raising (``on_error="nan"``).
+
+    Parameters
+    ----------
+    method_name : str
+        Used in messages.
+    checks : iterable of (name, array, min_val, allow_inf)
+        The same rule as :func:`_check_batch_param`; arrays share one length.
+
+    Returns
+    -------
+    valid_mask : ndarray of bool
+    messages : list of str
+        One text per invalid record, in index order; a record with several
+        faults gets their messages joined by ``"; "``.
+    """
+    named: list[tuple[str, F64Array, float, NDArray[np.bool_]]] = []
+    for name, arr, min_val, allow_inf in checks:
+        values = _flat_param(arr, name, method_name)
+        named.append((name, values, min_val, _batch_param_invalid(values, min_val, allow_inf)))
+    if not named:
+        return np.ones(0, dtype=bool), []
+    invalid = functools.reduce(operator.or_, (bad for *_, bad in named))
+    messages = [
+        _prefixed(
+            method_name,
+            "; ".join(
+                _batch_param_message(name, i, values[i], min_val) for name, values, min_val, bad in named if bad[i]
+            ),
+        )
+        for i in np.flatnonzero(invalid).tolist()
+    ]
+    return ~invalid, messages

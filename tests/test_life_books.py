@@ -1,0 +1,113 @@
+"""Books mixing certain and life annuities: each life value equals the single-life call, each
+certain value its closed form, each bad life cell its message, through value_book and the CLI."""
+
+import math
+import re
+import shlex
+from pathlib import Path
+
+import numpy as np
+import pandas as pd
+import pytest
+
+from norvane.cli import main
+from norvane.interest_rates import InterestRate
+from norvane.mortality import MortalityTable, bundled_table, makeham
+from norvane.portfolio import value_book
+
+CURVE = InterestRate(terms=[5, 10], rates=[0.02, 0.03, 0.035])
+Q = np.append(makeham(0.00022, 2.7e-6, 1.124).qx(np.arange(20, 120)), 1.0)
+SELECT = MortalityTable(Q, first_age=20, select=np.column_stack([0.6 * Q[:80], 0.8 * Q[1:81]]))
+TABLES = {"S": SELECT, "M13": bundled_table("makeham_13_110"), "M20": bundled_table("makeham_20_120")}
+
+
+def v(t):
+    return 1.02 ** -min(t, 5) * 1.03 ** -min(max(t - 5, 0), 5) * 1.035 ** -max(t - 10, 0)
+
+
+def closed(value):
+    return pytest.approx(value, rel=1e-10)  # values are rounded to 10 decimals per unit
+
+
+def life(name, age, method="ä", select_age=None, benefit=1.0, **kw):
+    return benefit * getattr(TABLES[name].life(age, select_age=select_age), method)(CURVE, **kw)
+
+
+HEADER = "id,term,deferment,shift,frequency,timing,growth,benefit,age,table,select_age"
+# (record, its single-life value (exactly), closed form or message): bad life cells between good records.
+CASES = [
+    ("certain,10,,,,,,100,,,", closed(100 * math.fsum(v(k) for k in range(10)))),
+    ("default,10,,,12,,,,65,,", life("S", 65, n=10, m=12)),  # the first given table
+    ("text-age,5,,,,,,,abc,,", "age is not a number, got 'abc'"),
+    ("negative-age,5,,,,,,,-3,,", "age must be at least the table's first age 20, got -3.0"),
+    ("unknown,,,,,,,,65,X,", "table is 'X', not one of ['S', 'makeham_20_120', 'makeham_13_110']"),
+    ("whole-life,,2,,,immediate,,1200,70.5, makeham_13_110,", life("M13", 70.5, "a", benefit=1200, d=2)),
+    ("late-select,,,,,,,,65,,66", "select_age must be a whole age of the table not above the age 65.0, got 66.0"),
+    ("no-age,5,,,,,,,,S,", "table is given without an age, got 'S'"),
+    ("no-age-select,5,,,,,,,,,60", "select_age is given without an age, got '60'"),
+    ("growth,,,,,,0.02,,65,,", "growth is not available for life annuities (the record has an age), got '0.02'"),
+    ("selected,15,,3,4,,,,60,S,58", life("S", 60, select_age=58, n=15, m=4, ts=3)),
+    ("too-old,,,,,,,,130,S,", "age 130.0 at valuation time 0.0 is beyond the table's last age 120"),
+    ("negative-term,-1,,,,,,,65,,", "term must be >= 0.0 and finite, got -1.0"),
+    (
+        "two-faults,5,-2,nan,,,,,65,,",
+        "deferment must be >= 0.0 and finite, got -2.0; shift must be >= 0.0 and finite, got nan",
+    ),
+    ("bundled,5,,,,,,,50,makeham_20_120,", life("M20", 50, n=5)),
+    ("certain-imm,5,,,,immediate,,,,,", closed(math.fsum(v(k) for k in range(1, 6)))),
+]
+
+
+def table_csv(table, path):
+    select = np.full((table.qx.size, table.select_period), np.nan)  # empty cells: no select rates
+    select[: len(table.select)] = table.select
+    columns = {"age": np.arange(table.first_age, table.last_age + 1), "qx": table.qx}
+    pd.DataFrame(columns | {f"select_{k}": c for k, c in enumerate(select.T)}).to_csv(path, index=False)
+
+
+@pytest.mark.parametrize("kind", ["CSV file", "pandas frame of texts", "command line"])
+def test_mixed_book_against_single_calls_and_closed_forms(tmp_path, kind):
+    book = tmp_path / "book.csv"
+    book.write_text("\n".join([HEADER, *(line for line, _ in CASES)]) + "\n")
+    if kind == "command line":
+        (tmp_path / "curve.json").write_text(CURVE.export("json"))
+        table_csv(SELECT, tmp_path / "s.csv")
+        args = ["--curve", str(tmp_path / "curve.json"), "--mortality", f"S={tmp_path / 's.csv'}", "--quiet"]
+        assert main(["--portfolio", str(book), *args, "--output", str(tmp_path / "v.csv")]) == 0
+        out = pd.read_csv(tmp_path / "v.csv", keep_default_na=False)
+        values, errors = out["present_value"].astype(float), [e or None for e in out["error"]]
+    else:
+        source = book if kind == "CSV file" else pd.read_csv(book, dtype=str, keep_default_na=False)
+        result = value_book(source, CURVE, tables={"S": SELECT})
+        values, errors = result.present_value, result.error
+    for (line, expected), value, error in zip(CASES, values, errors, strict=True):
+        if isinstance(expected, str):
+            assert math.isnan(value) and error == expected, line
+        else:
+            assert value == expected and error is None, line
+
+
+@pytest.mark.parametrize("tables, error", [(["S"], TypeError), ({"S": Q}, TypeError), ({" S": SELECT}, ValueError)])
+def test_bad_tables_are_refused_and_the_bundled_default_applies(tables, error):
+    with pytest.raises(error):
+        value_book({"age": [65]}, CURVE, tables=tables)
+    assert value_book({"age": [65]}, CURVE).present_value[0] == life("M20", 65)
+
+
+def test_readme_life_examples(tmp_path, monkeypatch):
+    text = (Path(__file__).resolve().parents[1] / "README.md").read_text(encoding="utf-8")
+    (block,) = [b for b in re.findall(r"```python\n(.*?)```", text, re.S) if "life_values" in b]
+    namespace: dict = {}
+    exec(block, namespace)
+    flat, male, female = InterestRate(0.03), TABLES["M20"], TABLES["M13"]
+    certain = closed(1000 * (1 - 1.03**-10) / (1 - 1 / 1.03))
+    first = [12000 * male.life(67).ä(flat, m=12), 6000 * male.rated(-3).life(61.5).ä(flat, n=20, m=12), certain]
+    assert namespace["life_values"].present_value.tolist() == first
+    monkeypatch.chdir(tmp_path)  # the command line example, on the bundled tables written as CSV
+    Path("lives.csv").write_text(re.search(r"```csv\n(.*?)```", text, re.S).group(1))
+    table_csv(male, "male.csv")
+    table_csv(female, "female.csv")
+    (command,) = re.findall(r"^norvane value --portfolio lives.csv .*$", text, re.M)
+    assert main(shlex.split(command)[1:]) == 0
+    second = [certain, 12000 * male.life(67).ä(flat, m=12), 6000 * female.life(64).ä(flat, m=12)]
+    assert pd.read_csv("values.csv")["present_value"].tolist() == second
