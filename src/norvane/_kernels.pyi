@@ -1,9 +1,13 @@
 """Type information for the compiled ``norvane._kernels`` extension."""
 
-from typing import Literal
+from typing import Any, Literal
 
 import numpy as np
 from numpy.typing import NDArray
+
+# The kernels check these names at run time; any str is accepted here.
+GrowthKind = str
+ModeName = str
 
 # Input arrays must be one-dimensional, C-contiguous float64 arrays.
 
@@ -16,14 +20,14 @@ class Annuity:
         payments_size: int,
         m: int,
         timing: int,
-        growth_kind: Literal["level", "geometric", "arithmetic"] = "level",
+        growth_kind: GrowthKind = "level",
         growth_rate: float = 0.0,
     ) -> None: ...
     @property
     def whole_years(self) -> int: ...
     def payments(self, first: int = 0) -> tuple[NDArray[np.float64], NDArray[np.float64]]: ...
     def intervals(self, first: int = 0) -> tuple[NDArray[np.float64], NDArray[np.float64], NDArray[np.float64]]: ...
-    def woolhouse_parts(self, continuous: bool) -> dict[str, object]: ...
+    def woolhouse_parts(self, continuous: bool) -> dict[str, Any]: ...
 
 class Curve:
     def __init__(self, rates: NDArray[np.float64], terms: NDArray[np.float64], ends: NDArray[np.float64]) -> None: ...
@@ -32,13 +36,13 @@ class Curve:
     def annuity_value(
         self,
         annuity: Annuity,
-        mode: Literal["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"],
+        mode: ModeName,
         decimals: int | None = None,
     ) -> float: ...
 
 def term_at_valuation(n: float, d: float, ts: float) -> tuple[float, float, float]: ...
 def payment_count(n: float, m: int, tolerance: float) -> tuple[int, float]: ...
-def round_value(value: float, decimals: int) -> float: ...
+def round_value(value: float | np.floating[Any] | NDArray[np.float64], decimals: int) -> float: ...
 def round_values(values: NDArray[np.float64], decimals: int) -> NDArray[np.float64]: ...
 def portfolio_values(
     rates: NDArray[np.float64],
@@ -51,9 +55,9 @@ def portfolio_values(
     *,
     m: int,
     timing: int,
-    growth_kind: Literal["level", "geometric", "arithmetic"],
+    growth_kind: GrowthKind,
     growth_rate: float,
-    mode: Literal["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"],
+    mode: ModeName,
     tolerance_eps: float,
     perpetuity_n_eff: float,
     decimals: int,
@@ -92,7 +96,7 @@ def life_value(
     growth_kind: str,  # "level", "geometric" or "arithmetic"
     growth_rate: float,
     amounts: NDArray[np.float64] | None,
-    mode: Literal["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"],
+    mode: ModeName,
     decimals: int | None,
     tolerance_eps: float,
 ) -> float: ...
@@ -112,7 +116,7 @@ def life_portfolio(
     benefits: NDArray[np.float64] | None,
     *,
     timing: int,
-    mode: Literal["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"],
+    mode: ModeName,
     tolerance_eps: float,
     decimals: int,
 ) -> NDArray[np.float64]: ...

@@ -282,8 +282,7 @@ nb::dict validate(InterestRate& ir) {
         nb::dict per_scenario;
         report["scenarios"] = per_scenario;
         report["scenario_summary"] = scenario_summary(ir);
-        for (auto [name, scenario] : scenarios_of(ir))
-            per_scenario[name] = validate(curve_arg(scenario, "scenario"));
+        for (auto [name, scenario] : scenarios_of(ir)) per_scenario[name] = validate(curve_arg(scenario, "scenario"));
         report["cross_scenario_analysis"] = cross_scenario_analysis(ir);
         return report;
     }
@@ -305,8 +304,7 @@ nb::dict validate(InterestRate& ir) {
 nb::dict curve_analysis(InterestRate& ir) {
     nb::dict result;
     if (has_scenarios(ir)) {
-        for (auto [name, scenario] : scenarios_of(ir))
-            result[name] = curve_analysis(curve_arg(scenario, "scenario"));
+        for (auto [name, scenario] : scenarios_of(ir)) result[name] = curve_analysis(curve_arg(scenario, "scenario"));
         return result;
     }
     nb::dict factors;

@@ -39,8 +39,7 @@ nb::object export_curve(InterestRate& ir, const std::string& format) {
     nb::dict result;
     if (has_scenarios(ir)) {
         // Scenarios are always exported in dict form.
-        for (auto [name, scenario] : scenarios_of(ir))
-            result[name] = single_payload(curve_arg(scenario, "scenario"));
+        for (auto [name, scenario] : scenarios_of(ir)) result[name] = single_payload(curve_arg(scenario, "scenario"));
         if (format == "regulatory") {
             nb::dict meta;
             meta["scenario_count"] = nb::len(scenarios_of(ir));

@@ -58,6 +58,7 @@ def _kernel_curve(ir: Any) -> _kernels.Curve:
     if ir.scenarios:
         ir = ir.scenarios[ir.active_scenario]
     key: Any = ("constant", float(ir.rate)) if ir.is_constant else id(ir._rates)
+    held: tuple[Any, ...]
     entry = _curve_cache.get(key)
     if entry is not None and (ir.is_constant or (entry[0][0] is ir._rates and entry[0][1] is ir._terms)):
         return entry[1]

@@ -339,7 +339,7 @@ def _nan_policy_result(
         n_total=size,
         valid_mask=valid_mask,
         invalid_indices=invalid,
-        record_ids=_coerce_record_ids(record_ids, size)[invalid],
+        record_ids=_coerce_record_ids(record_ids, size)[invalid].tolist(),
         messages=messages,
     )
     return BatchResult(values=values, errors=report)
