@@ -5,10 +5,6 @@ from typing import Any, Literal
 import numpy as np
 from numpy.typing import NDArray
 
-# The kernels check these names at run time; any str is accepted here.
-GrowthKind = str
-ModeName = str
-
 # Input arrays must be one-dimensional, C-contiguous float64 arrays.
 
 class Annuity:
@@ -20,7 +16,7 @@ class Annuity:
         payments_size: int,
         m: int,
         timing: int,
-        growth_kind: GrowthKind = "level",
+        growth_kind: str = "level",
         growth_rate: float = 0.0,
     ) -> None: ...
     @property
@@ -36,7 +32,7 @@ class Curve:
     def annuity_value(
         self,
         annuity: Annuity,
-        mode: ModeName,
+        mode: str,
         decimals: int | None = None,
     ) -> float: ...
 
@@ -55,9 +51,9 @@ def portfolio_values(
     *,
     m: int,
     timing: int,
-    growth_kind: GrowthKind,
+    growth_kind: str,
     growth_rate: float,
-    mode: ModeName,
+    mode: str,
     tolerance_eps: float,
     perpetuity_n_eff: float,
     decimals: int,
@@ -96,7 +92,7 @@ def life_value(
     growth_kind: str,  # "level", "geometric" or "arithmetic"
     growth_rate: float,
     amounts: NDArray[np.float64] | None,
-    mode: ModeName,
+    mode: str,
     decimals: int | None,
     tolerance_eps: float,
 ) -> float: ...
@@ -116,7 +112,7 @@ def life_portfolio(
     benefits: NDArray[np.float64] | None,
     *,
     timing: int,
-    mode: ModeName,
+    mode: str,
     tolerance_eps: float,
     decimals: int,
 ) -> NDArray[np.float64]: ...
