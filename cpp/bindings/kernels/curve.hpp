@@ -1,13 +1,43 @@
-// The native curve of norvane._kernels, shared by its binding files: a
-// curve's discount table, built once and cached by the Python engine.
+// What the binding files of norvane._kernels share: the native curve (a
+// curve's discount table, built once and cached by the Python engine), the
+// array types, and the conversions of names and arrays.
 #pragma once
 
+#include <nanobind/nanobind.h>
+#include <nanobind/ndarray.h>
+
+#include "core/annuity.hpp"
 #include "core/curve.hpp"
 
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
 namespace norvane::bindings {
+
+namespace nb = nanobind;
 
 struct Curve {
     core::PiecewiseTable table;
 };
+
+using InArray = nb::ndarray<const double, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
+using OutArray = nb::ndarray<nb::numpy, double, nb::ndim<1>>;
+
+inline std::span<const double> span_of(const InArray& a) { return {a.data(), a.shape(0)}; }
+inline std::vector<double> vector_of(const InArray& a) { return {a.data(), a.data() + a.shape(0)}; }
+
+// A NumPy array that owns `values` (moved, not copied).
+inline OutArray to_array(std::vector<double> values) {
+    auto* owned = new std::vector<double>(std::move(values));
+    nb::capsule owner(owned, [](void* p) noexcept { delete static_cast<std::vector<double>*>(p); });
+    return OutArray(owned->data(), {owned->size()}, owner);
+}
+
+core::Growth growth_of(const std::string& kind, double rate);
+core::Mode mode_of(const std::string& name);
+// A curve's arrays: m rates, m-1 finite positive terms and their increasing ends.
+core::CurveArrays arrays_of(const InArray& rates, const InArray& terms, const InArray& ends);
 
 }  // namespace norvane::bindings

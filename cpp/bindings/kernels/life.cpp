@@ -22,40 +22,19 @@ using namespace norvane;
 
 namespace {
 
-using InArray = nb::ndarray<const double, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
-using OutArray = nb::ndarray<nb::numpy, double, nb::ndim<1>>;
-
-std::span<const double> span_of(const InArray& a) { return {a.data(), a.shape(0)}; }
-std::vector<double> vector_of(const InArray& a) { return {a.data(), a.data() + a.shape(0)}; }
-
-OutArray to_array(std::vector<double>&& values) {
-    auto* owned = new std::vector<double>(std::move(values));
-    nb::capsule owner(owned, [](void* p) noexcept { delete static_cast<std::vector<double>*>(p); });
-    return OutArray(owned->data(), {owned->size()}, owner);
-}
+using bindings::arrays_of;
+using bindings::growth_of;
+using bindings::InArray;
+using bindings::mode_of;
+using bindings::OutArray;
+using bindings::span_of;
+using bindings::to_array;
+using bindings::vector_of;
 
 core::FractionalAge rule_of(const std::string& name) {
     if (auto rule = core::fractional_age_named(name)) return *rule;
     throw std::invalid_argument("fractional-age rule must be 'udd', 'constant_force' or 'balducci', got '" + name +
                                 "'");
-}
-
-core::Mode mode_of(const std::string& name) {
-    if (auto mode = core::mode_named(name)) return *mode;
-    throw std::invalid_argument("unknown calculation mode '" + name + "'");
-}
-
-core::Growth growth_of(const std::string& kind, double rate) {
-    if (kind == "level") return {core::Growth::Level, 0.0};
-    if (kind == "geometric") return {core::Growth::Geometric, rate};
-    if (kind == "arithmetic") return {core::Growth::Arithmetic, rate};
-    throw std::invalid_argument("growth kind must be 'level', 'geometric' or 'arithmetic', got '" + kind + "'");
-}
-
-core::CurveArrays curve_of(const InArray& rates, const InArray& terms, const InArray& ends) {
-    if (rates.shape(0) == 0 || terms.shape(0) != ends.shape(0) || rates.shape(0) != ends.shape(0) + 1)
-        throw std::invalid_argument("a curve needs m rates and m-1 terms and ends");
-    return {vector_of(rates), vector_of(terms), vector_of(ends)};
 }
 
 // A select age as an integer (NaN: the integer part of the age).
@@ -246,7 +225,7 @@ void register_life(nb::module_& m) {
                 span_of(select_age), span_of(n),
                 span_of(d),          span_of(ts),
                 span_of(frequency),  benefits.is_none() ? std::span<const double>() : span_of(weights)};
-            const core::CurveArrays curve = curve_of(rates, terms, ends);
+            const core::CurveArrays curve = arrays_of(rates, terms, ends);
             std::vector<double> out(size);
             {
                 nb::gil_scoped_release release;

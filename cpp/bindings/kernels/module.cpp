@@ -19,19 +19,7 @@
 namespace nb = nanobind;
 using namespace norvane;
 
-namespace {
-
-using InArray = nb::ndarray<const double, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
-using OutArray = nb::ndarray<nb::numpy, double, nb::ndim<1>>;
-
-std::span<const double> span_of(const InArray& a) { return {a.data(), a.shape(0)}; }
-
-OutArray to_array(const std::vector<double>& values) {
-    auto* buffer = new double[values.empty() ? 1 : values.size()];
-    std::copy(values.begin(), values.end(), buffer);  // memcpy from an empty vector's null data is undefined
-    nb::capsule owner(buffer, [](void* p) noexcept { delete[] static_cast<double*>(p); });
-    return OutArray(buffer, {values.size()}, owner);
-}
+namespace norvane::bindings {
 
 core::Growth growth_of(const std::string& kind, double rate) {
     if (kind == "level") return {core::Growth::Level, 0.0};
@@ -45,6 +33,29 @@ core::Mode mode_of(const std::string& mode) {
     throw std::invalid_argument("unknown calculation mode '" + mode + "'");
 }
 
+core::CurveArrays arrays_of(const InArray& rates, const InArray& terms, const InArray& ends) {
+    if (rates.shape(0) == 0 || terms.shape(0) != ends.shape(0) || rates.shape(0) != ends.shape(0) + 1)
+        throw std::invalid_argument("a curve needs m rates and m-1 terms and ends");
+    core::CurveArrays out{vector_of(rates), vector_of(terms), vector_of(ends)};
+    for (std::size_t j = 0; j < out.terms.size(); ++j)
+        if (!(std::isfinite(out.terms[j]) && out.terms[j] > 0.0) || (j > 0 && !(out.ends[j] > out.ends[j - 1])))
+            throw std::invalid_argument("a curve needs finite positive terms and increasing ends");
+    return out;
+}
+
+}  // namespace norvane::bindings
+
+using bindings::arrays_of;
+using bindings::Curve;
+using bindings::growth_of;
+using bindings::InArray;
+using bindings::mode_of;
+using bindings::OutArray;
+using bindings::span_of;
+using bindings::to_array;
+
+namespace {
+
 std::size_t frequency_of(std::size_t m) {
     if (m == 0) throw std::invalid_argument("m must be positive");
     return m;
@@ -55,19 +66,6 @@ core::Annuity annuity_of(double d, double n, std::size_t payments_size, std::siz
     if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
     core::require_countable(n, frequency_of(m));
     return {d, n, payments_size, m, timing, growth_of(kind, rate)};
-}
-
-using bindings::Curve;
-
-core::CurveArrays arrays_of(InArray rates, InArray terms, InArray ends) {
-    if (rates.shape(0) == 0 || terms.shape(0) != ends.shape(0) || rates.shape(0) != ends.shape(0) + 1)
-        throw std::invalid_argument("a curve needs m rates and m-1 terms and ends");
-    auto copy = [](const InArray& a) { return std::vector<double>(a.data(), a.data() + a.shape(0)); };
-    core::CurveArrays out{copy(rates), copy(terms), copy(ends)};
-    for (std::size_t j = 0; j < out.terms.size(); ++j)
-        if (!(std::isfinite(out.terms[j]) && out.terms[j] > 0.0) || (j > 0 && !(out.ends[j] > out.ends[j - 1])))
-            throw std::invalid_argument("a curve needs finite positive terms and increasing ends");
-    return out;
 }
 
 // Times and amounts of a schedule's payments.
