@@ -160,6 +160,10 @@ def test_typed_columns_nan_is_a_missing_cell_and_ids_read_as_python_writes_them(
     ]
     flags = value_book({"id": [True, False, None], "term": [1, 2, 3]}, CURVE)
     assert list(flags.id) == ["True", "False", ""]
+    # an int beyond 64 bits in a frame is one bad cell, not a failed book
+    huge = value_book(pd.DataFrame({"term": [10.0, 5.0], "frequency": [1, 2**70]}), CURVE)
+    assert huge.error[1] == f"frequency must be one of {FREQUENCIES}, got '{2**70}'"
+    assert huge.present_value[0] == pytest.approx((1 - V**10) / (1 - V), rel=1e-10)
 
 
 @pytest.mark.parametrize(

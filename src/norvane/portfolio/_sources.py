@@ -214,7 +214,7 @@ def _from_pandas(frame: Any) -> pa.Table:
     for _, series in frame.items():
         try:
             columns.append(pa.array(series, from_pandas=True))
-        except (pa.ArrowInvalid, pa.ArrowTypeError):
+        except (pa.ArrowInvalid, pa.ArrowTypeError, OverflowError):  # e.g. an int beyond 64 bits
             columns.append(pa.array(series.astype("string"), from_pandas=True))
     return pa.Table.from_arrays(columns, names=[str(name) for name in frame.columns])
 
