@@ -126,6 +126,7 @@ class PaymentGrid {
         for (std::size_t i = 0; i < points; ++i) times[i] = static_cast<double>(i) / static_cast<double>(m_);
         discount_.resize(points);
         table.discount(times, discount_);
+        for (double v : discount_) accumulation_.push_back(1.0 / v);
         const bool continuous = terms.mode == Mode::ContinuousPrecision;
         if (continuous) {
             // The integral of v over each step of the grid.
@@ -151,6 +152,7 @@ class PaymentGrid {
     std::size_t points() const { return discount_.size(); }
     std::size_t m() const { return m_; }
     double discount(std::size_t i) const { return discount_[i]; }
+    double accumulation(std::size_t i) const { return accumulation_[i]; }  // 1 / v
     // sum_{k0 <= k < k1} factor(k / m) x[i0 + k]: discount factors (discrete
     // modes) or the integrals over the grid's steps (continuous precision).
     Estimate payments(std::size_t i0, std::size_t k0, std::size_t k1) const { return payments_->sum(i0, k0, k1); }
@@ -161,7 +163,7 @@ class PaymentGrid {
 
   private:
     std::size_t m_;
-    std::vector<double> discount_;
+    std::vector<double> discount_, accumulation_;
     std::optional<GrowthSums> payments_;
     std::vector<GrowthSums> annual_;  // by residue modulo m
 };
@@ -397,7 +399,7 @@ class BookValuer {
         const std::size_t last = first + count.size;
         if (last >= grid_->points()) return std::nullopt;
         const PrefixSums& sums = grid_->level_payments();
-        const double per_divisor = shift ? 1.0 / grid_->discount(grid_index(ts)) : 1.0;
+        const double per_divisor = shift ? grid_->accumulation(grid_index(ts)) : 1.0;
         const double value = sums.between(first, last) * per_payment_, unit = value * per_divisor;
         const double error = kTieMargin * (std::abs(value) + sums.magnitude(first, last) * per_payment_) * per_divisor;
         if (near_rounding_tie(unit, error, scale_)) return std::nullopt;
