@@ -112,30 +112,30 @@ def _percent(rate: float) -> str:
     return f"{rate * 100:.6g} %"
 
 
-def load_tables(specs: list[str] | None) -> dict[str, Any] | None:
+def load_tables(options: list[str] | None) -> dict[str, Any] | None:
     """The --mortality tables by name: NAME=path.csv (columns age and qx, select_0, ...) or a
     bundled table's name."""
-    if not specs:
+    if not options:
         return None
     from .mortality import BUNDLED_TABLES, MortalityTable, bundled_table
 
     tables: dict[str, Any] = {}
-    for spec in specs:
-        name, _, path = (part.strip() for part in spec.partition("="))
+    for option in options:
+        name, _, path = (part.strip() for part in option.partition("="))
         if not name:
-            raise InputError(f"--mortality {spec}: give NAME=path.csv or a bundled table's name")
+            raise InputError(f"--mortality {option}: give NAME=path.csv or a bundled table's name")
         if name in tables:
-            raise InputError(f"--mortality {spec}: the table {name!r} is given twice")
+            raise InputError(f"--mortality {option}: the table {name!r} is given twice")
         if not path:
             if name not in BUNDLED_TABLES:
                 bundled = ", ".join(BUNDLED_TABLES)
-                raise InputError(f"--mortality {spec}: no bundled table {name!r} (bundled: {bundled})")
+                raise InputError(f"--mortality {option}: no bundled table {name!r} (bundled: {bundled})")
             tables[name] = bundled_table(name)
             continue
         try:
             tables[name] = MortalityTable.from_csv(path)
         except (OSError, TypeError, ValueError) as exc:
-            raise InputError(f"--mortality {spec}: not a readable mortality table ({exc})") from None
+            raise InputError(f"--mortality {option}: not a readable mortality table ({exc})") from None
     return tables
 
 
