@@ -46,7 +46,6 @@ class PrefixSums {
             lo_[i + 1] = compensation;
         }
     }
-    std::size_t size() const { return hi_.empty() ? 0 : hi_.size() - 1; }
     double between(std::size_t a, std::size_t b) const { return (hi_[b] - hi_[a]) + (lo_[b] - lo_[a]); }
     // The size the difference's rounding error is relative to: the
     // difference itself, plus the sums' own last bits.
@@ -90,7 +89,6 @@ class GrowthSums {
             });
         }
     }
-    std::size_t size() const { return level_.size(); }
     const PrefixSums& level() const { return level_; }
 
     // sum_{k0 <= k < k1} factor(floor(k / stride)) x[i0 + k]
