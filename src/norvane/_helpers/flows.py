@@ -72,6 +72,12 @@ def _growth_codes(gr: Any, N: int, method_name: str) -> tuple[NDArray[np.int64],
     return codes, table
 
 
+# Batches with at most this many growth rates and frequencies up to daily are
+# grouped by counting instead of sorting.
+_FEW_GROWTHS = 64
+_MAX_COUNTED_FREQUENCY = 365
+
+
 def _group_batch_m_gr_indices(
     m: Any, gr: Any, N: int, method_name: str = ""
 ) -> list[tuple[int, GrowthRate | None, NDArray[np.int64]]]:
@@ -109,6 +115,14 @@ def _group_batch_m_gr_indices(
         return []
     m_arr = np.broadcast_to(np.asarray(m, dtype=np.int64), (N,))
     gr_codes, table = _growth_codes(gr, N, method_name)
+    if len(table) <= _FEW_GROWTHS and 0 <= m_arr.min() and m_arr.max() <= _MAX_COUNTED_FREQUENCY:
+        # Few distinct keys: counted and masked, without sorting the batch.
+        keys = m_arr * len(table) + gr_codes
+        present = np.flatnonzero(np.bincount(keys))
+        return [
+            (key // len(table), table[key % len(table)], np.flatnonzero(keys == key).astype(np.int64))
+            for key in present.tolist()
+        ]
     m_values, m_codes = np.unique(m_arr, return_inverse=True)
     keys = m_codes.reshape(-1).astype(np.int64) * len(table) + gr_codes
     unique_keys, group_of = np.unique(keys, return_inverse=True)
