@@ -55,15 +55,6 @@ constexpr std::size_t kMaxBuckets = std::size_t{1} << 14;
 // Below this many durations per core a second thread costs more than it saves.
 constexpr std::size_t kMinChunkPerThread = std::size_t{1} << 16;
 
-// exp of a discount exponent, taking the library exp where the fast form is
-// out of its range (huge, tiny or NaN arguments).
-inline double exp_any(double x) { return exp_core_in_range(x) ? exp_core(x) : std::exp(x); }
-
-// The exp/log1p form goes wrong only where the power is special: 1 + r <= 0
-// (unvalidated curves) and a zero rate with an infinite or NaN duration
-// (1 ** x is 1). Those results come out NaN and are redone as pow.
-inline bool needs_pow(double v) { return v != v; }
-
 // out = scale * e^x over a block, exactly 1.0 for durations <= 0 when asked,
 // in one vectorised pass; returns whether any element needs the exact
 // fallback (exp out of its range, or a NaN from a special power). Cloned for
@@ -175,13 +166,6 @@ void PiecewiseTable::rates_at(std::span<const double> t, std::span<double> out) 
 }
 
 double PiecewiseTable::discount(double n) const { return n <= 0.0 ? 1.0 : discount_in(segment_of(n), n); }
-
-double PiecewiseTable::discount_in(std::size_t j, double n) const {
-    const Segment& seg = segments_[j];
-    double t = n - seg.start_t;
-    double v = seg.start_df * exp_any(-t * seg.log_q);
-    return needs_pow(v) ? seg.start_df * std::pow(seg.q, -t) : v;
-}
 
 void PiecewiseTable::discount(std::span<const double> n, std::span<double> out) const {
     parallel_for(n.size(), kMinChunkPerThread, [&](std::size_t begin, std::size_t end) {

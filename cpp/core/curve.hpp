@@ -1,6 +1,9 @@
 // Plain arithmetic on curve tables: no Python, spans of doubles in and out.
 #pragma once
 
+#include "core/fast_exp.hpp"
+
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -60,7 +63,12 @@ class PiecewiseTable {
     // Discount factors; durations <= 0 give exactly 1.0.
     double discount(double n) const;
     // The discount factor of a duration n > 0 known to lie in segment j.
-    double discount_in(std::size_t j, double n) const;
+    double discount_in(std::size_t j, double n) const {
+        const Segment& seg = segments_[j];
+        const double t = n - seg.start_t;
+        const double v = seg.start_df * exp_any(-t * seg.log_q);
+        return needs_pow(v) ? seg.start_df * std::pow(seg.q, -t) : v;
+    }
     void discount(std::span<const double> n, std::span<double> out) const;
 
   private:

@@ -45,4 +45,13 @@ inline double exp_core(double x) {
     return (1.0 + p) * scale;
 }
 
+// exp of a discount exponent, taking the library exp where the fast form is
+// out of its range (huge, tiny or NaN arguments).
+inline double exp_any(double x) { return exp_core_in_range(x) ? exp_core(x) : std::exp(x); }
+
+// The exp/log1p form goes wrong only where the power is special: 1 + r <= 0
+// (unvalidated curves) and a zero rate with an infinite or NaN duration
+// (1 ** x is 1). Those results come out NaN and are redone as pow.
+inline bool needs_pow(double v) { return v != v; }
+
 }  // namespace norvane::core
