@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <optional>
 #include <thread>
@@ -47,6 +49,8 @@ class PrefixSums {
         }
     }
     double between(std::size_t a, std::size_t b) const { return (hi_[b] - hi_[a]) + (lo_[b] - lo_[a]); }
+    const double* sums() const { return hi_.data(); }
+    const double* compensations() const { return lo_.data(); }
     // The size the difference's rounding error is relative to: the
     // difference itself, plus the sums' own last bits.
     double magnitude(std::size_t a, std::size_t b) const {
@@ -150,7 +154,7 @@ class PaymentGrid {
     std::size_t points() const { return discount_.size(); }
     std::size_t m() const { return m_; }
     double discount(std::size_t i) const { return discount_[i]; }
-    double accumulation(std::size_t i) const { return accumulation_[i]; }  // 1 / v
+    const double* accumulations() const { return accumulation_.data(); }  // 1 / v
     // sum_{k0 <= k < k1} factor(k / m) x[i0 + k]: discount factors (discrete
     // modes) or the integrals over the grid's steps (continuous precision).
     Estimate payments(std::size_t i0, std::size_t k0, std::size_t k1) const { return payments_->sum(i0, k0, k1); }
@@ -278,27 +282,113 @@ std::optional<Estimate> value_from_sums(const Payments& payments, const Piecewis
 
 namespace {
 
-// The last time any policy of the book pays, from time 0. Refuses a book
-// with a term that is not countable.
-double book_span(std::span<const double> n, std::span<const double> d, const PolicyTerms& terms) {
+constexpr double kInf = std::numeric_limits<double>::infinity();
+
+bool finite_nonnegative(double x) { return x >= 0.0 && x < kInf; }
+
+constexpr std::size_t kBlock = 256;  // policies valued together
+
+// One input of a book: a value per policy, or one value for every policy.
+class Column {
+  public:
+    Column(std::span<const double> values, std::size_t size)
+        : values_(values), repeated_(values.size() == 1 && size != 1) {
+        if (repeated_) block_.fill(values[0]);
+    }
+    double operator[](std::size_t i) const { return values_[repeated_ ? 0 : i]; }
+    // The values of policies i, i + 1, ... (at most kBlock of them).
+    const double* block(std::size_t i) const { return repeated_ ? block_.data() : values_.data() + i; }
+
+  private:
+    std::span<const double> values_;
+    bool repeated_;
+    std::array<double, kBlock> block_{};
+};
+
+constexpr double kUnitBenefit[] = {1.0};
+
+// A book's inputs; without benefits, each policy's is 1.
+struct Book {
+    Book(std::span<const double> n_, std::span<const double> d_, std::span<const double> ts_,
+         std::span<const double> benefits_, std::size_t size_)
+        : size(size_),
+          n(n_, size_),
+          d(d_, size_),
+          ts(ts_, size_),
+          benefits(benefits_.empty() ? std::span<const double>(kUnitBenefit) : benefits_, size_) {}
+    std::size_t size;
+    Column n, d, ts, benefits;
+};
+
+// Whether policy i can be valued: a term >= 0 (infinite: a perpetuity)
+// whose payments can be counted, and a deferment, valuation time and benefit
+// that are finite and >= 0.
+bool policy_in_range(const Book& book, std::size_t i, const PolicyTerms& terms) {
+    const double n = book.n[i], term = n < kInf ? n : terms.perpetuity_n_eff;
+    return n >= 0.0 && countable(term, terms.m) && finite_nonnegative(book.d[i]) && finite_nonnegative(book.ts[i]) &&
+           finite_nonnegative(book.benefits[i]);
+}
+
+// The latest d + n of a chunk of a book (the perpetuity's horizon for an
+// infinite n), and whether its terms and deferments are in range
+// (policy_in_range). Without branches, so that it vectorises; cloned for
+// AVX-512 and AVX2.
+struct ChunkSpan {
+    double span;
+    bool in_range;
+};
+__attribute__((target_clones("avx512f", "avx2", "default"))) ChunkSpan chunk_span(const double* __restrict n,
+                                                                                  const double* __restrict d,
+                                                                                  std::size_t len, double m,
+                                                                                  double perpetuity) {
+    double span = 0.0;
+    unsigned out_of_range = 0;
+    // The order of the maxima is free: a NaN among them is refused anyway.
+#pragma omp simd reduction(max : span) reduction(| : out_of_range)
+    for (std::size_t i = 0; i < len; ++i) {
+        const double term = n[i] < kInf ? n[i] : perpetuity;
+        out_of_range |=
+            static_cast<unsigned>(!(n[i] >= 0.0) | !(term * m < kMaxPayments) | !(d[i] >= 0.0) | !(d[i] < kInf));
+        span = span > d[i] + term ? span : d[i] + term;
+    }
+    return {span, out_of_range == 0};
+}
+
+// Whether every value of x is finite and >= 0; vectorised as above.
+__attribute__((target_clones("avx512f", "avx2", "default"))) bool all_finite_nonnegative(const double* __restrict x,
+                                                                                         std::size_t len) {
+    unsigned out_of_range = 0;
+    for (std::size_t i = 0; i < len; ++i) out_of_range |= static_cast<unsigned>(!(x[i] >= 0.0) | !(x[i] < kInf));
+    return out_of_range == 0;
+}
+
+[[noreturn]] void refuse_book(const Book& book, const PolicyTerms& terms) {
+    std::size_t i = 0;
+    while (policy_in_range(book, i, terms)) ++i;
+    throw InvalidPolicy(i);
+}
+
+// The last time any policy of the book pays, from time 0. Refuses
+// (InvalidPolicy) a book with a term or deferment out of range; the pass
+// only notes that one is, and the first is looked for afterwards. Valuation
+// times and benefits are checked block by block as they are valued.
+double book_span(const Book& book, const PolicyTerms& terms) {
     require_countable(terms.perpetuity_n_eff, terms.m);
     std::vector<double> spans(std::max(1u, std::thread::hardware_concurrency()), 0.0);
-    std::vector<std::size_t> uncountable(spans.size(), n.size());
+    std::vector<char> in_range(spans.size(), 1);
     std::atomic<std::size_t> next{0};
-    parallel_for(n.size(), std::size_t{1} << 16, [&](std::size_t begin, std::size_t end) {
-        double span = 0.0;
-        std::size_t first_bad = n.size();
-        for (std::size_t i = begin; i < end; ++i) {
-            const double term = std::isinf(n[i]) ? terms.perpetuity_n_eff : n[i];
-            if (!countable(term, terms.m) && first_bad == n.size()) first_bad = i;
-            span = std::max(span, d[i] + term);
+    parallel_for(book.size, std::size_t{1} << 16, [&](std::size_t begin, std::size_t end) {
+        ChunkSpan all{0.0, true};
+        for (std::size_t i = begin; i < end; i += kBlock) {
+            const ChunkSpan chunk = chunk_span(book.n.block(i), book.d.block(i), std::min(kBlock, end - i),
+                                               static_cast<double>(terms.m), terms.perpetuity_n_eff);
+            all = {std::max(all.span, chunk.span), all.in_range && chunk.in_range};
         }
         const std::size_t slot = next++;
-        spans[slot] = span;
-        uncountable[slot] = first_bad;
+        spans[slot] = all.span;
+        in_range[slot] = all.in_range;
     });
-    const std::size_t bad = *std::min_element(uncountable.begin(), uncountable.end());
-    if (bad < n.size()) require_countable(n[bad], terms.m);
+    if (std::find(in_range.begin(), in_range.end(), 0) != in_range.end()) refuse_book(book, terms);
     return *std::max_element(spans.begin(), spans.end());
 }
 
@@ -322,6 +412,94 @@ bool near_rounding_tie(double value, double error, double scale) {
     if (!std::isfinite(scaled)) return true;
     const double from_half = std::abs(scaled - std::floor(scaled) - 0.5);
     return from_half <= error * scale + 4.0 * kEpsilon * std::abs(scaled);
+}
+
+constexpr double kTwo52 = 4503599627370496.0;
+
+// What the vectorised pass over level payments in discrete precision reads:
+// the running sums of the grid's discount factors and their compensations,
+// 1 / v at the grid's points, and the book's terms.
+struct LevelGridView {
+    const double *sums = nullptr, *compensations = nullptr, *accumulations = nullptr;
+    double points = 0.0, m = 1.0, timing = 0.0, tolerance = 0.0, scale = 1.0;
+};
+
+// x as a 64-bit integer, for a whole number 0 <= x < 2^51: an addition and
+// a reinterpretation, which vectorise where a conversion may not.
+inline std::int64_t whole_index(double x) {
+    return std::bit_cast<std::int64_t>(x + kTwo52) - std::bit_cast<std::int64_t>(kTwo52);
+}
+
+// The grid points of a block of policies whose schedule is whole periods on
+// the grid, seen from a point of it: first and last payment (last
+// exclusive) and the valuation time, with on_grid 1; 0 everywhere for any
+// other policy. Without branches, so that it vectorises.
+__attribute__((target_clones("avx512f", "avx2", "default"))) void level_grid_points(
+    const LevelGridView& g, const double* __restrict n, const double* __restrict d, const double* __restrict ts,
+    std::int64_t* __restrict first, std::int64_t* __restrict last, std::int64_t* __restrict seen,
+    double* __restrict on_grid, std::size_t len) {
+    const double m = g.m, tolerance = g.tolerance, timing = g.timing, last_point = g.points - 1.0;
+    for (std::size_t i = 0; i < len; ++i) {
+        // term_at_valuation and payment_count, as in a single call.
+        const double elapsed = std::max(0.0, ts[i] - d[i]), deferment = std::max(0.0, d[i] - ts[i]);
+        const double term = std::max(0.0, n[i] - elapsed);
+        const double total = term * m, whole = std::floor(total);
+        // Both sides of each choice are computed, so that the choice is a blend.
+        const bool shift = ts[i] > tolerance;
+        const double shifted_start = ts[i] + deferment, shifted_at = ts[i] * m;
+        const double start = (shift ? shifted_start : deferment) * m, at = shift ? shifted_at : 0.0;
+        const double from = start + timing, to = from + whole;
+        // A sum of terms >= 0, each 0 exactly when its rule holds (NaN for a
+        // perpetuity): no pro-rata payment, start and valuation time on the
+        // grid, the last payment within it. Inputs are >= 0 (checked).
+        const double off_grid = std::max(total - whole - tolerance, 0.0) + (start - std::floor(start)) +
+                                (at - std::floor(at)) + std::max(to - last_point, 0.0);
+        const bool usable = off_grid == 0.0;
+        first[i] = whole_index(usable ? from : 0.0);
+        last[i] = whole_index(usable ? to : 0.0);
+        seen[i] = whole_index(usable ? at : 0.0);
+        on_grid[i] = usable ? 1.0 : 0.0;
+    }
+}
+
+// out[i] = the rounded unit value of policy i times benefits[i], from the
+// running sums at its first and last payment and 1 / v at its valuation
+// time; NaN off the grid, or within the value's error margin of a rounding
+// tie. Returns whether any is NaN. Vectorised as above (gathers included);
+// the IEEE operations are the same in every clone.
+__attribute__((target_clones("avx512f", "avx2", "default"))) bool level_grid_values(
+    const LevelGridView& g, const double* __restrict ts, const double* __restrict benefits,
+    const std::int64_t* __restrict first, const std::int64_t* __restrict last, const std::int64_t* __restrict seen,
+    const double* __restrict on_grid, double* __restrict out, std::size_t len) {
+    const double per_payment = 1.0 / g.m, tolerance = g.tolerance, scale = g.scale;
+    const double *sums = g.sums, *compensations = g.compensations, *accumulations = g.accumulations;
+    unsigned left = 0;
+    for (std::size_t i = 0; i < len; ++i) {
+        const double sum_a = sums[first[i]], sum_b = sums[last[i]];
+        const double value = ((sum_b - sum_a) + (compensations[last[i]] - compensations[first[i]])) * per_payment;
+        const double accumulation = accumulations[seen[i]], per_divisor = ts[i] > tolerance ? accumulation : 1.0;
+        const double magnitude = std::abs(sum_b - sum_a) + kEpsilon * (std::abs(sum_a) + std::abs(sum_b));
+        const double error = kTieMargin * (std::abs(value) + magnitude * per_payment) * per_divisor;
+        // near_rounding_tie and round_scaled, without their branches.
+        const double scaled = value * per_divisor * scale;
+        const double from_half = std::abs(scaled - std::floor(scaled) - 0.5);
+        const bool clear = (from_half > error * scale + 4.0 * kEpsilon * std::abs(scaled)) &
+                           (std::abs(scaled) < kTwo52) & (on_grid[i] != 0.0);
+        const double rounded = std::copysign((std::abs(scaled) + kTwo52) - kTwo52, scaled) / scale;
+        out[i] = clear ? rounded * benefits[i] : std::numeric_limits<double>::quiet_NaN();
+        left |= static_cast<unsigned>(!clear);
+    }
+    return left != 0;
+}
+
+// The policies of a block valued as level payments in discrete precision on
+// the grid; returns whether any is left NaN for the general route.
+bool level_grid_block(const LevelGridView& g, const double* n, const double* d, const double* ts,
+                      const double* benefits, double* out, std::size_t len) {
+    std::array<std::int64_t, kBlock> first, last, seen;
+    std::array<double, kBlock> on_grid;
+    level_grid_points(g, n, d, ts, first.data(), last.data(), seen.data(), on_grid.data(), len);
+    return level_grid_values(g, ts, benefits, first.data(), last.data(), seen.data(), on_grid.data(), out, len);
 }
 
 // What a thread recomputed last on shifted curves: the curves of the last
@@ -367,44 +545,40 @@ class BookValuer {
           per_year_(table_, 1),
           scale_(std::pow(10.0, terms.decimals)),
           per_payment_(1.0 / static_cast<double>(terms.m)),
-          level_precision_(grid_ && terms.growth.kind == Growth::Level && terms.mode == Mode::DiscretePrecision) {}
+          level_precision_(grid_ && terms.growth.kind == Growth::Level && terms.mode == Mode::DiscretePrecision) {
+        if (level_precision_)
+            grid_view_ = {grid_->level_payments().sums(),
+                          grid_->level_payments().compensations(),
+                          grid_->accumulations(),
+                          static_cast<double>(grid_->points()),
+                          static_cast<double>(terms.m),
+                          static_cast<double>(terms.timing),
+                          terms.tolerance_eps,
+                          scale_};
+    }
+
+    // The values of a block of at most kBlock policies (times their
+    // benefits): the common case in the vectorised pass, the
+    // policies it leaves one by one.
+    void value_block(const double* n, const double* d, const double* ts, const double* benefits, double* out,
+                     std::size_t len, RecentExact& recent) const {
+        if (level_precision_) {
+            if (!level_grid_block(grid_view_, n, d, ts, benefits, out, len)) return;
+        } else {
+            std::fill(out, out + len, std::numeric_limits<double>::quiet_NaN());
+        }
+        for (std::size_t i = 0; i < len; ++i)
+            if (std::isnan(out[i])) out[i] = unit_value(n[i], d[i], ts[i], recent) * benefits[i];
+    }
+
+  private:
+    double rounded(double value) const { return round_scaled(value, scale_); }
 
     // The rounded unit value of one policy, equal to the value on the curve
     // shifted to ts. Policies on the grid, and off it the closed form on the
     // unshifted curve divided by v(ts), agree with that value to a few
     // epsilon; where that could change the rounded digit, it is computed.
     double unit_value(double n, double d, double ts, RecentExact& recent) const {
-        if (level_precision_) {
-            if (auto unit = grid_unit_value(n, d, ts)) return *unit;
-        }
-        return any_unit_value(n, d, ts, recent);
-    }
-
-  private:
-    double rounded(double value) const { return round_scaled(value, scale_); }
-
-    // The common case in one step: level payments on the grid, no pro-rata
-    // one, seen from a time on the grid; nothing otherwise, or near a tie.
-    std::optional<double> grid_unit_value(double n, double d, double ts) const {
-        if (std::isinf(n)) return std::nullopt;
-        const TermAtValuation at = term_at_valuation(n, d, ts);
-        if (at.term == 0.0) return 0.0;
-        const bool shift = is_shift(ts, terms_.tolerance_eps);
-        const double start = shift ? ts + at.deferment : at.deferment;
-        const PaymentCount count = payment_count(at.term, terms_.m, terms_.tolerance_eps);
-        if (count.fraction > terms_.tolerance_eps || !on_grid(start) || (shift && !on_grid(ts))) return std::nullopt;
-        const std::size_t first = grid_index(start) + static_cast<std::size_t>(terms_.timing);
-        const std::size_t last = first + count.size;
-        if (last >= grid_->points()) return std::nullopt;
-        const PrefixSums& sums = grid_->level_payments();
-        const double per_divisor = shift ? grid_->accumulation(grid_index(ts)) : 1.0;
-        const double value = sums.between(first, last) * per_payment_, unit = value * per_divisor;
-        const double error = kTieMargin * (std::abs(value) + sums.magnitude(first, last) * per_payment_) * per_divisor;
-        if (near_rounding_tie(unit, error, scale_)) return std::nullopt;
-        return round_scaled(unit, scale_);
-    }
-
-    [[gnu::noinline]] double any_unit_value(double n, double d, double ts, RecentExact& recent) const {
         const bool shift = is_shift(ts, terms_.tolerance_eps);
         const std::optional<Annuity> annuity = policy_annuity(n, d, ts, terms_);
         if (!annuity) return 0.0;
@@ -465,6 +639,7 @@ class BookValuer {
     LevelSeries per_period_, per_year_;  // off the grid, level payments
     double scale_, per_payment_;
     bool level_precision_;
+    LevelGridView grid_view_{};
 };
 
 }  // namespace
@@ -472,14 +647,22 @@ class BookValuer {
 void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::span<const double> d,
                       std::span<const double> ts, std::span<const double> benefits, const PolicyTerms& terms,
                       std::span<double> out) {
-    const BookValuer valuer(curve, terms, book_span(n, d, terms));
-    parallel_for(n.size(), std::size_t{1} << 14, [&](std::size_t begin, std::size_t end) {
+    const Book book(n, d, ts, benefits, out.size());
+    const BookValuer valuer(curve, terms, book_span(book, terms));
+    std::atomic<bool> in_range{true};
+    parallel_for(book.size, std::size_t{1} << 14, [&](std::size_t begin, std::size_t end) {
         RecentExact recent;
-        for (std::size_t i = begin; i < end; ++i) {
-            const double unit = valuer.unit_value(n[i], d[i], ts[i], recent);
-            out[i] = benefits.empty() ? unit : unit * benefits[i];
+        for (std::size_t i = begin; i < end; i += kBlock) {
+            const std::size_t len = std::min(kBlock, end - i);
+            const double *ts_block = book.ts.block(i), *benefits_block = book.benefits.block(i);
+            if (!all_finite_nonnegative(ts_block, len) || !all_finite_nonnegative(benefits_block, len)) {
+                in_range.store(false, std::memory_order_relaxed);
+                continue;
+            }
+            valuer.value_block(book.n.block(i), book.d.block(i), ts_block, benefits_block, out.data() + i, len, recent);
         }
     });
+    if (!in_range.load()) refuse_book(book, terms);
 }
 
 }  // namespace norvane::core

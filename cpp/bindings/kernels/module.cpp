@@ -227,19 +227,20 @@ NB_MODULE(_kernels, m) {
         [](InArray rates, InArray terms, InArray ends, InArray n, InArray d, InArray ts, nb::object benefits,
            std::size_t m_, int timing, const std::string& kind, double rate, const std::string& mode,
            double tolerance_eps, double perpetuity_n_eff, int decimals) {
-            if (n.shape(0) != d.shape(0) || n.shape(0) != ts.shape(0))
-                throw std::invalid_argument("n, d and ts must have one length");
+            const std::size_t count = std::max({n.shape(0), d.shape(0), ts.shape(0)});
+            const auto fits = [count](std::size_t size) { return size == count || size == 1; };
+            if (!fits(n.shape(0)) || !fits(d.shape(0)) || !fits(ts.shape(0)))
+                throw std::invalid_argument("n, d and ts must have one length (or length 1)");
             if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
             core::require_countable(perpetuity_n_eff, frequency_of(m_));
             InArray weights;
             if (!benefits.is_none()) {
                 weights = nb::cast<InArray>(benefits);
-                if (weights.shape(0) != n.shape(0)) throw std::invalid_argument("benefits must match n in length");
+                if (!fits(weights.shape(0))) throw std::invalid_argument("benefits must match n in length (or be 1)");
             }
             const core::CurveArrays curve = arrays_of(rates, terms, ends);
             const core::PolicyTerms p{
                 m_, timing, growth_of(kind, rate), mode_of(mode), tolerance_eps, perpetuity_n_eff, decimals};
-            const std::size_t count = n.shape(0);
             auto* out = new double[count ? count : 1];
             nb::capsule owner(out, [](void* ptr) noexcept { delete[] static_cast<double*>(ptr); });
             {
@@ -254,6 +255,8 @@ NB_MODULE(_kernels, m) {
         nb::arg("benefits").none(), nb::kw_only(), nb::arg("m"), nb::arg("timing"), nb::arg("growth_kind"),
         nb::arg("growth_rate"), nb::arg("mode"), nb::arg("tolerance_eps"), nb::arg("perpetuity_n_eff"),
         nb::arg("decimals"),
-        "Rounded present values of a portfolio (times the benefits), each equal to its single policy's value.");
+        "Rounded present values of a portfolio (times the benefits), each equal to its single policy's value; "
+        "n, d, ts and benefits of length 1 apply to every policy.");
+    nb::exception<core::InvalidPolicy>(m, "InvalidPolicy", PyExc_ValueError);
     register_life(m);
 }

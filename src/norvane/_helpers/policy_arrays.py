@@ -214,6 +214,18 @@ def _validate_benefits(benefits: Any, N: int, method_name: str) -> F64Array | No
         For more than one dimension, a sequence whose length is not N, or a value
         that is negative or not finite.
     """
+    arr = _benefits_array(benefits, N, method_name)
+    if arr is None:
+        return None
+    arr = arr.copy()
+    _check_benefit_values(arr, method_name)
+    return arr
+
+
+def _benefits_array(benefits: Any, N: int, method_name: str) -> F64Array | None:
+    """The benefits as a float64 array of length N (a scalar repeated), or
+    None; their types and shape checked as :func:`_validate_benefits` does,
+    their values not. The caller's array itself when it already fits."""
     if benefits is None:
         return None
     try:
@@ -223,20 +235,24 @@ def _validate_benefits(benefits: Any, N: int, method_name: str) -> F64Array | No
     if arr.ndim > 1:
         raise ValueError(_prefixed(method_name, "'benefits' must be one-dimensional."))
     if arr.ndim == 0:
-        arr = np.full(N, arr.item(), dtype=np.float64)
-    elif arr.shape[0] != N:
+        return np.broadcast_to(arr.reshape(1), (N,))  # a read-only view, no copy
+    if arr.shape[0] != N:
         raise ValueError(
             _prefixed(method_name, f"'benefits' must have one value per policy: expected {N}, got {arr.shape[0]}.")
         )
-    else:
-        arr = arr.copy()
+    return arr
+
+
+def _check_benefit_values(arr: F64Array | None, method_name: str) -> None:
+    """Raise on the first benefit that is negative or not finite."""
+    if arr is None:
+        return
     bad = ~(np.isfinite(arr) & (arr >= 0.0))
     if bad.any():
         i = _first_index(bad)
         raise ValueError(
             _prefixed(method_name, f"'benefits' must be finite and >= 0 at index {i}, got {float(arr[i])!r}.")
         )
-    return arr
 
 
 def _batch_param_invalid(arr: F64Array, min_val: float, allow_inf: bool) -> NDArray[np.bool_]:

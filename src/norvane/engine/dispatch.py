@@ -20,6 +20,7 @@ from typing import Any
 import numpy as np
 
 from .. import _kernels
+from .._helpers.policy_arrays import _benefits_array, _check_benefit_values
 from ..base import _NUMERIC_TYPES
 from ..helpers import (
     _EMPTY_F64,
@@ -40,7 +41,6 @@ from ..helpers import (
     _map_batch_n_none_to_inf,
     _prefixed,
     _resolve_batch_m,
-    _validate_benefits,
     _validate_on_error_batch_only,
     _validate_record_ids_batch_only,
     _validate_t_output,
@@ -266,6 +266,30 @@ def _overlong_terms(n_arr: np.ndarray, m: int | np.ndarray) -> np.ndarray:
         return np.isfinite(n_arr) & ~(n_arr * m < _MAX_PAYMENTS)
 
 
+def _check_policies(
+    n_arr: np.ndarray,
+    d_arr: np.ndarray,
+    ts_arr: np.ndarray,
+    benefits_arr: np.ndarray | None,
+    method_name: str,
+    m: int | np.ndarray | None = None,
+) -> None:
+    """Raise on the first policy out of range, in this order: benefits, n, d,
+    ts and (given m) payments that cannot be counted."""
+    _check_benefit_values(benefits_arr, method_name)
+    _check_batch_param(n_arr, "n", method_name, min_val=0.0, allow_inf=True)
+    _check_batch_param(d_arr, "d", method_name, min_val=0.0)
+    _check_batch_param(ts_arr, "ts", method_name, min_val=0.0)
+    if m is None:
+        return
+    overlong = _overlong_terms(n_arr, m)
+    if overlong.any():
+        i = int(np.argmax(overlong))
+        raise _too_many_payments(
+            method_name, float(n_arr[i]), int(np.broadcast_to(m, n_arr.shape[0])[i]), f" at index {i}"
+        )
+
+
 def _broadcast_policies(method_name: str, n: Any, d: Any, ts: Any) -> tuple[list[np.ndarray], int]:
     """n (None entries: perpetuities), d and ts as float64 arrays of one length N."""
     arrays = [_as_f64_safe(np.inf if n is None else _map_batch_n_none_to_inf(n)), _as_f64_safe(d), _as_f64_safe(ts)]
@@ -372,7 +396,7 @@ def annuity_batch_dispatch(
             _prefixed(method_name, "on_error='nan' is not supported with return_flows=True in batch mode.")
         )
     (n_arr, d_arr, ts_arr), size = _broadcast_policies(method_name, n, d, ts)
-    benefits_arr = _validate_benefits(benefits, size, method_name)
+    benefits_arr = _benefits_array(benefits, size, method_name)
     group_kw = {
         "cashflow_times": cashflow_times,
         "cashflow_amounts": cashflow_amounts,
@@ -380,35 +404,42 @@ def annuity_batch_dispatch(
         "method_name": method_name,
     }
     if nan_policy:
+        _check_benefit_values(benefits_arr, method_name)
         return _nan_policy_result(
             self, n_arr, d_arr, ts_arr, size, benefits_arr, record_ids, {**group_kw, "m": m, "gr": gr}
         )
-    _check_batch_param(n_arr, "n", method_name, min_val=0.0, allow_inf=True)
-    _check_batch_param(d_arr, "d", method_name, min_val=0.0)
-    _check_batch_param(ts_arr, "ts", method_name, min_val=0.0)
-    m_resolved = _resolve_batch_m(m, size, method_name)
-    overlong = _overlong_terms(n_arr, m_resolved)
-    if overlong.any():
-        i = int(np.argmax(overlong))
-        raise _too_many_payments(
-            method_name, float(n_arr[i]), int(np.broadcast_to(m_resolved, size)[i]), f" at index {i}"
-        )
+    policies = (n_arr, d_arr, ts_arr, benefits_arr, method_name)
+    try:
+        m_resolved = _resolve_batch_m(m, size, method_name)
+    except (TypeError, ValueError):
+        _check_policies(*policies)  # a policy out of range is reported first
+        raise
     decimals = self._config.decimals.annuities
     single_m = isinstance(m_resolved, int)
     if single_m and not _per_policy(gr):
-        return annuity_batch_financial(
-            self,
-            n_arr=n_arr,
-            d_arr=d_arr,
-            ts_arr=ts_arr,
-            m=m_resolved,
-            gr=gr,
-            decimals=decimals,
-            benefits_arr=benefits_arr,
-            return_flows=return_flows,
-            t_output=t_output,
+        financial_kw = {
+            "n_arr": n_arr,
+            "d_arr": d_arr,
+            "ts_arr": ts_arr,
+            "m": m_resolved,
+            "gr": gr,
+            "decimals": decimals,
+            "benefits_arr": benefits_arr,
+            "return_flows": return_flows,
+            "t_output": t_output,
             **group_kw,
-        )
+        }
+        if _native_portfolio(self.calculation_mode, cashflow_times, cashflow_amounts, return_flows):
+            # The kernel checks every policy in its own pass; the checks here
+            # only run to name the first fault, as they would have first.
+            try:
+                return annuity_batch_financial(self, **financial_kw)
+            except (TypeError, ValueError):
+                _check_policies(*policies, m_resolved)
+                raise
+        _check_policies(*policies, m_resolved)
+        return annuity_batch_financial(self, **financial_kw)
+    _check_policies(*policies, m_resolved)
     if not single_m and return_flows:
         raise ValueError(
             _prefixed(
@@ -465,6 +496,14 @@ def _native_portfolio(mode: str, cashflow_times: Any, cashflow_amounts: Any, ret
     )
 
 
+def _kernel_column(values: np.ndarray) -> np.ndarray:
+    """A book's column for the kernel: one value stands for a broadcast
+    one (the kernel repeats it), so that no copy of book size is made."""
+    if values.ndim == 1 and values.shape[0] > 1 and values.strides[0] == 0:
+        values = values[:1]
+    return np.ascontiguousarray(values, dtype=np.float64)
+
+
 def _native_values(
     self: Any,
     n_arr: np.ndarray,
@@ -484,15 +523,14 @@ def _native_values(
         rates, terms, ends = leaf._rates, leaf._terms, leaf._cum_terms
     kind, rate = ("level", 0.0) if gr is None else (gr.kind, float(gr.rate))
     meta = self._meta
-    contiguous = np.ascontiguousarray
     return _kernels.portfolio_values(
         rates,
         terms,
         ends,
-        contiguous(n_arr, dtype=np.float64),
-        contiguous(d_arr, dtype=np.float64),
-        contiguous(ts_arr, dtype=np.float64),
-        None if benefits_arr is None else contiguous(benefits_arr, dtype=np.float64),
+        _kernel_column(n_arr),
+        _kernel_column(d_arr),
+        _kernel_column(ts_arr),
+        None if benefits_arr is None else _kernel_column(benefits_arr),
         m=m,
         timing=payment_timing,
         growth_kind=kind,
