@@ -237,3 +237,27 @@ def test_a_replaced_engine_entry_is_used_by_single_and_portfolio_valuations(monk
     assert ir.ä(n=5) == 42.0
     assert list(ir.ä(n=[5.0, 6.0, 5.0])) == [42.0, 42.0, 42.0]
     assert calls == [5.0, 5.0, 6.0]  # one call per distinct policy
+
+
+DUE_10 = (1.0 - V**10) / (1.0 - V)  # ä(n=10), yearly
+
+
+@pytest.mark.parametrize(
+    ("change", "expected"),
+    [
+        (lambda c: setattr(c.decimals, "annuities", 3), round(DUE_10, 3)),
+        (lambda c: setattr(c, "decimals", {"annuities": 4}), round(DUE_10, 4)),
+        (lambda c: setattr(c, "calculation_mode", "continuous_precision"), (1.0 - V**10) / np.log(1.0 + I)),
+    ],
+)
+def test_a_plain_call_follows_settings_changed_after_the_last_one(ir, change, expected):
+    assert ir.ä(n=10) == pytest.approx(DUE_10, abs=TOL)
+    change(Config())
+    assert ir.ä(n=10) == pytest.approx(expected, abs=1e-12 if expected == round(expected, 4) else TOL)
+
+
+def test_a_plain_call_follows_force_integer_ts_set_after_the_last_one(ir):
+    assert ir.ä(n=10, ts=0.5) > 0.0
+    Config().force_integer_ts = True
+    with pytest.raises(ValueError, match="whole number of years"):
+        ir.ä(n=10, ts=0.5)

@@ -7,6 +7,7 @@ as plain attributes, which keeps reads on the extension's hot paths cheap.
 
 from __future__ import annotations
 
+import array
 from collections.abc import Iterator, Mapping
 from contextlib import contextmanager
 from typing import Any, TypeGuard
@@ -15,6 +16,15 @@ import numpy as np
 
 from .base import _NUMERIC_TYPES, Scalar
 from .engine.base import _CALCULATION_MODES, CalculationModeLiteral
+
+# Counts changes of any setting. Native code keeps what it derives from the
+# settings while the count stands, and reads it from this buffer directly.
+_CHANGES = array.array("Q", [0])
+
+
+def _changed() -> None:
+    _CHANGES[0] += 1
+
 
 __all__ = [
     "_ALLOWED_DAYS_PER_YEAR",
@@ -120,6 +130,7 @@ class Decimals:
         if name != "annuities":
             raise AttributeError(f"Decimals has no setting '{name}'")
         object.__setattr__(self, name, _checked_decimals(value))
+        _changed()
 
     def __repr__(self) -> str:
         return f"Decimals(annuities={self.annuities})"
@@ -209,6 +220,7 @@ class Config:
         else:
             raise AttributeError(f"Config has no setting '{name}'")
         object.__setattr__(self, name, value)
+        _changed()
 
     def __delattr__(self, name: str) -> None:
         raise AttributeError(f"Config settings cannot be deleted ('{name}')")

@@ -40,8 +40,39 @@ bool is_none_or_default(const AnnuityArgs& a) {
 }
 
 // The discount table of the curve seen from ts (the active scenario's).
-std::shared_ptr<const core::PiecewiseTable> shifted_table(nb::handle self_obj, InterestRate& self, double ts) {
+std::shared_ptr<const core::PiecewiseTable> shifted_table(nb::handle self_obj, InterestRate& self, double ts,
+                                                          double tolerance_eps) {
+    if (!core::is_shift(ts, tolerance_eps)) return valuation_table(active_curve(self));
     return valuation_table(active_curve(nb::cast<InterestRate&>(shifted_for_ts(self_obj, ts, self[TsShiftCache]))));
+}
+
+// The curve's settings for a plain call: the cached ones while they hold.
+const AnnuitySettings& annuity_settings(InterestRate& self) {
+    const Registry& py = registry();
+    const Meta& meta = meta_of(self);
+    AnnuitySettings& cached = self.annuity_settings;
+    const std::array<nb::handle, 5> key{self[Config], self[MetaData], meta.field[CalculationMode],
+                                        meta.field[ToleranceEps], meta.field[PerpetuityNEff]};
+    bool same = cached.config_changes == *py.config_changes;
+    for (std::size_t i = 0; i < key.size(); ++i) same = same && cached.key[i].is(key[i]);
+    if (same) return cached;
+    AnnuitySettings fresh;
+    for (std::size_t i = 0; i < key.size(); ++i) fresh.key[i] = nb::borrow(key[i]);
+    fresh.config_changes = *py.config_changes;
+    nb::object config = self[Config];
+    fresh.force_integer_ts = truthy(config.attr(py.name_force_integer_ts));
+    fresh.mode_name = config_backed(self, CalculationMode, py.name_calculation_mode);
+    fresh.mode = core::mode_named(nb::borrow<nb::str>(fresh.mode_name).c_str());
+    fresh.tolerance_eps = to_double(meta.field[ToleranceEps], "tolerance_eps");
+    fresh.perpetuity_n_eff = to_double(meta.field[PerpetuityNEff], "perpetuity_n_eff");
+    fresh.decimals = nb::cast<int>(config.attr(py.name_decimals).attr(py.name_annuities));
+    return cached = std::move(fresh);
+}
+
+// Whether the engine entry of a mode is the package's own (not replaced).
+bool own_entry(nb::handle mode_name) {
+    const Registry& py = registry();
+    return py.dispatch_table[mode_name].is(py.own_entries[mode_name]);
 }
 
 // A single certain annuity with plain numbers, level payments and no explicit
@@ -61,24 +92,20 @@ std::optional<double> plain_annuity_value(nb::handle self_obj, int timing, const
     if (!(std::isfinite(*d) && *d >= 0.0 && std::isfinite(*ts) && *ts >= 0.0) || !(*n >= 0.0) || !allowed_frequency(m))
         return std::nullopt;
     InterestRate& self = nb::cast<InterestRate&>(self_obj);
-    const Registry& py = registry();
-    nb::object config = self[Config];
-    if (truthy(config.attr(py.name_force_integer_ts)) && std::floor(*ts) != *ts) return std::nullopt;
-    nb::object mode_name = config_backed(self, CalculationMode, py.name_calculation_mode);
-    if (!py.dispatch_table[mode_name].is(py.own_entries[mode_name])) return std::nullopt;
-    const std::optional<core::Mode> mode = core::mode_named(nb::borrow<nb::str>(mode_name).c_str());
-    const Meta& meta = meta_of(self);
+    const AnnuitySettings& settings = annuity_settings(self);
+    if (settings.force_integer_ts && std::floor(*ts) != *ts) return std::nullopt;
+    if (!settings.mode || !own_entry(settings.mode_name)) return std::nullopt;
     core::PolicyTerms terms;
     terms.m = static_cast<std::size_t>(m);
     terms.timing = timing;
-    terms.tolerance_eps = to_double(meta.field[ToleranceEps], "tolerance_eps");
-    terms.perpetuity_n_eff = to_double(meta.field[PerpetuityNEff], "perpetuity_n_eff");
-    terms.decimals = nb::cast<int>(config.attr(py.name_decimals).attr(py.name_annuities));
-    if (!mode || !core::countable(std::isinf(*n) ? terms.perpetuity_n_eff : *n, terms.m)) return std::nullopt;
+    terms.tolerance_eps = settings.tolerance_eps;
+    terms.perpetuity_n_eff = settings.perpetuity_n_eff;
+    terms.decimals = settings.decimals;
+    if (!core::countable(std::isinf(*n) ? terms.perpetuity_n_eff : *n, terms.m)) return std::nullopt;
     const std::optional<core::Annuity> annuity = core::policy_annuity(*n, *d, *ts, terms);
     if (!annuity) return 0.0;
-    auto table = shifted_table(self_obj, self, *ts);
-    return core::round_like_numpy(core::annuity_value(*table, *annuity, *mode), terms.decimals);
+    const auto table = shifted_table(self_obj, self, *ts, terms.tolerance_eps);
+    return core::round_like_numpy(core::annuity_value(*table, *annuity, *settings.mode), terms.decimals);
 }
 
 nb::object annuity(nb::handle self, const char* method_name, int timing, const AnnuityArgs& a) {

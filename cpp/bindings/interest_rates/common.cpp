@@ -34,6 +34,12 @@ void init_registry(nb::module_& m) {
     nb::module_ engine = nb::module_::import_("norvane.engine.annuity");
     r->own_entries = engine.attr("_OWN_ENTRIES");
     r->annuity_public_route = nb::module_::import_("norvane.engine.dispatch").attr("annuity_public_route");
+    {
+        // The buffer stays exported (never released), so the array cannot move.
+        Py_buffer view;
+        checked(PyObject_GetBuffer(nb::module_::import_("norvane.config").attr("_CHANGES").ptr(), &view, PyBUF_SIMPLE));
+        r->config_changes = static_cast<const std::uint64_t*>(view.buf);
+    }
     for (nb::handle m_ : nb::module_::import_("norvane.base").attr("_ALLOWED_PAYMENT_FREQUENCIES"))
         r->allowed_frequencies.push_back(nb::cast<long>(m_));
     r->lock_type = nb::module_::import_("threading").attr("Lock");

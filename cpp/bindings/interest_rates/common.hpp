@@ -9,6 +9,7 @@
 #include <nanobind/stl/vector.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <span>
 #include <string>
 #include <vector>
@@ -30,6 +31,8 @@ struct Registry {
     nb::object config_cls, calendar_constant_allowed, allowed_days, allowed_weeks, calculation_modes;
     nb::object valid_term_units, dispatch_table, own_entries, annuity_public_route;
     std::vector<long> allowed_frequencies;
+    // The count of Config changes (norvane.config._CHANGES), read in place.
+    const std::uint64_t* config_changes = nullptr;
     // standard library
     nb::object lock_type, ordered_dict, deepcopy, datetime_now, json_dumps, json_loads, builtin_round;
     nb::object int_type, integer_types;  // int, and (int, numpy.integer)

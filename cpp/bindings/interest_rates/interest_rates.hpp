@@ -4,11 +4,14 @@
 
 #include "common.hpp"
 
+#include "core/annuity.hpp"
 #include "core/curve.hpp"
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace norvane::bindings {
@@ -38,6 +41,20 @@ enum Slot : std::size_t {
 };
 extern const std::array<const char*, SlotCount> kSlotNames;
 
+// What a plain single annuity call derives from a curve's settings (Config
+// and the metadata's overrides), kept while the objects it was read from are
+// the curve's and no Config setting has changed (they are held, so their
+// addresses are never reused).
+struct AnnuitySettings {
+    std::array<nb::object, 5> key;  // Config, metadata, its mode, tolerance and horizon
+    std::uint64_t config_changes = 0;
+    nb::object mode_name;
+    std::optional<core::Mode> mode;
+    bool force_integer_ts = false;
+    double tolerance_eps = 0.0, perpetuity_n_eff = 0.0;
+    int decimals = 0;
+};
+
 struct InterestRate {
     std::array<nb::object, SlotCount> slot;
     // Native mirror of the curve for the kernels (of the piecewise arrays, or
@@ -54,6 +71,7 @@ struct InterestRate {
     // Hash of a piecewise curve, valid while _terms and _rates are hash_key.
     Py_hash_t cached_hash = -1;
     std::array<nb::object, 2> hash_key;
+    AnnuitySettings annuity_settings;
 
     nb::object& operator[](Slot s) { return slot[s]; }
     const nb::object& operator[](Slot s) const { return slot[s]; }
