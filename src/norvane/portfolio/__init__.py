@@ -26,7 +26,6 @@ from typing import Any
 
 import numpy as np
 import pyarrow as pa
-from tqdm import tqdm
 
 from ..config import Config
 from ..mortality import MortalityTable
@@ -164,6 +163,8 @@ def valued_blocks(
     ``progress``: draw a bar on stderr (None: when stderr is a terminal). It counts records,
     or bytes of the file for CSV. ``tables``: see :func:`value_book`.
     """
+    from tqdm import tqdm  # here: its import costs a short run a noticeable share
+
     mode = mode or Config().calculation_mode
     known = book_tables(tables)
     first = 0
