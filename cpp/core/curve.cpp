@@ -4,8 +4,10 @@
 #include "core/parallel.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
+#include <mutex>
 
 namespace norvane::core {
 
@@ -107,9 +109,32 @@ void constant_discount_range(double rate, std::span<const double> n, std::span<d
 
 }  // namespace
 
+struct PiecewiseTable::SeriesCache {
+    static constexpr std::array<std::size_t, 11> kFrequencies{1, 2, 3, 4, 6, 12, 13, 24, 26, 52, 365};
+    std::array<std::once_flag, kFrequencies.size()> filled;
+    std::array<std::vector<double>, kFrequencies.size()> denominators;
+};
+
+const double* PiecewiseTable::series_denominators(std::size_t m) const {
+    const auto& known = SeriesCache::kFrequencies;
+    const std::size_t i = static_cast<std::size_t>(std::find(known.begin(), known.end(), m) - known.begin());
+    if (i == known.size()) return nullptr;
+    std::call_once(series_cache_->filled[i], [&] {
+        std::vector<double>& out = series_cache_->denominators[i];
+        for (const Segment& seg : segments_) {
+            const double log_ratio = -seg.log_q * (1.0 / static_cast<double>(m));
+            out.push_back(log_ratio == 0.0 ? 0.0 : 1.0 / std::expm1(log_ratio));
+        }
+    });
+    return series_cache_->denominators[i].data();
+}
+
 PiecewiseTable::PiecewiseTable(std::span<const double> rates, std::span<const double> ends,
                                std::span<const double> prefix)
-    : ends_(ends.begin(), ends.end()), rates_(rates.begin(), rates.end()), segments_(rates.size()) {
+    : ends_(ends.begin(), ends.end()),
+      rates_(rates.begin(), rates.end()),
+      segments_(rates.size()),
+      series_cache_(std::make_shared<SeriesCache>()) {
     const bool have_prefix = prefix.size() == ends.size();
     for (std::size_t j = 0; j < rates.size(); ++j) {
         Segment& seg = segments_[j];

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <span>
 #include <vector>
@@ -70,8 +71,15 @@ class PiecewiseTable {
         return needs_pow(v) ? seg.start_df * std::pow(seg.q, -t) : v;
     }
     void discount(std::span<const double> n, std::span<double> out) const;
+    // 1 / (e^(-log(1 + r_j) / m) - 1) of every segment j (0 where the
+    // exponent is 0): the reciprocal denominators of level series at m
+    // payments a year. Worked out on first use for the usual frequencies
+    // (safely across threads, and shared by the table's copies); none for
+    // another m.
+    const double* series_denominators(std::size_t m) const;
 
   private:
+    struct SeriesCache;
     // What the kernel needs of segment j, in one cache line.
     struct Segment {
         double start_t;   // start of the segment
@@ -99,6 +107,7 @@ class PiecewiseTable {
     std::vector<Bucket> buckets_;
     double bucket_scale_ = 0.0;
     bool one_step_ = true;
+    std::shared_ptr<SeriesCache> series_cache_;
 };
 
 // Constant curve: (1 + rate)^-n for every n (negative n accumulates),

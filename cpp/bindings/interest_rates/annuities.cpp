@@ -66,12 +66,22 @@ const AnnuitySettings& annuity_settings(InterestRate& self) {
     fresh.tolerance_eps = to_double(meta.field[ToleranceEps], "tolerance_eps");
     fresh.perpetuity_n_eff = to_double(meta.field[PerpetuityNEff], "perpetuity_n_eff");
     fresh.decimals = nb::cast<int>(config.attr(py.name_decimals).attr(py.name_annuities));
+    fresh.scale = std::pow(10.0, fresh.decimals);
     return cached = std::move(fresh);
 }
 
 // Whether the engine entry of a mode is the package's own (not replaced).
 bool own_entry(nb::handle mode_name) {
     const Registry& py = registry();
+    if (PyDict_CheckExact(py.dispatch_table.ptr()) && PyDict_CheckExact(py.own_entries.ptr())) {
+        // Borrowed lookups, no temporaries: this runs on every plain call.
+        PyObject* entry = PyDict_GetItemWithError(py.dispatch_table.ptr(), mode_name.ptr());
+        if (!entry) {
+            if (PyErr_Occurred()) throw nb::python_error();
+            return false;
+        }
+        return entry == PyDict_GetItemWithError(py.own_entries.ptr(), mode_name.ptr());
+    }
     return py.dispatch_table[mode_name].is(py.own_entries[mode_name]);
 }
 
@@ -105,7 +115,7 @@ std::optional<double> plain_annuity_value(nb::handle self_obj, int timing, const
     const std::optional<core::Annuity> annuity = core::policy_annuity(*n, *d, *ts, terms);
     if (!annuity) return 0.0;
     const auto table = shifted_table(self_obj, self, *ts, terms.tolerance_eps);
-    return core::round_like_numpy(core::annuity_value(*table, *annuity, *settings.mode), terms.decimals);
+    return core::round_scaled(core::annuity_value(*table, *annuity, *settings.mode), settings.scale);
 }
 
 nb::object annuity(nb::handle self, const char* method_name, int timing, const AnnuityArgs& a) {

@@ -53,6 +53,7 @@ struct AnnuitySettings {
     bool force_integer_ts = false;
     double tolerance_eps = 0.0, perpetuity_n_eff = 0.0;
     int decimals = 0;
+    double scale = 1.0;  // 10^decimals
 };
 
 struct InterestRate {
