@@ -60,7 +60,7 @@ double regular_sum(const PiecewiseTable& curve, const Schedule& s) {
         const double t = s.time(k);
         const std::size_t j = curve.segment_of(t);
         const double delta = curve.log_base(j);
-        const double v = t <= 0.0 ? 1.0 : curve.discount_in(j, t);
+        const double v = t <= 0.0 ? 1.0 : curve.discount_in_near(j, t);
         const std::size_t in_segment = payments_until(s, k, end, curve.segment_end(j));
         if (per_denominator) {
             // Level amounts (each 1/m): the whole run inside the segment is one series.

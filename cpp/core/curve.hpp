@@ -71,6 +71,14 @@ class PiecewiseTable {
         return needs_pow(v) ? seg.start_df * std::pow(seg.q, -t) : v;
     }
     void discount(std::span<const double> n, std::span<double> out) const;
+    // discount_in within an ulp or two, faster where the duration lies near
+    // the segment's start (a small exponent): for sums of many such factors
+    // that carry their own error bound.
+    double discount_in_near(std::size_t j, double n) const {
+        const Segment& seg = segments_[j];
+        const double x = -(n - seg.start_t) * seg.log_q;
+        return std::abs(x) <= kSmallExponent ? seg.start_df + seg.start_df * expm1_small(x) : discount_in(j, n);
+    }
     // 1 / (e^(-log(1 + r_j) / m) - 1) of every segment j (0 where the
     // exponent is 0): the reciprocal denominators of level series at m
     // payments a year. Worked out on first use for the usual frequencies

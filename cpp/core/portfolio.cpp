@@ -202,7 +202,7 @@ class LevelSeries {
             const double value = known >= 0.0 && known < static_cast<double>(seg.whole_series.size())
                                      ? seg.whole_series[static_cast<std::size_t>(known)]
                                      : series(seg, payments);
-            total += table_.discount_in(j, t0 + static_cast<double>(k) * per_m_) * value;
+            total += table_.discount_in_near(j, t0 + static_cast<double>(k) * per_m_) * value;
             k = after;
         }
         return {total, std::abs(total)};
