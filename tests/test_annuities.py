@@ -1,5 +1,7 @@
 """Single-annuity valuation: closed forms, argument handling, cash flows."""
 
+import re
+
 import numpy as np
 import pytest
 from reference import discount
@@ -261,3 +263,26 @@ def test_a_plain_call_follows_force_integer_ts_set_after_the_last_one(ir):
     Config().force_integer_ts = True
     with pytest.raises(ValueError, match="whole number of years"):
         ir.ä(n=10, ts=0.5)
+
+
+@pytest.mark.parametrize(
+    ("call", "message"),
+    [
+        (lambda ir: ir.a(5), "InterestRate.a() takes 1 positional argument but 2 were given"),
+        (lambda ir: ir.ä(cashflow_times=[1.0]), "InterestRate.ä() got an unexpected keyword argument 'cashflow_times'"),
+        (lambda ir: ir.a(**{"term": 5}), "InterestRate.a() got an unexpected keyword argument 'term'"),
+        (lambda ir: InterestRate.ä(object(), n=5), "descriptor 'ä' for 'InterestRate' objects doesn't apply"),
+    ],
+)
+def test_annuity_calls_get_the_usual_type_errors(ir, call, message):
+    with pytest.raises(TypeError, match=re.escape(message)):
+        call(ir)
+
+
+def test_annuity_signatures_list_the_keywords_in_order():
+    import inspect
+
+    names = list(inspect.signature(InterestRate.a).parameters)
+    assert names == ["self", "ts", "d", "n", "m", "gr", "cashflow_times", "cashflow_amounts", "benefits",
+                     "return_flows", "t_output", "on_error", "record_ids"]  # fmt: skip
+    assert list(inspect.signature(InterestRate.ä).parameters) == [p for p in names if p != "cashflow_times"]

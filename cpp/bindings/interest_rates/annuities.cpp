@@ -11,7 +11,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <optional>
+#include <stdexcept>
+#include <string>
 
 namespace norvane::bindings {
 
@@ -199,6 +202,124 @@ std::string annuity_doc(const char* kind, const char* when, bool with_times) {
     return text;
 }
 
+// ---- the methods' calls ------------------------------------------------------------
+// a and ä are plain vectorcall methods: their keywords are matched by pointer
+// (names interned once), which costs a fraction of a general binding's call,
+// and a wrong call gets the interpreter's usual TypeError.
+
+// The keywords of a, in their declared order; ä has all but cashflow_times.
+enum Keyword : std::size_t {
+    Ts,
+    D,
+    N,
+    M,
+    Gr,
+    CashflowTimes,
+    CashflowAmounts,
+    Benefits,
+    ReturnFlows,
+    TOutput,
+    OnError,
+    RecordIds,
+    KeywordCount
+};
+constexpr std::array<const char*, KeywordCount> kKeywordNames{
+    "ts",           "d",        "n",        "m",         "gr", "cashflow_times", "cashflow_amounts", "benefits",
+    "return_flows", "t_output", "on_error", "record_ids"};
+
+struct Keywords {
+    std::array<nb::object, KeywordCount> name, default_value;
+};
+
+const Keywords& keywords() {
+    static const Keywords* known = [] {
+        auto* k = new Keywords();  // leaked, as the registry: it outlives every call
+        for (std::size_t i = 0; i < KeywordCount; ++i)
+            k->name[i] = checked(PyUnicode_InternFromString(kKeywordNames[i]));
+        k->default_value = {nb::float_(0.0),  nb::float_(0.0), nb::none(),       nb::int_(1),
+                            nb::none(),       nb::none(),      nb::none(),       nb::none(),
+                            nb::bool_(false), nb::none(),      nb::str("raise"), nb::none()};
+        return k;
+    }();
+    return *known;
+}
+
+// The position of keyword `key` (any str object), KeywordCount if unknown.
+std::size_t keyword_index(PyObject* key) {
+    const Keywords& k = keywords();
+    for (std::size_t i = 0; i < KeywordCount; ++i)
+        if (k.name[i].ptr() == key) return i;
+    for (std::size_t i = 0; i < KeywordCount; ++i) {
+        const int same = PyUnicode_Compare(k.name[i].ptr(), key);
+        if (same == 0) return i;
+        if (same == -1 && PyErr_Occurred()) throw nb::python_error();
+    }
+    return KeywordCount;
+}
+
+// The current C++ exception as a Python one, as a general binding translates it.
+void restore_as_python_error() {
+    try {
+        throw;
+    } catch (nb::python_error& e) {
+        e.restore();
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+    } catch (const std::invalid_argument& e) {
+        PyErr_SetString(PyExc_ValueError, e.what());
+    } catch (const std::exception& e) {
+        PyErr_SetString(PyExc_RuntimeError, e.what());
+    }
+}
+
+template <int Timing>
+PyObject* annuity_call(PyObject* self, PyObject* const* args, Py_ssize_t positional, PyObject* kwnames) {
+    constexpr bool immediate = Timing == 1;
+    const char* qualname = immediate ? "InterestRate.a" : "InterestRate.\u00e4";
+    try {
+        if (positional != 0) {
+            PyErr_Format(PyExc_TypeError, "%s() takes 1 positional argument but %zd were given", qualname,
+                         positional + 1);
+            return nullptr;
+        }
+        const Keywords& k = keywords();
+        std::array<nb::handle, KeywordCount> given;
+        for (std::size_t i = 0; i < KeywordCount; ++i) given[i] = k.default_value[i];
+        const Py_ssize_t count = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
+        for (Py_ssize_t i = 0; i < count; ++i) {
+            PyObject* key = PyTuple_GET_ITEM(kwnames, i);
+            const std::size_t at = keyword_index(key);
+            if (at == KeywordCount || (!immediate && at == CashflowTimes)) {
+                PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", qualname, key);
+                return nullptr;
+            }
+            given[at] = args[i];
+        }
+        return annuity(
+                   self, qualname, Timing,
+                   {given[Ts], given[D], given[N], given[M], given[Gr], given[CashflowTimes], given[CashflowAmounts],
+                    given[Benefits], given[ReturnFlows], given[TOutput], given[OnError], given[RecordIds]})
+            .release()
+            .ptr();
+    } catch (...) {
+        restore_as_python_error();
+        return nullptr;
+    }
+}
+
+using FastCall = PyObject* (*)(PyObject*, PyObject* const*, Py_ssize_t, PyObject*);
+
+// A method of the curve class calling `call`, documented with its signature
+// first (which introspection reads).
+void add_method(CurveClass& cls, const char* name, FastCall call, const std::string& signature,
+                const std::string& doc) {
+    // Leaked on purpose: the method definition and its text must outlive the class.
+    const auto* text = new std::string(signature + "\n--\n\n" + doc);
+    auto* def = new PyMethodDef{name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(call)),
+                                METH_FASTCALL | METH_KEYWORDS, text->c_str()};
+    cls.attr(name) = checked(PyDescr_NewMethod(reinterpret_cast<PyTypeObject*>(cls.ptr()), def));
+}
+
 }  // namespace
 
 void register_annuities(nb::module_& m, CurveClass& cls) {
@@ -209,36 +330,14 @@ void register_annuities(nb::module_& m, CurveClass& cls) {
     cls.attr("_annuity_batch_dispatch") = dispatch.attr("annuity_batch_dispatch");
     cls.attr("_annuity_batch_financial") = dispatch.attr("annuity_batch_financial");
 
-    static const std::string immediate_doc = annuity_doc("immediate", "end", true);
-    static const std::string due_doc = annuity_doc("due", "start", false);
-    cls.def(
-        "a",
-        [](nb::handle self, nb::handle ts, nb::handle d, nb::handle n, nb::handle m_, nb::handle gr,
-           nb::handle cashflow_times, nb::handle cashflow_amounts, nb::handle benefits, nb::handle return_flows,
-           nb::handle t_output, nb::handle on_error, nb::handle record_ids) {
-            return annuity(self, "InterestRate.a", 1,
-                           {ts, d, n, m_, gr, cashflow_times, cashflow_amounts, benefits, return_flows, t_output,
-                            on_error, record_ids});
-        },
-        nb::kw_only(), nb::arg("ts").none() = 0.0, nb::arg("d").none() = 0.0, nb::arg("n").none() = nb::none(),
-        nb::arg("m").none() = 1, nb::arg("gr").none() = nb::none(), nb::arg("cashflow_times").none() = nb::none(),
-        nb::arg("cashflow_amounts").none() = nb::none(), nb::arg("benefits").none() = nb::none(),
-        nb::arg("return_flows").none() = false, nb::arg("t_output").none() = nb::none(),
-        nb::arg("on_error").none() = "raise", nb::arg("record_ids").none() = nb::none(), immediate_doc.c_str());
-    cls.def(
-        "\u00e4",
-        [](nb::handle self, nb::handle ts, nb::handle d, nb::handle n, nb::handle m_, nb::handle gr,
-           nb::handle cashflow_amounts, nb::handle benefits, nb::handle return_flows, nb::handle t_output,
-           nb::handle on_error, nb::handle record_ids) {
-            return annuity(self, "InterestRate.\u00e4", 0,
-                           {ts, d, n, m_, gr, nb::none(), cashflow_amounts, benefits, return_flows, t_output, on_error,
-                            record_ids});
-        },
-        nb::kw_only(), nb::arg("ts").none() = 0.0, nb::arg("d").none() = 0.0, nb::arg("n").none() = nb::none(),
-        nb::arg("m").none() = 1, nb::arg("gr").none() = nb::none(), nb::arg("cashflow_amounts").none() = nb::none(),
-        nb::arg("benefits").none() = nb::none(), nb::arg("return_flows").none() = false,
-        nb::arg("t_output").none() = nb::none(), nb::arg("on_error").none() = "raise",
-        nb::arg("record_ids").none() = nb::none(), due_doc.c_str());
+    const std::string common = "ts=0.0, d=0.0, n=None, m=1, gr=None, ";
+    const std::string rest =
+        "cashflow_amounts=None, benefits=None, return_flows=False, t_output=None, "
+        "on_error='raise', record_ids=None)";
+    add_method(cls, "a", &annuity_call<1>, "a($self, /, *, " + common + "cashflow_times=None, " + rest,
+               annuity_doc("immediate", "end", true));
+    add_method(cls, "\u00e4", &annuity_call<0>, "\u00e4($self, /, *, " + common + rest,
+               annuity_doc("due", "start", false));
 }
 
 }  // namespace norvane::bindings
