@@ -53,7 +53,7 @@ double regular_sum(const PiecewiseTable& curve, const Schedule& s) {
     const std::size_t m = s.m;
     const double per_payment_log = 1.0 / static_cast<double>(m);
     const std::size_t end = s.first + s.count;
-    const double* per_denominator = s.growth.kind == Growth::Level ? curve.series_denominators(m) : nullptr;
+    const auto runs = s.growth.kind == Growth::Level ? curve.level_runs(m) : nullptr;
     double pv = 0.0;
     std::size_t k = s.first;
     while (k < end) {
@@ -62,13 +62,9 @@ double regular_sum(const PiecewiseTable& curve, const Schedule& s) {
         const double delta = curve.log_base(j);
         const double v = t <= 0.0 ? 1.0 : curve.discount_in_near(j, t);
         const std::size_t in_segment = payments_until(s, k, end, curve.segment_end(j));
-        if (per_denominator) {
+        if (runs) {
             // Level amounts (each 1/m): the whole run inside the segment is one series.
-            const double log_ratio = -delta * per_payment_log, count = static_cast<double>(in_segment);
-            const double series = in_segment == 1    ? 1.0
-                                  : log_ratio == 0.0 ? count
-                                                     : std::expm1(log_ratio * count) * per_denominator[j];
-            pv += per_payment_log * v * series;
+            pv += per_payment_log * v * runs->sum(j, in_segment);
             k += in_segment;
             continue;
         }

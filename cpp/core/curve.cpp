@@ -112,21 +112,29 @@ void constant_discount_range(double rate, std::span<const double> n, std::span<d
 struct PiecewiseTable::SeriesCache {
     static constexpr std::array<std::size_t, 11> kFrequencies{1, 2, 3, 4, 6, 12, 13, 24, 26, 52, 365};
     std::array<std::once_flag, kFrequencies.size()> filled;
-    std::array<std::vector<double>, kFrequencies.size()> denominators;
+    std::array<std::shared_ptr<const LevelRuns>, kFrequencies.size()> runs;
 };
 
-const double* PiecewiseTable::series_denominators(std::size_t m) const {
+std::shared_ptr<const LevelRuns> PiecewiseTable::level_runs(std::size_t m) const {
     const auto& known = SeriesCache::kFrequencies;
     const std::size_t i = static_cast<std::size_t>(std::find(known.begin(), known.end(), m) - known.begin());
-    if (i == known.size()) return nullptr;
-    std::call_once(series_cache_->filled[i], [&] {
-        std::vector<double>& out = series_cache_->denominators[i];
-        for (const Segment& seg : segments_) {
-            const double log_ratio = -seg.log_q * (1.0 / static_cast<double>(m));
-            out.push_back(log_ratio == 0.0 ? 0.0 : 1.0 / std::expm1(log_ratio));
-        }
-    });
-    return series_cache_->denominators[i].data();
+    if (i == known.size()) return std::make_shared<const LevelRuns>(*this, m);
+    std::call_once(series_cache_->filled[i],
+                   [&] { series_cache_->runs[i] = std::make_shared<const LevelRuns>(*this, m); });
+    return series_cache_->runs[i];
+}
+
+LevelRuns::LevelRuns(const PiecewiseTable& table, std::size_t m) {
+    const double per_m = 1.0 / static_cast<double>(m);
+    for (std::size_t j = 0; j < table.segment_count(); ++j) {
+        Segment seg{};
+        seg.log_ratio = -table.log_base(j) * per_m;
+        seg.per_denominator = seg.log_ratio == 0.0 ? 0.0 : 1.0 / std::expm1(seg.log_ratio);
+        const double start = j == 0 ? 0.0 : table.segment_end(j - 1);
+        seg.fewest = std::max(0.0, std::floor((table.segment_end(j) - start) * static_cast<double>(m)) - 1.0);
+        for (std::size_t k = 0; k < seg.whole.size(); ++k) seg.whole[k] = run(seg, seg.fewest + static_cast<double>(k));
+        segments_.push_back(seg);
+    }
 }
 
 PiecewiseTable::PiecewiseTable(std::span<const double> rates, std::span<const double> ends,

@@ -3,6 +3,7 @@
 
 #include "core/fast_exp.hpp"
 
+#include <array>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -35,6 +36,8 @@ std::optional<std::size_t> first_at_or_below(std::span<const double> values, dou
 }  // namespace norvane::core
 
 namespace norvane::core {
+
+class LevelRuns;
 
 // A piecewise curve prepared for discounting: v(n) for n > 0 is
 // start_df[j] * (1 + r_j)^-(n - start_t[j]) where j is the segment holding n
@@ -79,12 +82,10 @@ class PiecewiseTable {
         const double x = -(n - seg.start_t) * seg.log_q;
         return std::abs(x) <= kSmallExponent ? seg.start_df + seg.start_df * expm1_small(x) : discount_in(j, n);
     }
-    // 1 / (e^(-log(1 + r_j) / m) - 1) of every segment j (0 where the
-    // exponent is 0): the reciprocal denominators of level series at m
-    // payments a year. Worked out on first use for the usual frequencies
-    // (safely across threads, and shared by the table's copies); none for
-    // another m.
-    const double* series_denominators(std::size_t m) const;
+    // The level runs of every segment at m payments a year (see LevelRuns):
+    // worked out on first use for the usual frequencies (safely across
+    // threads, and shared by the table's copies), afresh for another m.
+    std::shared_ptr<const LevelRuns> level_runs(std::size_t m) const;
 
   private:
     struct SeriesCache;
@@ -116,6 +117,35 @@ class PiecewiseTable {
     double bucket_scale_ = 0.0;
     bool one_step_ = true;
     std::shared_ptr<SeriesCache> series_cache_;
+};
+
+// Level runs: sum_{i < count} e^(-log(1 + r_j) i / m), the value (in units
+// of the first payment's discount factor) of `count` level payments 1/m of a
+// year apart inside segment j, as expm1(-log_q count / m) / expm1(-log_q / m)
+// with the reciprocal denominators worked out once, and the runs of a segment
+// crossed whole (it holds one of three counts, whatever the phase) looked up.
+class LevelRuns {
+  public:
+    LevelRuns(const PiecewiseTable& table, std::size_t m);
+    double sum(std::size_t j, std::size_t count) const {
+        const Segment& seg = segments_[j];
+        if (count == 1) return 1.0;
+        const double payments = static_cast<double>(count), known = payments - seg.fewest;
+        if (known >= 0.0 && known < static_cast<double>(seg.whole.size()))
+            return seg.whole[static_cast<std::size_t>(known)];
+        return run(seg, payments);
+    }
+
+  private:
+    struct Segment {
+        double log_ratio, per_denominator;  // -log_q / m, 1 / expm1(log_ratio) (0 for a zero rate)
+        double fewest;                      // payments of the segment crossed whole, at least (inf: last)
+        std::array<double, 3> whole;        // run(fewest), run(fewest + 1), run(fewest + 2)
+    };
+    static double run(const Segment& seg, double payments) {
+        return seg.log_ratio == 0.0 ? payments : std::expm1(seg.log_ratio * payments) * seg.per_denominator;
+    }
+    std::vector<Segment> segments_;
 };
 
 // Constant curve: (1 + rate)^-n for every n (negative n accumulates),

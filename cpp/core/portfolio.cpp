@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -170,54 +171,28 @@ class PaymentGrid {
     std::vector<GrowthSums> annual_;  // by residue modulo m
 };
 
-// Level payments of 1 at t0, t0 + 1/m, ... on a curve: one geometric series
-// per segment crossed, with the series' denominators worked out once, and,
-// for a segment crossed whole, the series of each number of payments it can
-// hold (three, whatever t0).
+// Level payments of 1 at t0, t0 + 1/m, ... on a curve: one level run per
+// segment crossed.
 class LevelSeries {
   public:
     LevelSeries(const PiecewiseTable& table, std::size_t m)
-        : table_(table), m_(static_cast<double>(m)), per_m_(1.0 / static_cast<double>(m)) {
-        for (std::size_t j = 0; j < table.segment_count(); ++j) {
-            const double log_q = table.log_base(j);
-            Segment seg{table.segment_end(j), log_q, log_q == 0.0 ? 0.0 : 1.0 / std::expm1(-log_q / m_), 0.0, {}};
-            const double start = j == 0 ? 0.0 : table.segment_end(j - 1);
-            seg.fewest = std::max(0.0, std::floor((seg.end - start) * m_) - 1.0);  // NaN for the last
-            for (std::size_t k = 0; k < seg.whole_series.size(); ++k)
-                seg.whole_series[k] = series(seg, seg.fewest + static_cast<double>(k));
-            segments_.push_back(seg);
-        }
-    }
+        : table_(table), runs_(table.level_runs(m)), m_(static_cast<double>(m)), per_m_(1.0 / static_cast<double>(m)) {}
 
     Estimate sum(double t0, std::size_t count) const {
         double total = 0.0;
         std::size_t k = 0;
         for (std::size_t j = table_.segment_of(t0); k < count; ++j) {
             // The payments in [start, end) of segment j: up to the first at or after its end.
-            const Segment& seg = segments_[j];
-            const double reach = (seg.end - t0) * m_;
+            const double reach = (table_.segment_end(j) - t0) * m_;
             const std::size_t after = reach >= static_cast<double>(count) ? count : ceil_count(reach);
             if (after <= k) continue;
-            const double payments = static_cast<double>(after - k), known = payments - seg.fewest;
-            const double value = known >= 0.0 && known < static_cast<double>(seg.whole_series.size())
-                                     ? seg.whole_series[static_cast<std::size_t>(known)]
-                                     : series(seg, payments);
-            total += table_.discount_in_near(j, t0 + static_cast<double>(k) * per_m_) * value;
+            total += table_.discount_in_near(j, t0 + static_cast<double>(k) * per_m_) * runs_->sum(j, after - k);
             k = after;
         }
         return {total, std::abs(total)};
     }
 
   private:
-    struct Segment {
-        double end, log_q, per_denominator;  // 1 / (e^(-log_q / m) - 1)
-        double fewest;                       // payments of a segment crossed whole, at least
-        std::array<double, 3> whole_series;  // series(fewest), series(fewest + 1), ...
-    };
-    // sum_{i < payments} e^(-log_q i / m)
-    double series(const Segment& seg, double payments) const {
-        return seg.log_q == 0.0 ? payments : std::expm1(-seg.log_q * payments * per_m_) * seg.per_denominator;
-    }
     // ceil(x) for 0 <= x < 2^53, without a call into libm.
     static std::size_t ceil_count(double x) {
         const std::size_t whole = static_cast<std::size_t>(x);
@@ -225,8 +200,8 @@ class LevelSeries {
     }
 
     const PiecewiseTable& table_;
+    std::shared_ptr<const LevelRuns> runs_;
     double m_, per_m_;
-    std::vector<Segment> segments_;
 };
 
 // A schedule's payments as sums over ranges of them, for the value rules
