@@ -218,7 +218,7 @@ def main() -> None:
                 cluster = None
                 label = f"{address} ({len(client.scheduler_info()['workers'])} workers)"
             else:
-                cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=None)
+                cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=":0")
                 client = Client(cluster)
                 label = f"local cluster, {workers} worker{'s' if workers > 1 else ''}"
             startup = time.perf_counter() - started

@@ -79,7 +79,7 @@ def single_process(directory, mode="discrete_precision"):
 
 @pytest.fixture(scope="module")
 def client():
-    options = dict(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=None)
+    options = dict(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=":0")  # any free port
     with distributed.LocalCluster(**options) as cluster, distributed.Client(cluster) as c:
         yield c
 
