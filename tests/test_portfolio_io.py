@@ -7,8 +7,10 @@ import math
 import re
 from pathlib import Path
 
+import numpy as np
 import pandas as pd
 import pyarrow as pa
+import pyarrow.compute as pc
 import pyarrow.dataset as ds
 import pyarrow.parquet as pq
 import pytest
@@ -194,3 +196,20 @@ def test_readme_data_frame_example():
     expected = [1000 * (1 - V**10) / (1 - V), 500 * (1 - V**20) / (1 - V) * V**5, math.nan]
     assert values.present_value == pytest.approx(expected, rel=1e-10, nan_ok=True)
     assert frame["error"].isna().tolist() == [True, True, False]
+
+
+@pytest.mark.parametrize("start, stop", [(0, 20), (3, 17), (9, 10), (5, 5)])
+def test_buffer_conversions_agree_with_pyarrows_own(start, stop):
+    """Slices start inside a bitmap byte: offsets are where buffer reading goes wrong."""
+    from norvane.portfolio import _arrow
+
+    numbers = pa.array([None if k % 3 == 0 else k / 4 for k in range(20)], pa.float64()).slice(start, stop - start)
+    expected = numbers.to_numpy(zero_copy_only=False)
+    assert _arrow.floats(numbers) == pytest.approx(expected, nan_ok=True)
+    flags = pc.greater(numbers, 2.0)
+    assert _arrow.valid(flags).tolist() == pc.is_valid(flags).to_pylist()
+    assert _arrow.mask(flags).tolist() == [bool(f) for f in flags.to_pylist()]
+    assert _arrow.from_mask(_arrow.mask(flags)).to_pylist() == [bool(f) for f in flags.to_pylist()]
+    assert _arrow.from_numbers(expected).to_pylist() == pytest.approx(expected.tolist(), nan_ok=True)
+    texts = np.array([None if k % 4 == 1 else "ä" * (k % 3) for k in range(start, stop)], dtype=object)
+    assert _arrow.from_texts(texts).to_pylist() == texts.tolist()

@@ -29,6 +29,7 @@ import pyarrow as pa
 
 from ..config import Config
 from ..mortality import MortalityTable
+from . import _arrow
 from ._life import DEFAULT_TABLE, BookTables, book_tables
 from ._output import check_output, output_kind, table_writer, write_table
 from ._policies import POLICY_COLUMNS, InputError, Policies, policies_from_batch
@@ -79,9 +80,8 @@ class ValuedBlock:
     valid: np.ndarray
 
     def to_batch(self) -> pa.RecordBatch:
-        return pa.RecordBatch.from_arrays(
-            [self.policies.ids, pa.array(self.values), pa.array(self.errors, pa.string())], schema=VALUES_SCHEMA
-        )
+        columns = [self.policies.ids, _arrow.from_numbers(self.values), _arrow.from_texts(self.errors)]
+        return pa.RecordBatch.from_arrays(columns, schema=VALUES_SCHEMA)
 
 
 @dataclass

@@ -16,6 +16,7 @@ import pyarrow as pa
 import pyarrow.compute as pc
 
 from ..base import _ALLOWED_PAYMENT_FREQUENCIES
+from . import _arrow
 
 # The last three make a record a life annuity (it has an age) on the table its "table" cell names.
 POLICY_COLUMNS = (
@@ -28,6 +29,7 @@ POLICY_COLUMNS = (
 _PLAIN_NUMBER = r"(?i)^[+-]?(([0-9]+\.?[0-9]*|\.[0-9]+)(e[+-]?[0-9]+)?|inf(inity)?|nan)$"
 # Cells per cast when a column holds cells that Arrow cannot read.
 _SLICE = 1 << 13
+_NO_TEXT = pa.nulls(1, pa.string())[0]
 
 
 class InputError(Exception):
@@ -99,17 +101,12 @@ def _is_number(column: pa.Array) -> bool:
     )
 
 
-def _mask(array: pa.Array) -> np.ndarray:
-    """A boolean Arrow array as a NumPy mask, null as False."""
-    return np.asarray(pc.fill_null(array, False).to_numpy(zero_copy_only=False), dtype=bool)
-
-
 def _present(column: pa.Array) -> np.ndarray:
     """Cells that are neither null nor, in a float column, NaN (data frames write a missing
     number as NaN)."""
-    present = _mask(pc.is_valid(column))
+    present = _arrow.valid(column)
     if pa.types.is_floating(column.type):
-        present &= ~_mask(pc.is_nan(column))
+        present &= ~_arrow.mask(pc.is_nan(column))
     return present
 
 
@@ -117,28 +114,28 @@ def _cast(text: pa.Array) -> tuple[np.ndarray, np.ndarray]:
     """Arrow's reading of a text column as float64 (NaN for nulls), and the cells it could not
     read: whole columns first, and slices of a column that holds such cells."""
     try:
-        values = pc.cast(text, pa.float64())
-        return values.to_numpy(zero_copy_only=False, writable=True), np.zeros(len(text), dtype=bool)
+        return _arrow.floats(pc.cast(text, pa.float64())), np.zeros(len(text), dtype=bool)
     except pa.ArrowInvalid:
         pass
     if len(text) > _SLICE:
         parts = [_cast(text.slice(start, _SLICE)) for start in range(0, len(text), _SLICE)]
         return np.concatenate([values for values, _ in parts]), np.concatenate([odd for _, odd in parts])
-    plain = _mask(pc.match_substring_regex(text, _PLAIN_NUMBER))
-    values = pc.cast(pc.if_else(pa.array(plain), text, None), pa.float64())
-    return values.to_numpy(zero_copy_only=False, writable=True), ~plain & _mask(pc.is_valid(text))
+    plain = _arrow.mask(pc.match_substring_regex(text, _PLAIN_NUMBER))
+    values = _arrow.floats(pc.cast(pc.if_else(_arrow.from_mask(plain), text, _NO_TEXT), pa.float64()))
+    return values, ~plain & _arrow.valid(text)
 
 
 def _text_numbers(column: pa.Array, name: str, defects: _Defects) -> tuple[np.ndarray, np.ndarray]:
-    text = pc.if_else(pc.equal(column, ""), None, column)
+    empty = (_arrow.numbers(pc.binary_length(column), np.int32) == 0) & _arrow.valid(column)
+    text = pc.if_else(_arrow.from_mask(empty), _NO_TEXT, column) if empty.any() else column
     values, odd = _cast(text)
-    given = _mask(pc.is_valid(text))
+    given = _arrow.valid(text)
     # Cells Arrow could not read (1_000, " 5", ...) and NaN ("nan", but also "nan(1)", which
     # float() refuses) are judged by float(), as written once stripped.
     odd |= given & np.isnan(values)
     failed = np.zeros(len(column), dtype=bool)
     rows = np.flatnonzero(odd)
-    for i, cell in zip(rows, text.take(pa.array(rows)).to_pylist()):
+    for i, cell in zip(rows, text.take(_arrow.from_numbers(rows)).to_pylist()):
         cell = cell.strip()
         given[i] = bool(cell)
         try:
@@ -162,23 +159,24 @@ def _numbers(
     if _is_text(column):
         values, given = _text_numbers(column, name, defects)
     elif _is_number(column):
-        values = pc.cast(column, pa.float64(), safe=False).to_numpy(zero_copy_only=False)
+        values = _arrow.floats(pc.cast(column, pa.float64(), safe=False))
         given = ~np.isnan(values)
     else:  # dates, lists, ...: no cell is a number
         values, given = np.full(count, math.nan), np.zeros(count, dtype=bool)
-        defects.note(_mask(pc.is_valid(column)), lambda i: f"{name} is not a number, got {_shown(column, i)}")
+        defects.note(_arrow.valid(column), lambda i: f"{name} is not a number, got {_shown(column, i)}")
     return np.where(given, values, default), given
 
 
 def _ids(column: pa.Array | None, first_record: int, count: int) -> pa.Array:
     """Identifiers as text: the record numbers when there is no id column, "" for a missing id."""
     if column is None:
-        return pc.cast(pa.array(np.arange(first_record + 1, first_record + count + 1)), pa.string())
+        return pc.cast(_arrow.from_numbers(np.arange(first_record + 1, first_record + count + 1)), pa.string())
     if pa.types.is_floating(column.type) or pa.types.is_boolean(column.type):
         # Arrow writes 5.0 as "5" and True as "true"; an id reads as Python writes it.
         text = column.to_numpy(zero_copy_only=False).astype(str)
         return pa.array(np.where(_present(column), text, ""), pa.string())
-    return pc.fill_null(pc.cast(column, pa.string()), "")
+    text = pc.cast(column, pa.string())
+    return pc.fill_null(text, "") if text.null_count else text
 
 
 def _due(column: pa.Array | None, count: int, defects: _Defects) -> np.ndarray:
@@ -186,9 +184,12 @@ def _due(column: pa.Array | None, count: int, defects: _Defects) -> np.ndarray:
     if column is None:
         return np.ones(count, dtype=bool)
     if _is_text(column):
-        text = pc.fill_null(pc.utf8_lower(pc.utf8_trim_whitespace(column)), "")
-        immediate = _mask(pc.equal(text, "immediate"))
-        bad = ~_mask(pc.is_in(text, pa.array(["", "due", "immediate"])))
+        # A book has few distinct timing cells: each is read once and its reading spread.
+        encoded = pc.dictionary_encode(column, null_encoding="encode")
+        words = pc.utf8_lower(pc.utf8_trim_whitespace(encoded.dictionary)).to_pylist()
+        cells = _arrow.numbers(encoded.indices, np.int32)
+        immediate = np.array([word == "immediate" for word in words], dtype=bool)[cells]
+        bad = np.array([word not in (None, "", "due", "immediate") for word in words], dtype=bool)[cells]
     else:  # a number or any other cell is never a timing
         immediate = np.zeros(count, dtype=bool)
         bad = _present(column)

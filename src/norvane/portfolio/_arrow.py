@@ -1,0 +1,75 @@
+"""Fixed-width Arrow arrays to and from NumPy through their buffers.
+
+pyarrow's own conversions (``Array.to_numpy``, ``pa.array``, ``pa.scalar``) import pandas on
+their first use, to recognise pandas objects: a fifth of a short command-line run that never
+sees a data frame. Number and mask columns are plain buffers that NumPy reads and writes
+directly, so the book's common path converts them here.
+"""
+
+from __future__ import annotations
+
+import numpy as np
+import pyarrow as pa
+
+
+def _bits(buffer: pa.Buffer, offset: int, count: int) -> np.ndarray:
+    """An Arrow bitmap (least significant bit first) as a bool array."""
+    packed = np.frombuffer(buffer, dtype=np.uint8)
+    return np.unpackbits(packed, count=offset + count, bitorder="little")[offset:].view(bool)
+
+
+def valid(array: pa.Array) -> np.ndarray:
+    """The cells that are not null."""
+    validity = array.buffers()[0]
+    if validity is None or array.null_count == 0:
+        return np.ones(len(array), dtype=bool)
+    return _bits(validity, array.offset, len(array))
+
+
+def mask(array: pa.Array) -> np.ndarray:
+    """A boolean array as a NumPy mask, null as False."""
+    values = _bits(array.buffers()[1], array.offset, len(array))
+    return values & valid(array)
+
+
+def numbers(array: pa.Array, dtype: type = np.float64) -> np.ndarray:
+    """A fixed-width number array as a writable NumPy copy; nulls hold unspecified values
+    (see :func:`valid`)."""
+    kind = np.dtype(dtype)
+    if array.type != pa.from_numpy_dtype(kind):
+        raise TypeError(f"expected an Arrow array of {kind}, got {array.type}")
+    data = array.buffers()[1]
+    return np.frombuffer(data, dtype=kind, count=len(array), offset=array.offset * kind.itemsize).copy()
+
+
+def floats(array: pa.Array) -> np.ndarray:
+    """A float64 array as NumPy, NaN for nulls."""
+    values = numbers(array)
+    values[~valid(array)] = np.nan
+    return values
+
+
+def from_numbers(values: np.ndarray) -> pa.Array:
+    """A one-dimensional NumPy number array as an Arrow array without nulls (a copy when not
+    contiguous)."""
+    values = np.ascontiguousarray(values)
+    return pa.Array.from_buffers(pa.from_numpy_dtype(values.dtype), len(values), [None, pa.py_buffer(values)])
+
+
+def from_mask(values: np.ndarray) -> pa.Array:
+    """A NumPy bool array as an Arrow boolean array without nulls."""
+    return pa.Array.from_buffers(pa.bool_(), len(values), [None, pa.py_buffer(np.packbits(values, bitorder="little"))])
+
+
+def from_texts(texts: np.ndarray) -> pa.Array:
+    """An object array of str (None for null) as an Arrow string array."""
+    present = np.not_equal(texts, np.array(None))
+    if not present.any():
+        return pa.nulls(len(texts), pa.string())
+    encoded = [text.encode() for text in texts[present]]
+    lengths = np.zeros(len(texts), dtype=np.int64)
+    lengths[present] = [len(text) for text in encoded]
+    offsets = np.concatenate([[0], np.cumsum(lengths)]).astype(np.int32)
+    validity = np.packbits(present, bitorder="little")
+    buffers = [pa.py_buffer(validity), pa.py_buffer(offsets), pa.py_buffer(b"".join(encoded))]
+    return pa.Array.from_buffers(pa.string(), len(texts), buffers)
