@@ -12,6 +12,7 @@ import io
 import sys
 from collections import deque
 from collections.abc import Callable, Iterator, Mapping
+from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
@@ -171,6 +172,16 @@ def _open_csv(path: Path) -> Book:
 # --------------------------------------------------------------------------- Parquet
 
 
+def _read_ahead(batches: Iterator[pa.RecordBatch]) -> Iterator[pa.RecordBatch]:
+    """The batches, each read in a thread while the caller works on the one before: Arrow
+    decodes without the GIL, so reading and valuing overlap. One batch is in flight."""
+    with ThreadPoolExecutor(1, thread_name_prefix="norvane-read") as reader:
+        pending = reader.submit(next, batches, None)
+        while (batch := pending.result()) is not None:
+            pending = reader.submit(next, batches, None)
+            yield batch
+
+
 def _open_parquet(path: Path) -> Book:
     if path.is_dir():
         import pyarrow.dataset as ds  # a third of a second to import: only for directories
@@ -180,7 +191,8 @@ def _open_parquet(path: Path) -> Book:
         batches = dataset.to_batches(batch_size=BATCH_ROWS, batch_readahead=1, fragment_readahead=1)
         return _rows(str(path), dataset.schema, batches, dataset.count_rows())
     file = pq.ParquetFile(path)
-    return _rows(str(path), file.schema_arrow, file.iter_batches(batch_size=BATCH_ROWS), file.metadata.num_rows)
+    batches = _read_ahead(file.iter_batches(batch_size=BATCH_ROWS))
+    return _rows(str(path), file.schema_arrow, batches, file.metadata.num_rows)
 
 
 def open_file(path: Path) -> Book:
