@@ -20,6 +20,7 @@ from __future__ import annotations
 import math
 import sys
 from collections.abc import Iterator, Mapping
+from contextlib import AbstractContextManager, nullcontext
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any
@@ -163,24 +164,26 @@ def valued_blocks(
     ``progress``: draw a bar on stderr (None: when stderr is a terminal). It counts records,
     or bytes of the file for CSV. ``tables``: see :func:`value_book`.
     """
-    from tqdm import tqdm  # here: its import costs a short run a noticeable share
-
     mode = mode or Config().calculation_mode
     known = book_tables(tables)
     first = 0
-    with tqdm(
-        total=book.total,
-        unit=book.unit,
-        unit_scale=book.unit == "B",
-        desc="valuing",
-        disable=None if progress is None else not progress,  # None: off unless stderr is a terminal
-        file=sys.stderr,
-    ) as bar:
+    with _progress_bar(book, progress) as bar:
         for block in book.blocks:
             policies = policies_from_batch(block.batch, first, block.defects)
             first += len(policies)
-            bar.update(book.done() - bar.n if book.done is not None else len(policies))
+            if bar is not None:
+                bar.update(book.done() - bar.n if book.done is not None else len(policies))
             yield ValuedBlock(policies, *value_policies(curve, policies, mode, known))
+
+
+def _progress_bar(book: Book, progress: bool | None) -> AbstractContextManager[Any]:
+    """A tqdm bar on stderr, or None when it is off (None: off unless stderr is a terminal).
+    tqdm is imported only to draw: its import is a noticeable share of a short run."""
+    if not (sys.stderr.isatty() if progress is None else progress):
+        return nullcontext()
+    from tqdm import tqdm
+
+    return tqdm(total=book.total, unit=book.unit, unit_scale=book.unit == "B", desc="valuing", file=sys.stderr)
 
 
 def value_book(
