@@ -110,6 +110,12 @@ class CStream:
         return self.table.__arrow_c_stream__(requested_schema)
 
 
+def dictionary_encoded(table):
+    """Every column as a dictionary, with empty cells as nulls (both are missing cells)."""
+    columns = [pc.dictionary_encode(pc.if_else(pc.equal(c, ""), None, c)) for c in table.columns]
+    return pa.table(columns, table.column_names)
+
+
 def parquet_directory(table, directory):
     for start in range(0, table.num_rows, 8):  # files sort in the records' order
         pq.write_table(table.slice(start, 8), directory / f"part-{start:02}.parquet")
@@ -123,6 +129,7 @@ INPUTS = {
     "Dataset": lambda table, _: ds.dataset(table),
     "C stream": lambda table, _: CStream(table),
     "dict": lambda table, _: table.to_pydict(),
+    "dictionary-encoded": lambda table, _: dictionary_encoded(table),
     "Parquet file": lambda table, directory: parquet_directory(table, directory) / "part-00.parquet",
     "Parquet directory": parquet_directory,
 }

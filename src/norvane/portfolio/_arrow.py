@@ -32,12 +32,12 @@ def mask(array: pa.Array) -> np.ndarray:
     return values & valid(array)
 
 
-def numbers(array: pa.Array, dtype: type = np.float64) -> np.ndarray:
-    """A fixed-width number array as a writable NumPy copy; nulls hold unspecified values
+def numbers(array: pa.Array) -> np.ndarray:
+    """An integer or float array as a writable NumPy copy; nulls hold unspecified values
     (see :func:`valid`)."""
-    kind = np.dtype(dtype)
-    if array.type != pa.from_numpy_dtype(kind):
-        raise TypeError(f"expected an Arrow array of {kind}, got {array.type}")
+    if not (pa.types.is_integer(array.type) or pa.types.is_floating(array.type)):
+        raise TypeError(f"expected an Arrow array of integers or floats, got {array.type}")
+    kind = np.dtype(array.type.to_pandas_dtype())
     data = array.buffers()[1]
     return np.frombuffer(data, dtype=kind, count=len(array), offset=array.offset * kind.itemsize).copy()
 

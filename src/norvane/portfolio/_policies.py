@@ -29,7 +29,8 @@ POLICY_COLUMNS = (
 _PLAIN_NUMBER = r"(?i)^[+-]?(([0-9]+\.?[0-9]*|\.[0-9]+)(e[+-]?[0-9]+)?|inf(inity)?|nan)$"
 # Cells per cast when a column holds cells that Arrow cannot read.
 _SLICE = 1 << 13
-_NO_TEXT = pa.nulls(1, pa.string())[0]
+_NO_TEXTS = pa.nulls(1, pa.string())
+_NO_TEXT = _NO_TEXTS[0]
 
 
 class InputError(Exception):
@@ -79,8 +80,9 @@ def _shown(column: pa.Array, i: int) -> str:
 
 
 def _plain(column: pa.Array) -> pa.Array:
-    """Dictionary-encoded and large or viewed text columns as plain columns."""
-    if pa.types.is_dictionary(column.type):
+    """Large or viewed text as plain text, and dictionaries decoded, but for dictionaries of
+    plain text: those are read once per distinct cell."""
+    if pa.types.is_dictionary(column.type) and not pa.types.is_string(column.type.value_type):
         column = column.dictionary_decode()
     if pa.types.is_large_string(column.type) or pa.types.is_string_view(column.type):
         column = column.cast(pa.string())
@@ -89,6 +91,19 @@ def _plain(column: pa.Array) -> pa.Array:
 
 def _is_text(column: pa.Array) -> bool:
     return pa.types.is_string(column.type)
+
+
+def _is_text_dictionary(column: pa.Array) -> bool:
+    return pa.types.is_dictionary(column.type) and pa.types.is_string(column.type.value_type)
+
+
+def _distinct(column: pa.Array) -> tuple[pa.Array, np.ndarray]:
+    """A text column's distinct cells, the last one null, and each record's place among them.
+    Books repeat few timings, frequencies and tables: each distinct cell is read once."""
+    encoded = column if _is_text_dictionary(column) else pc.dictionary_encode(column)
+    cells = _arrow.numbers(encoded.indices)
+    cells[~_arrow.valid(encoded.indices)] = len(encoded.dictionary)
+    return pa.concat_arrays([encoded.dictionary, _NO_TEXTS]), cells
 
 
 def _is_number(column: pa.Array) -> bool:
@@ -125,8 +140,10 @@ def _cast(text: pa.Array) -> tuple[np.ndarray, np.ndarray]:
     return values, ~plain & _arrow.valid(text)
 
 
-def _text_numbers(column: pa.Array, name: str, defects: _Defects) -> tuple[np.ndarray, np.ndarray]:
-    empty = (_arrow.numbers(pc.binary_length(column), np.int32) == 0) & _arrow.valid(column)
+def _text_numbers(column: pa.Array) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
+    """Text cells read as float64 (NaN for missing cells), the mask of given cells and the
+    mask of cells that are not numbers."""
+    empty = (_arrow.numbers(pc.binary_length(column)) == 0) & _arrow.valid(column)
     text = pc.if_else(_arrow.from_mask(empty), _NO_TEXT, column) if empty.any() else column
     values, odd = _cast(text)
     given = _arrow.valid(text)
@@ -142,8 +159,7 @@ def _text_numbers(column: pa.Array, name: str, defects: _Defects) -> tuple[np.nd
             values[i] = float(cell) if cell else math.nan
         except ValueError:
             failed[i] = True
-    defects.note(failed, lambda i: f"{name} is not a number, got {_shown(column, i)}")
-    return values, given & ~failed
+    return values, given & ~failed, failed
 
 
 def _numbers(
@@ -156,8 +172,13 @@ def _numbers(
     """
     if column is None:
         return np.full(count, default), np.zeros(count, dtype=bool)
-    if _is_text(column):
-        values, given = _text_numbers(column, name, defects)
+    if _is_text(column) or _is_text_dictionary(column):
+        if _is_text(column):
+            values, given, failed = _text_numbers(column)
+        else:
+            distinct, cells = _distinct(column)
+            values, given, failed = (read[cells] for read in _text_numbers(distinct))
+        defects.note(failed, lambda i: f"{name} is not a number, got {_shown(column, i)}")
     elif _is_number(column):
         values = _arrow.floats(pc.cast(column, pa.float64(), safe=False))
         given = ~np.isnan(values)
@@ -183,11 +204,9 @@ def _due(column: pa.Array | None, count: int, defects: _Defects) -> np.ndarray:
     """True for annuities-due (the default), False for annuities-immediate."""
     if column is None:
         return np.ones(count, dtype=bool)
-    if _is_text(column):
-        # A book has few distinct timing cells: each is read once and its reading spread.
-        encoded = pc.dictionary_encode(column, null_encoding="encode")
-        words = pc.utf8_lower(pc.utf8_trim_whitespace(encoded.dictionary)).to_pylist()
-        cells = _arrow.numbers(encoded.indices, np.int32)
+    if _is_text(column) or _is_text_dictionary(column):
+        distinct, cells = _distinct(column)
+        words = pc.utf8_lower(pc.utf8_trim_whitespace(distinct)).to_pylist()
         immediate = np.array([word == "immediate" for word in words], dtype=bool)[cells]
         bad = np.array([word not in (None, "", "due", "immediate") for word in words], dtype=bool)[cells]
     else:  # a number or any other cell is never a timing
@@ -202,12 +221,13 @@ def _names(column: pa.Array | None, count: int, name: str, defects: _Defects) ->
     A cell of another kind (a number, ...) is a defect of its record."""
     if column is None:
         return np.full(count, "", dtype=object), np.zeros(count, dtype=bool)
-    if not _is_text(column):
+    if not (_is_text(column) or _is_text_dictionary(column)):
         given = _present(column)
         defects.note(given, lambda i: f"{name} must be a name, got {_shown(column, i)}")
         return np.full(count, "", dtype=object), given
-    text = pc.fill_null(pc.utf8_trim_whitespace(column), "")
-    names = np.asarray(text.to_numpy(zero_copy_only=False), dtype=object)
+    distinct, cells = _distinct(column)
+    stripped = pc.utf8_trim_whitespace(distinct).to_pylist()
+    names = np.array([cell or "" for cell in stripped], dtype=object)[cells]
     return names, names != ""
 
 
