@@ -218,5 +218,6 @@ def test_buffer_conversions_agree_with_pyarrows_own(start, stop):
     assert _arrow.mask(flags).tolist() == [bool(f) for f in flags.to_pylist()]
     assert _arrow.from_mask(_arrow.mask(flags)).to_pylist() == [bool(f) for f in flags.to_pylist()]
     assert _arrow.from_numbers(expected).to_pylist() == pytest.approx(expected.tolist(), nan_ok=True)
-    texts = np.array([None if k % 4 == 1 else "ä" * (k % 3) for k in range(start, stop)], dtype=object)
-    assert _arrow.from_texts(texts).to_pylist() == texts.tolist()
+    texts = [None if k % 4 == 1 else "ä" * (k % 3) for k in range(start, stop)]
+    present = np.array([text is not None for text in texts], dtype=bool)
+    assert _arrow.from_texts([text for text in texts if text is not None], present).to_pylist() == texts

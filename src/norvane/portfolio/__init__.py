@@ -81,7 +81,8 @@ class ValuedBlock:
     valid: np.ndarray
 
     def to_batch(self) -> pa.RecordBatch:
-        columns = [self.policies.ids, _arrow.from_numbers(self.values), _arrow.from_texts(self.errors)]
+        failed = ~self.valid
+        columns = [self.policies.ids, _arrow.from_numbers(self.values), _arrow.from_texts(self.errors[failed], failed)]
         return pa.RecordBatch.from_arrays(columns, schema=VALUES_SCHEMA)
 
 

@@ -8,6 +8,8 @@ directly, so the book's common path converts them here.
 
 from __future__ import annotations
 
+from collections.abc import Iterable
+
 import numpy as np
 import pyarrow as pa
 
@@ -61,15 +63,14 @@ def from_mask(values: np.ndarray) -> pa.Array:
     return pa.Array.from_buffers(pa.bool_(), len(values), [None, pa.py_buffer(np.packbits(values, bitorder="little"))])
 
 
-def from_texts(texts: np.ndarray) -> pa.Array:
-    """An object array of str (None for null) as an Arrow string array."""
-    present = np.not_equal(texts, np.array(None))
+def from_texts(texts: Iterable[str], present: np.ndarray) -> pa.Array:
+    """Texts at the cells where ``present`` is True, null elsewhere, as an Arrow string array."""
     if not present.any():
-        return pa.nulls(len(texts), pa.string())
-    encoded = [text.encode() for text in texts[present]]
-    lengths = np.zeros(len(texts), dtype=np.int64)
+        return pa.nulls(len(present), pa.string())
+    encoded = [text.encode() for text in texts]
+    lengths = np.zeros(len(present), dtype=np.int64)
     lengths[present] = [len(text) for text in encoded]
     offsets = np.concatenate([[0], np.cumsum(lengths)]).astype(np.int32)
     validity = np.packbits(present, bitorder="little")
     buffers = [pa.py_buffer(validity), pa.py_buffer(offsets), pa.py_buffer(b"".join(encoded))]
-    return pa.Array.from_buffers(pa.string(), len(texts), buffers)
+    return pa.Array.from_buffers(pa.string(), len(present), buffers)
