@@ -14,6 +14,8 @@ import pyarrow.compute as pc
 import pyarrow.dataset as ds
 import pyarrow.parquet as pq
 import pytest
+from hypothesis import example, given, settings
+from hypothesis import strategies as st
 
 from norvane.interest_rates import InterestRate
 from norvane.portfolio import InputError, _sources, stream_book, value_book
@@ -221,3 +223,13 @@ def test_buffer_conversions_agree_with_pyarrows_own(start, stop):
     texts = [None if k % 4 == 1 else "ä" * (k % 3) for k in range(start, stop)]
     present = np.array([text is not None for text in texts], dtype=bool)
     assert _arrow.from_texts([text for text in texts if text is not None], present).to_pylist() == texts
+
+
+@settings(max_examples=300, deadline=None)
+@given(st.lists(st.floats(-1e300, 1e300), max_size=60), st.integers(0, 60))
+@example([1e16, 1.0, 1.0, -1e16, 5e-324, 2.5e-308], 1)
+def test_a_books_total_is_the_correctly_rounded_sum_whatever_its_batches(values, split):
+    from norvane.portfolio._exact import exact_sum
+
+    batches = [np.array(values[:split]), np.array(values[split:])]
+    assert float(sum(exact_sum(batch) for batch in batches)) == math.fsum(values)

@@ -17,11 +17,11 @@ valued carry a message instead of stopping the run.
 
 from __future__ import annotations
 
-import math
 import sys
 from collections.abc import Iterator, Mapping
 from contextlib import AbstractContextManager, nullcontext
 from dataclasses import dataclass, field
+from fractions import Fraction
 from pathlib import Path
 from typing import Any
 
@@ -31,6 +31,7 @@ import pyarrow as pa
 from ..config import Config
 from ..mortality import MortalityTable
 from . import _arrow
+from ._exact import exact_sum
 from ._life import DEFAULT_TABLE, BookTables, book_tables
 from ._output import check_output, output_kind, table_writer, write_table
 from ._policies import POLICY_COLUMNS, InputError, Policies, policies_from_batch
@@ -93,16 +94,17 @@ class BookSummary:
     policies: int = 0
     valued: int = 0
     errors: int = 0
-    total_present_value: float = 0.0  # of the finite values
+    total_present_value: float = 0.0  # of the finite values, correctly rounded
     first_errors: list[tuple[str, str]] = field(default_factory=list)  # (id, message)
+    _exact_total: Fraction = field(default=Fraction(0), repr=False)
 
     def add(self, block: ValuedBlock) -> None:
         failed = np.flatnonzero(~block.valid)
         self.policies += len(block.values)
         self.errors += len(failed)
         self.valued += len(block.values) - len(failed)
-        finite = block.values[np.isfinite(block.values)]
-        self.total_present_value = math.fsum([self.total_present_value, *finite.tolist()])
+        self._exact_total += exact_sum(block.values[np.isfinite(block.values)])
+        self.total_present_value = float(self._exact_total)
         for i in failed[: SHOWN_ERRORS - len(self.first_errors)]:
             self.first_errors.append((block.policies.ids[i].as_py(), block.errors[i]))
 
