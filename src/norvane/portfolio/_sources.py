@@ -200,6 +200,10 @@ def _open_parquet(path: Path) -> Book:
         import pyarrow.dataset as ds  # a third of a second to import: only for directories
 
         dataset = ds.dataset(path, format="parquet", partitioning="hive")
+        repeated = _repeated_texts(dataset.schema)
+        if repeated:
+            options = ds.ParquetReadOptions(dictionary_columns=repeated)
+            dataset = ds.dataset(path, format=ds.ParquetFileFormat(read_options=options), partitioning="hive")
         # Little read-ahead: memory stays near one batch per column.
         batches = dataset.to_batches(batch_size=BATCH_ROWS, batch_readahead=1, fragment_readahead=1)
         return _rows(str(path), dataset.schema, batches, dataset.count_rows())
