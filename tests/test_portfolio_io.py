@@ -158,6 +158,7 @@ def test_typed_columns_nan_is_a_missing_cell_and_ids_read_as_python_writes_them(
             "term": [math.nan, 10.0, None, 10.0],  # NaN and null: perpetuities
             "timing": pa.array([math.nan, None, 1.0, 4.0]),  # NaN and null: due; a number is no timing
             "frequency": pa.array([1, 1, 5, 1], pa.int64()),
+            "growth": pa.nulls(4),  # a column of None only: every cell missing
         }
     )
     result = value_book(table, CURVE)

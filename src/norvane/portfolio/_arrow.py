@@ -12,6 +12,7 @@ from collections.abc import Iterable
 
 import numpy as np
 import pyarrow as pa
+import pyarrow.compute as pc
 
 
 def _bits(buffer: pa.Buffer, offset: int, count: int) -> np.ndarray:
@@ -22,9 +23,11 @@ def _bits(buffer: pa.Buffer, offset: int, count: int) -> np.ndarray:
 
 def valid(array: pa.Array) -> np.ndarray:
     """The cells that are not null."""
-    validity = array.buffers()[0]
-    if validity is None or array.null_count == 0:
+    if array.null_count == 0:
         return np.ones(len(array), dtype=bool)
+    validity = array.buffers()[0]
+    if validity is None:  # arrays of the null type (a column of None only) have no bitmap
+        return mask(pc.is_valid(array))
     return _bits(validity, array.offset, len(array))
 
 
