@@ -7,11 +7,15 @@ import math
 import re
 from pathlib import Path
 
+import numpy as np
 import pandas as pd
 import pyarrow as pa
+import pyarrow.compute as pc
 import pyarrow.dataset as ds
 import pyarrow.parquet as pq
 import pytest
+from hypothesis import example, given, settings
+from hypothesis import strategies as st
 
 from norvane.interest_rates import InterestRate
 from norvane.portfolio import InputError, _sources, stream_book, value_book
@@ -108,6 +112,12 @@ class CStream:
         return self.table.__arrow_c_stream__(requested_schema)
 
 
+def dictionary_encoded(table):
+    """Every column as a dictionary, with empty cells as nulls (both are missing cells)."""
+    columns = [pc.dictionary_encode(pc.if_else(pc.equal(c, ""), None, c)) for c in table.columns]
+    return pa.table(columns, table.column_names)
+
+
 def parquet_directory(table, directory):
     for start in range(0, table.num_rows, 8):  # files sort in the records' order
         pq.write_table(table.slice(start, 8), directory / f"part-{start:02}.parquet")
@@ -121,6 +131,7 @@ INPUTS = {
     "Dataset": lambda table, _: ds.dataset(table),
     "C stream": lambda table, _: CStream(table),
     "dict": lambda table, _: table.to_pydict(),
+    "dictionary-encoded": lambda table, _: dictionary_encoded(table),
     "Parquet file": lambda table, directory: parquet_directory(table, directory) / "part-00.parquet",
     "Parquet directory": parquet_directory,
 }
@@ -147,6 +158,7 @@ def test_typed_columns_nan_is_a_missing_cell_and_ids_read_as_python_writes_them(
             "term": [math.nan, 10.0, None, 10.0],  # NaN and null: perpetuities
             "timing": pa.array([math.nan, None, 1.0, 4.0]),  # NaN and null: due; a number is no timing
             "frequency": pa.array([1, 1, 5, 1], pa.int64()),
+            "growth": pa.nulls(4),  # a column of None only: every cell missing
         }
     )
     result = value_book(table, CURVE)
@@ -194,3 +206,31 @@ def test_readme_data_frame_example():
     expected = [1000 * (1 - V**10) / (1 - V), 500 * (1 - V**20) / (1 - V) * V**5, math.nan]
     assert values.present_value == pytest.approx(expected, rel=1e-10, nan_ok=True)
     assert frame["error"].isna().tolist() == [True, True, False]
+
+
+@pytest.mark.parametrize("start, stop", [(0, 20), (3, 17), (9, 10), (5, 5)])
+def test_buffer_conversions_agree_with_pyarrows_own(start, stop):
+    """Slices start inside a bitmap byte: offsets are where buffer reading goes wrong."""
+    from norvane.portfolio import _arrow
+
+    numbers = pa.array([None if k % 3 == 0 else k / 4 for k in range(20)], pa.float64()).slice(start, stop - start)
+    expected = numbers.to_numpy(zero_copy_only=False)
+    assert _arrow.floats(numbers) == pytest.approx(expected, nan_ok=True)
+    flags = pc.greater(numbers, 2.0)
+    assert _arrow.valid(flags).tolist() == pc.is_valid(flags).to_pylist()
+    assert _arrow.mask(flags).tolist() == [bool(f) for f in flags.to_pylist()]
+    assert _arrow.from_mask(_arrow.mask(flags)).to_pylist() == [bool(f) for f in flags.to_pylist()]
+    assert _arrow.from_numbers(expected).to_pylist() == pytest.approx(expected.tolist(), nan_ok=True)
+    texts = [None if k % 4 == 1 else "ä" * (k % 3) for k in range(start, stop)]
+    present = np.array([text is not None for text in texts], dtype=bool)
+    assert _arrow.from_texts([text for text in texts if text is not None], present).to_pylist() == texts
+
+
+@settings(max_examples=300, deadline=None)
+@given(st.lists(st.floats(-1e300, 1e300), max_size=60), st.integers(0, 60))
+@example([1e16, 1.0, 1.0, -1e16, 5e-324, 2.5e-308], 1)
+def test_a_books_total_is_the_correctly_rounded_sum_whatever_its_batches(values, split):
+    from norvane.portfolio._exact import exact_sum
+
+    batches = [np.array(values[:split]), np.array(values[split:])]
+    assert float(sum(exact_sum(batch) for batch in batches)) == math.fsum(values)

@@ -17,10 +17,11 @@ valued carry a message instead of stopping the run.
 
 from __future__ import annotations
 
-import math
 import sys
 from collections.abc import Iterator, Mapping
+from contextlib import AbstractContextManager, nullcontext
 from dataclasses import dataclass, field
+from fractions import Fraction
 from pathlib import Path
 from typing import Any
 
@@ -29,6 +30,8 @@ import pyarrow as pa
 
 from ..config import Config
 from ..mortality import MortalityTable
+from . import _arrow
+from ._exact import exact_sum
 from ._life import DEFAULT_TABLE, BookTables, book_tables
 from ._output import check_output, output_kind, table_writer, write_table
 from ._policies import POLICY_COLUMNS, InputError, Policies, policies_from_batch
@@ -79,9 +82,9 @@ class ValuedBlock:
     valid: np.ndarray
 
     def to_batch(self) -> pa.RecordBatch:
-        return pa.RecordBatch.from_arrays(
-            [self.policies.ids, pa.array(self.values), pa.array(self.errors, pa.string())], schema=VALUES_SCHEMA
-        )
+        failed = ~self.valid
+        columns = [self.policies.ids, _arrow.from_numbers(self.values), _arrow.from_texts(self.errors[failed], failed)]
+        return pa.RecordBatch.from_arrays(columns, schema=VALUES_SCHEMA)
 
 
 @dataclass
@@ -91,16 +94,17 @@ class BookSummary:
     policies: int = 0
     valued: int = 0
     errors: int = 0
-    total_present_value: float = 0.0  # of the finite values
+    total_present_value: float = 0.0  # of the finite values, correctly rounded
     first_errors: list[tuple[str, str]] = field(default_factory=list)  # (id, message)
+    _exact_total: Fraction = field(default=Fraction(0), repr=False)
 
     def add(self, block: ValuedBlock) -> None:
         failed = np.flatnonzero(~block.valid)
         self.policies += len(block.values)
         self.errors += len(failed)
         self.valued += len(block.values) - len(failed)
-        finite = block.values[np.isfinite(block.values)]
-        self.total_present_value = math.fsum([self.total_present_value, *finite.tolist()])
+        self._exact_total += exact_sum(block.values[np.isfinite(block.values)])
+        self.total_present_value = float(self._exact_total)
         for i in failed[: SHOWN_ERRORS - len(self.first_errors)]:
             self.first_errors.append((block.policies.ids[i].as_py(), block.errors[i]))
 
@@ -163,24 +167,26 @@ def valued_blocks(
     ``progress``: draw a bar on stderr (None: when stderr is a terminal). It counts records,
     or bytes of the file for CSV. ``tables``: see :func:`value_book`.
     """
-    from tqdm import tqdm  # here: its import costs a short run a noticeable share
-
     mode = mode or Config().calculation_mode
     known = book_tables(tables)
     first = 0
-    with tqdm(
-        total=book.total,
-        unit=book.unit,
-        unit_scale=book.unit == "B",
-        desc="valuing",
-        disable=None if progress is None else not progress,  # None: off unless stderr is a terminal
-        file=sys.stderr,
-    ) as bar:
+    with _progress_bar(book, progress) as bar:
         for block in book.blocks:
             policies = policies_from_batch(block.batch, first, block.defects)
             first += len(policies)
-            bar.update(book.done() - bar.n if book.done is not None else len(policies))
+            if bar is not None:
+                bar.update(book.done() - bar.n if book.done is not None else len(policies))
             yield ValuedBlock(policies, *value_policies(curve, policies, mode, known))
+
+
+def _progress_bar(book: Book, progress: bool | None) -> AbstractContextManager[Any]:
+    """A tqdm bar on stderr, or None when it is off (None: off unless stderr is a terminal).
+    tqdm is imported only to draw: its import is a noticeable share of a short run."""
+    if not (sys.stderr.isatty() if progress is None else progress):
+        return nullcontext()
+    from tqdm import tqdm
+
+    return tqdm(total=book.total, unit=book.unit, unit_scale=book.unit == "B", desc="valuing", file=sys.stderr)
 
 
 def value_book(

@@ -16,6 +16,7 @@ import pyarrow as pa
 import pyarrow.compute as pc
 
 from ..base import _ALLOWED_PAYMENT_FREQUENCIES
+from . import _arrow
 
 # The last three make a record a life annuity (it has an age) on the table its "table" cell names.
 POLICY_COLUMNS = (
@@ -28,6 +29,8 @@ POLICY_COLUMNS = (
 _PLAIN_NUMBER = r"(?i)^[+-]?(([0-9]+\.?[0-9]*|\.[0-9]+)(e[+-]?[0-9]+)?|inf(inity)?|nan)$"
 # Cells per cast when a column holds cells that Arrow cannot read.
 _SLICE = 1 << 13
+_NO_TEXTS = pa.nulls(1, pa.string())
+_NO_TEXT = _NO_TEXTS[0]
 
 
 class InputError(Exception):
@@ -77,8 +80,9 @@ def _shown(column: pa.Array, i: int) -> str:
 
 
 def _plain(column: pa.Array) -> pa.Array:
-    """Dictionary-encoded and large or viewed text columns as plain columns."""
-    if pa.types.is_dictionary(column.type):
+    """Large or viewed text as plain text, and dictionaries decoded, but for dictionaries of
+    plain text: those are read once per distinct cell."""
+    if pa.types.is_dictionary(column.type) and not pa.types.is_string(column.type.value_type):
         column = column.dictionary_decode()
     if pa.types.is_large_string(column.type) or pa.types.is_string_view(column.type):
         column = column.cast(pa.string())
@@ -87,6 +91,19 @@ def _plain(column: pa.Array) -> pa.Array:
 
 def _is_text(column: pa.Array) -> bool:
     return pa.types.is_string(column.type)
+
+
+def _is_text_dictionary(column: pa.Array) -> bool:
+    return pa.types.is_dictionary(column.type) and pa.types.is_string(column.type.value_type)
+
+
+def _distinct(column: pa.Array) -> tuple[pa.Array, np.ndarray]:
+    """A text column's distinct cells, the last one null, and each record's place among them.
+    Books repeat few timings, frequencies and tables: each distinct cell is read once."""
+    encoded = column if _is_text_dictionary(column) else pc.dictionary_encode(column)
+    cells = _arrow.numbers(encoded.indices)
+    cells[~_arrow.valid(encoded.indices)] = len(encoded.dictionary)
+    return pa.concat_arrays([encoded.dictionary, _NO_TEXTS]), cells
 
 
 def _is_number(column: pa.Array) -> bool:
@@ -99,17 +116,12 @@ def _is_number(column: pa.Array) -> bool:
     )
 
 
-def _mask(array: pa.Array) -> np.ndarray:
-    """A boolean Arrow array as a NumPy mask, null as False."""
-    return np.asarray(pc.fill_null(array, False).to_numpy(zero_copy_only=False), dtype=bool)
-
-
 def _present(column: pa.Array) -> np.ndarray:
     """Cells that are neither null nor, in a float column, NaN (data frames write a missing
     number as NaN)."""
-    present = _mask(pc.is_valid(column))
+    present = _arrow.valid(column)
     if pa.types.is_floating(column.type):
-        present &= ~_mask(pc.is_nan(column))
+        present &= ~_arrow.mask(pc.is_nan(column))
     return present
 
 
@@ -117,36 +129,37 @@ def _cast(text: pa.Array) -> tuple[np.ndarray, np.ndarray]:
     """Arrow's reading of a text column as float64 (NaN for nulls), and the cells it could not
     read: whole columns first, and slices of a column that holds such cells."""
     try:
-        values = pc.cast(text, pa.float64())
-        return values.to_numpy(zero_copy_only=False, writable=True), np.zeros(len(text), dtype=bool)
+        return _arrow.floats(pc.cast(text, pa.float64())), np.zeros(len(text), dtype=bool)
     except pa.ArrowInvalid:
         pass
     if len(text) > _SLICE:
         parts = [_cast(text.slice(start, _SLICE)) for start in range(0, len(text), _SLICE)]
         return np.concatenate([values for values, _ in parts]), np.concatenate([odd for _, odd in parts])
-    plain = _mask(pc.match_substring_regex(text, _PLAIN_NUMBER))
-    values = pc.cast(pc.if_else(pa.array(plain), text, None), pa.float64())
-    return values.to_numpy(zero_copy_only=False, writable=True), ~plain & _mask(pc.is_valid(text))
+    plain = _arrow.mask(pc.match_substring_regex(text, _PLAIN_NUMBER))
+    values = _arrow.floats(pc.cast(pc.if_else(_arrow.from_mask(plain), text, _NO_TEXT), pa.float64()))
+    return values, ~plain & _arrow.valid(text)
 
 
-def _text_numbers(column: pa.Array, name: str, defects: _Defects) -> tuple[np.ndarray, np.ndarray]:
-    text = pc.if_else(pc.equal(column, ""), None, column)
+def _text_numbers(column: pa.Array) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
+    """Text cells read as float64 (NaN for missing cells), the mask of given cells and the
+    mask of cells that are not numbers."""
+    empty = (_arrow.numbers(pc.binary_length(column)) == 0) & _arrow.valid(column)
+    text = pc.if_else(_arrow.from_mask(empty), _NO_TEXT, column) if empty.any() else column
     values, odd = _cast(text)
-    given = _mask(pc.is_valid(text))
+    given = _arrow.valid(text)
     # Cells Arrow could not read (1_000, " 5", ...) and NaN ("nan", but also "nan(1)", which
     # float() refuses) are judged by float(), as written once stripped.
     odd |= given & np.isnan(values)
     failed = np.zeros(len(column), dtype=bool)
     rows = np.flatnonzero(odd)
-    for i, cell in zip(rows, text.take(pa.array(rows)).to_pylist()):
+    for i, cell in zip(rows, text.take(_arrow.from_numbers(rows)).to_pylist()):
         cell = cell.strip()
         given[i] = bool(cell)
         try:
             values[i] = float(cell) if cell else math.nan
         except ValueError:
             failed[i] = True
-    defects.note(failed, lambda i: f"{name} is not a number, got {_shown(column, i)}")
-    return values, given & ~failed
+    return values, given & ~failed, failed
 
 
 def _numbers(
@@ -159,36 +172,43 @@ def _numbers(
     """
     if column is None:
         return np.full(count, default), np.zeros(count, dtype=bool)
-    if _is_text(column):
-        values, given = _text_numbers(column, name, defects)
+    if _is_text(column) or _is_text_dictionary(column):
+        if _is_text(column):
+            values, given, failed = _text_numbers(column)
+        else:
+            distinct, cells = _distinct(column)
+            values, given, failed = (read[cells] for read in _text_numbers(distinct))
+        defects.note(failed, lambda i: f"{name} is not a number, got {_shown(column, i)}")
     elif _is_number(column):
-        values = pc.cast(column, pa.float64(), safe=False).to_numpy(zero_copy_only=False)
+        values = _arrow.floats(pc.cast(column, pa.float64(), safe=False))
         given = ~np.isnan(values)
     else:  # dates, lists, ...: no cell is a number
         values, given = np.full(count, math.nan), np.zeros(count, dtype=bool)
-        defects.note(_mask(pc.is_valid(column)), lambda i: f"{name} is not a number, got {_shown(column, i)}")
+        defects.note(_arrow.valid(column), lambda i: f"{name} is not a number, got {_shown(column, i)}")
     return np.where(given, values, default), given
 
 
 def _ids(column: pa.Array | None, first_record: int, count: int) -> pa.Array:
     """Identifiers as text: the record numbers when there is no id column, "" for a missing id."""
     if column is None:
-        return pc.cast(pa.array(np.arange(first_record + 1, first_record + count + 1)), pa.string())
+        return pc.cast(_arrow.from_numbers(np.arange(first_record + 1, first_record + count + 1)), pa.string())
     if pa.types.is_floating(column.type) or pa.types.is_boolean(column.type):
         # Arrow writes 5.0 as "5" and True as "true"; an id reads as Python writes it.
         text = column.to_numpy(zero_copy_only=False).astype(str)
         return pa.array(np.where(_present(column), text, ""), pa.string())
-    return pc.fill_null(pc.cast(column, pa.string()), "")
+    text = pc.cast(column, pa.string())
+    return pc.fill_null(text, "") if text.null_count else text
 
 
 def _due(column: pa.Array | None, count: int, defects: _Defects) -> np.ndarray:
     """True for annuities-due (the default), False for annuities-immediate."""
     if column is None:
         return np.ones(count, dtype=bool)
-    if _is_text(column):
-        text = pc.fill_null(pc.utf8_lower(pc.utf8_trim_whitespace(column)), "")
-        immediate = _mask(pc.equal(text, "immediate"))
-        bad = ~_mask(pc.is_in(text, pa.array(["", "due", "immediate"])))
+    if _is_text(column) or _is_text_dictionary(column):
+        distinct, cells = _distinct(column)
+        words = pc.utf8_lower(pc.utf8_trim_whitespace(distinct)).to_pylist()
+        immediate = np.array([word == "immediate" for word in words], dtype=bool)[cells]
+        bad = np.array([word not in (None, "", "due", "immediate") for word in words], dtype=bool)[cells]
     else:  # a number or any other cell is never a timing
         immediate = np.zeros(count, dtype=bool)
         bad = _present(column)
@@ -201,12 +221,13 @@ def _names(column: pa.Array | None, count: int, name: str, defects: _Defects) ->
     A cell of another kind (a number, ...) is a defect of its record."""
     if column is None:
         return np.full(count, "", dtype=object), np.zeros(count, dtype=bool)
-    if not _is_text(column):
+    if not (_is_text(column) or _is_text_dictionary(column)):
         given = _present(column)
         defects.note(given, lambda i: f"{name} must be a name, got {_shown(column, i)}")
         return np.full(count, "", dtype=object), given
-    text = pc.fill_null(pc.utf8_trim_whitespace(column), "")
-    names = np.asarray(text.to_numpy(zero_copy_only=False), dtype=object)
+    distinct, cells = _distinct(column)
+    stripped = pc.utf8_trim_whitespace(distinct).to_pylist()
+    names = np.array([cell or "" for cell in stripped], dtype=object)[cells]
     return names, names != ""
 
 

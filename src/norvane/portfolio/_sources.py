@@ -12,6 +12,7 @@ import io
 import sys
 from collections import deque
 from collections.abc import Callable, Iterator, Mapping
+from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
@@ -21,7 +22,7 @@ import pyarrow as pa
 import pyarrow.csv as pa_csv
 import pyarrow.parquet as pq
 
-from ._policies import InputError, check_columns
+from ._policies import InputError, check_columns, first_columns
 
 # Records per batch of Parquet files and in-memory tables; CSV blocks are of about the same size.
 BATCH_ROWS = 1 << 16
@@ -29,6 +30,8 @@ CSV_BLOCK_BYTES = 2 << 20
 # Enough of a CSV file for its header line.
 _HEADER_BYTES = 1 << 20
 _GZIP_MAGIC = b"\x1f\x8b"
+# Policy columns of few distinct cells.
+REPEATED_COLUMNS = ("frequency", "timing", "table")
 
 
 @dataclass
@@ -171,16 +174,45 @@ def _open_csv(path: Path) -> Book:
 # --------------------------------------------------------------------------- Parquet
 
 
+def _read_ahead(batches: Iterator[pa.RecordBatch]) -> Iterator[pa.RecordBatch]:
+    """The batches, each read in a thread while the caller works on the one before: Arrow
+    decodes without the GIL, so reading and valuing overlap. One batch is in flight."""
+    with ThreadPoolExecutor(1, thread_name_prefix="norvane-read") as reader:
+        pending = reader.submit(next, batches, None)
+        while (batch := pending.result()) is not None:
+            pending = reader.submit(next, batches, None)
+            yield batch
+
+
+def _repeated_texts(schema: pa.Schema) -> list[str]:
+    """Text columns of the policy columns whose cells repeat (timing, frequency, table): read
+    as dictionaries, they skip decoding every cell, and each distinct cell is checked once."""
+    positions = first_columns(schema.names)
+    return [
+        schema.names[positions[name]]
+        for name in REPEATED_COLUMNS
+        if name in positions and pa.types.is_string(schema.types[positions[name]])
+    ]
+
+
 def _open_parquet(path: Path) -> Book:
     if path.is_dir():
         import pyarrow.dataset as ds  # a third of a second to import: only for directories
 
         dataset = ds.dataset(path, format="parquet", partitioning="hive")
+        repeated = _repeated_texts(dataset.schema)
+        if repeated:
+            options = ds.ParquetReadOptions(dictionary_columns=repeated)
+            dataset = ds.dataset(path, format=ds.ParquetFileFormat(read_options=options), partitioning="hive")
         # Little read-ahead: memory stays near one batch per column.
         batches = dataset.to_batches(batch_size=BATCH_ROWS, batch_readahead=1, fragment_readahead=1)
         return _rows(str(path), dataset.schema, batches, dataset.count_rows())
     file = pq.ParquetFile(path)
-    return _rows(str(path), file.schema_arrow, file.iter_batches(batch_size=BATCH_ROWS), file.metadata.num_rows)
+    repeated = _repeated_texts(file.schema_arrow)
+    if repeated:  # reopened to keep them encoded
+        file = pq.ParquetFile(path, read_dictionary=repeated)
+    batches = _read_ahead(file.iter_batches(batch_size=BATCH_ROWS))
+    return _rows(str(path), file.schema_arrow, batches, file.metadata.num_rows)
 
 
 def open_file(path: Path) -> Book:
