@@ -75,6 +75,8 @@ TWO = [1.0, 2.0]
         ("a", {"n": TWO, "return_flows": True, "t_output": 1.0}, TypeError, "Parameter 't_output' must be a sequence of real numbers, not a single value."),
         ("a", {"n": TWO, "m": 5}, ValueError, f"'m' must be one of {M_SET}, got 5."),
         ("a", {"n": TWO, "m": [1, 5]}, ValueError, f"'m' must be one of {M_SET} at index 1, got 5."),
+        ("a", {"n": TWO, "m": [12, 366]}, ValueError, f"'m' must be one of {M_SET} at index 1, got 366."),
+        ("a", {"n": TWO, "m": np.array([-12, 12])}, ValueError, f"'m' must be one of {M_SET} at index 0, got -12."),
         ("a", {"n": [1.0, 2.0, 3.0], "m": [1, 12]}, ValueError, "Incompatible batch lengths: m=2, expected 3 or 1 (broadcast)."),
         ("a", {"n": TWO, "m": [1.0, 12.0]}, TypeError, "'m' must contain integers, got dtype float64."),
         ("a", {"n": TWO, "benefits": [1, 2, 3]}, ValueError, "'benefits' must have one value per policy: expected 2, got 3."),

@@ -99,8 +99,10 @@ def _real_array(x: object) -> np.ndarray:
 
     kind = arr.dtype.kind
     if kind in "iuf":
-        if isinstance(arr, np.ma.MaskedArray):
-            arr = np.ma.filled(arr.astype(np.float64), np.nan)
+        # A masked array exists only once numpy.ma is imported: no import here.
+        ma = sys.modules.get("numpy.ma")
+        if ma is not None and isinstance(arr, ma.MaskedArray):
+            arr = ma.filled(arr.astype(np.float64), np.nan)
         return arr
     if kind == "O":
         types = set(map(type, arr.flat))

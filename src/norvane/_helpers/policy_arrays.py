@@ -83,6 +83,16 @@ def _check_frequency(m: Any, method_name: str) -> int:
     return int(m)
 
 
+# Whether each value 0..365 is an allowed frequency: a lookup instead of a search.
+_FREQUENCY_ALLOWED = np.zeros(max(_ALLOWED_PAYMENT_FREQUENCIES) + 1, dtype=bool)
+_FREQUENCY_ALLOWED[list(_ALLOWED_PAYMENT_FREQUENCIES)] = True
+
+
+def _allowed_frequency(arr: NDArray[np.integer]) -> NDArray[np.bool_]:
+    inside = (arr >= 0) & (arr < _FREQUENCY_ALLOWED.size)
+    return inside & _FREQUENCY_ALLOWED[np.where(inside, arr, 0)]
+
+
 def _resolve_batch_m(m: Any, N: int, method_name: str) -> int | NDArray[np.int64]:
     """Resolve the payment frequency of a batch.
 
@@ -122,7 +132,7 @@ def _resolve_batch_m(m: Any, N: int, method_name: str) -> int | NDArray[np.int64
                 f"Incompatible batch lengths: m={arr.shape[0]}, expected {N} or 1 (broadcast).",
             )
         )
-    bad = ~np.isin(arr, _ALLOWED_PAYMENT_FREQUENCIES)
+    bad = ~_allowed_frequency(arr)
     if bad.any():
         i = _first_index(bad)
         raise ValueError(

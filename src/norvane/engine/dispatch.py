@@ -341,16 +341,19 @@ def _nan_policy_result(
     valid = np.flatnonzero(valid_mask).astype(np.int64)
     invalid = np.flatnonzero(~valid_mask).astype(np.int64)
     if valid.size:
+        # With every record valid, the valid subset is the batch itself: no gathering.
+        every = valid.size == size
+        subset = (lambda values: values) if every else (lambda values: _subset(values, valid))
         values[valid] = annuity_batch_dispatch(
             self,
-            n=n_arr[valid],
-            d=d_arr[valid],
-            ts=ts_arr[valid],
-            m=_batch_m_for_nan_recurse(m_resolved, valid),
-            gr=_growth_subset(kw["gr"], valid),
+            n=subset(n_arr),
+            d=subset(d_arr),
+            ts=subset(ts_arr),
+            m=m_resolved if every else _batch_m_for_nan_recurse(m_resolved, valid),
+            gr=kw["gr"] if every else _growth_subset(kw["gr"], valid),
             cashflow_times=kw["cashflow_times"],
             cashflow_amounts=kw["cashflow_amounts"],
-            benefits=_subset(benefits_arr, valid),
+            benefits=subset(benefits_arr),
             return_flows=False,
             t_output=None,
             on_error="raise",
