@@ -53,12 +53,13 @@ double regular_sum(const PiecewiseTable& curve, const Schedule& s) {
     const std::size_t m = s.m;
     const double per_payment_log = 1.0 / static_cast<double>(m);
     const std::size_t end = s.first + s.count;
-    const auto runs = s.growth.kind == Growth::Level ? curve.level_runs(m) : nullptr;
+    const auto runs = s.growth.kind == Growth::Level ? curve.level_runs(m) : nullptr;  // level: always
     double pv = 0.0;
     std::size_t k = s.first;
-    while (k < end) {
+    // Times only grow: each run's segment is found from the previous run's on.
+    for (std::size_t j = k < end ? curve.segment_of(s.time(k)) : 0; k < end;) {
         const double t = s.time(k);
-        const std::size_t j = curve.segment_of(t);
+        j = curve.segment_from(t, j);
         const double delta = curve.log_base(j);
         const double v = t <= 0.0 ? 1.0 : curve.discount_in_near(j, t);
         const std::size_t in_segment = payments_until(s, k, end, curve.segment_end(j));
@@ -70,10 +71,6 @@ double regular_sum(const PiecewiseTable& curve, const Schedule& s) {
         }
         if (s.growth.kind == Growth::Arithmetic) {
             for (std::size_t i = k; i < k + in_segment; ++i) pv += s.amount(i) * curve.discount(s.time(i));
-            k += in_segment;
-        } else if (s.growth.kind == Growth::Level) {
-            // Level amounts: the whole run inside the segment is one series.
-            pv += s.amount(k) * v * geometric_sum(-delta * per_payment_log, static_cast<double>(in_segment));
             k += in_segment;
         } else if (k % m == 0 && in_segment >= m) {
             // Whole years inside the segment: each year's payments are one

@@ -54,6 +54,11 @@ class PiecewiseTable {
     // Segment of a time by the side-"left" search over the ends, clipped to the
     // last rate: times <= 0 give 0, NaN and times past the end give m-1.
     std::size_t segment_of(double n) const;
+    // The same for n > 0 known to lie in segment `from` or a later one.
+    std::size_t segment_from(double n, std::size_t from) const {
+        while (from < ends_.size() && n > ends_[from]) ++from;
+        return from;
+    }
     std::size_t segment_count() const { return rates_.size(); }
     double rate(std::size_t segment) const { return rates_[segment]; }
     bool has_rate_at_or_below_minus_one() const;
