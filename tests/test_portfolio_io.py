@@ -176,6 +176,12 @@ def test_typed_columns_nan_is_a_missing_cell_and_ids_read_as_python_writes_them(
     huge = value_book(pd.DataFrame({"term": [10.0, 5.0], "frequency": [1, 2**70]}), CURVE)
     assert huge.error[1] == f"frequency must be one of {FREQUENCIES}, got '{2**70}'"
     assert huge.present_value[0] == pytest.approx((1 - V**10) / (1 - V), rel=1e-10)
+    # a text dictionary that fills its narrow index type, with a null cell (due)
+    names = pa.array(["due", "immediate"] + [f"x{i}" for i in range(254)])
+    timing = pa.DictionaryArray.from_arrays(pa.array([0, None, 1], pa.uint8()), names)
+    narrow = value_book(pa.table({"term": [10.0, 5.0, 3.0], "timing": timing}), CURVE)
+    due = [(1 - V**10) / (1 - V), (1 - V**5) / (1 - V), (1 - V**3) / 0.03]
+    assert narrow.present_value.tolist() == pytest.approx(due, rel=1e-10)
 
 
 @pytest.mark.parametrize(

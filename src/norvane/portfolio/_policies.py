@@ -101,7 +101,8 @@ def _distinct(column: pa.Array) -> tuple[pa.Array, np.ndarray]:
     """A text column's distinct cells, the last one null, and each record's place among them.
     Books repeat few timings, frequencies and tables: each distinct cell is read once."""
     encoded = column if _is_text_dictionary(column) else pc.dictionary_encode(column)
-    cells = _arrow.numbers(encoded.indices)
+    # Wide enough for the null's place after a dictionary that fills a narrow index type.
+    cells = _arrow.numbers(encoded.indices).astype(np.intp)
     cells[~_arrow.valid(encoded.indices)] = len(encoded.dictionary)
     return pa.concat_arrays([encoded.dictionary, _NO_TEXTS]), cells
 
