@@ -13,6 +13,7 @@ import os
 import sys
 import time
 from collections.abc import Sequence
+from fractions import Fraction
 from pathlib import Path
 from typing import Any
 
@@ -38,6 +39,7 @@ from .portfolio import (
     valued_blocks,
     write_table,
 )
+from .portfolio._exact import exact_sum
 
 EXIT_OK = 0
 EXIT_INPUT = 2
@@ -220,6 +222,7 @@ def _dask_client(address: str, workers: int):
 def run_value_dask(args: argparse.Namespace, curve: Any, curve_label: str, mode: str, started: float) -> int:
     """The value command on a Dask cluster: partitioned Parquet (or CSV) in and out."""
     try:
+        import dask
         import dask.dataframe as dd
 
         from .dask import value_policies
@@ -255,14 +258,21 @@ def run_value_dask(args: argparse.Namespace, curve: Any, curve_label: str, mode:
                     index=False,
                     compression="gzip" if args.output.name.lower().endswith(".gz") else None,
                 )
-        count, failed, total = dd.compute(
-            result.shape[0], (~result["error"].isna()).sum(), result["present_value"].sum()
-        )
+        # Exact per partition, rounded once: the same total as one process gives.
+        partials = [dask.delayed(_exact_total)(part) for part in result["present_value"].to_delayed()]
+        count, failed, *totals = dask.compute(result.shape[0], (~result["error"].isna()).sum(), *partials)
+        total = sum(totals, Fraction(0))
         shown = result[~result["error"].isna()].head(SHOWN_ERRORS, npartitions=-1)
         first = [(str(row.get("id", index)), row["error"]) for index, row in shown.iterrows()]
     summary = BookSummary(int(count), int(count - failed), int(failed), float(total), first)
     _summary(args, curve_label, mode, summary, time.perf_counter() - started)
     return EXIT_OK
+
+
+def _exact_total(values: Any) -> Fraction:
+    """The exact sum of a partition's present values (NaN, an invalid record's, left out)."""
+    numbers = np.asarray(values, dtype=np.float64)
+    return exact_sum(numbers[np.isfinite(numbers)])
 
 
 def run_value(args: argparse.Namespace) -> int:
