@@ -8,6 +8,7 @@ as plain attributes, which keeps reads on the extension's hot paths cheap.
 from __future__ import annotations
 
 import array
+import threading
 from collections.abc import Iterator, Mapping
 from contextlib import contextmanager
 from typing import Any, TypeGuard
@@ -20,10 +21,12 @@ from .engine.base import _CALCULATION_MODES, CalculationModeLiteral
 # Counts changes of any setting. Native code keeps what it derives from the
 # settings while the count stands, and reads it from this buffer directly.
 _CHANGES = array.array("Q", [0])
+_CHANGES_LOCK = threading.Lock()  # "+=" is not atomic: two threads could count one change
 
 
 def _changed() -> None:
-    _CHANGES[0] += 1
+    with _CHANGES_LOCK:
+        _CHANGES[0] += 1
 
 
 __all__ = [

@@ -117,8 +117,12 @@ std::optional<double> plain_annuity_value(nb::handle self_obj, int timing, const
     if (!core::countable(std::isinf(*n) ? terms.perpetuity_n_eff : *n, terms.m)) return std::nullopt;
     const std::optional<core::Annuity> annuity = core::policy_annuity(*n, *d, *ts, terms);
     if (!annuity) return 0.0;
+    // Taken now: building a shifted curve runs Python, where another thread
+    // may change the settings (and so the curve's kept copy of them).
+    const core::Mode mode = *settings.mode;
+    const double scale = settings.scale;
     const auto table = shifted_table(self_obj, self, *ts, terms.tolerance_eps);
-    return core::round_scaled(core::annuity_value(*table, *annuity, *settings.mode), settings.scale);
+    return core::round_scaled(core::annuity_value(*table, *annuity, mode), scale);
 }
 
 nb::object annuity(nb::handle self, const char* method_name, int timing, const AnnuityArgs& a) {
