@@ -533,7 +533,6 @@ class BookValuer {
           per_period_(table_, terms.m),
           per_year_(table_, 1),
           scale_(std::pow(10.0, terms.decimals)),
-          per_payment_(1.0 / static_cast<double>(terms.m)),
           level_precision_(grid_ && terms.growth.kind == Growth::Level && terms.mode == Mode::DiscretePrecision) {
         if (level_precision_)
             grid_view_ = {grid_->level_payments().sums(),
@@ -626,7 +625,7 @@ class BookValuer {
     PiecewiseTable table_;
     std::optional<PaymentGrid> grid_;
     LevelSeries per_period_, per_year_;  // off the grid, level payments
-    double scale_, per_payment_;
+    double scale_;
     bool level_precision_;
     LevelGridView grid_view_{};
 };
