@@ -103,13 +103,9 @@ double schedule_value(const PiecewiseTable& curve, const Schedule& s) {
 void schedule_payments(const Schedule& s, std::vector<double>& times, std::vector<double>& amounts) {
     times.clear();
     amounts.clear();
-    for (std::size_t k = s.first; k < s.first + s.count; ++k) {
-        times.push_back(s.time(k));
-        amounts.push_back(s.amount(k));
-    }
-    if (s.has_partial) {
-        times.push_back(s.partial_time);
-        amounts.push_back(s.partial_amount());
+    for (std::size_t i = 0; i < s.size(); ++i) {
+        times.push_back(s.payment_time(i));
+        amounts.push_back(i < s.count ? s.amount(s.first + i) : s.partial_amount());
     }
 }
 
@@ -197,7 +193,8 @@ WoolhouseParts woolhouse_parts(const Annuity& annuity, bool continuous) {
 
 double WoolhouseParts::annual(double due_value, double immediate_value, int timing) const {
     const double c = weight;
-    return timing == 0 ? (1.0 - c) * due_value + c * immediate_value : c * due_value + (1.0 - c) * immediate_value;
+    return timing == 0 ? weighted(1.0 - c, due_value) + weighted(c, immediate_value)
+                       : weighted(c, due_value) + weighted(1.0 - c, immediate_value);
 }
 
 double WoolhouseParts::continuous_tail(const PiecewiseTable& curve, const Annuity& annuity) const {

@@ -45,7 +45,14 @@ struct Schedule {
     double partial_amount() const {
         return partial_fraction * growth.factor(partial_index / m) / static_cast<double>(m);
     }
+    // Every payment, the pro-rata one last: their number and the time of the i-th.
+    std::size_t size() const { return count + (has_partial ? 1 : 0); }
+    double payment_time(std::size_t i) const { return i < count ? time(first + i) : partial_time; }
 };
+
+// weight x value, where a weight of exactly 0 (no survival left, no Woolhouse
+// share) contributes nothing, even against an infinite value.
+inline double weighted(double weight, double value) { return weight == 0.0 ? 0.0 : weight * value; }
 
 // ---- the rules of a policy ------------------------------------------------------
 

@@ -258,7 +258,7 @@ void schedule_sums(const PiecewiseTable& curve, const Schedule& s, double horizo
                 v = curve.discount(t);
             }
             if (t >= ages.birthday()) ages.refresh(t);
-            total += amount * v * ages.at(t);
+            total += weighted(ages.at(t), amount * v);
             v *= ratio;
         }
     }
@@ -293,7 +293,7 @@ double life_schedule_value(const PiecewiseTable& curve, const Schedule& s, const
 
 double life_partial_value(const PiecewiseTable& curve, const Schedule& s, const Status& status) {
     if (!s.has_partial || !(s.partial_time < status.horizon())) return 0.0;
-    return s.partial_amount() * curve.discount(s.partial_time) * status.at(s.partial_time);
+    return weighted(status.at(s.partial_time), s.partial_amount() * curve.discount(s.partial_time));
 }
 
 namespace {
@@ -319,7 +319,8 @@ double integral(const PiecewiseTable& curve, double a, double b, double origin, 
             const double t = middle + half * gl.x[i];
             sum += gl.w[i] * std::exp(-delta * (t - x)) * status.at(t);
         }
-        total += growth.factor(year) * curve.discount(x) * half * sum * (by_force ? delta : 1.0);
+        // No survival over the piece adds nothing, even where the discount factor overflows.
+        if (sum != 0.0) total += growth.factor(year) * curve.discount(x) * half * sum * (by_force ? delta : 1.0);
         x = piece_end;
         if (x >= year_end) year_end = origin + static_cast<double>(++year + 1);
     }
@@ -336,16 +337,20 @@ double woolhouse_life_value(const PiecewiseTable& curve, const Annuity& annuity,
     return annual + integral(curve, start, annuity.d + annuity.n, annuity.d, annuity.growth, status, false);
 }
 
-// The periods of a schedule: [d + k/m, d + (k+1)/m], the last one ending with the term.
+// The periods of a schedule, [d + k/m, d + (k+1)/m] with the last one ending
+// with the term, that begin before `horizon`: later ones carry no survival, so
+// the walk ends where the status does, however long the term.
 template <typename Fn>
-void for_each_period(const Annuity& annuity, Fn fn) {
+void for_each_period(const Annuity& annuity, double horizon, Fn fn) {
     Annuity due = annuity, immediate = annuity;
     due.timing = 0;
     immediate.timing = 1;
-    std::vector<double> starts, ends, amounts;
-    schedule_payments(due.schedule(), starts, amounts);
-    schedule_payments(immediate.schedule(), ends, amounts);
-    for (std::size_t i = 0; i < starts.size(); ++i) fn(i, starts[i], ends[i]);
+    const Schedule starts = due.schedule(), ends = immediate.schedule();
+    for (std::size_t i = 0; i < starts.size(); ++i) {
+        const double start = starts.payment_time(i);
+        if (!(start < horizon)) return;
+        fn(i, start, ends.payment_time(i));
+    }
 }
 
 }  // namespace
@@ -371,11 +376,11 @@ double life_amounts_value(const PiecewiseTable& curve, const Annuity& annuity, s
         std::vector<double> times, unit;
         schedule_payments(annuity.schedule(), times, unit);
         for (std::size_t i = 0; i < times.size(); ++i)
-            total += amounts[i] * curve.discount(times[i]) * status.at(times[i]);
+            total += weighted(status.at(times[i]), amounts[i] * curve.discount(times[i]));
         return total;
     }
     const Growth level;
-    for_each_period(annuity, [&](std::size_t i, double start, double end) {
+    for_each_period(annuity, status.horizon(), [&](std::size_t i, double start, double end) {
         if (end > start) total += amounts[i] / (end - start) * integral(curve, start, end, start, level, status, false);
     });
     return total;
@@ -387,18 +392,18 @@ double life_insurance_value(const PiecewiseTable& curve, const Annuity& periods,
         // By parts: the integral of v dF equals v(a) S(a) - v(b) S(b) minus the
         // integral of S dv, and dv = -delta v dt.
         const double end = std::min(b, status.horizon());
-        return curve.discount(a) * status.at(a) - curve.discount(end) * status.at(end) -
+        return weighted(status.at(a), curve.discount(a)) - weighted(status.at(end), curve.discount(end)) -
                integral(curve, a, b, a, Growth{}, status, true);
     }
     double total = 0.0;
-    for_each_period(periods, [&](std::size_t, double start, double end) {
-        total += curve.discount(end) * (status.at(start) - status.at(end));
+    for_each_period(periods, status.horizon(), [&](std::size_t, double start, double end) {
+        total += weighted(status.at(start) - status.at(end), curve.discount(end));
     });
     return total;
 }
 
 double pure_endowment_value(const PiecewiseTable& curve, double t, const Status& status) {
-    return curve.discount(t) * status.at(t);
+    return weighted(status.at(t), curve.discount(t));
 }
 
 double life_term(double n, double d, double ts, double horizon, std::size_t m) {

@@ -12,6 +12,7 @@ if TYPE_CHECKING:  # pandas is optional at run time
     import pandas as pd
 
 __all__ = [
+    "FloatRangeError",
     "_NUMERIC_TYPES",
     "Scalar",
     "ScalarSequence",
@@ -22,6 +23,17 @@ __all__ = [
 # ``bool`` subclasses ``int``: every check built on this tuple must also
 # refuse ``bool`` and ``np.bool_`` explicitly.
 _NUMERIC_TYPES = (int, float, np.integer, np.floating)
+
+
+class FloatRangeError(OverflowError, ValueError):
+    """A number beyond the float64 range, such as the integer ``10**400``.
+
+    Every route that turns a caller's number into a float raises it: an
+    ``OverflowError`` as ``float()`` raises for such an integer, and a
+    ``ValueError`` as the array conversions raise, so a handler for either
+    catches it wherever the number was given.
+    """
+
 
 Scalar = int | float | np.integer | np.floating
 """One real number: a Python int or float, or a NumPy integer/floating scalar."""

@@ -9,7 +9,7 @@ import numpy as np
 from numpy.typing import NDArray
 
 from .base import _NUMERIC_TYPES
-from .helpers import _as_f64_safe, _finalize_scalar_or_array
+from .helpers import _as_f64_safe, _finalize_scalar_or_array, _real_float
 
 __all__ = ["GrowthKindLiteral", "GrowthRate"]
 
@@ -54,16 +54,11 @@ class GrowthRate:
     _kind: str
 
     def __init__(self, rate: float, kind: GrowthKindLiteral = "geometric") -> None:
-        if isinstance(rate, (bool, np.bool_)) or not isinstance(rate, _NUMERIC_TYPES):
-            raise TypeError(f"[GrowthRate] 'rate' must be a real number, got {type(rate).__name__}")
+        value = _real_float(rate, "rate", "GrowthRate")
         if not isinstance(kind, str):
             raise TypeError(f"[GrowthRate] 'kind' must be a str, got {type(kind).__name__}")
         if kind not in _GROWTH_KINDS:
             raise ValueError(f"[GrowthRate] 'kind' must be one of {_GROWTH_KINDS}, got {kind!r}")
-        try:
-            value = float(rate)
-        except OverflowError:
-            value = math.inf
         if not math.isfinite(value):
             raise ValueError(f"[GrowthRate] 'rate' must be finite, got {value!r}")
         if kind == "geometric" and value <= -1.0:

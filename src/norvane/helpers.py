@@ -30,6 +30,7 @@ from ._helpers.flows import (
 )
 from ._helpers.payments import _PAYMENT_COUNT_TOL as _PAYMENT_COUNT_TOL
 from ._helpers.payments import _cashflow_amounts_payment_skip, _payment_count
+from ._helpers.policy_arrays import _allowed_frequency as _allowed_frequency
 from ._helpers.policy_arrays import (
     _arraylike_len_or_1,
     _batch_m_for_nan_recurse,
@@ -43,6 +44,8 @@ from ._helpers.policy_arrays import (
 from ._helpers.policy_arrays import _batch_param_invalid as _batch_param_invalid
 from ._helpers.policy_arrays import _batch_param_message as _batch_param_message
 from ._helpers.policy_arrays import _check_frequency as _check_frequency
+from ._helpers.policy_arrays import _integer_array as _integer_array
+from ._helpers.policy_arrays import _policy_column as _policy_column
 from ._helpers.results import BatchErrorReport, BatchResult
 from ._helpers.routing import (
     _detect_batch_ir_annuity,
@@ -51,6 +54,8 @@ from ._helpers.routing import (
     _validate_t_output,
 )
 from ._helpers.scalars import _prefixed as _prefixed
+from ._helpers.scalars import _real_float as _real_float
+from ._helpers.scalars import _too_large as _too_large
 from ._helpers.scalars import _validate_float_sequence, _validate_numeric_input, _validate_scalar_numeric
 
 # The "x as x" imports above are used by validators.py, engine/dispatch.py and

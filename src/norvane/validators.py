@@ -8,7 +8,6 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 
-from .base import _NUMERIC_TYPES
 from .engine.base import _CALCULATION_MODES, Dispatcher
 from .growth_rates import GrowthRate, _as_growth_rate
 from .helpers import (
@@ -17,6 +16,7 @@ from .helpers import (
     _check_frequency,
     _payment_count,
     _prefixed,
+    _real_float,
 )
 
 __all__ = [
@@ -29,17 +29,8 @@ __all__ = [
 _PRECISION_MODES = ("discrete_precision", "continuous_precision")
 
 
-def _real_scalar(value: Any, name: str, method_name: str) -> float:
-    if isinstance(value, (bool, np.bool_)) or not isinstance(value, _NUMERIC_TYPES):
-        raise TypeError(_prefixed(method_name, f"'{name}' must be a real number, got {type(value).__name__}."))
-    try:
-        return float(value)
-    except OverflowError:
-        return math.inf
-
-
 def _non_negative(value: Any, name: str, method_name: str, allow_inf: bool) -> float:
-    x = _real_scalar(value, name, method_name)
+    x = _real_float(value, name, method_name)
     if not (x >= 0.0 and (allow_inf or x < math.inf)):
         qualifier = "" if allow_inf else "finite and "
         raise ValueError(_prefixed(method_name, f"'{name}' must be {qualifier}>= 0, got {x!r}."))
@@ -246,7 +237,7 @@ def _validate_cashflow_inputs(
             )
         return times, amounts
 
-    term = None if n is None else _real_scalar(n, "n", method_name)
+    term = None if n is None else _real_float(n, "n", method_name)
     if term is None or not math.isfinite(term) or term < 0.0:
         raise ValueError(
             _prefixed(

@@ -12,6 +12,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -50,7 +51,11 @@ core::LifeOnPath life_of(core::MortalityTable& table, double age, double select_
     if (!std::isfinite(age) || !std::isfinite(ts)) throw std::invalid_argument("ages and times must be finite");
     const int select = select_of(age, select_age);
     const auto life = core::life_on_path(table.path(select), age - table.path_start(select) + ts, rule);
-    if (!life) throw std::invalid_argument("nobody in the table reaches age " + std::to_string(age + ts));
+    if (!life) {
+        std::ostringstream reached;
+        reached << age + ts;  // shortest form: an age of 1e308 is not 309 digits
+        throw std::invalid_argument("nobody in the table reaches age " + reached.str());
+    }
     return *life;
 }
 

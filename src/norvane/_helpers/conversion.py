@@ -14,7 +14,7 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 
-from ..base import _NUMERIC_TYPES
+from ..base import _NUMERIC_TYPES, FloatRangeError
 
 F64Array = NDArray[np.float64]
 
@@ -37,8 +37,8 @@ def _not_real(x: object) -> TypeError:
     )
 
 
-def _out_of_range() -> ValueError:
-    return ValueError("a value is too large to be represented as a float64")
+def _out_of_range() -> FloatRangeError:
+    return FloatRangeError("a value is too large to be represented as a float64")
 
 
 def _is_pandas_1d(x: object) -> bool:
@@ -144,7 +144,8 @@ def _as_f64_safe(x: Any) -> F64Array:
         For booleans (also ``np.bool_`` and bool arrays), strings, None,
         complex numbers and other non-numeric objects.
     ValueError
-        For ragged nested sequences and integers beyond the float64 range.
+        For ragged nested sequences; ``FloatRangeError`` (a ``ValueError``)
+        for integers beyond the float64 range.
     """
     tp = type(x)
     if tp is np.ndarray:

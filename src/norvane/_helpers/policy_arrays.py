@@ -55,6 +55,20 @@ def _map_batch_n_none_to_inf(n: Any) -> Any:
     return n
 
 
+def _policy_column(values: Any, name: str, method_name: str) -> F64Array:
+    """A per-policy column of a book as float64: a single value (0-d) or one dimension.
+
+    Conversion errors keep their class (TypeError, ValueError, FloatRangeError) and name the column.
+    """
+    try:
+        arr = _as_f64_safe(values)
+    except (TypeError, ValueError) as exc:
+        raise type(exc)(_prefixed(method_name, f"'{name}': {exc}.")) from None
+    if arr.ndim > 1:
+        raise ValueError(_prefixed(method_name, f"'{name}' must be one-dimensional, got shape {arr.shape}."))
+    return arr
+
+
 def _arraylike_len_or_1(x: Any) -> int:
     """Length of a list, tuple, array (first axis) or Series; 1 for a scalar."""
     length = _batch_length(x)

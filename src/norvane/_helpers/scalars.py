@@ -11,11 +11,36 @@ from typing import Any
 
 import numpy as np
 
+from ..base import _NUMERIC_TYPES, FloatRangeError
 from .conversion import _BOOL_TYPES, _F64, F64Array, _as_f64_safe
 
 
 def _prefixed(method_name: str, text: str) -> str:
     return f"[{method_name}] {text}" if method_name else text
+
+
+def _too_large(value: Any, name: str, method_name: str) -> FloatRangeError:
+    """The error for a number ``float()`` cannot hold (only integers overflow it)."""
+    size = f"an integer of {value.bit_length()} bits" if isinstance(value, int) else type(value).__name__
+    return FloatRangeError(_prefixed(method_name, f"'{name}' is too large to be represented as a float64, got {size}."))
+
+
+def _real_float(value: Any, name: str, method_name: str) -> float:
+    """A single real number as a float: the one conversion of a caller's number.
+
+    Raises
+    ------
+    TypeError
+        For booleans and anything that is not an int, float or NumPy real scalar.
+    FloatRangeError
+        For an integer beyond the float64 range (both an OverflowError and a ValueError).
+    """
+    if isinstance(value, _BOOL_TYPES) or not isinstance(value, _NUMERIC_TYPES):
+        raise TypeError(_prefixed(method_name, f"'{name}' must be a real number, got {type(value).__name__}."))
+    try:
+        return float(value)
+    except OverflowError:
+        raise _too_large(value, name, method_name) from None
 
 
 def _validate_numeric_input(
@@ -53,7 +78,8 @@ def _validate_numeric_input(
         For booleans, strings, None (unless allowed), non-numeric input, and
         array-likes when ``allow_sequence`` is false.
     ValueError
-        For ragged sequences and integers beyond the float64 range.
+        For ragged sequences; ``FloatRangeError`` (also a ``ValueError``) for
+        integers beyond the float64 range.
     """
     tp = type(value)
     if tp is float or tp is int:
@@ -83,8 +109,8 @@ def _converted(value: Any, method_name: str, what: str, expected: str) -> F64Arr
         return _as_f64_safe(value)
     except TypeError:
         raise TypeError(_prefixed(method_name, f"{what} must be {expected}.")) from None
-    except ValueError as exc:
-        raise ValueError(_prefixed(method_name, f"{what}: {exc}.")) from None
+    except ValueError as exc:  # the class is kept: a FloatRangeError stays one
+        raise type(exc)(_prefixed(method_name, f"{what}: {exc}.")) from None
 
 
 def _validate_float_sequence(seq: Any, method_name: str = "", attr_name: str = "") -> F64Array:

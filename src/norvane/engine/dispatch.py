@@ -20,7 +20,7 @@ from typing import Any
 import numpy as np
 
 from .. import _kernels
-from .._helpers.policy_arrays import _benefits_array, _check_benefit_values
+from .._helpers.policy_arrays import _benefits_array, _check_benefit_values, _policy_column
 from ..base import _NUMERIC_TYPES
 from ..helpers import (
     _EMPTY_F64,
@@ -41,6 +41,7 @@ from ..helpers import (
     _map_batch_n_none_to_inf,
     _prefixed,
     _resolve_batch_m,
+    _too_large,
     _validate_on_error_batch_only,
     _validate_record_ids_batch_only,
     _validate_t_output,
@@ -98,8 +99,13 @@ def annuity_public_route(
     _argument_type(payment_timing, int, "payment_timing")
     return_flows = bool(return_flows)
     # A scalar infinite term (either sign) is a perpetuity.
-    if n is not None and np.ndim(n) == 0 and math.isinf(float(n)):
-        n = None
+    if n is not None and np.ndim(n) == 0:
+        try:
+            perpetuity = math.isinf(float(n))
+        except OverflowError:  # an integer beyond float64: the package's one error for it
+            raise _too_large(n, "n", method_name) from None
+        if perpetuity:
+            n = None
     is_batch, size = _detect_batch_ir_annuity(n, d, ts, m, gr)
     _validate_on_error_batch_only(on_error, is_batch, method_name)
     _validate_record_ids_batch_only(record_ids, is_batch, size, method_name)
@@ -292,7 +298,8 @@ def _check_policies(
 
 def _broadcast_policies(method_name: str, n: Any, d: Any, ts: Any) -> tuple[list[np.ndarray], int]:
     """n (None entries: perpetuities), d and ts as float64 arrays of one length N."""
-    arrays = [_as_f64_safe(np.inf if n is None else _map_batch_n_none_to_inf(n)), _as_f64_safe(d), _as_f64_safe(ts)]
+    columns = {"n": np.inf if n is None else _map_batch_n_none_to_inf(n), "d": d, "ts": ts}
+    arrays = [_policy_column(values, name, method_name) for name, values in columns.items()]
     lengths = [_arraylike_len_or_1(a) for a in arrays]
     size = max(lengths)
     for i, length in enumerate(lengths):

@@ -10,7 +10,8 @@ from dataclasses import dataclass
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
-from .tables import FractionalAgeLiteral, MortalityTable
+from ..helpers import _real_float
+from .tables import MAX_AGE, FractionalAgeLiteral, MortalityTable, _integer
 
 __all__ = ["MakehamLaw", "BUNDLED_TABLES", "bundled_table", "constant_force", "gompertz", "makeham"]
 
@@ -28,11 +29,10 @@ class MakehamLaw:
 
     def __post_init__(self) -> None:
         for name in ("A", "B", "c"):
-            value = getattr(self, name)
-            if isinstance(value, bool) or not isinstance(value, (int, float, np.integer, np.floating)):
-                raise TypeError(f"[MakehamLaw] '{name}' must be a real number, got {type(value).__name__}.")
+            value = _real_float(getattr(self, name), name, "MakehamLaw")
             if not math.isfinite(value):
                 raise ValueError(f"[MakehamLaw] '{name}' must be finite, got {value!r}.")
+            object.__setattr__(self, name, value)
         if self.A < 0.0 or self.B < 0.0 or self.c <= 0.0:
             raise ValueError(f"[MakehamLaw] needs A >= 0, B >= 0 and c > 0, got A={self.A}, B={self.B}, c={self.c}.")
 
@@ -48,12 +48,21 @@ class MakehamLaw:
         return -np.expm1(-self.A - self.B * np.power(self.c, x) * growth)
 
     def table(self, first_age: int, last_age: int, *, fractional_age: FractionalAgeLiteral = "udd") -> MortalityTable:
-        """The ultimate table of the law for ages ``first_age`` to ``last_age``, closed there (q = 1)."""
-        if last_age < first_age:
-            raise ValueError(f"[MakehamLaw.table] 'last_age' {last_age} is below 'first_age' {first_age}.")
-        q = self.qx(np.arange(first_age, last_age + 1))
+        """The ultimate table of the law for ages ``first_age`` to ``last_age``, closed there (q = 1).
+
+        Ages are whole numbers from 0 to ``MAX_AGE``.
+        """
+        first = _integer(first_age, "first_age", "MakehamLaw.table")
+        last = _integer(last_age, "last_age", "MakehamLaw.table")
+        if not 0 <= first <= last <= MAX_AGE:
+            raise ValueError(
+                f"[MakehamLaw.table] ages must satisfy 0 <= first_age <= last_age <= {MAX_AGE}, "
+                f"got first_age={first}, last_age={last}."
+            )
+        with np.errstate(over="ignore"):  # c^x beyond the float range: q = 1
+            q = self.qx(np.arange(first, last + 1))
         q[-1] = 1.0
-        return MortalityTable(q, first_age=first_age, fractional_age=fractional_age)
+        return MortalityTable(q, first_age=first, fractional_age=fractional_age)
 
 
 def constant_force(mu: float) -> MakehamLaw:

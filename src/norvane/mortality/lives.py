@@ -16,10 +16,11 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from .. import _kernels
-from ..base import _ALLOWED_PAYMENT_FREQUENCIES, _NUMERIC_TYPES
+from ..base import _ALLOWED_PAYMENT_FREQUENCIES
 from ..engine.annuity import _kernel_curve
 from ..engine.base import Dispatcher
 from ..engine.dispatch import _MAX_PAYMENTS, _too_many_payments
+from ..helpers import _MAX_FLOAT64, _real_float
 from ..validators import (
     _resolve_gr,
     _validate_cashflow_inputs,
@@ -58,20 +59,15 @@ def _curve_arrays(curve: Any, method_name: str) -> tuple[F64, F64, F64]:
     return leaf._rates, leaf._terms, leaf._cum_terms
 
 
-def _real(value: Any, name: str, method_name: str) -> float:
-    if isinstance(value, (bool, np.bool_)) or not isinstance(value, _NUMERIC_TYPES):
-        raise TypeError(f"[{method_name}] '{name}' must be a real number, got {type(value).__name__}.")
-    return float(value)  # type: ignore[arg-type]
-
-
 def _plain_numbers(ts: Any, d: Any, n: Any, m: Any, ts_integer: bool) -> bool:
     """Whether the call's numbers are plain Python numbers in range (nothing to word)."""
+    # Compared with the largest float, not infinity: an integer beyond it is no plain number.
     return (
         type(ts) in (float, int)
         and type(d) in (float, int)
-        and 0.0 <= ts < math.inf
-        and 0.0 <= d < math.inf
-        and (n is None or (type(n) in (float, int) and n >= 0.0))
+        and 0.0 <= ts <= _MAX_FLOAT64
+        and 0.0 <= d <= _MAX_FLOAT64
+        and (n is None or (type(n) in (float, int) and (0.0 <= n <= _MAX_FLOAT64 or n == math.inf)))
         and type(m) is int
         and m in _ALLOWED_PAYMENT_FREQUENCIES
         and not (ts_integer and ts != int(ts))
@@ -85,6 +81,10 @@ class _Status:
     _status_kind: str = "single"
 
     def _lives(self) -> list[LifeArgs]:
+        raise NotImplementedError
+
+    def _unreached(self, ts: float) -> str:
+        """What takes a life of the status beyond its table at ``ts`` ("" when nothing does)."""
         raise NotImplementedError
 
     def _value(
@@ -132,23 +132,27 @@ class _Status:
         growth = _resolve_gr(gr, method_name)
         # The curve seen from ts, shifted and made native once through the curve's and the engine's caches.
         seen = _kernel_curve(curve._ir_shifted_for_ts(float(ts), curve._ts_shift_cache) if ts else curve)
-        return _kernels.life_value(
-            kind,
-            self._lives(),
-            self._status_kind,
-            seen,
-            ts=float(ts),
-            d=float(d),
-            n=math.inf if n is None else float(n),
-            m=int(m),
-            timing=timing,
-            growth_kind="level" if growth is None else growth.kind,
-            growth_rate=0.0 if growth is None else float(growth.rate),
-            amounts=None if amounts is None else np.ascontiguousarray(amounts, dtype=np.float64),
-            mode=mode,
-            decimals=config.decimals.annuities,
-            tolerance_eps=curve._meta.tolerance_eps,
-        )
+        try:
+            value = _kernels.life_value(
+                kind,
+                self._lives(),
+                self._status_kind,
+                seen,
+                ts=float(ts),
+                d=float(d),
+                n=math.inf if n is None else float(n),
+                m=int(m),
+                timing=timing,
+                growth_kind="level" if growth is None else growth.kind,
+                growth_rate=0.0 if growth is None else float(growth.rate),
+                amounts=None if amounts is None else np.ascontiguousarray(amounts, dtype=np.float64),
+                mode=mode,
+                decimals=config.decimals.annuities,
+                tolerance_eps=curve._meta.tolerance_eps,
+            )
+        except ValueError as exc:  # a life the valuation time takes beyond its table
+            raise ValueError(f"[{method_name}] {self._unreached(float(ts)) or exc}.") from None
+        return value
 
     def ä(
         self,
@@ -206,13 +210,13 @@ class _Status:
     def A_endowment(self, curve: Any, n: float, d: float = 0.0, m: int = 1, ts: float = 0.0) -> float:
         """Endowment insurance A_x:n: 1 on death within n years, or 1 at n on survival."""
         method_name = f"{type(self).__name__}.A_endowment"
-        _real(n, "n", method_name)
+        _real_float(n, "n", method_name)
         return self._value("endowment_insurance", method_name, curve, n, d, m, ts)
 
     def E(self, curve: Any, n: float, ts: float = 0.0) -> float:
         """Pure endowment nE_x: 1 paid n years after inception if the status survives."""
         method_name = f"{type(self).__name__}.E"
-        if not math.isfinite(_real(n, "n", method_name)):
+        if not math.isfinite(_real_float(n, "n", method_name)):
             raise ValueError(f"[{method_name}] 'n' must be finite, got {n!r}.")
         return self._value("pure_endowment", method_name, curve, n, 0.0, 1, ts)
 
@@ -249,8 +253,8 @@ class Life(_Status):
     ) -> None:
         if not isinstance(table, MortalityTable):
             raise TypeError(f"[Life] 'table' must be a MortalityTable, got {type(table).__name__}.")
-        x = _real(age, "age", "Life")
-        selected = math.nan if select_age is None else _real(select_age, "select_age", "Life")
+        x = _real_float(age, "age", "Life")
+        selected = math.nan if select_age is None else _real_float(select_age, "select_age", "Life")
         table._check_ages(np.array([x]), np.array([selected]), "Life")
         rule = table.fractional_age if fractional_age is None else _check_rule(fractional_age, "Life")
         set_ = object.__setattr__
@@ -262,6 +266,11 @@ class Life(_Status):
     def _lives(self) -> list[LifeArgs]:
         select = math.nan if self.select_age is None else float(self.select_age)
         return [(self.table._native, self.age, select, self.fractional_age)]
+
+    def _unreached(self, ts: float) -> str:
+        select = math.nan if self.select_age is None else float(self.select_age)
+        problems = self.table._age_problems(np.array([self.age]), np.array([select]), ts)
+        return problems.get(0, "")
 
     def tpx(self, t: ArrayLike) -> float | F64:
         """Survival probability over t years from the life's age (vectorised)."""
@@ -320,6 +329,9 @@ class JointLife(_Status):
 
     def _lives(self) -> list[LifeArgs]:
         return self.x._lives() + self.y._lives()
+
+    def _unreached(self, ts: float) -> str:
+        return self.x._unreached(ts) or self.y._unreached(ts)
 
     def __setattr__(self, name: str, value: Any) -> None:
         raise AttributeError("JointLife is immutable.")

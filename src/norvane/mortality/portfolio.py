@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import math
+import sys
 from collections.abc import Mapping
 from typing import Any, Literal
 
@@ -13,13 +15,15 @@ from ..base import _ALLOWED_PAYMENT_FREQUENCIES
 from ..helpers import (
     BatchErrorReport,
     BatchResult,
-    _as_f64_safe,
     _batch_param_invalid,
     _batch_param_message,
     _coerce_record_ids,
     _map_batch_n_none_to_inf,
     _validate_benefits,
 )
+from ..helpers import _allowed_frequency as _allowed_frequency
+from ..helpers import _integer_array as _integer_array
+from ..helpers import _policy_column as _policy_column
 from .lives import _curve_arrays
 from .tables import MortalityTable, _age_problems
 
@@ -31,25 +35,48 @@ _MAX_PAYMENTS = 2.0**53
 
 
 def _columns(method_name: str, **columns: Any) -> tuple[dict[str, Any], int]:
-    """Every column as a one-dimensional array of the book's length or of length 1 (a single value)."""
-    arrays = {
-        name: np.asarray(value).reshape(-1) if np.ndim(value) else np.asarray(value) for name, value in columns.items()
-    }
-    sizes = {name: a.shape[0] for name, a in arrays.items() if a.ndim}
+    """Every column one-dimensional, of the book's length or of length 1 (a single value)."""
+    for name, values in columns.items():
+        if np.ndim(values) > 1:
+            raise ValueError(f"[{method_name}] '{name}' must be one-dimensional, got shape {np.shape(values)}.")
+    arrays = {name: np.asarray(values).reshape(-1) for name, values in columns.items()}
+    sizes = {name: a.shape[0] for name, a in arrays.items() if np.ndim(columns[name])}
     size = max(sizes.values(), default=1)
     if any(s != size and s != 1 for s in sizes.values()):
         raise ValueError(f"[{method_name}] policy columns must share one length (or be single values), got {sizes}.")
     # Single values stay single: they are checked once.
-    return {name: a.reshape(-1) for name, a in arrays.items()}, size
+    return arrays, size
+
+
+def _table_names(table: Any) -> NDArray[Any]:
+    """The table column as an array whose missing cells (None, NaN, pd.NA, masked) are None."""
+    if hasattr(table, "to_numpy") and not isinstance(table, np.ndarray):  # pandas: NA and NaN become None
+        return np.asarray(table.to_numpy(dtype=object, na_value=None))
+    ma = sys.modules.get("numpy.ma")
+    if ma is not None and isinstance(table, ma.MaskedArray):
+        return np.where(ma.getmaskarray(table), None, np.asarray(ma.getdata(table), dtype=object))
+    return np.asarray(table)
+
+
+def _frequencies(m: Any) -> NDArray[Any]:
+    """The payment frequencies as integers (booleans, also inside lists, are refused)."""
+    if np.ndim(m) > 1:
+        return np.asarray(m)  # refused by the column check with the other columns
+    return _integer_array([m] if np.ndim(m) == 0 else m, _METHOD, "m")
 
 
 def _table_codes(names: NDArray[Any], tables: Mapping[str, MortalityTable]) -> tuple[F64, list[str]]:
-    """Index of each policy's table in ``tables`` (NaN: unknown), and the known names."""
+    """Index of each policy's table in ``tables`` (NaN: unknown or missing), and the known names."""
     known = list(tables)
-    codes = np.full(names.shape, np.nan)
-    for i, name in enumerate(known):
-        codes[names == name] = i
-    return codes, known
+    if names.dtype.kind in "US":
+        codes = np.full(names.shape, np.nan)
+        for i, name in enumerate(known):
+            codes[names == name] = i
+        return codes, known
+    # Objects compare one by one: only texts can name a table (pd.NA has no truth value).
+    index = {name: float(i) for i, name in enumerate(known)}
+    found = [index.get(name, math.nan) if isinstance(name, str) else math.nan for name in names.tolist()]
+    return np.array(found, dtype=np.float64), known
 
 
 def _faults(
@@ -66,7 +93,12 @@ def _faults(
         return values[min(i, values.size - 1)]
 
     codes, known = _table_codes(cols["table"], tables)
-    add(np.isnan(codes), lambda i: f"'table' at index {i} is {str(at(cols['table'], i))!r}, not one of {known}")
+
+    def unknown_table(i: int) -> str:
+        name = at(cols["table"], i)
+        return f"'table' at index {i} is {'missing' if name is None else repr(str(name))}, not one of {known}"
+
+    add(np.isnan(codes), unknown_table)
     n = cols["n"]
     for name, values, allow_inf in (("n", n, True), ("d", cols["d"], False), ("ts", cols["ts"], False)):
         add(
@@ -74,7 +106,7 @@ def _faults(
             lambda i, nm=name, v=values: _batch_param_message(nm, i, at(v, i), 0.0),
         )
     m = cols["m"]
-    allowed = np.isin(m, _ALLOWED_PAYMENT_FREQUENCIES) & (m == np.round(m))
+    allowed = _allowed_frequency(m)
     add(~allowed, lambda i: f"'m' must be one of {_ALLOWED_PAYMENT_FREQUENCIES} at index {i}, got {int(at(m, i))!r}")
     frequency = np.where(allowed, m, 1).astype(np.float64)
     with np.errstate(invalid="ignore", over="ignore"):
@@ -149,16 +181,14 @@ def life_annuities(
     rates, terms, ends = _curve_arrays(curve, _METHOD)
     cols, size = _columns(
         _METHOD,
-        table=np.asarray(table),
-        age=_as_f64_safe(age),
-        n=_as_f64_safe(_map_batch_n_none_to_inf(n)),
-        d=_as_f64_safe(d),
-        ts=_as_f64_safe(ts),
-        m=np.asarray(m),
-        select_age=_as_f64_safe(np.nan if select_age is None else select_age),
+        table=_table_names(table),
+        age=_policy_column(age, "age", _METHOD),
+        n=_policy_column(_map_batch_n_none_to_inf(n), "n", _METHOD),
+        d=_policy_column(d, "d", _METHOD),
+        ts=_policy_column(ts, "ts", _METHOD),
+        m=_frequencies(m),
+        select_age=_policy_column(np.nan if select_age is None else select_age, "select_age", _METHOD),
     )
-    if not np.issubdtype(cols["m"].dtype, np.integer):
-        raise TypeError(f"[{_METHOD}] 'm' must hold integers, got dtype {cols['m'].dtype}.")
     weights = _validate_benefits(benefits, size, _METHOD)
     codes, n_arr, frequency, faults = _faults(tables, cols, size)
     if faults and on_error == "raise":

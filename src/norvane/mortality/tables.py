@@ -20,6 +20,8 @@ __all__ = ["FractionalAgeLiteral", "MortalityTable"]
 FractionalAgeLiteral = Literal["udd", "constant_force", "balducci"]
 _RULES: tuple[str, ...] = ("udd", "constant_force", "balducci")
 _EMPTY = np.empty(0, dtype=np.float64)
+MAX_AGE = 1000
+"""The largest age (in magnitude) a table may hold: far beyond any life, and every age stays exact."""
 
 F64 = NDArray[np.float64]
 
@@ -43,10 +45,40 @@ def _check_q(q: F64, first_age: int, what: str) -> None:
         raise ValueError(f"[MortalityTable] {what} at age {first_age + i} must be in [0, 1], got {float(q[i])!r}.")
 
 
-def _integer(value: Any, name: str) -> int:
+def _integer(value: Any, name: str, method_name: str = "MortalityTable") -> int:
     if isinstance(value, (bool, np.bool_)) or not isinstance(value, (int, np.integer)):
-        raise TypeError(f"[MortalityTable] '{name}' must be an integer age, got {type(value).__name__}.")
+        raise TypeError(f"[{method_name}] '{name}' must be an integer age, got {type(value).__name__}.")
     return int(value)
+
+
+def _check_age_range(first: int, last: int, method_name: str) -> None:
+    if not -MAX_AGE <= first <= last <= MAX_AGE:
+        raise ValueError(
+            f"[{method_name}] the table's ages must lie within -{MAX_AGE} to {MAX_AGE}, got {first} to {last}."
+        )
+
+
+def _csv_columns(path: str | os.PathLike[str], method_name: str) -> dict[str, F64]:
+    """The columns of a table's CSV file as float64 arrays, by lower-case name (each name once)."""
+    import pyarrow as pa
+    from pyarrow import csv
+
+    where = os.fspath(path)
+    try:
+        frame = csv.read_csv(where)
+    except (pa.ArrowInvalid, UnicodeDecodeError) as exc:
+        raise ValueError(f"[{method_name}] cannot read {where!r} as CSV: {exc}") from None
+    columns: dict[str, F64] = {}
+    for name, column in zip(frame.column_names, frame.columns):
+        key = name.lower()
+        if key in columns:
+            raise ValueError(f"[{method_name}] {where!r} has more than one '{key}' column.")
+        try:
+            numbers = column.cast(pa.float64())
+        except (pa.ArrowInvalid, pa.ArrowNotImplementedError):
+            raise ValueError(f"[{method_name}] column '{name}' of {where!r} must hold numbers.") from None
+        columns[key] = numbers.to_numpy(zero_copy_only=False)
+    return columns
 
 
 class MortalityTable:
@@ -95,9 +127,12 @@ class MortalityTable:
         closing_age: int | None = None,
     ) -> None:
         first = _integer(first_age, "first_age")
-        q = np.array(_as_f64_safe(qx), dtype=np.float64).reshape(-1)
-        if q.size == 0:
-            raise ValueError("[MortalityTable] 'qx' needs at least one age.")
+        q = np.array(_as_f64_safe(qx), dtype=np.float64)
+        if q.ndim != 1 or q.size == 0:
+            raise ValueError(
+                f"[MortalityTable] 'qx' must be one-dimensional with at least one age, got shape {q.shape}."
+            )
+        _check_age_range(first, first + q.size - 1, "MortalityTable")
         _check_q(q, first, "q")
         if closing_age is not None:
             close = _integer(closing_age, "closing_age")
@@ -118,7 +153,7 @@ class MortalityTable:
             raise ValueError("[MortalityTable] 'select' must be a two-dimensional table (select ages x durations).")
         sel_first = first if select_first_age is None else _integer(select_first_age, "select_first_age")
         if sel.size == 0:
-            sel = np.empty((0, 0))
+            sel, sel_first = np.empty((0, 0)), first
         else:
             bad = np.argwhere(~((sel >= 0.0) & (sel <= 1.0)))
             if bad.size:
@@ -150,9 +185,15 @@ class MortalityTable:
 
     @classmethod
     def _derived(cls, first: int, q: F64, select: F64, select_first: int, rule: str) -> MortalityTable:
-        table = cls.__new__(cls)
-        table._init(first, q, select, select_first, rule)
-        return table
+        """A table from another's arrays (derived tables, pickles), checked as a new table is:
+        a pickle is input like any other."""
+        return cls(
+            q,
+            first_age=first,
+            select=select if np.size(select) else None,
+            select_first_age=select_first,
+            fractional_age=rule,  # type: ignore[arg-type]
+        )
 
     # ------------------------------------------------------------ construction
 
@@ -170,33 +211,32 @@ class MortalityTable:
         (q_[age]+t); rows without select values (empty cells) are ultimate
         only, and the rows with them must be consecutive ages.
         """
-        try:
-            from pyarrow import csv
-        except ImportError:  # pragma: no cover - depends on the installation
-            raise ImportError("reading tables from CSV needs pyarrow: pip install 'norvane[parquet]'") from None
-        frame = csv.read_csv(os.fspath(path))
-        columns = {name.lower(): frame.column(name).to_numpy(zero_copy_only=False) for name in frame.column_names}
+        method = "MortalityTable.from_csv"
+        columns = _csv_columns(path, method)
         for name in ("age", "qx"):
             if name not in columns:
-                raise ValueError(f"[MortalityTable.from_csv] {os.fspath(path)!r} has no '{name}' column.")
-        ages = np.asarray(columns["age"], dtype=np.float64)
-        if ages.size == 0 or not np.array_equal(ages, np.arange(ages[0], ages[0] + ages.size)):
+                raise ValueError(f"[{method}] {os.fspath(path)!r} has no '{name}' column.")
+        ages = columns["age"]
+        whole = ages == np.floor(ages)
+        if ages.size == 0 or not (whole.all() and np.array_equal(ages, np.arange(ages[0], ages[0] + ages.size))):
             where = ""
-            if ages.size > 1:
+            if not whole.all():
+                where = f": got {float(ages[np.argmin(whole)])!r}"
+            elif ages.size > 1:
                 gap = 1 + int(np.argmax(np.diff(ages) != 1.0))
                 where = f": {float(ages[gap])!r} follows {float(ages[gap - 1])!r}"
-            raise ValueError(f"[MortalityTable.from_csv] ages must be consecutive integers{where}.")
-        durations = sorted(int(k[7:]) for k in columns if k.startswith("select_") and k[7:].isdigit())
-        if durations != list(range(len(durations))):
+            raise ValueError(f"[{method}] ages must be consecutive integers{where}.")
+        select_names = sorted((k for k in columns if k.startswith("select_")), key=lambda k: (len(k), k))
+        if select_names != [f"select_{k}" for k in range(len(select_names))]:
             raise ValueError(
-                f"[MortalityTable.from_csv] select columns must be select_0 ... select_{len(durations) - 1}."
+                f"[{method}] select columns must be named select_0, select_1, ... without gaps, got {select_names}."
             )
-        select = np.column_stack([np.asarray(columns[f"select_{k}"], dtype=np.float64) for k in durations] or [_EMPTY])
-        rows = np.flatnonzero(~np.isnan(select).all(axis=1)) if durations else np.empty(0, dtype=np.int64)
+        select = np.column_stack([columns[k] for k in select_names] or [_EMPTY])
+        rows = np.flatnonzero(~np.isnan(select).all(axis=1)) if select_names else np.empty(0, dtype=np.int64)
         if rows.size and not np.array_equal(rows, np.arange(rows[0], rows[0] + rows.size)):
-            raise ValueError("[MortalityTable.from_csv] rows with select rates must be consecutive ages.")
+            raise ValueError(f"[{method}] rows with select rates must be consecutive ages.")
         return cls(
-            np.asarray(columns["qx"], dtype=np.float64),
+            columns["qx"],
             first_age=int(ages[0]),
             select=select[rows] if rows.size else None,
             select_first_age=int(ages[rows[0]]) if rows.size else None,
@@ -256,7 +296,8 @@ class MortalityTable:
 
     def rated(self, years: int) -> MortalityTable:
         """Age rating: a life aged x follows the rates of age x + ``years`` (negative: younger)."""
-        k = _integer(years, "years")
+        k = _integer(years, "years", "MortalityTable.rated")
+        _check_age_range(self._first_age - k, self.last_age - k, "MortalityTable.rated")
         return self._derived(
             self._first_age - k, self._qx, self._select, self._select_first_age - k, self._fractional_age
         )
