@@ -61,7 +61,7 @@ def _curve_arrays(curve: Any, method_name: str) -> tuple[F64, F64, F64]:
 def _real(value: Any, name: str, method_name: str) -> float:
     if isinstance(value, (bool, np.bool_)) or not isinstance(value, _NUMERIC_TYPES):
         raise TypeError(f"[{method_name}] '{name}' must be a real number, got {type(value).__name__}.")
-    return float(value)  # type: ignore[arg-type]
+    return float(value)
 
 
 def _plain_numbers(ts: Any, d: Any, n: Any, m: Any, ts_integer: bool) -> bool:
