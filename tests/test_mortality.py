@@ -207,7 +207,10 @@ def test_portfolio_equals_single_lives_and_reports_errors():
         (lambda: CF_TABLE.life(101), "beyond the table's last age 100"),
         (lambda: CF_TABLE.life(19), "at least the table's first age 20"),
         (lambda: CF_TABLE.life(50, fractional_age="linear"), "'fractional_age' must be one of"),
-        (lambda: CF_TABLE.life(90).ä(FLAT, ts=20), r"\[Life.ä\] .age. 90.0 at valuation time 20.0 is beyond the table.s last age 100"),
+        (
+            lambda: CF_TABLE.life(90).ä(FLAT, ts=20),
+            r"\[Life.ä\] .age. 90.0 at valuation time 20.0 is beyond the table.s last age 100",
+        ),
         (lambda: CF_TABLE.life(50).ä(FLAT, n=-1), "'n'"),
         (lambda: CF_TABLE.life(50).ä(FLAT, n=1e300, m=12), r"\[Life.ä\] 'n' must hold fewer than 2\*\*53 payments"),
         (lambda: makeham(0.001, -1e-5, 1.1), "B >= 0"),

@@ -4,9 +4,11 @@ from typing import Any, Literal
 
 import numpy as np
 from numpy.typing import NDArray
+from typing_extensions import disjoint_base
 
 # Input arrays must be one-dimensional, C-contiguous float64 arrays.
 
+@disjoint_base
 class Annuity:
     def __init__(
         self,
@@ -25,6 +27,7 @@ class Annuity:
     def intervals(self, first: int = 0) -> tuple[NDArray[np.float64], NDArray[np.float64], NDArray[np.float64]]: ...
     def woolhouse_parts(self, continuous: bool) -> dict[str, Any]: ...
 
+@disjoint_base
 class Curve:
     def __init__(self, rates: NDArray[np.float64], terms: NDArray[np.float64], ends: NDArray[np.float64]) -> None: ...
     def discount(self, times: NDArray[np.float64]) -> NDArray[np.float64]: ...
@@ -67,6 +70,7 @@ def portfolio_values(
 
 # ---- life contingencies
 
+@disjoint_base
 class LifeTable:
     def __init__(
         self,

@@ -9,7 +9,7 @@ from __future__ import annotations
 
 import sys
 from collections.abc import Iterable
-from typing import Any
+from typing import Any, cast
 
 import numpy as np
 from numpy.typing import NDArray
@@ -49,16 +49,17 @@ def _is_pandas_1d(x: object) -> bool:
 
 def _pandas_values(x: Any) -> np.ndarray:
     dtype = x.dtype
+    # pandas is untyped here: its conversions are cast to what they return.
     if isinstance(dtype, np.dtype):
-        return x.to_numpy()
+        return cast(np.ndarray, x.to_numpy())
     # Extension dtypes (nullable Int64/Float64, boolean, string, category).
     kind = dtype.kind
     if kind == "b":
         raise _not_real(x)
     if kind in "iuf":
         if x.hasnans:
-            return x.to_numpy(dtype=np.float64, na_value=np.nan)
-        return x.to_numpy(dtype=dtype.numpy_dtype)
+            return cast(np.ndarray, x.to_numpy(dtype=np.float64, na_value=np.nan))
+        return cast(np.ndarray, x.to_numpy(dtype=dtype.numpy_dtype))
     return np.asarray(x.to_numpy())
 
 
@@ -181,7 +182,7 @@ def _is_finite_f64_array(a: F64Array) -> NDArray[np.bool_]:
     return np.isfinite(a)
 
 
-def _finalize_scalar_or_array(result: Any, is_scalar: bool) -> float | F64Array:
+def _finalize_scalar_or_array(result: F64Array | float, is_scalar: bool) -> float | F64Array:
     """Give a scalar caller a float and an array caller the array.
 
     Parameters

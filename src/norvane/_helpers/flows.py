@@ -157,6 +157,7 @@ def _finalize_batch_unit_pv_with_benefits(
         A new array of the weighted values.
     """
     values = _as_f64_safe(unit_pv)
+    out: F64Array
     if decimals is None:
         out = values.copy()
     else:

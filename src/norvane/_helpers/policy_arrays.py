@@ -241,9 +241,9 @@ def _validate_benefits(benefits: Any, N: int, method_name: str) -> F64Array | No
     arr = _benefits_array(benefits, N, method_name)
     if arr is None:
         return None
-    arr = arr.copy()
-    _check_benefit_values(arr, method_name)
-    return arr
+    copied: F64Array = arr.copy()
+    _check_benefit_values(copied, method_name)
+    return copied
 
 
 def _benefits_array(benefits: Any, N: int, method_name: str) -> F64Array | None:

@@ -152,7 +152,11 @@ def _value_explicit(
 # ---------------------------------------------------------------- the four modes
 
 
-def _with_closed_form(mode: str) -> Callable[[Callable[..., Any]], Callable[..., Any]]:
+# An entry point: the mode's keywords in, a rounded value or a flow dictionary out.
+_Entry = Callable[..., float | dict[str, Any]]
+
+
+def _with_closed_form(mode: str) -> Callable[[_Entry], _Entry]:
     """Value certain annuities of generated schedules natively, in one call.
 
     The same native routine values portfolios, so a portfolio's values equal
@@ -160,9 +164,9 @@ def _with_closed_form(mode: str) -> Callable[[Callable[..., Any]], Callable[...,
     functions go through the mode's own path.
     """
 
-    def wrap(valuate: Callable[..., Any]) -> Callable[..., Any]:
+    def wrap(valuate: _Entry) -> _Entry:
         @functools.wraps(valuate)
-        def entry(**kw: Any) -> Any:
+        def entry(**kw: Any) -> float | dict[str, Any]:
             if kw["return_flows"] or _has_explicit_schedule(kw) or not _is_certain(kw["survival_func"]):
                 return valuate(**kw)
             return _kernel_curve(kw["ir"]).annuity_value(_annuity(kw), mode, kw["decimals"])

@@ -269,7 +269,8 @@ def _growth_subset(gr: Any, indices: np.ndarray) -> Any:
 def _overlong_terms(n_arr: np.ndarray, m: int | np.ndarray) -> np.ndarray:
     """Finite terms whose payments cannot be counted exactly."""
     with np.errstate(over="ignore", invalid="ignore"):
-        return np.isfinite(n_arr) & ~(n_arr * m < _MAX_PAYMENTS)
+        overlong: np.ndarray = np.isfinite(n_arr) & ~(n_arr * m < _MAX_PAYMENTS)
+    return overlong
 
 
 def _check_policies(

@@ -54,7 +54,9 @@ def _table_names(table: Any) -> NDArray[Any]:
         return np.asarray(table.to_numpy(dtype=object, na_value=None))
     ma = sys.modules.get("numpy.ma")
     if ma is not None and isinstance(table, ma.MaskedArray):
-        return np.where(ma.getmaskarray(table), None, np.asarray(ma.getdata(table), dtype=object))
+        names: NDArray[Any] = np.array(ma.getdata(table), dtype=object)
+        names[ma.getmaskarray(table)] = None
+        return names
     return np.asarray(table)
 
 

@@ -13,6 +13,8 @@ from .. import _kernels
 from ..helpers import _as_f64_safe
 
 if TYPE_CHECKING:
+    from collections.abc import Callable
+
     from .lives import Life
 
 __all__ = ["FractionalAgeLiteral", "MortalityTable"]
@@ -406,7 +408,7 @@ def _age_problems(
     ts_all, first, last = (np.broadcast_to(x, age.shape) for x in (ts, first, last))
     select = np.where(np.isnan(select_age), np.floor(age), select_age)
     on_select = (select >= select_first) & (select < select_first + rows)
-    checks = [
+    checks: list[tuple[NDArray[np.bool_], Callable[[int], str]]] = [
         (
             ~(age + ts_all < last + 1),
             lambda i: (

@@ -23,7 +23,7 @@ from contextlib import AbstractContextManager, nullcontext
 from dataclasses import dataclass, field
 from fractions import Fraction
 from pathlib import Path
-from typing import Any
+from typing import Any, cast
 
 import numpy as np
 import pyarrow as pa
@@ -121,7 +121,7 @@ class BookValues:
         self._table, self._summary, self._index = table, summary, index
 
     def __len__(self) -> int:
-        return self._table.num_rows
+        return cast(int, self._table.num_rows)
 
     def __repr__(self) -> str:
         s = self._summary
@@ -129,15 +129,15 @@ class BookValues:
 
     @property
     def id(self) -> np.ndarray:
-        return self._table["id"].to_numpy()
+        return cast(np.ndarray, self._table["id"].to_numpy())
 
     @property
     def present_value(self) -> np.ndarray:
-        return self._table["present_value"].to_numpy()
+        return cast(np.ndarray, self._table["present_value"].to_numpy())
 
     @property
     def error(self) -> np.ndarray:
-        return self._table["error"].to_numpy()
+        return cast(np.ndarray, self._table["error"].to_numpy())
 
     def summary(self) -> BookSummary:
         return self._summary
@@ -186,7 +186,10 @@ def _progress_bar(book: Book, progress: bool | None) -> AbstractContextManager[A
         return nullcontext()
     from tqdm import tqdm
 
-    return tqdm(total=book.total, unit=book.unit, unit_scale=book.unit == "B", desc="valuing", file=sys.stderr)
+    bar: AbstractContextManager[Any] = tqdm(
+        total=book.total, unit=book.unit, unit_scale=book.unit == "B", desc="valuing", file=sys.stderr
+    )
+    return bar
 
 
 def value_book(

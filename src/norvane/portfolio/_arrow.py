@@ -13,15 +13,16 @@ from collections.abc import Iterable
 import numpy as np
 import pyarrow as pa
 import pyarrow.compute as pc
+from numpy.typing import NDArray
 
 
-def _bits(buffer: pa.Buffer, offset: int, count: int) -> np.ndarray:
+def _bits(buffer: pa.Buffer, offset: int, count: int) -> NDArray[np.bool_]:
     """An Arrow bitmap (least significant bit first) as a bool array."""
     packed = np.frombuffer(buffer, dtype=np.uint8)
     return np.unpackbits(packed, count=offset + count, bitorder="little")[offset:].view(bool)
 
 
-def valid(array: pa.Array) -> np.ndarray:
+def valid(array: pa.Array) -> NDArray[np.bool_]:
     """The cells that are not null."""
     if array.null_count == 0:
         return np.ones(len(array), dtype=bool)
@@ -31,7 +32,7 @@ def valid(array: pa.Array) -> np.ndarray:
     return _bits(validity, array.offset, len(array))
 
 
-def mask(array: pa.Array) -> np.ndarray:
+def mask(array: pa.Array) -> NDArray[np.bool_]:
     """A boolean array as a NumPy mask, null as False."""
     values = _bits(array.buffers()[1], array.offset, len(array))
     return values & valid(array)
@@ -44,7 +45,8 @@ def numbers(array: pa.Array) -> np.ndarray:
         raise TypeError(f"expected an Arrow array of integers or floats, got {array.type}")
     kind = np.dtype(array.type.to_pandas_dtype())
     data = array.buffers()[1]
-    return np.frombuffer(data, dtype=kind, count=len(array), offset=array.offset * kind.itemsize).copy()
+    copied: np.ndarray = np.frombuffer(data, dtype=kind, count=len(array), offset=array.offset * kind.itemsize).copy()
+    return copied
 
 
 def floats(array: pa.Array) -> np.ndarray:

@@ -6,7 +6,7 @@ from collections.abc import Callable, Iterator
 from concurrent.futures import Future, ThreadPoolExecutor
 from contextlib import contextmanager
 from pathlib import Path
-from typing import TypeAlias
+from typing import Any, TypeAlias
 
 import pyarrow as pa
 import pyarrow.csv as pa_csv
@@ -40,7 +40,7 @@ def _in_background(write: Callable[[Tabular], None]) -> Iterator[Callable[[Tabul
     """``write`` run in a thread while the caller prepares the next batch: Arrow encodes without
     the GIL. One batch is in flight; a failed write is raised by the next call or at the end."""
     with ThreadPoolExecutor(1, thread_name_prefix="norvane-write") as writer:
-        pending: Future | None = None
+        pending: Future[None] | None = None
 
         def submit(batch: Tabular) -> None:
             nonlocal pending
@@ -82,7 +82,7 @@ def table_writer(path: Path, schema: pa.Schema) -> Iterator[Callable[[Tabular], 
         raise
 
 
-def write_table(path: Path, columns: dict) -> None:
+def write_table(path: Path, columns: dict[str, Any]) -> None:
     """Columns (arrays of equal length) to one file, by the file name."""
     table = pa.table(columns)
     with table_writer(path, table.schema) as write:

@@ -9,11 +9,12 @@ from __future__ import annotations
 import math
 from collections.abc import Callable, Mapping
 from dataclasses import dataclass
-from typing import Any
+from typing import Any, cast
 
 import numpy as np
 import pyarrow as pa
 import pyarrow.compute as pc
+from numpy.typing import NDArray
 
 from ..base import _ALLOWED_PAYMENT_FREQUENCIES
 from . import _arrow
@@ -90,11 +91,11 @@ def _plain(column: pa.Array) -> pa.Array:
 
 
 def _is_text(column: pa.Array) -> bool:
-    return pa.types.is_string(column.type)
+    return cast(bool, pa.types.is_string(column.type))
 
 
 def _is_text_dictionary(column: pa.Array) -> bool:
-    return pa.types.is_dictionary(column.type) and pa.types.is_string(column.type.value_type)
+    return cast(bool, pa.types.is_dictionary(column.type) and pa.types.is_string(column.type.value_type))
 
 
 def _distinct(column: pa.Array) -> tuple[pa.Array, np.ndarray]:
@@ -109,11 +110,12 @@ def _distinct(column: pa.Array) -> tuple[pa.Array, np.ndarray]:
 
 def _is_number(column: pa.Array) -> bool:
     kind = column.type
-    return (
+    return cast(
+        bool,
         pa.types.is_integer(kind)
         or pa.types.is_floating(kind)
         or pa.types.is_decimal(kind)
-        or pa.types.is_boolean(kind)
+        or pa.types.is_boolean(kind),
     )
 
 
@@ -208,7 +210,7 @@ def _due(column: pa.Array | None, count: int, defects: _Defects) -> np.ndarray:
     if _is_text(column) or _is_text_dictionary(column):
         distinct, cells = _distinct(column)
         words = pc.utf8_lower(pc.utf8_trim_whitespace(distinct)).to_pylist()
-        immediate = np.array([word == "immediate" for word in words], dtype=bool)[cells]
+        immediate: NDArray[np.bool_] = np.array([word == "immediate" for word in words], dtype=bool)[cells]
         bad = np.array([word not in (None, "", "due", "immediate") for word in words], dtype=bool)[cells]
     else:  # a number or any other cell is never a timing
         immediate = np.zeros(count, dtype=bool)

@@ -15,7 +15,7 @@ from collections.abc import Callable, Iterator, Mapping
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any
+from typing import Any, cast
 
 import numpy as np
 import pyarrow as pa
@@ -148,7 +148,7 @@ def _header(path: Path) -> list[str]:
             read_options=pa_csv.ReadOptions(block_size=_HEADER_BYTES, use_threads=False),
             parse_options=pa_csv.ParseOptions(newlines_in_values=True, invalid_row_handler=lambda row: "skip"),
         )
-        return reader.schema.names
+        return cast(list[str], reader.schema.names)
 
 
 def _open_csv(path: Path) -> Book:

@@ -68,7 +68,7 @@ class _Outcome:
         self.values[row], self.errors[row], self.valid[row] = math.nan, _clean_message(message), False
 
 
-def _certain_values(method: Callable, pf: Policies, rows: np.ndarray) -> Any:
+def _certain_values(method: Callable[..., Any], pf: Policies, rows: np.ndarray) -> Any:
     return method(**_arguments(pf, rows), on_error="nan")
 
 
