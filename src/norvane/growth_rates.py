@@ -8,8 +8,10 @@ from typing import Any, Literal, get_args
 import numpy as np
 from numpy.typing import NDArray
 
+# The helpers' own modules, not norvane.helpers, which needs this module to group a batch by growth.
+from ._helpers.conversion import _as_f64_safe, _finalize_scalar_or_array
+from ._helpers.scalars import _real_float
 from .base import _NUMERIC_TYPES
-from .helpers import _as_f64_safe, _finalize_scalar_or_array, _real_float
 
 __all__ = ["GrowthKindLiteral", "GrowthRate"]
 

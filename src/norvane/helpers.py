@@ -28,8 +28,11 @@ from ._helpers.flows import (
     _group_batch_m_gr_indices,
     _has_growth_rate_param,
 )
+from ._helpers.payments import _MAX_PAYMENTS as _MAX_PAYMENTS
 from ._helpers.payments import _PAYMENT_COUNT_TOL as _PAYMENT_COUNT_TOL
 from ._helpers.payments import _cashflow_amounts_payment_skip, _payment_count
+from ._helpers.payments import _too_many_payments as _too_many_payments
+from ._helpers.payments import _too_many_payments_text as _too_many_payments_text
 from ._helpers.policy_arrays import _allowed_frequency as _allowed_frequency
 from ._helpers.policy_arrays import (
     _arraylike_len_or_1,
@@ -58,7 +61,7 @@ from ._helpers.scalars import _real_float as _real_float
 from ._helpers.scalars import _too_large as _too_large
 from ._helpers.scalars import _validate_float_sequence, _validate_numeric_input, _validate_scalar_numeric
 
-# The "x as x" imports above are used by validators.py, engine/dispatch.py and
+# The "x as x" imports above are used by validators.py, the engine modules and
 # mortality/portfolio.py but are not part of the list below, which the extension
 # imports.
 __all__ = [

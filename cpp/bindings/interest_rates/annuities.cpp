@@ -327,12 +327,14 @@ void add_method(CurveClass& cls, const char* name, FastCall call, const std::str
 }  // namespace
 
 void register_annuities(nb::module_& m, CurveClass& cls) {
-    nb::module_ dispatch = nb::module_::import_("norvane.engine.dispatch");
-    m.attr("_woolhouse_flows_to_grid") = dispatch.attr("woolhouse_flows_to_grid");
-    cls.attr("_annuity_public_route") = dispatch.attr("annuity_public_route");
-    cls.attr("_annuity_dispatch") = dispatch.attr("annuity_dispatch");
-    cls.attr("_annuity_batch_dispatch") = dispatch.attr("annuity_batch_dispatch");
-    cls.attr("_annuity_batch_financial") = dispatch.attr("annuity_batch_financial");
+    const auto engine = [](const char* name) {
+        return nb::module_::import_((std::string("norvane.engine.") + name).c_str());
+    };
+    m.attr("_woolhouse_flows_to_grid") = engine("flow_grid").attr("woolhouse_flows_to_grid");
+    cls.attr("_annuity_public_route") = engine("dispatch").attr("annuity_public_route");
+    cls.attr("_annuity_dispatch") = engine("single").attr("annuity_dispatch");
+    cls.attr("_annuity_batch_dispatch") = engine("batch").attr("annuity_batch_dispatch");
+    cls.attr("_annuity_batch_financial") = engine("batch").attr("annuity_batch_financial");
 
     const std::string common = "ts=0.0, d=0.0, n=None, m=1, gr=None, ";
     const std::string rest =

@@ -7,18 +7,16 @@ weighted by benefits; per-group cash flows are merged onto one time grid.
 from __future__ import annotations
 
 from collections.abc import Iterable
-from typing import TYPE_CHECKING, Any
+from typing import Any
 
 import numpy as np
 from numpy.typing import NDArray
 
 from .. import _kernels
+from ..growth_rates import GrowthRate, _as_growth_rate
 from .conversion import _EMPTY_F64, F64Array, _as_f64_safe, _is_pandas_1d, _real_array
 from .routing import _batch_length
 from .scalars import _prefixed
-
-if TYPE_CHECKING:
-    from ..growth_rates import GrowthRate
 
 # Flow times closer than this (relative, floor 1) are one point of a merged
 # grid: k/m schedules built from different deferments differ in the last ulp.
@@ -27,7 +25,6 @@ _FLOW_TIME_TOL = 1e-12
 
 def _growth_codes(gr: Any, N: int, method_name: str) -> tuple[NDArray[np.int64], list[GrowthRate | None]]:
     """Per-policy index into a table of distinct growth rates."""
-    from ..growth_rates import _as_growth_rate
 
     def resolve(value: Any) -> GrowthRate | None:
         try:

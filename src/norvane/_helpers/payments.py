@@ -11,6 +11,17 @@ from .scalars import _prefixed
 # floating-point noise, not a partial period (the curve's default tolerance_eps).
 _PAYMENT_COUNT_TOL = 1e-12
 
+# A schedule holds fewer than 2**53 payments, so that every payment index is an exact double.
+_MAX_PAYMENTS = 2.0**53
+
+
+def _too_many_payments_text(n: float, m: int, where: str = "") -> str:
+    return f"'n' must hold fewer than 2**53 payments{where}: got n={n!r} at m={m} a year"
+
+
+def _too_many_payments(method_name: str, n: float, m: int, where: str = "") -> ValueError:
+    return ValueError(_prefixed(method_name, _too_many_payments_text(n, m, where) + "."))
+
 
 def _payment_count(n: float, m: int, tolerance_eps: float = _PAYMENT_COUNT_TOL) -> int:
     """Number of m-thly payments in a term of ``n`` years.

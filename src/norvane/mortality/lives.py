@@ -19,8 +19,7 @@ from .. import _kernels
 from ..base import _ALLOWED_PAYMENT_FREQUENCIES
 from ..engine.annuity import _kernel_curve
 from ..engine.base import Dispatcher
-from ..engine.dispatch import _MAX_PAYMENTS, _too_many_payments
-from ..helpers import _MAX_FLOAT64, _real_float
+from ..helpers import _MAX_FLOAT64, _MAX_PAYMENTS, _real_float, _too_many_payments
 from ..validators import (
     _resolve_gr,
     _validate_cashflow_inputs,

@@ -13,12 +13,14 @@ from numpy.typing import ArrayLike, NDArray
 from .. import _kernels
 from ..base import _ALLOWED_PAYMENT_FREQUENCIES
 from ..helpers import (
+    _MAX_PAYMENTS,
     BatchErrorReport,
     BatchResult,
     _batch_param_invalid,
     _batch_param_message,
     _coerce_record_ids,
     _map_batch_n_none_to_inf,
+    _too_many_payments_text,
     _validate_benefits,
 )
 from ..helpers import _allowed_frequency as _allowed_frequency
@@ -31,7 +33,6 @@ __all__ = ["life_annuities"]
 
 F64 = NDArray[np.float64]
 _METHOD = "life_annuities"
-_MAX_PAYMENTS = 2.0**53
 
 
 def _columns(method_name: str, **columns: Any) -> tuple[dict[str, Any], int]:
@@ -114,7 +115,7 @@ def _faults(
     with np.errstate(invalid="ignore", over="ignore"):
         add(
             np.isfinite(n) & ~(n * frequency < _MAX_PAYMENTS),
-            lambda i: f"'n' at index {i} holds 2**53 payments or more",
+            lambda i: _too_many_payments_text(float(at(n, i)), int(at(frequency, i)), f" at index {i}"),
         )
     ts = np.where(np.isfinite(cols["ts"]), cols["ts"], 0.0)
     # Each policy's table bounds, gathered by code (unknown tables take the first's: they are invalid anyway).
