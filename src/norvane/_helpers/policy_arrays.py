@@ -17,7 +17,7 @@ from numpy.typing import NDArray
 from ..base import _ALLOWED_PAYMENT_FREQUENCIES
 from .conversion import _BOOL_TYPES, _INTEGER_TYPES, F64Array, _as_f64_safe, _is_pandas_1d, _real_array
 from .routing import _batch_length, _first_index
-from .scalars import _prefixed
+from .scalars import _named_f64, _prefixed
 
 _is_none: Callable[[object], bool] = functools.partial(operator.is_, None)
 
@@ -60,10 +60,7 @@ def _policy_column(values: Any, name: str, method_name: str) -> F64Array:
 
     Conversion errors keep their class (TypeError, ValueError, FloatRangeError) and name the column.
     """
-    try:
-        arr = _as_f64_safe(values)
-    except (TypeError, ValueError) as exc:
-        raise type(exc)(_prefixed(method_name, f"'{name}': {exc}.")) from None
+    arr = _named_f64(values, name, method_name)
     if arr.ndim > 1:
         raise ValueError(_prefixed(method_name, f"'{name}' must be one-dimensional, got shape {arr.shape}."))
     return arr
@@ -256,6 +253,8 @@ def _benefits_array(benefits: Any, N: int, method_name: str) -> F64Array | None:
         arr = _as_f64_safe(benefits)
     except TypeError:
         raise TypeError(_prefixed(method_name, "'benefits' must contain real numbers.")) from None
+    except ValueError as exc:  # ragged, or beyond float64 (the class is kept)
+        raise type(exc)(_prefixed(method_name, f"'benefits': {exc}.")) from None
     if arr.ndim > 1:
         raise ValueError(_prefixed(method_name, "'benefits' must be one-dimensional."))
     if arr.ndim == 0:

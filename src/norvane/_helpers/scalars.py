@@ -25,6 +25,14 @@ def _too_large(value: Any, name: str, method_name: str) -> FloatRangeError:
     return FloatRangeError(_prefixed(method_name, f"'{name}' is too large to be represented as a float64, got {size}."))
 
 
+def _named_f64(values: Any, name: str, method_name: str) -> F64Array:
+    """``_as_f64_safe(values)`` whose errors keep their class and name the parameter and the method."""
+    try:
+        return _as_f64_safe(values)
+    except (TypeError, ValueError) as exc:
+        raise type(exc)(_prefixed(method_name, f"'{name}': {exc}.")) from None
+
+
 def _real_float(value: Any, name: str, method_name: str) -> float:
     """A single real number as a float: the one conversion of a caller's number.
 

@@ -10,7 +10,7 @@ from dataclasses import dataclass
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
-from ..helpers import _real_float
+from ..helpers import _named_f64, _real_float
 from .tables import MAX_AGE, FractionalAgeLiteral, MortalityTable, _integer
 
 __all__ = ["MakehamLaw", "BUNDLED_TABLES", "bundled_table", "constant_force", "gompertz", "makeham"]
@@ -38,14 +38,17 @@ class MakehamLaw:
 
     def force(self, x: ArrayLike) -> NDArray[np.float64]:
         """mu_x at real ages x."""
-        return self.A + self.B * np.power(self.c, np.asarray(x, dtype=np.float64))
+        ages = _named_f64(x, "x", "MakehamLaw.force")
+        with np.errstate(over="ignore"):  # beyond the float range the force is infinite
+            return self.A + self.B * np.power(self.c, ages)
 
     def qx(self, ages: ArrayLike) -> NDArray[np.float64]:
         """One-year death probabilities at the given ages."""
-        x = np.asarray(ages, dtype=np.float64)
+        x = _named_f64(ages, "ages", "MakehamLaw.qx")
         # (c - 1) / ln c tends to 1 as c -> 1 (a constant force B).
         growth = 1.0 if self.c == 1.0 else (self.c - 1.0) / math.log(self.c)
-        return -np.expm1(-self.A - self.B * np.power(self.c, x) * growth)
+        with np.errstate(over="ignore"):  # a force beyond the float range: q = 1
+            return -np.expm1(-self.A - self.B * np.power(self.c, x) * growth)
 
     def table(self, first_age: int, last_age: int, *, fractional_age: FractionalAgeLiteral = "udd") -> MortalityTable:
         """The ultimate table of the law for ages ``first_age`` to ``last_age``, closed there (q = 1).
@@ -59,8 +62,7 @@ class MakehamLaw:
                 f"[MakehamLaw.table] ages must satisfy 0 <= first_age <= last_age <= {MAX_AGE}, "
                 f"got first_age={first}, last_age={last}."
             )
-        with np.errstate(over="ignore"):  # c^x beyond the float range: q = 1
-            q = self.qx(np.arange(first, last + 1))
+        q = self.qx(np.arange(first, last + 1))
         q[-1] = 1.0
         return MortalityTable(q, first_age=first, fractional_age=fractional_age)
 
@@ -89,10 +91,14 @@ BUNDLED_TABLES: tuple[str, ...] = tuple(_BUNDLED)
 """Names of the bundled tables."""
 
 
-@functools.cache
 def bundled_table(name: str) -> MortalityTable:
     """A bundled table by name (see ``BUNDLED_TABLES``)."""
-    if name not in _BUNDLED:
+    if not isinstance(name, str) or name not in _BUNDLED:
         raise ValueError(f"[bundled_table] unknown table {name!r}; bundled tables are {list(BUNDLED_TABLES)}.")
+    return _bundled(name)
+
+
+@functools.cache
+def _bundled(name: str) -> MortalityTable:
     law, first, last = _BUNDLED[name]
     return law.table(first, last)

@@ -254,6 +254,8 @@ class Life(_Status):
             raise TypeError(f"[Life] 'table' must be a MortalityTable, got {type(table).__name__}.")
         x = _real_float(age, "age", "Life")
         selected = math.nan if select_age is None else _real_float(select_age, "select_age", "Life")
+        if select_age is not None and not math.isfinite(selected):
+            raise ValueError(f"[Life] 'select_age' must be a whole age of the table, got {selected!r}.")
         table._check_ages(np.array([x]), np.array([selected]), "Life")
         rule = table.fractional_age if fractional_age is None else _check_rule(fractional_age, "Life")
         set_ = object.__setattr__
@@ -315,7 +317,7 @@ class JointLife(_Status):
     def __init__(self, x: Life, y: Life, *, status: Literal["joint", "last_survivor"] = "joint") -> None:
         if not (isinstance(x, Life) and isinstance(y, Life)):
             raise TypeError("[JointLife] 'x' and 'y' must be Life objects.")
-        if status not in ("joint", "last_survivor"):
+        if not (isinstance(status, str) and status in ("joint", "last_survivor")):
             raise ValueError(f"[JointLife] 'status' must be 'joint' or 'last_survivor', got {status!r}.")
         set_ = object.__setattr__
         set_(self, "x", x)

@@ -22,6 +22,7 @@ from ..helpers import (
     _map_batch_n_none_to_inf,
     _too_many_payments_text,
     _validate_benefits,
+    _validate_record_ids_batch_only,
 )
 from ..helpers import _allowed_frequency as _allowed_frequency
 from ..helpers import _integer_array as _integer_array
@@ -175,9 +176,9 @@ def life_annuities(
         Unit values rounded like the curve's annuities, times the benefits.
         Each equals the value of ``tables[table].life(age).ä(curve, ...)``.
     """
-    if on_error not in ("raise", "nan"):
+    if not (isinstance(on_error, str) and on_error in ("raise", "nan")):
         raise ValueError(f"[{_METHOD}] 'on_error' must be 'raise' or 'nan', got {on_error!r}.")
-    if timing not in ("due", "immediate"):
+    if not (isinstance(timing, str) and timing in ("due", "immediate")):
         raise ValueError(f"[{_METHOD}] 'timing' must be 'due' or 'immediate', got {timing!r}.")
     if not isinstance(tables, Mapping) or not tables or not all(isinstance(t, MortalityTable) for t in tables.values()):
         raise TypeError(f"[{_METHOD}] 'tables' must be a non-empty mapping of names to MortalityTable objects.")
@@ -193,6 +194,7 @@ def life_annuities(
         select_age=_policy_column(np.nan if select_age is None else select_age, "select_age", _METHOD),
     )
     weights = _validate_benefits(benefits, size, _METHOD)
+    _validate_record_ids_batch_only(record_ids, True, size, _METHOD)
     codes, n_arr, frequency, faults = _faults(tables, cols, size)
     if faults and on_error == "raise":
         first = min(faults)

@@ -3,6 +3,7 @@ select-and-ultimate, and the survival they imply at any real age."""
 
 from __future__ import annotations
 
+import math
 import os
 from typing import TYPE_CHECKING, Any, Literal
 
@@ -10,7 +11,7 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from .. import _kernels
-from ..helpers import _as_f64_safe
+from ..helpers import _named_f64, _real_float
 
 if TYPE_CHECKING:
     from collections.abc import Callable
@@ -50,6 +51,10 @@ def _check_q(q: F64, first_age: int, what: str) -> None:
 def _integer(value: Any, name: str, method_name: str = "MortalityTable") -> int:
     if isinstance(value, (bool, np.bool_)) or not isinstance(value, (int, np.integer)):
         raise TypeError(f"[{method_name}] '{name}' must be an integer age, got {type(value).__name__}.")
+    if not -10 * MAX_AGE <= value <= 10 * MAX_AGE:  # said in bits: the number itself may be endless
+        raise ValueError(
+            f"[{method_name}] '{name}' is no age of a table, got an integer of {int(value).bit_length()} bits."
+        )
     return int(value)
 
 
@@ -129,7 +134,7 @@ class MortalityTable:
         closing_age: int | None = None,
     ) -> None:
         first = _integer(first_age, "first_age")
-        q = np.array(_as_f64_safe(qx), dtype=np.float64)
+        q = np.array(_named_f64(qx, "qx", "MortalityTable"), dtype=np.float64)
         if q.ndim != 1 or q.size == 0:
             raise ValueError(
                 f"[MortalityTable] 'qx' must be one-dimensional with at least one age, got shape {q.shape}."
@@ -150,7 +155,11 @@ class MortalityTable:
                 f"[MortalityTable] q at the last age {first + q.size - 1} must be 1 (the table closes), "
                 f"got {float(q[-1])!r}; pass closing_age to close it."
             )
-        sel = np.empty((0, 0)) if select is None else np.array(_as_f64_safe(select), dtype=np.float64)
+        sel = (
+            np.empty((0, 0))
+            if select is None
+            else np.array(_named_f64(select, "select", "MortalityTable"), dtype=np.float64)
+        )
         if sel.ndim != 2:
             raise ValueError("[MortalityTable] 'select' must be a two-dimensional table (select ages x durations).")
         sel_first = first if select_first_age is None else _integer(select_first_age, "select_first_age")
@@ -287,9 +296,8 @@ class MortalityTable:
 
     def scaled(self, factor: float) -> MortalityTable:
         """Every q multiplied by ``factor`` (e.g. 0.9), capped at 1; the table still closes."""
-        if isinstance(factor, (bool, np.bool_)) or not isinstance(factor, (int, float, np.integer, np.floating)):
-            raise TypeError(f"[MortalityTable.scaled] 'factor' must be a real number, got {type(factor).__name__}.")
-        if not (np.isfinite(factor) and factor >= 0.0):
+        factor = _real_float(factor, "factor", "MortalityTable.scaled")
+        if not (math.isfinite(factor) and factor >= 0.0):
             raise ValueError(f"[MortalityTable.scaled] 'factor' must be finite and >= 0, got {factor!r}.")
         q = np.minimum(self._qx * float(factor), 1.0)
         q[-1] = 1.0
@@ -334,8 +342,11 @@ class MortalityTable:
         places a life on its select rates.
         """
         rule = self._fractional_age if fractional_age is None else _check_rule(fractional_age, "MortalityTable.tpx")
-        select = np.nan if select_age is None else _as_f64_safe(select_age)
-        ages, durations, selects = np.broadcast_arrays(_as_f64_safe(age), _as_f64_safe(t), select)
+        method = "MortalityTable.tpx"
+        select = np.nan if select_age is None else _named_f64(select_age, "select_age", method)
+        ages, durations, selects = np.broadcast_arrays(
+            _named_f64(age, "age", method), _named_f64(t, "t", method), select
+        )
         self._check_ages(ages.reshape(-1), selects.reshape(-1), "MortalityTable.tpx")
         flat_t = np.ascontiguousarray(durations, dtype=np.float64).reshape(-1)
         bad = np.flatnonzero(~(flat_t >= 0.0))
