@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <numeric>
 #include <unordered_map>
 
 namespace norvane::core {
@@ -298,6 +299,59 @@ double life_partial_value(const PiecewiseTable& curve, const Schedule& s, const 
 
 namespace {
 
+// The terms v(k/m) x survival(k/m) of a life grid, k = 0 .. points - 1: the
+// discount factor steps by the segment's ratio from an exact factor at each
+// segment's first point, survival is refreshed at birthdays.
+template <typename Ages>
+void build_grid(const PiecewiseTable& curve, std::size_t m, Ages& ages, std::size_t points, PrefixSums& sums) {
+    const double step = 1.0 / static_cast<double>(m);
+    double segment_end = -PiecewiseTable::kInfinity, v = 0.0, ratio = 0.0;
+    std::size_t j = 0;
+    sums.build(points, [&](std::size_t k) {
+        const double t = static_cast<double>(k) * step;
+        if (t > segment_end) {
+            while (t > curve.segment_end(j)) ++j;  // points only move forward
+            segment_end = curve.segment_end(j);
+            ratio = std::exp(-curve.log_base(j) * step);
+            v = curve.discount(t);
+        }
+        if (t >= ages.birthday()) ages.refresh(t);
+        const double term = weighted(ages.at(t), v);
+        v *= ratio;
+        return term;
+    });
+}
+
+}  // namespace
+
+LifeGrid::LifeGrid(const PiecewiseTable& curve, const Status& status, std::size_t m, std::size_t size) {
+    // Beyond the horizon every term is 0: the sums stop growing there.
+    const double alive = std::ceil(status.horizon() * static_cast<double>(m)) + 1.0;
+    const std::size_t points = alive < static_cast<double>(size) ? static_cast<std::size_t>(alive) : size;
+    if (status.lives[0].rule == FractionalAge::Uniform) {
+        UniformYear ages(status.lives[0]);
+        build_grid(curve, m, ages, points, sums_);
+    } else {
+        StatusYear ages(status);
+        build_grid(curve, m, ages, points, sums_);
+    }
+}
+
+std::optional<std::size_t> LifeGrid::first_point(const Schedule& s, const Status& status) {
+    if (status.kind != Status::Single || s.growth.kind != Growth::Level) return std::nullopt;
+    const double point = s.start * static_cast<double>(s.m) + static_cast<double>(s.first + s.timing);
+    if (!(point == std::floor(point) && point < 0x1p52)) return std::nullopt;
+    return static_cast<std::size_t>(point);
+}
+
+double LifeGrid::value(const PiecewiseTable& curve, const Schedule& s, const Status& status, std::size_t first) const {
+    const std::size_t top = sums_.size();
+    const double regular = sums_.between(std::min(first, top), std::min(first + s.count, top));
+    return regular / static_cast<double>(s.m) + life_partial_value(curve, s, status);
+}
+
+namespace {
+
 // Integral of v(t) survival(t) growth(t) over [a, b], with the integrand also
 // multiplied by the force of interest when `by_force`.
 double integral(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth,
@@ -357,8 +411,12 @@ void for_each_period(const Annuity& annuity, double horizon, Fn fn) {
 
 double life_annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode, const Status& status) {
     switch (mode) {
-        case Mode::DiscretePrecision:
-            return life_schedule_value(curve, annuity.schedule(), status);
+        case Mode::DiscretePrecision: {
+            const Schedule s = annuity.schedule();
+            if (const auto first = LifeGrid::first_point(s, status))
+                return LifeGrid(curve, status, s.m, *first + s.count).value(curve, s, status, *first);
+            return life_schedule_value(curve, s, status);
+        }
         case Mode::DiscreteSimplified:
             return woolhouse_life_value(curve, annuity, false, status);
         case Mode::ContinuousPrecision:
@@ -482,9 +540,9 @@ std::uint64_t bits(double x) { return std::bit_cast<std::uint64_t>(x == 0.0 ? 0.
 // discrete precision mode one pass over the longest gives every distinct
 // length's sum; otherwise each distinct term is valued once. Unit values go
 // to `unit` by policy.
-void value_group(const PiecewiseTable& curve, std::span<const double> ratios, const SurvivalPath& path, int path_start,
-                 FractionalAge rule, const LifePolicies& p, std::span<std::uint32_t> members, const PolicyTerms& terms,
-                 std::span<double> unit) {
+void value_group(const PiecewiseTable& curve, std::span<const double> ratios, const LifeGrid* grid,
+                 const SurvivalPath& path, int path_start, FractionalAge rule, const LifePolicies& p,
+                 std::span<std::uint32_t> members, const PolicyTerms& terms, std::span<double> unit) {
     const std::uint32_t first = members[0];
     const auto life = life_on_path(path, p.age[first] - path_start + p.ts[first], rule);
     if (!life) {
@@ -497,11 +555,15 @@ void value_group(const PiecewiseTable& curve, std::span<const double> ratios, co
     const double ts = p.ts[first], d = p.d[first];
     const auto annuity_of = [&](double n) { return life_policy_annuity(n, d, ts, status.horizon(), policy); };
     const auto round = [&](double value) { return round_like_numpy(value, terms.decimals); };
-    // The discrete precision sum with the book's ratios (the same numbers a
-    // single call computes), other modes as a single call values them.
+    // In the discrete precision mode a schedule on the grid is a difference of
+    // the life's sums and any other is summed with the book's ratios (the same
+    // numbers a single call computes); other modes as a single call values them.
+    const auto on_grid = [&](const Schedule& s) { return grid && LifeGrid::first_point(s, status); };
     const auto value_of = [&](const Annuity& annuity) {
-        return terms.mode == Mode::DiscretePrecision ? life_schedule_value(curve, annuity.schedule(), status, ratios)
-                                                     : life_annuity_value(curve, annuity, terms.mode, status);
+        if (terms.mode != Mode::DiscretePrecision) return life_annuity_value(curve, annuity, terms.mode, status);
+        const Schedule s = annuity.schedule();
+        const auto first = grid ? LifeGrid::first_point(s, status) : std::nullopt;
+        return first ? grid->value(curve, s, status, *first) : life_schedule_value(curve, s, status, ratios);
     };
     if (members.size() == 1) {
         const auto annuity = annuity_of(p.n[first]);
@@ -519,7 +581,9 @@ void value_group(const PiecewiseTable& curve, std::span<const double> ratios, co
     }
     run_start.push_back(members.size());
     std::vector<double> values(annuities.size(), 0.0);
-    if (terms.mode != Mode::DiscretePrecision) {
+    // One deferment: the group's schedules are all on the grid or none is.
+    const auto some = std::find_if(annuities.begin(), annuities.end(), [](const auto& a) { return a.has_value(); });
+    if (terms.mode != Mode::DiscretePrecision || (some != annuities.end() && on_grid((*some)->schedule()))) {
         for (std::size_t r = 0; r < annuities.size(); ++r)
             if (annuities[r]) values[r] = round(value_of(*annuities[r]));
     } else {
@@ -546,14 +610,150 @@ void value_group(const PiecewiseTable& curve, std::span<const double> ratios, co
         for (std::size_t k = run_start[r]; k < run_start[r + 1]; ++k) unit[members[k]] = values[r];
 }
 
+// The life grids of a discrete precision book: one per life (table, age,
+// select age, valuation time, frequency) shared by its groups (one per
+// deferment), over the points its longest schedule reaches.
+struct BookGrids {
+    std::vector<std::optional<LifeGrid>> grids;
+    std::vector<std::uint32_t> grid_of_group;
+    const LifeGrid* of(std::size_t group) const {
+        if (grids.empty()) return nullptr;
+        const auto& grid = grids[grid_of_group[group]];
+        return grid ? &*grid : nullptr;
+    }
+};
+
+BookGrids book_grids(const LifePolicies& p, std::span<const std::uint32_t> lead, std::span<const double> select_ages,
+                     std::span<const std::uint32_t> members, std::span<const std::uint32_t> offsets,
+                     const std::vector<PiecewiseTable>& curves, std::span<const std::size_t> group_curve,
+                     std::span<const SurvivalPath* const> paths, std::span<const int> starts,
+                     std::span<const FractionalAge> rules) {
+    const std::size_t group_count = lead.size();
+    BookGrids out;
+    out.grid_of_group.resize(group_count);
+    KeyIndex<5> life_of(group_count);
+    std::vector<std::uint32_t> first_group;
+    std::vector<double> points;  // the grid points each life's schedules reach
+    for (std::size_t g = 0; g < group_count; ++g) {
+        const std::uint32_t i = lead[g];
+        const auto [life, added] =
+            life_of.insert({bits(p.table[i]), bits(p.age[i]), bits(select_ages[g]), bits(p.ts[i]), bits(p.m[i])});
+        if (added) {
+            first_group.push_back(static_cast<std::uint32_t>(g));
+            points.push_back(0.0);
+        }
+        out.grid_of_group[g] = life;
+        for (std::uint32_t k = offsets[g]; k < offsets[g + 1]; ++k) {
+            const std::uint32_t policy = members[k];
+            // The schedule ends at d + n from inception, d + n - ts from the valuation time.
+            const double end = (p.d[policy] + p.n[policy] - p.ts[policy]) * p.m[policy] + 2.0;
+            points[life] = std::max(points[life], end);
+        }
+    }
+    out.grids.resize(first_group.size());
+    parallel_for(first_group.size(), 16, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t life = begin; life < end; ++life) {
+            const std::size_t g = first_group[life];
+            const std::uint32_t i = lead[g];
+            const auto on_path =
+                life_on_path(*paths[g], p.age[i] - starts[g] + p.ts[i], rules[static_cast<std::size_t>(p.table[i])]);
+            if (!on_path) continue;
+            const Status status{Status::Single, {*on_path, *on_path}};
+            // A life annuity's grid ends with survival (the grid stops there by itself).
+            const double size = std::min(points[life], 0x1p52);
+            out.grids[life].emplace(curves[group_curve[g]], status, static_cast<std::size_t>(p.m[i]),
+                                    static_cast<std::size_t>(size));
+        }
+    });
+    return out;
+}
+
+// A book's policies at whole ages of their tables (not selected at another
+// age), all valued at one time at one frequency, in the discrete precision
+// mode: one grid per (table, age), and each policy whose payments fall on it
+// valued from it in O(1). Returns the policies left to the general route.
+std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<MortalityTable* const> tables,
+                                            std::span<const FractionalAge> rules, const LifePolicies& p,
+                                            const PolicyTerms& terms, std::span<double> unit) {
+    const std::size_t count = p.age.size();
+    std::vector<std::uint32_t> rest(count);
+    std::iota(rest.begin(), rest.end(), 0u);
+    if (terms.mode != Mode::DiscretePrecision || count == 0) return rest;
+    const double ts = p.ts[0], m = p.m[0];
+    for (std::size_t i = 1; i < count; ++i)
+        if (!(p.ts[i] == ts && p.m[i] == m)) return rest;
+    // One slot per (table, whole age): base[t] + age - first age.
+    std::vector<std::size_t> base(tables.size() + 1, 0);
+    for (std::size_t t = 0; t < tables.size(); ++t)
+        base[t + 1] = base[t] + static_cast<std::size_t>(tables[t]->end_age() - tables[t]->first_age());
+    constexpr std::uint32_t kNone = 0xFFFFFFFFu;
+    std::vector<std::uint32_t> slot_of(count, kNone);
+    std::vector<double> points(base.back(), 0.0);  // the grid points each slot's schedules reach
+    for (std::size_t i = 0; i < count; ++i) {
+        const auto t = static_cast<std::size_t>(p.table[i]);
+        const double age = p.age[i], offset = age - tables[t]->first_age();
+        const bool whole = age == std::floor(age) && (std::isnan(p.select_age[i]) || p.select_age[i] == age);
+        if (!(whole && offset >= 0.0 && offset < static_cast<double>(base[t + 1] - base[t]))) continue;
+        const auto slot = static_cast<std::uint32_t>(base[t] + static_cast<std::size_t>(offset));
+        slot_of[i] = slot;
+        points[slot] = std::max(points[slot], (p.d[i] + p.n[i] - ts) * m + 2.0);
+    }
+    // Paths are built before the threads share the tables.
+    const PiecewiseTable seen =
+        discount_table(is_shift(ts, terms.tolerance_eps) ? shifted(curve, ts, terms.tolerance_eps) : curve);
+    std::vector<std::optional<Status>> statuses(base.back());
+    for (std::size_t t = 0; t < tables.size(); ++t) {
+        for (std::size_t slot = base[t]; slot < base[t + 1]; ++slot) {
+            if (points[slot] == 0.0) continue;
+            const int age = tables[t]->first_age() + static_cast<int>(slot - base[t]);
+            const auto life = life_on_path(tables[t]->path(age), age - tables[t]->path_start(age) + ts, rules[t]);
+            if (life) statuses[slot] = Status{Status::Single, {*life, *life}};
+        }
+    }
+    std::vector<std::optional<LifeGrid>> grids(base.back());
+    const auto frequency = static_cast<std::size_t>(m);
+    parallel_for(grids.size(), 8, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t slot = begin; slot < end; ++slot)
+            if (statuses[slot])
+                grids[slot].emplace(seen, *statuses[slot], frequency,
+                                    static_cast<std::size_t>(std::min(points[slot], 0x1p52)));
+    });
+    PolicyTerms policy = terms;
+    policy.m = frequency;
+    std::vector<std::uint8_t> valued(count, 0);
+    const double scale = std::pow(10.0, terms.decimals);
+    parallel_for(count, 4096, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i) {
+            const std::uint32_t slot = slot_of[i];
+            if (slot == kNone || !grids[slot]) continue;
+            const Status& status = *statuses[slot];
+            const auto annuity = life_policy_annuity(p.n[i], p.d[i], ts, status.horizon(), policy);
+            if (!annuity) {
+                unit[i] = 0.0;
+                valued[i] = 1;
+                continue;
+            }
+            const Schedule s = annuity->schedule();
+            const auto first = LifeGrid::first_point(s, status);
+            if (!first) continue;
+            unit[i] = round_scaled(grids[slot]->value(seen, s, status, *first), scale);
+            valued[i] = 1;
+        }
+    });
+    rest.erase(std::remove_if(rest.begin(), rest.end(), [&](std::uint32_t i) { return valued[i] != 0; }), rest.end());
+    return rest;
+}
+
 }  // namespace
 
 void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*> tables,
                            std::span<const FractionalAge> rules, const LifePolicies& p, const PolicyTerms& terms,
                            std::span<double> out) {
-    const std::size_t count = p.age.size();
-    // Policies grouped by life, valuation time, deferment and frequency (in
-    // one flat array, by group), and one discount table per valuation time.
+    const std::vector<std::uint32_t> rest = value_whole_ages(curve, tables, rules, p, terms, out);
+    const std::size_t count = rest.size();
+    // The other policies grouped by life, valuation time, deferment and
+    // frequency (in one flat array, by group), and one discount table per
+    // valuation time.
     KeyIndex<6> group_of(count);
     std::vector<std::uint32_t> group_id(count), offsets{0}, lead;
     std::vector<double> select_ages;
@@ -563,13 +763,14 @@ void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*
     std::unordered_map<std::uint64_t, std::size_t> curve_of;
     std::vector<PiecewiseTable> curves;
     std::vector<std::size_t> group_curve;
-    for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t r = 0; r < count; ++r) {
+        const std::uint32_t i = rest[r];
         const double select = std::isnan(p.select_age[i]) ? std::floor(p.age[i]) : p.select_age[i];
         const auto [group, added] = group_of.insert(
             {bits(p.table[i]), bits(p.age[i]), bits(select), bits(p.ts[i]), bits(p.d[i]), bits(p.m[i])});
         if (added) {
             offsets.push_back(0);
-            lead.push_back(static_cast<std::uint32_t>(i));
+            lead.push_back(i);
             select_ages.push_back(select);
             auto [seen, new_curve] = curve_of.try_emplace(bits(p.ts[i]), curves.size());
             if (new_curve)
@@ -577,13 +778,13 @@ void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*
                     is_shift(p.ts[i], terms.tolerance_eps) ? shifted(curve, p.ts[i], terms.tolerance_eps) : curve));
             group_curve.push_back(seen->second);
         }
-        group_id[i] = group;
+        group_id[r] = group;
         ++offsets[group + 1];
     }
     const std::size_t group_count = offsets.size() - 1;
     for (std::size_t g = 0; g < group_count; ++g) offsets[g + 1] += offsets[g];
     std::vector<std::uint32_t> members(count), filled(offsets.begin(), offsets.end() - 1);
-    for (std::size_t i = 0; i < count; ++i) members[filled[group_id[i]]++] = static_cast<std::uint32_t>(i);
+    for (std::size_t r = 0; r < count; ++r) members[filled[group_id[r]]++] = rest[r];
     // Survival paths once per (table, select age), before the threads share them.
     std::vector<const SurvivalPath*> paths(group_count);
     std::vector<int> starts(group_count);
@@ -602,16 +803,20 @@ void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*
         if (added) it->second = period_ratios(curves[group_curve[g]], m);
         group_ratios[g] = &it->second;
     }
+    const BookGrids grids =
+        terms.mode == Mode::DiscretePrecision
+            ? book_grids(p, lead, select_ages, members, offsets, curves, group_curve, paths, starts, rules)
+            : BookGrids{};
     parallel_for(group_count, 64, [&](std::size_t begin, std::size_t end) {
         for (std::size_t g = begin; g < end; ++g) {
             const std::span<std::uint32_t> group(members.data() + offsets[g], offsets[g + 1] - offsets[g]);
             const auto table = static_cast<std::size_t>(p.table[lead[g]]);
-            value_group(curves[group_curve[g]], *group_ratios[g], *paths[g], starts[g], rules[table], p, group, terms,
-                        out);
+            value_group(curves[group_curve[g]], *group_ratios[g], grids.of(g), *paths[g], starts[g], rules[table], p,
+                        group, terms, out);
         }
     });
     if (!p.benefits.empty())
-        for (std::size_t i = 0; i < count; ++i) out[i] *= p.benefits[i];
+        for (std::size_t i = 0; i < out.size(); ++i) out[i] *= p.benefits[i];
 }
 
 }  // namespace norvane::core

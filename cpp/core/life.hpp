@@ -5,6 +5,7 @@
 #pragma once
 
 #include "core/annuity.hpp"
+#include "core/prefix_sums.hpp"
 
 #include <cstddef>
 #include <map>
@@ -112,6 +113,26 @@ void life_schedule_sums(const PiecewiseTable& curve, const Schedule& s, const St
                         std::span<const double> ratios = {});
 // The pro-rata last payment's share.
 double life_partial_value(const PiecewiseTable& curve, const Schedule& s, const Status& status);
+
+// Survival-weighted running sums on the payment grid (the commutation
+// functions D and N of one life, on any curve and frequency): v(k/m) times
+// the survival to k/m, summed over the grid points k = 0, 1, ... A level
+// schedule of one life whose payments fall on the grid is then a difference
+// of two sums, whatever its deferment and term; the single call and the book
+// both value such schedules so, hence their values agree bit for bit.
+class LifeGrid {
+  public:
+    // The sums over the grid points [0, size) (no further than survival lasts).
+    LifeGrid(const PiecewiseTable& curve, const Status& status, std::size_t m, std::size_t size);
+    // The grid point of `s`'s first regular payment: none when `s` is not a
+    // level schedule of one life on the grid (then it is summed payment by payment).
+    static std::optional<std::size_t> first_point(const Schedule& s, const Status& status);
+    // The value of `s`, whose regular payments start at the grid point `first`.
+    double value(const PiecewiseTable& curve, const Schedule& s, const Status& status, std::size_t first) const;
+
+  private:
+    PrefixSums sums_;
+};
 
 // A life annuity in a calculation mode:
 // - DiscretePrecision: every payment with its survival probability;

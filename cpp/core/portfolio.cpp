@@ -1,6 +1,7 @@
 #include "core/portfolio.hpp"
 
 #include "core/parallel.hpp"
+#include "core/prefix_sums.hpp"
 
 #include <algorithm>
 #include <array>
@@ -30,37 +31,6 @@ constexpr std::size_t kMaxGridPoints = std::size_t{1} << 22;
 // Growth weights on a grid are kept within e^5 of 1, so that a difference of
 // two weighted sums loses no digit the rounding could see.
 constexpr double kMaxLogWeight = 5.0;
-
-// Running sums x[0] + ... + x[i-1] with their compensation (Neumaier), so
-// that a difference of two of them is accurate to the last bit of the
-// difference, not of the sums.
-class PrefixSums {
-  public:
-    template <typename Value>
-    void build(std::size_t size, Value value_of) {
-        hi_.assign(size + 1, 0.0);
-        lo_.assign(size + 1, 0.0);
-        double sum = 0.0, compensation = 0.0;
-        for (std::size_t i = 0; i < size; ++i) {
-            const double x = value_of(i), t = sum + x;
-            compensation += std::abs(sum) >= std::abs(x) ? (sum - t) + x : (x - t) + sum;
-            sum = t;
-            hi_[i + 1] = sum;
-            lo_[i + 1] = compensation;
-        }
-    }
-    double between(std::size_t a, std::size_t b) const { return (hi_[b] - hi_[a]) + (lo_[b] - lo_[a]); }
-    const double* sums() const { return hi_.data(); }
-    const double* compensations() const { return lo_.data(); }
-    // The size the difference's rounding error is relative to: the
-    // difference itself, plus the sums' own last bits.
-    double magnitude(std::size_t a, std::size_t b) const {
-        return std::abs(hi_[b] - hi_[a]) + kEpsilon * (std::abs(hi_[a]) + std::abs(hi_[b]));
-    }
-
-  private:
-    std::vector<double> hi_, lo_;
-};
 
 // A value and a bound on the size of the numbers it was computed from (its
 // rounding error is a few epsilon of that).
