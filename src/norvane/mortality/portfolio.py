@@ -72,6 +72,20 @@ def _frequencies(m: Any) -> NDArray[Any]:
 def _table_codes(names: NDArray[Any], tables: Mapping[str, MortalityTable]) -> tuple[F64, list[str]]:
     """Index of each policy's table in ``tables`` (NaN: unknown or missing), and the known names."""
     known = list(tables)
+    if names.dtype.kind == "U" and names.size:
+        # Fixed-width texts compare as machine words, column by column: a few integer passes per table.
+        word = np.uint64 if names.dtype.itemsize % 8 == 0 else np.uint32
+        words = np.ascontiguousarray(names).view(word).reshape(names.size, -1)
+        codes = np.full(names.shape, np.nan)
+        for i, name in enumerate(known):
+            if len(name) > names.dtype.itemsize // 4:
+                continue
+            key = np.array([name], dtype=names.dtype).view(word)
+            same = words[:, 0] == key[0]
+            for column in range(1, key.size):
+                same &= words[:, column] == key[column]
+            np.copyto(codes, i, where=same)
+        return codes, known
     if names.dtype.kind in "US":
         codes = np.full(names.shape, np.nan)
         for i, name in enumerate(known):
