@@ -70,9 +70,6 @@ OPAQUE = re.compile(
 )
 # Faults these tests found that are not fixed yet: each test fails today (strict xfail, see conftest.py).
 OPEN_FAULTS = {
-    "test_mortality_functions[gompertz]": "hostile input still answered by a stray or unnamed exception",
-    "test_mortality_functions[life_annuities m, benefits]": "hostile input still answered by a stray or unnamed exception",
-    "test_lives_methods[a cashflow_amounts, n]": "hostile input still answered by a stray or unnamed exception",
     "test_books_of_hostile_columns": "norvane.portfolio: an unchecked argument ends in a stray exception",
     "test_portfolio_functions[book_flows]": "norvane.portfolio: an unchecked argument ends in a stray exception",
     "test_portfolio_functions[check_output/output_kind]": "norvane.portfolio: an unchecked argument ends in a stray exception",
@@ -86,8 +83,6 @@ OPEN_FAULTS = {
     "test_portfolio_functions[valued_blocks]": "norvane.portfolio: an unchecked argument ends in a stray exception",
     "test_portfolio_functions[write_table]": "norvane.portfolio: an unchecked argument ends in a stray exception",
     "test_csv_files": "books: Arrow cannot take these columns or files as they are",
-    "test_mortality_csv_refused[booleans for q]": "MortalityTable.from_csv: booleans for q, a Latin-1 header",
-    "test_mortality_csv_refused[Latin-1 header]": "MortalityTable.from_csv: booleans for q, a Latin-1 header",
     "test_books_arrow_cannot_take_as_they_are[big-endian dict]": "books: Arrow cannot take these columns or files as they are",
     "test_books_arrow_cannot_take_as_they_are[big-endian frame]": "books: Arrow cannot take these columns or files as they are",
     "test_books_arrow_cannot_take_as_they_are[UTF-16 CSV]": "books: Arrow cannot take these columns or files as they are",

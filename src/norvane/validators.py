@@ -132,6 +132,8 @@ def _one_dimensional(values: Any, name: str, method_name: str) -> NDArray[np.flo
         arr = _as_f64_safe(values)
     except TypeError:
         raise TypeError(_prefixed(method_name, f"'{name}' must be a sequence of real numbers.")) from None
+    except ValueError as exc:  # ragged, or beyond float64 (the class is kept)
+        raise type(exc)(_prefixed(method_name, f"'{name}': {exc}.")) from None
     if arr.ndim != 1:
         raise ValueError(_prefixed(method_name, f"'{name}' must be a one-dimensional sequence."))
     return arr

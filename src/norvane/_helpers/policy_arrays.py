@@ -79,6 +79,8 @@ def _integer_array(x: Any, method_name: str, attr_name: str) -> NDArray[np.int64
         raise TypeError(
             _prefixed(method_name, f"'{attr_name}' must contain integers, got {type(x).__name__}.")
         ) from None
+    except ValueError as exc:  # ragged, or beyond float64 (the class is kept)
+        raise type(exc)(_prefixed(method_name, f"'{attr_name}': {exc}.")) from None
     if arr.dtype.kind not in "iu":
         raise TypeError(_prefixed(method_name, f"'{attr_name}' must contain integers, got dtype {arr.dtype}."))
     if arr.ndim != 1:

@@ -39,6 +39,8 @@ class MakehamLaw:
     def force(self, x: ArrayLike) -> NDArray[np.float64]:
         """mu_x at real ages x."""
         ages = _named_f64(x, "x", "MakehamLaw.force")
+        if self.B == 0.0:  # no age term, however large c^x
+            return np.full(ages.shape, self.A)
         with np.errstate(over="ignore"):  # beyond the float range the force is infinite
             return self.A + self.B * np.power(self.c, ages)
 
@@ -47,6 +49,8 @@ class MakehamLaw:
         x = _named_f64(ages, "ages", "MakehamLaw.qx")
         # (c - 1) / ln c tends to 1 as c -> 1 (a constant force B).
         growth = 1.0 if self.c == 1.0 else (self.c - 1.0) / math.log(self.c)
+        if self.B == 0.0:  # no age term, however large c^x
+            return np.full(x.shape, -math.expm1(-self.A))
         with np.errstate(over="ignore"):  # a force beyond the float range: q = 1
             return -np.expm1(-self.A - self.B * np.power(self.c, x) * growth)
 

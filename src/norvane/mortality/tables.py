@@ -73,11 +73,14 @@ def _csv_columns(path: str | os.PathLike[str], method_name: str) -> dict[str, F6
     where = os.fspath(path)
     try:
         frame = csv.read_csv(where)
+        names = frame.column_names  # decoded here: a header that is not UTF-8 fails now
     except (pa.ArrowInvalid, UnicodeDecodeError) as exc:
-        raise ValueError(f"[{method_name}] cannot read {where!r} as CSV: {exc}") from None
+        raise ValueError(f"[{method_name}] cannot read {where!r} as UTF-8 CSV: {exc}") from None
     columns: dict[str, F64] = {}
-    for name, column in zip(frame.column_names, frame.columns):
+    for name, column in zip(names, frame.columns):
         key = name.lower()
+        if not (pa.types.is_integer(column.type) or pa.types.is_floating(column.type) or pa.types.is_null(column.type)):
+            raise ValueError(f"[{method_name}] column '{name}' of {where!r} must hold numbers, got {column.type}.")
         if key in columns:
             raise ValueError(f"[{method_name}] {where!r} has more than one '{key}' column.")
         try:
