@@ -247,34 +247,57 @@ bool finite_nonnegative(double x) { return x >= 0.0 && x < kInf; }
 
 constexpr std::size_t kBlock = 256;  // policies valued together
 
+using Block = std::array<double, kBlock>;
+
+template <typename T>
+void convert(const void* data, std::size_t i, std::size_t len, double* out) {
+    const T* values = static_cast<const T*>(data) + i;
+    for (std::size_t k = 0; k < len; ++k) out[k] = static_cast<double>(values[k]);
+}
+
 // One input of a book: a value per policy, or one value for every policy.
 class Column {
   public:
-    Column(std::span<const double> values, std::size_t size)
-        : values_(values), repeated_(values.size() == 1 && size != 1) {
+    Column(BookColumn values, std::size_t size) : values_(values), repeated_(values.size == 1 && size != 1) {
         if (repeated_) block_.fill(values[0]);
     }
     double operator[](std::size_t i) const { return values_[repeated_ ? 0 : i]; }
-    // The values of policies i, i + 1, ... (at most kBlock of them).
-    const double* block(std::size_t i) const { return repeated_ ? block_.data() : values_.data() + i; }
+    // The values of policies i .. i + len - 1 (len <= kBlock): in place for
+    // doubles, else converted into `scratch`.
+    const double* block(std::size_t i, std::size_t len, Block& scratch) const {
+        if (repeated_) return block_.data();
+        switch (values_.type) {
+            case BookColumn::Type::Float64:
+                return static_cast<const double*>(values_.data) + i;
+            case BookColumn::Type::Float32:
+                convert<float>(values_.data, i, len, scratch.data());
+                break;
+            case BookColumn::Type::Int64:
+                convert<std::int64_t>(values_.data, i, len, scratch.data());
+                break;
+            case BookColumn::Type::Int32:
+                convert<std::int32_t>(values_.data, i, len, scratch.data());
+                break;
+        }
+        return scratch.data();
+    }
 
   private:
-    std::span<const double> values_;
+    BookColumn values_;
     bool repeated_;
-    std::array<double, kBlock> block_{};
+    Block block_{};
 };
 
 constexpr double kUnitBenefit[] = {1.0};
 
 // A book's inputs; without benefits, each policy's is 1.
 struct Book {
-    Book(std::span<const double> n_, std::span<const double> d_, std::span<const double> ts_,
-         std::span<const double> benefits_, std::size_t size_)
+    Book(BookColumn n_, BookColumn d_, BookColumn ts_, std::span<const double> benefits_, std::size_t size_)
         : size(size_),
           n(n_, size_),
           d(d_, size_),
           ts(ts_, size_),
-          benefits(benefits_.empty() ? std::span<const double>(kUnitBenefit) : benefits_, size_) {}
+          benefits(BookColumn(benefits_.empty() ? std::span<const double>(kUnitBenefit) : benefits_), size_) {}
     std::size_t size;
     Column n, d, ts, benefits;
 };
@@ -338,8 +361,10 @@ double book_span(const Book& book, const PolicyTerms& terms) {
     std::atomic<std::size_t> next{0};
     parallel_for(book.size, std::size_t{1} << 16, [&](std::size_t begin, std::size_t end) {
         ChunkSpan all{0.0, true};
+        Block n_scratch, d_scratch;
         for (std::size_t i = begin; i < end; i += kBlock) {
-            const ChunkSpan chunk = chunk_span(book.n.block(i), book.d.block(i), std::min(kBlock, end - i),
+            const std::size_t len = std::min(kBlock, end - i);
+            const ChunkSpan chunk = chunk_span(book.n.block(i, len, n_scratch), book.d.block(i, len, d_scratch), len,
                                                static_cast<double>(terms.m), terms.perpetuity_n_eff);
             all = {std::max(all.span, chunk.span), all.in_range && chunk.in_range};
         }
@@ -602,22 +627,24 @@ class BookValuer {
 
 }  // namespace
 
-void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::span<const double> d,
-                      std::span<const double> ts, std::span<const double> benefits, const PolicyTerms& terms,
-                      std::span<double> out) {
+void portfolio_values(const CurveArrays& curve, BookColumn n, BookColumn d, BookColumn ts,
+                      std::span<const double> benefits, const PolicyTerms& terms, std::span<double> out) {
     const Book book(n, d, ts, benefits, out.size());
     const BookValuer valuer(curve, terms, book_span(book, terms));
     std::atomic<bool> in_range{true};
     parallel_for(book.size, std::size_t{1} << 14, [&](std::size_t begin, std::size_t end) {
         RecentExact recent;
+        Block n_scratch, d_scratch, ts_scratch, benefits_scratch;
         for (std::size_t i = begin; i < end; i += kBlock) {
             const std::size_t len = std::min(kBlock, end - i);
-            const double *ts_block = book.ts.block(i), *benefits_block = book.benefits.block(i);
+            const double *ts_block = book.ts.block(i, len, ts_scratch),
+                         *benefits_block = book.benefits.block(i, len, benefits_scratch);
             if (!all_finite_nonnegative(ts_block, len) || !all_finite_nonnegative(benefits_block, len)) {
                 in_range.store(false, std::memory_order_relaxed);
                 continue;
             }
-            valuer.value_block(book.n.block(i), book.d.block(i), ts_block, benefits_block, out.data() + i, len, recent);
+            valuer.value_block(book.n.block(i, len, n_scratch), book.d.block(i, len, d_scratch), ts_block,
+                               benefits_block, out.data() + i, len, recent);
         }
     });
     if (!in_range.load()) refuse_book(book, terms);

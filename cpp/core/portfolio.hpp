@@ -4,6 +4,7 @@
 #include "core/annuity.hpp"
 
 #include <cstddef>
+#include <cstdint>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -16,6 +17,32 @@ class InvalidPolicy : public std::invalid_argument {
     explicit InvalidPolicy(std::size_t index)
         : std::invalid_argument("policy " + std::to_string(index) + " has an input out of range"), index(index) {}
     std::size_t index;
+};
+
+// A column of a book as the caller's array holds it: read in place and
+// converted to double block by block, so an integer or float32 column costs
+// no copy of the book's size.
+struct BookColumn {
+    enum class Type { Float64, Float32, Int64, Int32 };
+    const void* data = nullptr;
+    std::size_t size = 0;
+    Type type = Type::Float64;
+
+    BookColumn() = default;
+    BookColumn(const void* data_, std::size_t size_, Type type_) : data(data_), size(size_), type(type_) {}
+    BookColumn(std::span<const double> values) : data(values.data()), size(values.size()) {}  // NOLINT
+    double operator[](std::size_t i) const {
+        switch (type) {
+            case Type::Float32:
+                return static_cast<const float*>(data)[i];
+            case Type::Int64:
+                return static_cast<double>(static_cast<const std::int64_t*>(data)[i]);
+            case Type::Int32:
+                return static_cast<const std::int32_t*>(data)[i];
+            default:
+                return static_cast<const double*>(data)[i];
+        }
+    }
 };
 
 // Unit present values of a portfolio at valuation times ts (years since
@@ -31,8 +58,7 @@ class InvalidPolicy : public std::invalid_argument {
 // `out` then holds no result) a book with a term that is negative, NaN or not
 // countable at m a year, or a deferment, valuation time or benefit that is
 // negative or not finite.
-void portfolio_values(const CurveArrays& curve, std::span<const double> n, std::span<const double> d,
-                      std::span<const double> ts, std::span<const double> benefits, const PolicyTerms& terms,
-                      std::span<double> out);
+void portfolio_values(const CurveArrays& curve, BookColumn n, BookColumn d, BookColumn ts,
+                      std::span<const double> benefits, const PolicyTerms& terms, std::span<double> out);
 
 }  // namespace norvane::core

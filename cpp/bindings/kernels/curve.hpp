@@ -8,7 +8,9 @@
 
 #include "core/annuity.hpp"
 #include "core/curve.hpp"
+#include "core/portfolio.hpp"
 
+#include <cstdint>
 #include <span>
 #include <string>
 #include <utility>
@@ -26,6 +28,26 @@ using InArray = nb::ndarray<const double, nb::ndim<1>, nb::c_contig, nb::device:
 using OutArray = nb::ndarray<nb::numpy, double, nb::ndim<1>>;
 
 inline std::span<const double> span_of(const InArray& a) { return {a.data(), a.shape(0)}; }
+
+// A book column of any element type the book kernel reads in place.
+using RealArray = nb::ndarray<nb::ro, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
+inline core::BookColumn column_of(const RealArray& a) {
+    using Type = core::BookColumn::Type;
+    const nb::dlpack::dtype type = a.dtype();
+    Type kind;
+    if (type == nb::dtype<double>()) {
+        kind = Type::Float64;
+    } else if (type == nb::dtype<float>()) {
+        kind = Type::Float32;
+    } else if (type == nb::dtype<std::int64_t>()) {
+        kind = Type::Int64;
+    } else if (type == nb::dtype<std::int32_t>()) {
+        kind = Type::Int32;
+    } else {
+        throw nb::type_error("a book column must hold float64, float32, int64 or int32");
+    }
+    return {a.data(), a.shape(0), kind};
+}
 inline std::vector<double> vector_of(const InArray& a) { return {a.data(), a.data() + a.shape(0)}; }
 
 // A NumPy array that owns `values` (moved, not copied).

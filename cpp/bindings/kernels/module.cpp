@@ -46,11 +46,13 @@ core::CurveArrays arrays_of(const InArray& rates, const InArray& terms, const In
 }  // namespace norvane::bindings
 
 using bindings::arrays_of;
+using bindings::column_of;
 using bindings::Curve;
 using bindings::growth_of;
 using bindings::InArray;
 using bindings::mode_of;
 using bindings::OutArray;
+using bindings::RealArray;
 using bindings::span_of;
 using bindings::to_array;
 
@@ -224,7 +226,7 @@ NB_MODULE(_kernels, m) {
         nb::arg("values"), nb::arg("decimals"), "Each value rounded to `decimals` as numpy.round does.");
     m.def(
         "portfolio_values",
-        [](InArray rates, InArray terms, InArray ends, InArray n, InArray d, InArray ts, nb::object benefits,
+        [](InArray rates, InArray terms, InArray ends, RealArray n, RealArray d, RealArray ts, nb::object benefits,
            std::size_t m_, int timing, const std::string& kind, double rate, const std::string& mode,
            double tolerance_eps, double perpetuity_n_eff, int decimals) {
             const std::size_t count = std::max({n.shape(0), d.shape(0), ts.shape(0)});
@@ -245,7 +247,7 @@ NB_MODULE(_kernels, m) {
             nb::capsule owner(out, [](void* ptr) noexcept { delete[] static_cast<double*>(ptr); });
             {
                 nb::gil_scoped_release release;
-                core::portfolio_values(curve, span_of(n), span_of(d), span_of(ts),
+                core::portfolio_values(curve, column_of(n), column_of(d), column_of(ts),
                                        benefits.is_none() ? std::span<const double>() : span_of(weights), p,
                                        std::span<double>(out, count));
             }

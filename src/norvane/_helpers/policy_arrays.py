@@ -55,11 +55,29 @@ def _map_batch_n_none_to_inf(n: Any) -> Any:
     return n
 
 
-def _policy_column(values: Any, name: str, method_name: str) -> F64Array:
-    """A per-policy column of a book as float64: a single value (0-d) or one dimension.
+# The element types the book kernel reads in place (native byte order); others are converted.
+_KERNEL_DTYPES = frozenset(np.dtype(t) for t in (np.float64, np.float32, np.int64, np.int32))
+
+
+def _kernel_readable(values: Any) -> np.ndarray | None:
+    """``values`` itself when the book kernel reads it as it stands: a one-dimensional
+    array (or the array of a NumPy-typed Series) of float64, float32, int64 or int32."""
+    if _is_pandas_1d(values) and isinstance(values.dtype, np.dtype):
+        values = values.to_numpy()
+    if type(values) is np.ndarray and values.ndim == 1 and values.dtype in _KERNEL_DTYPES:
+        return values
+    return None
+
+
+def _policy_column(values: Any, name: str, method_name: str) -> np.ndarray:
+    """A per-policy column of a book: a single value (0-d) or one dimension, as float64 or,
+    when the book kernel reads it in place, as the caller's array (no conversion copy).
 
     Conversion errors keep their class (TypeError, ValueError, FloatRangeError) and name the column.
     """
+    readable = _kernel_readable(values)
+    if readable is not None:
+        return readable
     arr = _named_f64(values, name, method_name)
     if arr.ndim > 1:
         raise ValueError(_prefixed(method_name, f"'{name}' must be one-dimensional, got shape {arr.shape}."))

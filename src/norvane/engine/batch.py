@@ -13,7 +13,7 @@ from typing import Any
 import numpy as np
 
 from .. import _kernels
-from .._helpers.policy_arrays import _benefits_array, _check_benefit_values, _policy_column
+from .._helpers.policy_arrays import _KERNEL_DTYPES, _benefits_array, _check_benefit_values, _policy_column
 from ..helpers import (
     _EMPTY_F64,
     _MAX_PAYMENTS,
@@ -59,8 +59,9 @@ def _growth_subset(gr: Any, indices: np.ndarray) -> Any:
 
 def _overlong_terms(n_arr: np.ndarray, m: int | np.ndarray) -> np.ndarray:
     """Finite terms whose payments cannot be counted exactly."""
+    terms = n_arr.astype(np.float64, copy=False)  # integer terms times m must not wrap around
     with np.errstate(over="ignore", invalid="ignore"):
-        overlong: np.ndarray = np.isfinite(n_arr) & ~(n_arr * m < _MAX_PAYMENTS)
+        overlong: np.ndarray = np.isfinite(terms) & ~(terms * m < _MAX_PAYMENTS)
     return overlong
 
 
@@ -197,7 +198,9 @@ def annuity_batch_dispatch(
         raise ValueError(
             _prefixed(method_name, "on_error='nan' is not supported with return_flows=True in batch mode.")
         )
-    (n_arr, d_arr, ts_arr), size = _broadcast_policies(method_name, n, d, ts)
+    # The kernel reads integer and float32 columns as they are; every other route takes float64.
+    columns, size = _broadcast_policies(method_name, n, d, ts)
+    n_arr, d_arr, ts_arr = columns
     benefits_arr = _benefits_array(benefits, size, method_name)
     group_kw = {
         "cashflow_times": cashflow_times,
@@ -205,42 +208,44 @@ def annuity_batch_dispatch(
         "payment_timing": payment_timing,
         "method_name": method_name,
     }
+    decimals = self._config.decimals.annuities
+    try:
+        m_resolved = None if nan_policy else _resolve_batch_m(m, size, method_name)
+    except (TypeError, ValueError):
+        m_resolved = None
+    single_m = isinstance(m_resolved, int)
+    financial_kw = {
+        "m": m_resolved,
+        "gr": gr,
+        "decimals": decimals,
+        "benefits_arr": benefits_arr,
+        "return_flows": return_flows,
+        "t_output": t_output,
+        **group_kw,
+    }
+    native = single_m and not _per_policy(gr)
+    native = native and _native_portfolio(self.calculation_mode, cashflow_times, cashflow_amounts, return_flows)
+    if native:
+        # The kernel checks every policy in its own pass; the checks below only
+        # run to name the first fault, as they would have first.
+        try:
+            return annuity_batch_financial(self, n_arr=n_arr, d_arr=d_arr, ts_arr=ts_arr, **financial_kw)
+        except (TypeError, ValueError):
+            pass
+    n_arr, d_arr, ts_arr = (column.astype(np.float64, copy=False) for column in columns)
     if nan_policy:
         _check_benefit_values(benefits_arr, method_name)
         return _nan_policy_result(
             self, n_arr, d_arr, ts_arr, size, benefits_arr, record_ids, {**group_kw, "m": m, "gr": gr}
         )
     policies = (n_arr, d_arr, ts_arr, benefits_arr, method_name)
-    try:
-        m_resolved = _resolve_batch_m(m, size, method_name)
-    except (TypeError, ValueError):
+    if m_resolved is None:
         _check_policies(*policies)  # a policy out of range is reported first
-        raise
-    decimals = self._config.decimals.annuities
-    single_m = isinstance(m_resolved, int)
+        m_resolved = _resolve_batch_m(m, size, method_name)  # raises with its own message
     if single_m and not _per_policy(gr):
-        financial_kw = {
-            "n_arr": n_arr,
-            "d_arr": d_arr,
-            "ts_arr": ts_arr,
-            "m": m_resolved,
-            "gr": gr,
-            "decimals": decimals,
-            "benefits_arr": benefits_arr,
-            "return_flows": return_flows,
-            "t_output": t_output,
-            **group_kw,
-        }
-        if _native_portfolio(self.calculation_mode, cashflow_times, cashflow_amounts, return_flows):
-            # The kernel checks every policy in its own pass; the checks here
-            # only run to name the first fault, as they would have first.
-            try:
-                return annuity_batch_financial(self, **financial_kw)
-            except (TypeError, ValueError):
-                _check_policies(*policies, m_resolved)
-                raise
         _check_policies(*policies, m_resolved)
-        return annuity_batch_financial(self, **financial_kw)
+        # On the kernel's route every policy passed here: its refusal stands with its own words.
+        return annuity_batch_financial(self, n_arr=n_arr, d_arr=d_arr, ts_arr=ts_arr, **financial_kw)
     _check_policies(*policies, m_resolved)
     if not single_m and return_flows:
         raise ValueError(
@@ -300,10 +305,11 @@ def _native_portfolio(mode: str, cashflow_times: Any, cashflow_amounts: Any, ret
 
 def _kernel_column(values: np.ndarray) -> np.ndarray:
     """A book's column for the kernel: one value stands for a broadcast
-    one (the kernel repeats it), so that no copy of book size is made."""
+    one (the kernel repeats it), so that no copy of book size is made; the
+    element types the kernel reads are passed as they are."""
     if values.ndim == 1 and values.shape[0] > 1 and values.strides[0] == 0:
         values = values[:1]
-    return np.ascontiguousarray(values, dtype=np.float64)
+    return np.ascontiguousarray(values, dtype=None if values.dtype in _KERNEL_DTYPES else np.float64)
 
 
 def _native_values(
