@@ -352,6 +352,62 @@ double LifeGrid::value(const PiecewiseTable& curve, const Schedule& s, const Sta
 
 namespace {
 
+// Weights for build_grid that give the curve's own terms v and t v.
+struct NoSurvival {
+    double birthday() const { return PiecewiseTable::kInfinity; }
+    void refresh(double) {}
+    double at(double) const { return 1.0; }
+};
+struct Elapsed : NoSurvival {
+    double at(double t) const { return t; }
+};
+
+}  // namespace
+
+CurveSums::CurveSums(const PiecewiseTable& curve, std::size_t m, std::size_t size) : m_(static_cast<double>(m)) {
+    NoSurvival discount;
+    Elapsed weighted_by_time;
+    build_grid(curve, m, discount, size, v_);
+    build_grid(curve, m, weighted_by_time, size, tv_);
+}
+
+bool CurveSums::applies(const Status& status) {
+    const LifeOnPath& life = status.lives[0];
+    return status.kind == Status::Single && life.rule == FractionalAge::Uniform && life.start != std::floor(life.start);
+}
+
+double CurveSums::value(const PiecewiseTable& curve, const Schedule& s, const Status& status, std::size_t first) const {
+    const LifeOnPath& life = status.lives[0];
+    const SurvivalPath& path = *life.path;
+    const std::size_t end = std::min(first + s.count, v_.size());
+    // The year of age of the first payment and the grid point of the birthday
+    // that ends it; later birthdays are m points apart.
+    double whole = std::floor(life.start + static_cast<double>(first) / m_);
+    double birthday = std::max(std::ceil((whole + 1.0 - life.start) * m_), 0.0);
+    const auto step = static_cast<std::size_t>(m_);
+    double total = 0.0;
+    for (std::size_t k = first; k < end && whole < path.years(); whole += 1.0) {
+        const auto j = static_cast<std::size_t>(whole);
+        const std::size_t next = std::clamp(static_cast<std::size_t>(birthday), k + 1, end);
+        // Survival over the year is a - b t.
+        const double b = life.norm * path.l(j) * path.q(j), a = life.norm * path.l(j) - (life.start - whole) * b;
+        total += a * v_.between(k, next) - b * tv_.between(k, next);
+        k = next;
+        birthday += static_cast<double>(step);
+    }
+    return total / m_ + life_partial_value(curve, s, status);
+}
+
+double life_discrete_value(const PiecewiseTable& curve, const Schedule& s, const Status& status) {
+    const auto first = LifeGrid::first_point(s, status);
+    if (!first) return life_schedule_value(curve, s, status);
+    const std::size_t size = *first + s.count;
+    if (CurveSums::applies(status)) return CurveSums(curve, s.m, size).value(curve, s, status, *first);
+    return LifeGrid(curve, status, s.m, size).value(curve, s, status, *first);
+}
+
+namespace {
+
 // Integral of v(t) survival(t) growth(t) over [a, b], with the integrand also
 // multiplied by the force of interest when `by_force`.
 double integral(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth,
@@ -411,12 +467,8 @@ void for_each_period(const Annuity& annuity, double horizon, Fn fn) {
 
 double life_annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode, const Status& status) {
     switch (mode) {
-        case Mode::DiscretePrecision: {
-            const Schedule s = annuity.schedule();
-            if (const auto first = LifeGrid::first_point(s, status))
-                return LifeGrid(curve, status, s.m, *first + s.count).value(curve, s, status, *first);
-            return life_schedule_value(curve, s, status);
-        }
+        case Mode::DiscretePrecision:
+            return life_discrete_value(curve, annuity.schedule(), status);
         case Mode::DiscreteSimplified:
             return woolhouse_life_value(curve, annuity, false, status);
         case Mode::ContinuousPrecision:
@@ -541,8 +593,9 @@ std::uint64_t bits(double x) { return std::bit_cast<std::uint64_t>(x == 0.0 ? 0.
 // length's sum; otherwise each distinct term is valued once. Unit values go
 // to `unit` by policy.
 void value_group(const PiecewiseTable& curve, std::span<const double> ratios, const LifeGrid* grid,
-                 const SurvivalPath& path, int path_start, FractionalAge rule, const LifePolicies& p,
-                 std::span<std::uint32_t> members, const PolicyTerms& terms, std::span<double> unit) {
+                 const CurveSums* pieces, const SurvivalPath& path, int path_start, FractionalAge rule,
+                 const LifePolicies& p, std::span<std::uint32_t> members, const PolicyTerms& terms,
+                 std::span<double> unit) {
     const std::uint32_t first = members[0];
     const auto life = life_on_path(path, p.age[first] - path_start + p.ts[first], rule);
     if (!life) {
@@ -558,12 +611,15 @@ void value_group(const PiecewiseTable& curve, std::span<const double> ratios, co
     // In the discrete precision mode a schedule on the grid is a difference of
     // the life's sums and any other is summed with the book's ratios (the same
     // numbers a single call computes); other modes as a single call values them.
-    const auto on_grid = [&](const Schedule& s) { return grid && LifeGrid::first_point(s, status); };
+    // (book_grids gave the group the sums its schedules on the grid need).
+    const bool by_year = CurveSums::applies(status);
+    const auto on_grid = [&](const Schedule& s) { return LifeGrid::first_point(s, status).has_value(); };
     const auto value_of = [&](const Annuity& annuity) {
         if (terms.mode != Mode::DiscretePrecision) return life_annuity_value(curve, annuity, terms.mode, status);
         const Schedule s = annuity.schedule();
-        const auto first = grid ? LifeGrid::first_point(s, status) : std::nullopt;
-        return first ? grid->value(curve, s, status, *first) : life_schedule_value(curve, s, status, ratios);
+        const auto first = LifeGrid::first_point(s, status);
+        if (!first) return life_schedule_value(curve, s, status, ratios);
+        return by_year ? pieces->value(curve, s, status, *first) : grid->value(curve, s, status, *first);
     };
     if (members.size() == 1) {
         const auto annuity = annuity_of(p.n[first]);
@@ -616,11 +672,14 @@ void value_group(const PiecewiseTable& curve, std::span<const double> ratios, co
 struct BookGrids {
     std::vector<std::optional<LifeGrid>> grids;
     std::vector<std::uint32_t> grid_of_group;
+    std::map<std::pair<std::size_t, std::size_t>, CurveSums> curve_sums;  // by (curve, frequency)
+    std::vector<const CurveSums*> sums_of_group;
     const LifeGrid* of(std::size_t group) const {
         if (grids.empty()) return nullptr;
         const auto& grid = grids[grid_of_group[group]];
         return grid ? &*grid : nullptr;
     }
+    const CurveSums* sums_of(std::size_t group) const { return sums_of_group.empty() ? nullptr : sums_of_group[group]; }
 };
 
 BookGrids book_grids(const LifePolicies& p, std::span<const std::uint32_t> lead, std::span<const double> select_ages,
@@ -650,19 +709,38 @@ BookGrids book_grids(const LifePolicies& p, std::span<const std::uint32_t> lead,
             points[life] = std::max(points[life], end);
         }
     }
+    // Lives between birthdays under uniform deaths share their curve's sums;
+    // the others get a grid of their own.
+    std::vector<std::optional<Status>> statuses(first_group.size());
+    std::map<std::pair<std::size_t, std::size_t>, double> sums_points;
+    for (std::size_t life = 0; life < first_group.size(); ++life) {
+        const std::size_t g = first_group[life];
+        const std::uint32_t i = lead[g];
+        const auto on_path =
+            life_on_path(*paths[g], p.age[i] - starts[g] + p.ts[i], rules[static_cast<std::size_t>(p.table[i])]);
+        if (!on_path) continue;
+        statuses[life] = Status{Status::Single, {*on_path, *on_path}};
+        if (!CurveSums::applies(*statuses[life])) continue;
+        const double alive = std::ceil(statuses[life]->horizon() * p.m[i]) + 1.0;
+        double& reach = sums_points[{group_curve[g], static_cast<std::size_t>(p.m[i])}];
+        reach = std::max(reach, std::min(points[life], alive));
+    }
+    // A grid's size: as far as the schedules reach (a life's grid stops by itself where survival does).
+    const auto size_of = [](double reach) { return static_cast<std::size_t>(std::min(reach, 0x1p52)); };
+    for (const auto& [key, reach] : sums_points)
+        out.curve_sums.try_emplace(key, curves[key.first], key.second, size_of(reach));
+    out.sums_of_group.resize(group_count);
+    for (std::size_t g = 0; g < group_count; ++g) {
+        const auto found = out.curve_sums.find({group_curve[g], static_cast<std::size_t>(p.m[lead[g]])});
+        out.sums_of_group[g] = found == out.curve_sums.end() ? nullptr : &found->second;
+    }
     out.grids.resize(first_group.size());
     parallel_for(first_group.size(), 16, [&](std::size_t begin, std::size_t end) {
         for (std::size_t life = begin; life < end; ++life) {
+            if (!statuses[life] || CurveSums::applies(*statuses[life])) continue;
             const std::size_t g = first_group[life];
-            const std::uint32_t i = lead[g];
-            const auto on_path =
-                life_on_path(*paths[g], p.age[i] - starts[g] + p.ts[i], rules[static_cast<std::size_t>(p.table[i])]);
-            if (!on_path) continue;
-            const Status status{Status::Single, {*on_path, *on_path}};
-            // A life annuity's grid ends with survival (the grid stops there by itself).
-            const double size = std::min(points[life], 0x1p52);
-            out.grids[life].emplace(curves[group_curve[g]], status, static_cast<std::size_t>(p.m[i]),
-                                    static_cast<std::size_t>(size));
+            out.grids[life].emplace(curves[group_curve[g]], *statuses[life], static_cast<std::size_t>(p.m[lead[g]]),
+                                    size_of(points[life]));
         }
     });
     return out;
@@ -682,6 +760,8 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
     const double ts = p.ts[0], m = p.m[0];
     for (std::size_t i = 1; i < count; ++i)
         if (!(p.ts[i] == ts && p.m[i] == m)) return rest;
+    // At a valuation time between birthdays a life is valued year by year (CurveSums), not here.
+    if (ts != std::floor(ts)) return rest;
     // One slot per (table, whole age): base[t] + age - first age.
     std::vector<std::size_t> base(tables.size() + 1, 0);
     for (std::size_t t = 0; t < tables.size(); ++t)
@@ -811,8 +891,8 @@ void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*
         for (std::size_t g = begin; g < end; ++g) {
             const std::span<std::uint32_t> group(members.data() + offsets[g], offsets[g + 1] - offsets[g]);
             const auto table = static_cast<std::size_t>(p.table[lead[g]]);
-            value_group(curves[group_curve[g]], *group_ratios[g], grids.of(g), *paths[g], starts[g], rules[table], p,
-                        group, terms, out);
+            value_group(curves[group_curve[g]], *group_ratios[g], grids.of(g), grids.sums_of(g), *paths[g], starts[g],
+                        rules[table], p, group, terms, out);
         }
     });
     if (!p.benefits.empty())

@@ -134,6 +134,30 @@ class LifeGrid {
     PrefixSums sums_;
 };
 
+// Under uniform deaths one life's survival is linear in time within each year
+// of age, so a level schedule on the grid k/m is, year of age by year, a
+// difference of the curve's running sums of v(k/m) and of (k/m) v(k/m). The
+// sums serve every such life valued on the curve at that frequency, whatever
+// its age: a life between birthdays costs one step per year of age crossed,
+// not one per payment. (A life at a birthday takes its own LifeGrid, O(1).)
+class CurveSums {
+  public:
+    CurveSums(const PiecewiseTable& curve, std::size_t m, std::size_t size);
+    // Whether `status` is valued on these sums: one life, uniform deaths, between birthdays.
+    static bool applies(const Status& status);
+    // As LifeGrid::value.
+    double value(const PiecewiseTable& curve, const Schedule& s, const Status& status, std::size_t first) const;
+
+  private:
+    double m_;
+    PrefixSums v_, tv_;
+};
+
+// A schedule in the discrete precision mode, the way the single call and the
+// book both value it: a level schedule of one life on the grid from CurveSums
+// or a LifeGrid (as CurveSums::applies says), any other payment by payment.
+double life_discrete_value(const PiecewiseTable& curve, const Schedule& s, const Status& status);
+
 // A life annuity in a calculation mode:
 // - DiscretePrecision: every payment with its survival probability;
 // - DiscreteSimplified: Woolhouse's parts of core/annuity.hpp, each payment
