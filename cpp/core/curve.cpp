@@ -2,6 +2,7 @@
 
 #include "core/fast_exp.hpp"
 #include "core/parallel.hpp"
+#include "core/rates.hpp"
 
 #include <algorithm>
 #include <array>
@@ -95,7 +96,7 @@ void finish_block(const double* n, const double* x, const double* scale, double*
 }
 
 void constant_discount_range(double rate, std::span<const double> n, std::span<double> out) {
-    const double log_q = std::log(1.0 + rate);
+    const double log_q = log_one_plus(rate);
     double x[kBlock], ones[kBlock];
     std::fill(ones, ones + kBlock, 1.0);
     for (std::size_t base = 0; base < n.size(); base += kBlock) {
@@ -241,7 +242,7 @@ void PiecewiseTable::locate_one_step(const double* n, std::size_t len, double* x
     }
 }
 
-double constant_discount(double rate, double n) { return constant_discount(rate, std::log(1.0 + rate), n); }
+double constant_discount(double rate, double n) { return constant_discount(rate, log_one_plus(rate), n); }
 
 double constant_discount(double rate, double log_base, double n) {
     double v = exp_any(-n * log_base);

@@ -2,6 +2,8 @@
 // information, the validation report and the curve analysis.
 #include "interest_rates.hpp"
 
+#include "core/rates.hpp"
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -43,10 +45,8 @@ nb::object delta(InterestRate& self, nb::handle t) {
     if (truthy(ir[IsConstant])) {
         if (ir[Rate].is_none()) raise(PyExc_AssertionError, kNoConstantRate);
         validate_rate_for_force(ir[Rate], "");
-        if (ir[ConstantDelta].is_none()) {
-            double rate = to_double(ir[Rate], "rate");
-            ir[ConstantDelta] = nb::float_(rate == 0.0 ? 0.0 : std::log(1.0 + rate));
-        }
+        if (ir[ConstantDelta].is_none())
+            ir[ConstantDelta] = nb::float_(core::force_of_interest(to_double(ir[Rate], "rate")));
         if (t.is_none()) return ir[ConstantDelta];
         auto [array, is_scalar] = numeric_input(t, "InterestRate.delta()", "t");
         if (is_scalar) return ir[ConstantDelta];
@@ -62,7 +62,7 @@ nb::object delta(InterestRate& self, nb::handle t) {
     if (is_scalar) {
         double rate = to_double(get_rate(ir, array.attr("item")()), "rate");
         if (rate <= -1.0) raise(PyExc_ValueError, "Rate " + float_str(rate) + " ≤ -1");
-        double force = rate == 0.0 ? 0.0 : std::log(rate + 1.0);
+        double force = core::force_of_interest(rate);
         if (numeric_key) lru_store(ir, ir[ForceCache], to_double(t, "t"), force, meta_of(ir).field[CacheMaxsize]);
         return nb::float_(force);
     }
@@ -73,7 +73,7 @@ nb::object delta(InterestRate& self, nb::handle t) {
     for (std::size_t i = 0; i < r.size(); ++i)
         if (r[i] <= -1.0) bad.push_back(i);
     if (!bad.empty()) raise(PyExc_ValueError, "Rates ≤ -1 at indices " + py_str(registry().np_array(nb::cast(bad))));
-    for (double& x : r) x = x == 0.0 ? 0.0 : std::log(1.0 + x);
+    core::to_forces_of_interest(r);
     return rates;
 }
 
@@ -88,9 +88,10 @@ nb::object average_force(InterestRate& self, nb::handle n) {
     if (!(v > 0.0))
         raise(PyExc_ValueError, "Cannot calculate average force: discount factor " + float_str(v) +
                                     " ≤ 0 results in undefined average force per actuarial standards");
-    if (v == 1.0) return nb::float_(0.0);
+    const double force = core::accumulated_force(v);
+    if (force == 0.0) return nb::float_(0.0);
     // Divided by the caller's own n, as given.
-    return nb::float_(checked(PyNumber_TrueDivide(nb::float_(-std::log(v)).ptr(), n.ptr())));
+    return nb::float_(checked(PyNumber_TrueDivide(nb::float_(force).ptr(), n.ptr())));
 }
 
 // ---- nominal and effective rates --------------------------------------------------
@@ -114,14 +115,8 @@ nb::object nominal_rate(InterestRate& self, nb::handle m_in, nb::handle t, Nomin
     validate_rate_for_force(
         nb::float_(rate),
         " at t=" + float_str(t_f) + (interest ? " (computing i^(" : " (computing d^(") + py_str(m) + "))");
-    double md = to_double(m, "m");
-    if (md == 1.0) return nb::float_(interest ? rate : rate / (rate + 1.0));
-    if (interest) {
-        double p = std::exp(std::log(1.0 + rate) * (1.0 / md));
-        return nb::float_(md * p - md);
-    }
-    double q = std::exp(std::log(1.0 + rate) * (-1.0 / md));
-    return nb::float_(md - md * q);
+    const double md = to_double(m, "m");
+    return nb::float_(interest ? core::nominal_interest(rate, md) : core::nominal_discount(rate, md));
 }
 
 nb::object effective_rate(InterestRate& self, nb::handle t_start, nb::handle t_end) {

@@ -1,6 +1,8 @@
 // Discount and accumulation factors, rate lookup and curve shifting.
 #include "interest_rates.hpp"
 
+#include "core/rates.hpp"
+
 #include <algorithm>
 #include <cmath>
 #include <vector>
@@ -138,7 +140,7 @@ void refresh_constant(InterestRate& ir) {
     const nb::object& rate = ir[Rate];
     double value = to_double(rate, "rate");
     ir.constant_rate = value;
-    ir.constant_log = std::log(1.0 + value);
+    ir.constant_log = core::log_one_plus(value);
     ir.constant_valid = PyFloat_Check(rate.ptr()) && std::isfinite(value) && value > -1.0;
     ir.constant_key = rate;
 }
