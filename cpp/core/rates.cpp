@@ -2,6 +2,35 @@
 
 namespace norvane::core {
 
+RatesCheck check_rates(std::span<const double> rates, std::optional<std::size_t> terms_count) {
+    if (auto at = first_non_finite(rates)) return {RatesFault::NotFinite, *at};
+    if (auto at = first_at_or_below(rates, -1.0)) return {RatesFault::AtOrBelowMinusOne, *at};
+    if (terms_count && rates.size() != *terms_count + 1) return {RatesFault::WrongCount, 0};
+    return {};
+}
+
+TermsCheck check_terms(std::span<const double> terms, std::optional<std::size_t> rates_count) {
+    if (auto at = first_non_finite(terms)) return {TermsFault::NotFinite, *at};
+    if (auto at = first_at_or_below(terms, 0.0)) return {TermsFault::NotPositive, *at};
+    if (rates_count && *rates_count != terms.size() + 1) return {TermsFault::WrongCount, 0};
+    return {};
+}
+
+std::vector<std::size_t> positions_at_or_below_minus_one(std::span<const double> rates) {
+    std::vector<std::size_t> at;
+    for (std::size_t i = 0; i < rates.size(); ++i)
+        if (at_or_below_minus_one(rates[i])) at.push_back(i);
+    return at;
+}
+
+std::vector<std::size_t> positions_at_or_below_minus_one(const PiecewiseTable& curve,
+                                                         std::span<const double> durations) {
+    std::vector<std::size_t> at;
+    for (std::size_t i = 0; i < durations.size(); ++i)
+        if (at_or_below_minus_one(curve.rate(curve.segment_of(durations[i])))) at.push_back(i);
+    return at;
+}
+
 void to_forces_of_interest(std::span<double> rates) {
     for (double& rate : rates) rate = force_of_interest(rate);
 }

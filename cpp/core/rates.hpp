@@ -1,12 +1,53 @@
-// Effective annual rates: the rates equivalent to a rate i (the force of
-// interest and the nominal rates convertible m-thly). No Python, doubles and
-// spans only.
+// Effective annual rates: the rules a curve's rates and segment lengths must
+// meet, and the rates equivalent to a rate i (the force of interest and the
+// nominal rates convertible m-thly). No Python, doubles and spans only.
 #pragma once
 
+#include "core/curve.hpp"
+
 #include <cmath>
+#include <cstddef>
+#include <optional>
 #include <span>
+#include <vector>
 
 namespace norvane::core {
+
+// ---- the rules of a rate and of a segment length -------------------------------
+
+// A rate is a finite number above -1, so that 1 + i > 0 and both (1 + i)^-n
+// and ln(1 + i) exist. A NaN fails both tests below; it is not at or below
+// -1 either, so at_or_below_minus_one alone lets it through.
+inline bool finite_rate(double rate) { return std::isfinite(rate); }
+inline bool above_minus_one(double rate) { return rate > -1.0; }
+inline bool at_or_below_minus_one(double rate) { return rate <= -1.0; }
+inline bool valid_rate(double rate) { return finite_rate(rate) && above_minus_one(rate); }
+
+// The first fault of a curve's rates, in the order they are looked for: a
+// NaN or infinity, then a rate at or below -1, then (when the curve's number
+// of segment lengths is known) a count other than one more than that. `index`
+// is the position of the offending rate.
+enum class RatesFault { None, NotFinite, AtOrBelowMinusOne, WrongCount };
+struct RatesCheck {
+    RatesFault fault = RatesFault::None;
+    std::size_t index = 0;
+};
+RatesCheck check_rates(std::span<const double> rates, std::optional<std::size_t> terms_count);
+
+// The same for segment lengths: a NaN or infinity, then a length <= 0, then
+// (when the number of rates is known) a count other than one fewer.
+enum class TermsFault { None, NotFinite, NotPositive, WrongCount };
+struct TermsCheck {
+    TermsFault fault = TermsFault::None;
+    std::size_t index = 0;
+};
+TermsCheck check_terms(std::span<const double> terms, std::optional<std::size_t> rates_count);
+
+// Positions of the rates at or below -1 (NaN never is), in order; and of the
+// durations whose segment of `curve` has such a rate.
+std::vector<std::size_t> positions_at_or_below_minus_one(std::span<const double> rates);
+std::vector<std::size_t> positions_at_or_below_minus_one(const PiecewiseTable& curve,
+                                                         std::span<const double> durations);
 
 // ---- equivalent rates -------------------------------------------------------------
 

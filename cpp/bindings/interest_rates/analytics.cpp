@@ -61,7 +61,7 @@ nb::object delta(InterestRate& self, nb::handle t) {
     auto [array, is_scalar] = numeric_input(t, "InterestRate.delta()", "t");
     if (is_scalar) {
         double rate = to_double(get_rate(ir, array.attr("item")()), "rate");
-        if (rate <= -1.0) raise(PyExc_ValueError, "Rate " + float_str(rate) + " ≤ -1");
+        if (core::at_or_below_minus_one(rate)) raise(PyExc_ValueError, "Rate " + float_str(rate) + " ≤ -1");
         double force = core::force_of_interest(rate);
         if (numeric_key) lru_store(ir, ir[ForceCache], to_double(t, "t"), force, meta_of(ir).field[CacheMaxsize]);
         return nb::float_(force);
@@ -69,9 +69,7 @@ nb::object delta(InterestRate& self, nb::handle t) {
     nb::object rates = get_rate(ir, array);  // a new array, ours to overwrite
     auto view = nb::cast<nb::ndarray<double, nb::c_contig, nb::device::cpu>>(rates);
     std::span<double> r(view.data(), view.size());
-    std::vector<std::size_t> bad;
-    for (std::size_t i = 0; i < r.size(); ++i)
-        if (r[i] <= -1.0) bad.push_back(i);
+    const std::vector<std::size_t> bad = core::positions_at_or_below_minus_one(r);
     if (!bad.empty()) raise(PyExc_ValueError, "Rates ≤ -1 at indices " + py_str(registry().np_array(nb::cast(bad))));
     core::to_forces_of_interest(r);
     return rates;

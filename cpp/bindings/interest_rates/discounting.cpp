@@ -141,7 +141,7 @@ void refresh_constant(InterestRate& ir) {
     double value = to_double(rate, "rate");
     ir.constant_rate = value;
     ir.constant_log = core::log_one_plus(value);
-    ir.constant_valid = PyFloat_Check(rate.ptr()) && std::isfinite(value) && value > -1.0;
+    ir.constant_valid = PyFloat_Check(rate.ptr()) && core::valid_rate(value);
     ir.constant_key = rate;
 }
 
@@ -167,13 +167,6 @@ nb::object constant_discount(InterestRate& ir, const Durations& d, bool validate
         d, [rate](const double* n, double* out, std::size_t k) { core::constant_discount(rate, {n, k}, {out, k}); });
 }
 
-std::vector<std::size_t> positions_on_bad_rates(const core::PiecewiseTable& table, const double* n, std::size_t k) {
-    std::vector<std::size_t> bad;
-    for (std::size_t i = 0; i < k; ++i)
-        if (table.rate(table.segment_of(n[i])) <= -1.0) bad.push_back(i);
-    return bad;
-}
-
 nb::object piecewise_discount(InterestRate& ir, const Durations& d, bool validate) {
     if (ir[Rates].is_none() || ir[Terms].is_none() || ir[CumTerms].is_none())
         internal_error("Internal error: piecewise rate arrays not initialized in discount_factor.");
@@ -182,7 +175,7 @@ nb::object piecewise_discount(InterestRate& ir, const Durations& d, bool validat
     if (validate) {
         auto table = table_of(ir);
         if (table->has_rate_at_or_below_minus_one()) {
-            auto bad = positions_on_bad_rates(*table, n, d.size);
+            auto bad = core::positions_at_or_below_minus_one(*table, {n, d.size});
             if (!bad.empty()) {
                 nb::object positions = registry().np_array(nb::cast(bad));
                 raise(PyExc_ValueError, "Rates ≤ -1 at indices " + py_str(positions) + kNotPositive);
