@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -55,6 +56,9 @@ struct Schedule {
 inline double weighted(double weight, double value) { return weight == 0.0 ? 0.0 : weight * value; }
 
 // ---- the rules of a policy ------------------------------------------------------
+
+// Valuation times, deferments and benefits are finite and >= 0.
+inline bool finite_nonnegative(double x) { return x >= 0.0 && x < std::numeric_limits<double>::infinity(); }
 
 // A policy valued at ts (years since inception) with deferment d and term n:
 // the time already elapsed in payment, the deferment still to run and the

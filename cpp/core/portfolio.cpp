@@ -273,8 +273,6 @@ namespace {
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
-bool finite_nonnegative(double x) { return x >= 0.0 && x < kInf; }
-
 constexpr std::size_t kBlock = 256;  // policies valued together
 
 // One input of a book: a value per policy, or one value for every policy.
