@@ -34,6 +34,12 @@ void segment_discount_products(std::span<const double> one_plus_rates, std::span
     }
 }
 
+SegmentPosition segment_position(std::span<const double> ends, std::size_t k, double t) {
+    constexpr double kInf = std::numeric_limits<double>::infinity();
+    const double start = k > 0 ? ends[k - 1] : 0.0, end = k < ends.size() ? ends[k] : kInf;
+    return {start, end, std::isinf(end) ? kInf : end - start, t - start};
+}
+
 std::optional<std::size_t> first_non_finite(std::span<const double> values) {
     for (std::size_t j = 0; j < values.size(); ++j)
         if (!std::isfinite(values[j])) return j;

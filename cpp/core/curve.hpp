@@ -27,6 +27,14 @@ void one_plus(std::span<const double> rates, std::span<double> out);
 void segment_discount_products(std::span<const double> one_plus_rates, std::span<const double> terms,
                                std::span<double> full_segment, std::span<double> prefix);
 
+// Where a time t in segment k of a curve with segment ends `ends` falls: the
+// segment's start, end (+inf for the last) and length, and t's distance from
+// the start.
+struct SegmentPosition {
+    double start, end, length, offset;
+};
+SegmentPosition segment_position(std::span<const double> ends, std::size_t k, double t);
+
 // Position of the first NaN or infinity, if any.
 std::optional<std::size_t> first_non_finite(std::span<const double> values);
 

@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <limits>
 #include <optional>
 #include <span>
 #include <vector>
@@ -48,6 +49,37 @@ TermsCheck check_terms(std::span<const double> terms, std::optional<std::size_t>
 std::vector<std::size_t> positions_at_or_below_minus_one(std::span<const double> rates);
 std::vector<std::size_t> positions_at_or_below_minus_one(const PiecewiseTable& curve,
                                                          std::span<const double> durations);
+
+// ---- describing a curve's rates --------------------------------------------------
+
+// How many rates are zero, negative and positive (a NaN is none of these).
+struct SignCounts {
+    std::size_t zero = 0, negative = 0, positive = 0, total = 0;
+    double negative_share() const { return static_cast<double>(negative) / static_cast<double>(total); }
+};
+SignCounts sign_counts(std::span<const double> rates);
+
+// The shape of a rate sequence: a single rate, never falling (increasing,
+// also when flat), never rising, or neither.
+enum class Monotonicity { SingleRate, Increasing, Decreasing, NonMonotonic };
+Monotonicity monotonicity(std::span<const double> rates);
+
+// Whether some segment end fails to lie beyond the one before it.
+bool has_gaps(std::span<const double> ends);
+// Whether every value is > 0 (NaN is not).
+bool all_positive(std::span<const double> values);
+
+// The reports' "finite" flags: not NaN and within 1e308 in magnitude, for a
+// constant rate strictly and for the rates of a piecewise curve inclusively,
+// as the reports have always read.
+inline bool reported_finite(double rate) { return rate == rate && std::abs(rate) < 1e308; }
+bool all_reported_finite(std::span<const double> rates);
+
+// The standard deviation of the rates relative to the size of their mean
+// (infinite for a zero mean).
+inline double relative_volatility(double std_dev, double mean) {
+    return mean != 0.0 ? std_dev / std::abs(mean) : std::numeric_limits<double>::infinity();
+}
 
 // ---- equivalent rates -------------------------------------------------------------
 
