@@ -248,6 +248,25 @@ void PiecewiseTable::locate_one_step(const double* n, std::size_t len, double* x
     }
 }
 
+bool all_nonpositive(std::span<const double> durations) {
+    return std::all_of(durations.begin(), durations.end(), [](double n) { return n <= 0.0; });
+}
+
+void to_accumulation_factors(std::span<double> factors) {
+    for (double& v : factors) v = accumulation_factor(v);
+}
+
+bool any_negative(std::span<const double> times) {
+    return std::any_of(times.begin(), times.end(), [](double t) { return t < 0.0; });
+}
+
+bool all_at_least(std::span<const double> x, std::span<const double> x0) {
+    const std::size_t count = x.empty() || x0.empty() ? 0 : std::max(x.size(), x0.size());
+    for (std::size_t i = 0; i < count; ++i)
+        if (!(x[x.size() == 1 ? 0 : i] >= x0[x0.size() == 1 ? 0 : i])) return false;
+    return true;
+}
+
 double constant_discount(double rate, double n) { return constant_discount(rate, log_one_plus(rate), n); }
 
 double constant_discount(double rate, double log_base, double n) {

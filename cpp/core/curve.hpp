@@ -161,6 +161,22 @@ class LevelRuns {
     std::vector<Segment> segments_;
 };
 
+// Durations <= 0 discount by exactly 1 on a piecewise curve, whatever its
+// rates: whether every duration is such (NaN is not).
+bool all_nonpositive(std::span<const double> durations);
+
+// The accumulation factor 1 / v of a discount factor v, in place; a factor
+// that underflowed to 0 accumulates to +inf.
+inline double accumulation_factor(double v) { return v == 0.0 ? std::numeric_limits<double>::infinity() : 1.0 / v; }
+void to_accumulation_factors(std::span<double> factors);
+
+// Relative discounting v^(x - x0) runs forward from time x0 >= 0 to x >= x0.
+// Whether some time is negative (NaN is not); whether x >= x0 element by
+// element, a one-element side standing for every element (true when either
+// side is empty).
+bool any_negative(std::span<const double> times);
+bool all_at_least(std::span<const double> x, std::span<const double> x0);
+
 // Constant curve: (1 + rate)^-n for every n (negative n accumulates),
 // evaluated as exp(-n * log(1 + rate)).
 double constant_discount(double rate, double n);

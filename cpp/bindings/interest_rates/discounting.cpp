@@ -171,7 +171,7 @@ nb::object piecewise_discount(InterestRate& ir, const Durations& d, bool validat
     if (ir[Rates].is_none() || ir[Terms].is_none() || ir[CumTerms].is_none())
         internal_error("Internal error: piecewise rate arrays not initialized in discount_factor.");
     const double* n = values_of(d);
-    if (std::all_of(n, n + d.size, [](double x) { return x <= 0.0; })) return ones_like(d);
+    if (core::all_nonpositive({n, d.size})) return ones_like(d);
     if (validate) {
         auto table = table_of(ir);
         if (table->has_rate_at_or_below_minus_one()) {
@@ -221,14 +221,10 @@ Times validated_times(nb::handle value, const char* name) {
     return {checked.array, {d.data, d.size}, checked.is_scalar};
 }
 
-bool any_negative(std::span<const double> v) {
-    return std::any_of(v.begin(), v.end(), [](double x) { return x < 0.0; });
-}
-
 std::pair<Times, Times> validate_x_and_x0(nb::handle x_in, nb::handle x0_in) {
     Times x = validated_times(x_in, "x"), x0 = validated_times(x0_in, "x0");
-    if (any_negative(x.values)) raise(PyExc_ValueError, "'x' contains negative values.");
-    if (any_negative(x0.values)) raise(PyExc_ValueError, "'x0' contains negative values.");
+    if (core::any_negative(x.values)) raise(PyExc_ValueError, "'x' contains negative values.");
+    if (core::any_negative(x0.values)) raise(PyExc_ValueError, "'x0' contains negative values.");
     nb::object x_shape = x.array.attr("shape"), x0_shape = x0.array.attr("shape");
     if (!x_shape.equal(x0_shape) && x.values.size() > 1 && x0.values.size() > 1)
         raise(PyExc_ValueError, "Incompatible shapes for 'x' and 'x0': " + py_str(x_shape) + " and " +
@@ -237,11 +233,7 @@ std::pair<Times, Times> validate_x_and_x0(nb::handle x_in, nb::handle x0_in) {
     // other broadcasts (empty against many) are left to NumPy's rules.
     bool ordered;
     if (x_shape.equal(x0_shape) || x.values.size() == 1 || x0.values.size() == 1) {
-        std::size_t k = std::max(x.values.size(), x0.values.size());
-        if (x.values.empty() || x0.values.empty()) k = 0;
-        ordered = true;
-        for (std::size_t i = 0; i < k && ordered; ++i)
-            ordered = x.values[x.values.size() == 1 ? 0 : i] >= x0.values[x0.values.size() == 1 ? 0 : i];
+        ordered = core::all_at_least(x.values, x0.values);
     } else {
         const Registry& py = registry();
         ordered = truthy(py.np_all(py.np_greater_equal(x.array, x0.array)));
@@ -265,10 +257,9 @@ namespace {
 nb::object sn(InterestRate& ir, nb::handle n) {
     nb::object v = vn_impl(ir, n, "n", true);
     // An underflowed discount factor accumulates to infinity, without a warning.
-    auto accumulate = [](double f) { return f == 0.0 ? INFINITY : 1.0 / f; };
-    if (PyFloat_Check(v.ptr())) return nb::float_(accumulate(nb::cast<double>(v)));
+    if (PyFloat_Check(v.ptr())) return nb::float_(core::accumulation_factor(nb::cast<double>(v)));
     auto view = nb::cast<nb::ndarray<double, nb::c_contig, nb::device::cpu>>(v);
-    std::transform(view.data(), view.data() + view.size(), view.data(), accumulate);
+    core::to_accumulation_factors({view.data(), view.size()});
     return v;
 }
 
