@@ -190,6 +190,13 @@ struct CurveArrays {
     std::vector<double> rates, terms, ends;
 };
 
+// What a curve's arrays must be: m >= 1 rates with m-1 segment lengths and
+// as many ends (Shape), the lengths finite and > 0 and the ends increasing
+// (Values).
+enum class CurveArraysFault { None, Shape, Values };
+CurveArraysFault check_curve_arrays(std::span<const double> rates, std::span<const double> terms,
+                                    std::span<const double> ends);
+
 // The discount table of a curve, built the way the curve object builds its
 // own prefix products, so that discount factors agree with it exactly.
 PiecewiseTable discount_table(const CurveArrays& curve);

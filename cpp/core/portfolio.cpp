@@ -530,7 +530,7 @@ class BookValuer {
           grid_(book_grid(table_, terms, span)),
           per_period_(table_, terms.m),
           per_year_(table_, 1),
-          scale_(std::pow(10.0, terms.decimals)),
+          scale_(rounding_scale(terms.decimals)),
           level_precision_(grid_ && terms.growth.kind == Growth::Level && terms.mode == Mode::DiscretePrecision) {
         if (level_precision_)
             grid_view_ = {grid_->level_payments().sums(),
