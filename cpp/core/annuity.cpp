@@ -211,7 +211,7 @@ WoolhouseParts woolhouse_parts(const Annuity& annuity, bool continuous) {
     WoolhouseParts parts{full, full, full, woolhouse_weight(full.m, continuous)};
     parts.due.m = 1;
     parts.due.timing = 0;
-    parts.due.count = full.count / full.m;
+    parts.due.count = full.whole_years();
     parts.due.has_partial = false;
     parts.immediate = parts.due;
     parts.immediate.timing = 1;

@@ -46,6 +46,8 @@ struct Schedule {
     double partial_amount() const {
         return partial_fraction * growth.factor(partial_index / m) / static_cast<double>(m);
     }
+    // Whole years of regular payments.
+    std::size_t whole_years() const { return count / m; }
     // Every payment, the pro-rata one last: their number and the time of the i-th.
     std::size_t size() const { return count + (has_partial ? 1 : 0); }
     double payment_time(std::size_t i) const { return i < count ? time(first + i) : partial_time; }

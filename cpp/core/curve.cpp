@@ -269,7 +269,8 @@ bool all_at_least(std::span<const double> x, std::span<const double> x0) {
 
 CurveArraysFault check_curve_arrays(std::span<const double> rates, std::span<const double> terms,
                                     std::span<const double> ends) {
-    if (rates.empty() || terms.size() != ends.size() || rates.size() != ends.size() + 1) return CurveArraysFault::Shape;
+    if (rates.empty() || terms.size() != ends.size() || !rates_fit_terms(rates.size(), ends.size()))
+        return CurveArraysFault::Shape;
     for (std::size_t j = 0; j < terms.size(); ++j)
         if (!(std::isfinite(terms[j]) && terms[j] > 0.0) || (j > 0 && !(ends[j] > ends[j - 1])))
             return CurveArraysFault::Values;

@@ -15,6 +15,10 @@
 
 namespace norvane::core {
 
+// A curve has one rate more than segment lengths (and ends): the last rate
+// runs on indefinitely.
+inline bool rates_fit_terms(std::size_t rates, std::size_t terms) { return rates == terms + 1; }
+
 // out[j] = a[j] + ... in order, the way np.cumsum accumulates.
 void cumulative_sum(std::span<const double> in, std::span<double> out);
 

@@ -129,6 +129,10 @@ std::optional<LifeOnPath> life_on_path(const SurvivalPath& path, double start, F
     return LifeOnPath{&path, start, rule, 1.0 / alive};
 }
 
+void survival(std::span<const LifeOnPath> lives, std::span<const double> durations, std::span<double> out) {
+    for (std::size_t i = 0; i < lives.size(); ++i) out[i] = lives[i].at(durations[i]);
+}
+
 LifeAt life_at(MortalityTable& table, double age, double select_age, double ts, FractionalAge rule) {
     if (!std::isfinite(age) || !std::isfinite(ts)) return {LifeAt::NotFinite};
     const double select = select_age_of(age, select_age);

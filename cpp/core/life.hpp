@@ -77,6 +77,8 @@ struct LifeOnPath {
     double at(double t) const { return t <= 0.0 ? 1.0 : path->to(start + t, rule) * norm; }
     double horizon() const { return path->years() - start; }
 };
+// Survival of each life over its duration: out[i] = lives[i].at(durations[i]).
+void survival(std::span<const LifeOnPath> lives, std::span<const double> durations, std::span<double> out);
 // A life `start` years along `path`; none when nobody reaches that point.
 std::optional<LifeOnPath> life_on_path(const SurvivalPath& path, double start, FractionalAge rule);
 

@@ -7,14 +7,14 @@ namespace norvane::core {
 RatesCheck check_rates(std::span<const double> rates, std::optional<std::size_t> terms_count) {
     if (auto at = first_non_finite(rates)) return {RatesFault::NotFinite, *at};
     if (auto at = first_at_or_below(rates, -1.0)) return {RatesFault::AtOrBelowMinusOne, *at};
-    if (terms_count && rates.size() != *terms_count + 1) return {RatesFault::WrongCount, 0};
+    if (terms_count && !rates_fit_terms(rates.size(), *terms_count)) return {RatesFault::WrongCount, 0};
     return {};
 }
 
 TermsCheck check_terms(std::span<const double> terms, std::optional<std::size_t> rates_count) {
     if (auto at = first_non_finite(terms)) return {TermsFault::NotFinite, *at};
     if (auto at = first_at_or_below(terms, 0.0)) return {TermsFault::NotPositive, *at};
-    if (rates_count && *rates_count != terms.size() + 1) return {TermsFault::WrongCount, 0};
+    if (rates_count && !rates_fit_terms(*rates_count, terms.size())) return {TermsFault::WrongCount, 0};
     return {};
 }
 

@@ -112,7 +112,7 @@ std::shared_ptr<const core::PiecewiseTable> table_of(InterestRate& ir) {
         !ir.table_key[2].is(prefix)) {
         std::span<const double> rates = f64_span(ir[Rates]), ends = f64_span(ir[CumTerms]);
         std::span<const double> products = prefix.is_none() ? std::span<const double>() : f64_span(prefix);
-        if (rates.size() != ends.size() + 1)
+        if (!core::rates_fit_terms(rates.size(), ends.size()))
             internal_error("Internal error: rates and terms have inconsistent lengths in discount_factor.");
         ir.table = std::make_shared<const core::PiecewiseTable>(rates, ends, products);
         ir.table_key = {ir[Rates], ir[CumTerms], prefix};

@@ -140,7 +140,7 @@ void register_life(nb::module_& m) {
                 std::vector<double> out(size);
                 {
                     nb::gil_scoped_release release;
-                    for (std::size_t i = 0; i < size; ++i) out[i] = lives[i].at(durations.data()[i]);
+                    core::survival(lives, span_of(durations), out);
                 }
                 return to_array(std::move(out));
             },

@@ -114,7 +114,7 @@ NB_MODULE(_kernels, m) {
             nb::kw_only(), nb::arg("d"), nb::arg("n"), nb::arg("payments_size"), nb::arg("m"), nb::arg("timing"),
             nb::arg("growth_kind") = "level", nb::arg("growth_rate") = 0.0)
         .def_prop_ro(
-            "whole_years", [](const core::Annuity& a) { return a.schedule().count / a.m; },
+            "whole_years", [](const core::Annuity& a) { return a.schedule().whole_years(); },
             "Whole years of regular payments.")
         .def(
             "payments",
