@@ -273,25 +273,61 @@ def test_piecewise_curves_against_brute_force(curve, n, d, m, timing, gr):
 
 ANNUITY = {"d": 0.0, "n": 5.0, "payments_size": 60, "m": 12, "timing": 0}
 CONST = _kernels.Curve(np.array([I]), np.empty(0), np.empty(0))
+Q = np.array([0.1, 0.2, 1.0])  # ages 30 to 32
+TABLE = _kernels.LifeTable(30, Q, 0, 0, np.empty(0))
+LIFE = {"ts": 0.0, "d": 0.0, "n": 2.0, "m": 1, "timing": 0, "growth_kind": "level", "growth_rate": 0.0}
+LIFE |= {"amounts": None, "mode": "discrete_precision", "decimals": None, "tolerance_eps": 1e-12}
+BOOK = [np.zeros(1), np.array([30.0]), np.array([np.nan]), np.ones(1), np.zeros(1), np.zeros(1), np.ones(1)]
+
+
+def life_value(kind="annuity", lives=((TABLE, 30.0, np.nan, "udd"),), status="single", **kw):
+    return _kernels.life_value(kind, list(lives), status, CONST, **(LIFE | kw))
+
+
+def life_book(column, value):
+    cols = [c.copy() for c in BOOK]
+    cols[column][0] = value
+    args = (np.array([I]), np.empty(0), np.empty(0), *cols, None)
+    return _kernels.life_portfolio(
+        [TABLE], ["udd"], *args, timing=0, mode="discrete_precision", tolerance_eps=0.0, decimals=10
+    )
 
 
 @pytest.mark.parametrize(
-    "call",
+    "call, message",
     [
-        lambda: _kernels.Annuity(**{**ANNUITY, "m": 0}),
-        lambda: _kernels.Annuity(**{**ANNUITY, "timing": 2}),
-        lambda: _kernels.Annuity(**ANNUITY, growth_kind="linear"),
-        lambda: _kernels.Annuity(**{**ANNUITY, "n": -1.0}),
-        lambda: _kernels.Annuity(**{**ANNUITY, "n": 1e300}),
-        lambda: _kernels.payment_count(1e300, 12, 1e-12),
-        lambda: CONST.interval_values(np.zeros(2), np.ones(3)),
-        lambda: _kernels.Curve(np.array([0.01, 0.02]), np.array([1.0]), np.empty(0)),
-        lambda: _kernels.Curve(np.array([0.01]), np.array([1.0]), np.array([1.0])),
-        lambda: _kernels.Curve(np.empty(0), np.empty(0), np.empty(0)),
+        (lambda: _kernels.Annuity(**{**ANNUITY, "m": 0}), "m must be positive"),
+        (lambda: _kernels.Annuity(**{**ANNUITY, "timing": 2}), "timing must be 0 or 1"),
+        (lambda: _kernels.Annuity(**ANNUITY, growth_kind="linear"), "growth kind must be"),
+        (lambda: _kernels.Annuity(**{**ANNUITY, "n": -1.0}), r"fewer than 2\*\*53 payments"),
+        (lambda: _kernels.Annuity(**{**ANNUITY, "n": 1e300}), r"fewer than 2\*\*53 payments"),
+        (lambda: _kernels.payment_count(1e300, 12, 1e-12), r"fewer than 2\*\*53 payments"),
+        (lambda: CONST.interval_values(np.zeros(2), np.ones(3)), "differ in length"),
+        (lambda: CONST.interval_values(np.zeros(1), np.array([np.nan])), "intervals must be finite"),
+        (lambda: _kernels.Curve(np.array([0.01, 0.02]), np.array([1.0]), np.empty(0)), "m rates and m-1 terms"),
+        (lambda: _kernels.Curve(np.array([0.01]), np.array([1.0]), np.array([1.0])), "m rates and m-1 terms"),
+        (lambda: _kernels.Curve(np.empty(0), np.empty(0), np.empty(0)), "m rates and m-1 terms"),
+        (lambda: _kernels.Curve(np.array([I, I]), np.array([0.0]), np.array([0.0])), "finite positive terms"),
+        (lambda: _kernels.Curve(np.array([I] * 3), np.ones(2), np.ones(2)), "increasing ends"),
+        (lambda: _kernels.LifeTable(30, np.empty(0), 0, 0, np.empty(0)), "at least one age"),
+        (lambda: _kernels.LifeTable(30, Q, 30, 2, np.array([0.1])), "`select_period` values per row"),
+        (lambda: _kernels.LifeTable(30, Q, 0, 0, np.array([0.1])), "`select_period` values per row"),
+        (lambda: _kernels.LifeTable(30, Q, 30, 1, np.array([1.5])), r"must be in \[0, 1\]"),
+        (lambda: life_value(status="joint"), "'single' with one life"),
+        (lambda: life_value(lives=[(None, 30.0, np.nan, "udd")]), "a life needs a table"),
+        (lambda: life_value(lives=[(TABLE, np.inf, np.nan, "udd")]), "ages and times must be finite"),
+        (lambda: life_value(lives=[(TABLE, 30.0, 2e9, "udd")]), "ages must be finite"),
+        (lambda: life_value(lives=[(TABLE, 33.0, np.nan, "udd")]), "nobody in the table reaches age 33"),
+        (lambda: life_value(kind="annuity_certain"), "unknown life value"),
+        (lambda: life_value(n=1e17, m=12), r"fewer than 2\*\*53 payments"),
+        (lambda: life_value(amounts=np.ones(3)), "holds 3 amounts for 2 payments"),
+        (lambda: life_book(2, 2e9), "invalid select age at index 0"),
+        (lambda: life_book(0, 1.0), "invalid policy at index 0"),
+        (lambda: life_book(6, 0.5), "invalid policy at index 0"),
     ],
 )
-def test_kernel_bad_arguments_raise_value_error(call):
-    with pytest.raises(ValueError):
+def test_kernel_bad_arguments_are_named(call, message):
+    with pytest.raises(ValueError, match=message):
         call()
 
 

@@ -109,6 +109,20 @@ void schedule_payments(const Schedule& s, std::vector<double>& times, std::vecto
     }
 }
 
+PaymentPeriods payment_periods(const Annuity& annuity, std::size_t first) {
+    Annuity due = annuity, immediate = annuity;
+    due.timing = 0;
+    immediate.timing = 1;
+    PaymentPeriods periods;
+    std::vector<double> amounts;
+    schedule_payments(schedule_from(due, first), periods.starts, amounts);
+    schedule_payments(schedule_from(immediate, first), periods.ends, amounts);
+    const Schedule s = schedule_from(annuity, first);
+    for (std::size_t k = s.first; k < s.first + s.count; ++k) periods.growth.push_back(s.growth.factor(k / s.m));
+    if (s.has_partial) periods.growth.push_back(s.growth.factor(s.partial_index / s.m));
+    return periods;
+}
+
 namespace {
 
 // sum_{y >= 0} growth(first + y) r^y for 0 <= r < 1 (infinite otherwise).
@@ -157,6 +171,17 @@ double continuous_value(const PiecewiseTable& curve, double a, double b, double 
     return total;
 }
 
+bool interval_values(const PiecewiseTable& curve, std::span<const double> starts, std::span<const double> ends,
+                     std::span<double> out) {
+    const Growth level;
+    for (std::size_t i = 0; i < out.size(); ++i) {
+        const double a = starts[i], b = ends[i];
+        if (!std::isfinite(a) || !(b < kInfinity)) return false;
+        out[i] = continuous_value(curve, a, b, a, level);
+    }
+    return true;
+}
+
 // ---- the rules of a policy ------------------------------------------------------
 
 void require_countable(double n, std::size_t m) {
@@ -175,14 +200,18 @@ double woolhouse_weight(std::size_t m, bool continuous) {
     return continuous ? 0.5 : static_cast<double>(m - 1) / (2.0 * static_cast<double>(m));
 }
 
-double round_like_numpy(double value, int decimals) { return round_scaled(value, std::pow(10.0, decimals)); }
+double round_like_numpy(double value, int decimals) { return round_scaled(value, rounding_scale(decimals)); }
+
+void round_like_numpy(std::span<const double> values, int decimals, std::span<double> out) {
+    for (std::size_t i = 0; i < values.size(); ++i) out[i] = round_like_numpy(values[i], decimals);
+}
 
 WoolhouseParts woolhouse_parts(const Annuity& annuity, bool continuous) {
     const Schedule full = annuity.schedule();
     WoolhouseParts parts{full, full, full, woolhouse_weight(full.m, continuous)};
     parts.due.m = 1;
     parts.due.timing = 0;
-    parts.due.count = full.count / full.m;
+    parts.due.count = full.whole_years();
     parts.due.has_partial = false;
     parts.immediate = parts.due;
     parts.immediate.timing = 1;

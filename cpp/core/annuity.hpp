@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -45,6 +46,8 @@ struct Schedule {
     double partial_amount() const {
         return partial_fraction * growth.factor(partial_index / m) / static_cast<double>(m);
     }
+    // Whole years of regular payments.
+    std::size_t whole_years() const { return count / m; }
     // Every payment, the pro-rata one last: their number and the time of the i-th.
     std::size_t size() const { return count + (has_partial ? 1 : 0); }
     double payment_time(std::size_t i) const { return i < count ? time(first + i) : partial_time; }
@@ -55,6 +58,9 @@ struct Schedule {
 inline double weighted(double weight, double value) { return weight == 0.0 ? 0.0 : weight * value; }
 
 // ---- the rules of a policy ------------------------------------------------------
+
+// Valuation times, deferments and benefits are finite and >= 0.
+inline bool finite_nonnegative(double x) { return x >= 0.0 && x < std::numeric_limits<double>::infinity(); }
 
 // A policy valued at ts (years since inception) with deferment d and term n:
 // the time already elapsed in payment, the deferment still to run and the
@@ -92,8 +98,11 @@ inline PaymentCount payment_count(double n, std::size_t m, double tolerance) {
 // (m - 1) / (2m); its limit 1/2 for continuous payments.
 double woolhouse_weight(std::size_t m, bool continuous);
 
-// np.round(value, decimals): scale, round half to even, unscale.
+// np.round(value, decimals): scale, round half to even, unscale; the scale
+// is 10^decimals.
+inline double rounding_scale(int decimals) { return std::pow(10.0, decimals); }
 double round_like_numpy(double value, int decimals);
+void round_like_numpy(std::span<const double> values, int decimals, std::span<double> out);
 // The same with the scale 10^decimals at hand: nearest, ties to even, with
 // no call into libm (adding and removing 2^52 rounds the way the default
 // rounding mode does; larger magnitudes are integers already).
@@ -152,11 +161,14 @@ struct PolicyTerms {
     int decimals = 10;
 };
 
+// The term a policy runs for: n, or for an infinite n (a perpetuity) its horizon.
+inline double term_or_horizon(double n, const PolicyTerms& p) { return std::isinf(n) ? p.perpetuity_n_eff : n; }
+
 // The annuity a policy (term n, infinite for a perpetuity; deferment d;
 // valuation time ts) stands for; none when no term is left. Requires the term
 // (or the perpetuity's horizon) to be countable at m a year.
 inline std::optional<Annuity> policy_annuity(double n, double d, double ts, const PolicyTerms& p) {
-    const TermAtValuation at = term_at_valuation(std::isinf(n) ? p.perpetuity_n_eff : n, d, ts);
+    const TermAtValuation at = term_at_valuation(term_or_horizon(n, p), d, ts);
     if (at.term == 0.0) return std::nullopt;
     return Annuity{at.deferment, at.term, payment_count(at.term, p.m, p.tolerance_eps).size, p.m, p.timing, p.growth};
 }
@@ -192,9 +204,42 @@ double partial_value(const PiecewiseTable& curve, const Schedule& s);
 // Times and amounts of every payment (regular ones, then the partial one).
 void schedule_payments(const Schedule& s, std::vector<double>& times, std::vector<double>& amounts);
 
+// The annuity's payments from regular payment `first` on (the pro-rata one
+// included): those not yet paid when the first `first` are.
+inline Schedule schedule_from(const Annuity& annuity, std::size_t first) {
+    Schedule s = annuity.schedule();
+    const std::size_t end = s.first + s.count;
+    s.first = std::min(first, end);
+    s.count = end - s.first;
+    return s;
+}
+// A schedule's regular payments alone, and its pro-rata payment alone.
+inline Schedule regular_payments(Schedule s) {
+    s.has_partial = false;
+    return s;
+}
+inline Schedule pro_rata_payment(Schedule s) {
+    s.first += s.count;
+    s.count = 0;
+    return s;
+}
+
+// The periods of the annuity's payments from regular payment `first` on:
+// their starts and ends (the due and the immediate times of the same
+// payments, so a pro-rata last period ends with the term) and the growth
+// factor of each.
+struct PaymentPeriods {
+    std::vector<double> starts, ends, growth;
+};
+PaymentPeriods payment_periods(const Annuity& annuity, std::size_t first);
+
 // Integral of v(t) times the growth factor of year floor(t - origin) over
 // [a, b]; growth steps at origin + 1, origin + 2, ...
 double continuous_value(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth);
+// Integral of v(t) over each interval [starts[i], ends[i]]; false (out
+// unfinished) at the first interval with an end that is not finite.
+bool interval_values(const PiecewiseTable& curve, std::span<const double> starts, std::span<const double> ends,
+                     std::span<double> out);
 
 // Present value (unrounded) with certain survival:
 // - DiscretePrecision: the exact sum over the schedule;

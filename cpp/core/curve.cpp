@@ -2,6 +2,7 @@
 
 #include "core/fast_exp.hpp"
 #include "core/parallel.hpp"
+#include "core/rates.hpp"
 
 #include <algorithm>
 #include <array>
@@ -31,6 +32,12 @@ void segment_discount_products(std::span<const double> one_plus_rates, std::span
         running *= full_segment[j];
         prefix[j] = running;
     }
+}
+
+SegmentPosition segment_position(std::span<const double> ends, std::size_t k, double t) {
+    constexpr double kInf = std::numeric_limits<double>::infinity();
+    const double start = k > 0 ? ends[k - 1] : 0.0, end = k < ends.size() ? ends[k] : kInf;
+    return {start, end, std::isinf(end) ? kInf : end - start, t - start};
 }
 
 std::optional<std::size_t> first_non_finite(std::span<const double> values) {
@@ -95,7 +102,7 @@ void finish_block(const double* n, const double* x, const double* scale, double*
 }
 
 void constant_discount_range(double rate, std::span<const double> n, std::span<double> out) {
-    const double log_q = std::log(1.0 + rate);
+    const double log_q = log_one_plus(rate);
     double x[kBlock], ones[kBlock];
     std::fill(ones, ones + kBlock, 1.0);
     for (std::size_t base = 0; base < n.size(); base += kBlock) {
@@ -241,7 +248,36 @@ void PiecewiseTable::locate_one_step(const double* n, std::size_t len, double* x
     }
 }
 
-double constant_discount(double rate, double n) { return constant_discount(rate, std::log(1.0 + rate), n); }
+bool all_nonpositive(std::span<const double> durations) {
+    return std::all_of(durations.begin(), durations.end(), [](double n) { return n <= 0.0; });
+}
+
+void to_accumulation_factors(std::span<double> factors) {
+    for (double& v : factors) v = accumulation_factor(v);
+}
+
+bool any_negative(std::span<const double> times) {
+    return std::any_of(times.begin(), times.end(), [](double t) { return t < 0.0; });
+}
+
+bool all_at_least(std::span<const double> x, std::span<const double> x0) {
+    const std::size_t count = x.empty() || x0.empty() ? 0 : std::max(x.size(), x0.size());
+    for (std::size_t i = 0; i < count; ++i)
+        if (!(x[x.size() == 1 ? 0 : i] >= x0[x0.size() == 1 ? 0 : i])) return false;
+    return true;
+}
+
+CurveArraysFault check_curve_arrays(std::span<const double> rates, std::span<const double> terms,
+                                    std::span<const double> ends) {
+    if (rates.empty() || terms.size() != ends.size() || !rates_fit_terms(rates.size(), ends.size()))
+        return CurveArraysFault::Shape;
+    for (std::size_t j = 0; j < terms.size(); ++j)
+        if (!(std::isfinite(terms[j]) && terms[j] > 0.0) || (j > 0 && !(ends[j] > ends[j - 1])))
+            return CurveArraysFault::Values;
+    return CurveArraysFault::None;
+}
+
+double constant_discount(double rate, double n) { return constant_discount(rate, log_one_plus(rate), n); }
 
 double constant_discount(double rate, double log_base, double n) {
     double v = exp_any(-n * log_base);

@@ -15,6 +15,10 @@
 
 namespace norvane::core {
 
+// A curve has one rate more than segment lengths (and ends): the last rate
+// runs on indefinitely.
+inline bool rates_fit_terms(std::size_t rates, std::size_t terms) { return rates == terms + 1; }
+
 // out[j] = a[j] + ... in order, the way np.cumsum accumulates.
 void cumulative_sum(std::span<const double> in, std::span<double> out);
 
@@ -26,6 +30,14 @@ void one_plus(std::span<const double> rates, std::span<double> out);
 // rate has no finite segment, so only terms.size() factors exist.
 void segment_discount_products(std::span<const double> one_plus_rates, std::span<const double> terms,
                                std::span<double> full_segment, std::span<double> prefix);
+
+// Where a time t in segment k of a curve with segment ends `ends` falls: the
+// segment's start, end (+inf for the last) and length, and t's distance from
+// the start.
+struct SegmentPosition {
+    double start, end, length, offset;
+};
+SegmentPosition segment_position(std::span<const double> ends, std::size_t k, double t);
 
 // Position of the first NaN or infinity, if any.
 std::optional<std::size_t> first_non_finite(std::span<const double> values);
@@ -153,6 +165,22 @@ class LevelRuns {
     std::vector<Segment> segments_;
 };
 
+// Durations <= 0 discount by exactly 1 on a piecewise curve, whatever its
+// rates: whether every duration is such (NaN is not).
+bool all_nonpositive(std::span<const double> durations);
+
+// The accumulation factor 1 / v of a discount factor v, in place; a factor
+// that underflowed to 0 accumulates to +inf.
+inline double accumulation_factor(double v) { return v == 0.0 ? std::numeric_limits<double>::infinity() : 1.0 / v; }
+void to_accumulation_factors(std::span<double> factors);
+
+// Relative discounting v^(x - x0) runs forward from time x0 >= 0 to x >= x0.
+// Whether some time is negative (NaN is not); whether x >= x0 element by
+// element, a one-element side standing for every element (true when either
+// side is empty).
+bool any_negative(std::span<const double> times);
+bool all_at_least(std::span<const double> x, std::span<const double> x0);
+
 // Constant curve: (1 + rate)^-n for every n (negative n accumulates),
 // evaluated as exp(-n * log(1 + rate)).
 double constant_discount(double rate, double n);
@@ -165,6 +193,13 @@ void constant_discount(double rate, std::span<const double> n, std::span<double>
 struct CurveArrays {
     std::vector<double> rates, terms, ends;
 };
+
+// What a curve's arrays must be: m >= 1 rates with m-1 segment lengths and
+// as many ends (Shape), the lengths finite and > 0 and the ends increasing
+// (Values).
+enum class CurveArraysFault { None, Shape, Values };
+CurveArraysFault check_curve_arrays(std::span<const double> rates, std::span<const double> terms,
+                                    std::span<const double> ends);
 
 // The discount table of a curve, built the way the curve object builds its
 // own prefix products, so that discount factors agree with it exactly.

@@ -130,6 +130,37 @@ std::optional<LifeOnPath> life_on_path(const SurvivalPath& path, double start, F
     return LifeOnPath{&path, start, rule, 1.0 / alive};
 }
 
+void survival(std::span<const LifeOnPath> lives, std::span<const double> durations, std::span<double> out) {
+    for (std::size_t i = 0; i < lives.size(); ++i) out[i] = lives[i].at(durations[i]);
+}
+
+LifeAt life_at(MortalityTable& table, double age, double select_age, double ts, FractionalAge rule) {
+    if (!std::isfinite(age) || !std::isfinite(ts)) return {LifeAt::NotFinite};
+    const double select = select_age_of(age, select_age);
+    if (!age_in_range(select)) return {LifeAt::SelectAgeOutOfRange};
+    const int at = static_cast<int>(select);
+    const auto life = life_aged(table.path(at), table.path_start(at), age, ts, rule);
+    if (!life) return {LifeAt::Unreached};
+    return {LifeAt::None, *life};
+}
+
+TableFault check_table(std::span<const double> ultimate, std::size_t select_period, std::span<const double> select) {
+    if (ultimate.empty()) return TableFault::NoAges;
+    if (select_period == 0 ? !select.empty() : select.size() % select_period != 0) return TableFault::SelectShape;
+    for (double q : ultimate)
+        if (!probability(q)) return TableFault::NotProbability;
+    for (double q : select)
+        if (!probability(q)) return TableFault::NotProbability;
+    return TableFault::None;
+}
+
+std::optional<Status::Kind> status_named(std::string_view name, std::size_t lives) {
+    if (name == "single" && lives == 1) return Status::Single;
+    if ((name == "joint" || name == "last_survivor") && lives == 2)
+        return name == "joint" ? Status::Joint : Status::LastSurvivor;
+    return std::nullopt;
+}
+
 double Status::at(double t) const { return combine(kind, lives[0].at(t), kind == Single ? 1.0 : lives[1].at(t)); }
 
 double Status::horizon() const {
@@ -531,6 +562,39 @@ std::optional<Annuity> life_policy_annuity(double n, double d, double ts, double
     return policy_annuity(term, d, ts, terms);
 }
 
+std::optional<LifeBenefit> life_benefit_named(std::string_view name) {
+    if (name == "annuity") return LifeBenefit::Annuity;
+    if (name == "insurance") return LifeBenefit::Insurance;
+    if (name == "endowment_insurance") return LifeBenefit::EndowmentInsurance;
+    if (name == "pure_endowment") return LifeBenefit::PureEndowment;
+    return std::nullopt;
+}
+
+LifeValue life_benefit_value(LifeBenefit benefit, const PiecewiseTable& curve, const Status& status, double ts,
+                             double d, double n, PolicyTerms terms, std::optional<std::span<const double>> amounts) {
+    if (benefit == LifeBenefit::PureEndowment) {
+        const double t = d + n - ts;
+        return {LifeValue::None, t < 0.0 ? 0.0 : pure_endowment_value(curve, t, status)};
+    }
+    const bool insurance = benefit != LifeBenefit::Annuity;
+    if (insurance) terms.timing = 1;
+    const double horizon = status.horizon();
+    const double term = life_term(n, d, ts, horizon, terms.m);
+    if (!countable(term > 0.0 ? term : 0.0, terms.m)) return {LifeValue::Uncountable};
+    const auto annuity = life_policy_annuity(n, d, ts, horizon, terms);
+    if (!annuity) return {};
+    if (insurance) {
+        const double death = life_insurance_value(curve, *annuity, terms.mode, status);
+        if (benefit == LifeBenefit::Insurance || std::isinf(n)) return {LifeValue::None, death};
+        return {LifeValue::None, death + pure_endowment_value(curve, annuity->d + annuity->n, status)};
+    }
+    if (!amounts) return {LifeValue::None, life_annuity_value(curve, *annuity, terms.mode, status)};
+    const std::size_t full = payment_count(term, terms.m, terms.tolerance_eps).size;
+    if (amounts->size() != full) return {LifeValue::AmountCount, 0.0, full};
+    return {LifeValue::None,
+            life_amounts_value(curve, *annuity, amounts->subspan(full - annuity->payments_size), terms.mode, status)};
+}
+
 // ---- portfolios ----------------------------------------------------------------
 
 namespace {
@@ -597,12 +661,13 @@ void value_group(const PiecewiseTable& curve, std::span<const double> ratios, co
                  const LifePolicies& p, std::span<std::uint32_t> members, const PolicyTerms& terms,
                  std::span<double> unit) {
     const std::uint32_t first = members[0];
-    const auto life = life_on_path(path, p.age[first] - path_start + p.ts[first], rule);
+    const auto life = life_aged(path, path_start, p.age[first], p.ts[first], rule);
     if (!life) {
         for (std::uint32_t i : members) unit[i] = kNaN;
         return;
     }
-    const Status status{Status::Single, {*life, *life}};
+    const LifeOnPath lives[] = {*life};
+    const Status status = Status::of(Status::Single, lives);
     PolicyTerms policy = terms;
     policy.m = static_cast<std::size_t>(p.m[first]);
     const double ts = p.ts[first], d = p.d[first];
@@ -717,7 +782,7 @@ BookGrids book_grids(const LifePolicies& p, std::span<const std::uint32_t> lead,
         const std::size_t g = first_group[life];
         const std::uint32_t i = lead[g];
         const auto on_path =
-            life_on_path(*paths[g], p.age[i] - starts[g] + p.ts[i], rules[static_cast<std::size_t>(p.table[i])]);
+            life_aged(*paths[g], starts[g], p.age[i], p.ts[i], rules[static_cast<std::size_t>(p.table[i])]);
         if (!on_path) continue;
         statuses[life] = Status{Status::Single, {*on_path, *on_path}};
         if (!CurveSums::applies(*statuses[life])) continue;
@@ -786,7 +851,7 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
         for (std::size_t slot = base[t]; slot < base[t + 1]; ++slot) {
             if (points[slot] == 0.0) continue;
             const int age = tables[t]->first_age() + static_cast<int>(slot - base[t]);
-            const auto life = life_on_path(tables[t]->path(age), age - tables[t]->path_start(age) + ts, rules[t]);
+            const auto life = life_aged(tables[t]->path(age), tables[t]->path_start(age), age, ts, rules[t]);
             if (life) statuses[slot] = Status{Status::Single, {*life, *life}};
         }
     }
@@ -845,7 +910,7 @@ void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*
     std::vector<std::size_t> group_curve;
     for (std::size_t r = 0; r < count; ++r) {
         const std::uint32_t i = rest[r];
-        const double select = std::isnan(p.select_age[i]) ? std::floor(p.age[i]) : p.select_age[i];
+        const double select = select_age_of(p.age[i], p.select_age[i]);
         const auto [group, added] = group_of.insert(
             {bits(p.table[i]), bits(p.age[i]), bits(select), bits(p.ts[i]), bits(p.d[i]), bits(p.m[i])});
         if (added) {
@@ -897,6 +962,19 @@ void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*
     });
     if (!p.benefits.empty())
         for (std::size_t i = 0; i < out.size(); ++i) out[i] *= p.benefits[i];
+}
+
+LifeBookFault check_life_policies(std::span<MortalityTable* const> tables, const LifePolicies& p) {
+    for (std::size_t i = 0; i < p.age.size(); ++i) {
+        const double t = p.table[i], x = p.age[i], f = p.m[i], s = p.select_age[i], n = p.n[i];
+        if (!std::isnan(s) && !age_in_range(s)) return {LifeBookFault::SelectAge, i};
+        if (!(t >= 0.0 && t < static_cast<double>(tables.size()) && t == std::floor(t)) ||
+            !tables[static_cast<std::size_t>(t)] || !(f >= 1.0 && f <= 365.0 && f == std::floor(f)) ||
+            !age_in_range(x) || !finite_nonnegative(p.ts[i]) || !finite_nonnegative(p.d[i]) || !(n >= 0.0) ||
+            !countable(std::isinf(n) ? 0.0 : n, static_cast<std::size_t>(f)))
+            return {LifeBookFault::Policy, i};
+    }
+    return {};
 }
 
 }  // namespace norvane::core

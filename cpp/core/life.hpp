@@ -7,6 +7,7 @@
 #include "core/annuity.hpp"
 #include "core/prefix_sums.hpp"
 
+#include <cmath>
 #include <cstddef>
 #include <map>
 #include <mutex>
@@ -77,8 +78,40 @@ struct LifeOnPath {
     double at(double t) const { return t <= 0.0 ? 1.0 : path->to(start + t, rule) * norm; }
     double horizon() const { return path->years() - start; }
 };
+// Survival of each life over its duration: out[i] = lives[i].at(durations[i]).
+void survival(std::span<const LifeOnPath> lives, std::span<const double> durations, std::span<double> out);
 // A life `start` years along `path`; none when nobody reaches that point.
 std::optional<LifeOnPath> life_on_path(const SurvivalPath& path, double start, FractionalAge rule);
+
+// Ages and select ages lie within +-1e9, so that a select age is an int.
+inline bool age_in_range(double age) { return std::abs(age) < 1e9; }
+// The select age of a life aged `age` at inception: `select_age`, or for NaN
+// (no select age given) the integer part of its age.
+inline double select_age_of(double age, double select_age) {
+    return std::isnan(select_age) ? std::floor(age) : select_age;
+}
+// A life aged `age` at inception, seen `ts` years later, on a path that
+// starts at age `path_start`; none when nobody reaches that point.
+inline std::optional<LifeOnPath> life_aged(const SurvivalPath& path, int path_start, double age, double ts,
+                                           FractionalAge rule) {
+    return life_on_path(path, age - path_start + ts, rule);
+}
+// The same on a table's path for its select age, or why there is none: an
+// age or time that is not finite, a select age out of range, or an age that
+// nobody in the table reaches (checked in this order).
+struct LifeAt {
+    enum Fault { None, NotFinite, SelectAgeOutOfRange, Unreached } fault = None;
+    LifeOnPath life{};
+};
+LifeAt life_at(MortalityTable& table, double age, double select_age, double ts, FractionalAge rule);
+
+// Death probabilities lie in [0, 1] (NaN does not).
+inline bool probability(double q) { return q >= 0.0 && q <= 1.0; }
+// What a table's columns may not be, in the order looked for: without ages,
+// a select table of other than `select_period` values a row (none without a
+// period), a value that is not a probability (ultimate rates first).
+enum class TableFault { None, NoAges, SelectShape, NotProbability };
+TableFault check_table(std::span<const double> ultimate, std::size_t select_period, std::span<const double> select);
 
 // The survival t years after the valuation time of one life, or of the joint
 // or last-survivor status of two independent lives (all alive at time 0).
@@ -90,12 +123,18 @@ struct Status {
     }
     LifeOnPath lives[2];
 
+    // The status of one life or two; a single life fills both places.
+    static Status of(Kind kind, std::span<const LifeOnPath> lives) { return {kind, {lives.front(), lives.back()}}; }
+
     double at(double t) const;
     // The time after which survival is 0.
     double horizon() const;
     // The first time after t at which some life completes a year of age.
     double next_birthday(double t) const;
 };
+
+// "single" with one life, "joint" or "last_survivor" with two.
+std::optional<Status::Kind> status_named(std::string_view name, std::size_t lives);
 
 // ---- values (unrounded) ---------------------------------------------------------
 
@@ -185,6 +224,29 @@ double life_insurance_value(const PiecewiseTable& curve, const Annuity& periods,
 // 1 paid at time t if the status survives to it.
 double pure_endowment_value(const PiecewiseTable& curve, double t, const Status& status);
 
+// What a policy on a status pays: a life annuity, an insurance (1 on death
+// within the term), an endowment insurance (the insurance and 1 on survival
+// to the end of a finite term) or a pure endowment (1 on survival to d + n);
+// "annuity", "insurance", "endowment_insurance", "pure_endowment".
+enum class LifeBenefit { Annuity, Insurance, EndowmentInsurance, PureEndowment };
+std::optional<LifeBenefit> life_benefit_named(std::string_view name);
+
+// The value of a policy with deferment d and term n from inception (infinite:
+// for life) valued at ts, with its frequency, timing, growth, mode and
+// tolerance from `terms` (insurances pay at the end of the period of death,
+// whatever the timing). Explicit amounts, one per payment of the full
+// schedule, are given to annuities only; the paid ones are skipped. A policy
+// with no payment left is worth 0. The faults: a term not countable at m a
+// year, or amounts other than one per payment (`payments` says how many).
+struct LifeValue {
+    enum Fault { None, Uncountable, AmountCount } fault = None;
+    double value = 0.0;
+    std::size_t payments = 0;
+};
+LifeValue life_benefit_value(LifeBenefit benefit, const PiecewiseTable& curve, const Status& status, double ts,
+                             double d, double n, PolicyTerms terms,
+                             std::optional<std::span<const double>> amounts = std::nullopt);
+
 // ---- portfolios ----------------------------------------------------------------
 
 // Per policy: index of its table, age at inception, select age (NaN: the
@@ -194,13 +256,24 @@ double pure_endowment_value(const PiecewiseTable& curve, double t, const Status&
 // are built once per (table, select age), every distinct policy is valued
 // once, and in the discrete precision mode the policies of one life that
 // differ only in their term share one pass over the longest schedule. Every
-// policy must be valid (checked by the caller).
+// policy must be valid (check_life_policies).
 struct LifePolicies {
     std::span<const double> table, age, select_age, n, d, ts, m, benefits;
 };
 void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*> tables,
                            std::span<const FractionalAge> rules, const LifePolicies& policies, const PolicyTerms& terms,
                            std::span<double> out);
+
+// The first policy of a book that cannot be valued, and why: a select age
+// given out of range, or another input out of range (a table index that is
+// not a whole number naming a table, a frequency not a whole number in
+// 1..365, an age out of range, a valuation time or deferment not finite and
+// >= 0, a term < 0 or, when finite, not countable). Benefits are not looked at.
+struct LifeBookFault {
+    enum Kind { None, SelectAge, Policy } kind = None;
+    std::size_t index = 0;
+};
+LifeBookFault check_life_policies(std::span<MortalityTable* const> tables, const LifePolicies& policies);
 
 // The term from inception of a policy with term n (infinite: for life, every
 // period that begins before survival ends `horizon` years after ts).

@@ -243,8 +243,6 @@ namespace {
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
-bool finite_nonnegative(double x) { return x >= 0.0 && x < kInf; }
-
 constexpr std::size_t kBlock = 256;  // policies valued together
 
 using Block = std::array<double, kBlock>;
@@ -527,7 +525,7 @@ class BookValuer {
           grid_(book_grid(table_, terms, span)),
           per_period_(table_, terms.m),
           per_year_(table_, 1),
-          scale_(std::pow(10.0, terms.decimals)),
+          scale_(rounding_scale(terms.decimals)),
           level_precision_(grid_ && terms.growth.kind == Growth::Level && terms.mode == Mode::DiscretePrecision) {
         if (level_precision_)
             grid_view_ = {grid_->level_payments().sums(),

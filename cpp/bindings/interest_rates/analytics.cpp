@@ -2,7 +2,8 @@
 // information, the validation report and the curve analysis.
 #include "interest_rates.hpp"
 
-#include <algorithm>
+#include "core/rates.hpp"
+
 #include <cmath>
 #include <limits>
 
@@ -25,13 +26,6 @@ std::span<const double> rates_of(InterestRate& ir) {
     return f64_span(ir[Rates]);
 }
 
-std::size_t count_if(std::span<const double> v, bool (*pred)(double)) {
-    return static_cast<std::size_t>(std::count_if(v.begin(), v.end(), pred));
-}
-bool is_zero(double r) { return r == 0.0; }
-bool is_negative(double r) { return r < 0.0; }
-bool is_positive(double r) { return r > 0.0; }
-
 // NumPy's own reductions where its summation order defines the result.
 nb::object np_item(const nb::object& reduction, nb::handle array) { return reduction(array).attr("item")(); }
 
@@ -43,10 +37,8 @@ nb::object delta(InterestRate& self, nb::handle t) {
     if (truthy(ir[IsConstant])) {
         if (ir[Rate].is_none()) raise(PyExc_AssertionError, kNoConstantRate);
         validate_rate_for_force(ir[Rate], "");
-        if (ir[ConstantDelta].is_none()) {
-            double rate = to_double(ir[Rate], "rate");
-            ir[ConstantDelta] = nb::float_(rate == 0.0 ? 0.0 : std::log(1.0 + rate));
-        }
+        if (ir[ConstantDelta].is_none())
+            ir[ConstantDelta] = nb::float_(core::force_of_interest(to_double(ir[Rate], "rate")));
         if (t.is_none()) return ir[ConstantDelta];
         auto [array, is_scalar] = numeric_input(t, "InterestRate.delta()", "t");
         if (is_scalar) return ir[ConstantDelta];
@@ -61,19 +53,17 @@ nb::object delta(InterestRate& self, nb::handle t) {
     auto [array, is_scalar] = numeric_input(t, "InterestRate.delta()", "t");
     if (is_scalar) {
         double rate = to_double(get_rate(ir, array.attr("item")()), "rate");
-        if (rate <= -1.0) raise(PyExc_ValueError, "Rate " + float_str(rate) + " ≤ -1");
-        double force = rate == 0.0 ? 0.0 : std::log(rate + 1.0);
+        if (core::at_or_below_minus_one(rate)) raise(PyExc_ValueError, "Rate " + float_str(rate) + " ≤ -1");
+        double force = core::force_of_interest(rate);
         if (numeric_key) lru_store(ir, ir[ForceCache], to_double(t, "t"), force, meta_of(ir).field[CacheMaxsize]);
         return nb::float_(force);
     }
     nb::object rates = get_rate(ir, array);  // a new array, ours to overwrite
     auto view = nb::cast<nb::ndarray<double, nb::c_contig, nb::device::cpu>>(rates);
     std::span<double> r(view.data(), view.size());
-    std::vector<std::size_t> bad;
-    for (std::size_t i = 0; i < r.size(); ++i)
-        if (r[i] <= -1.0) bad.push_back(i);
+    const std::vector<std::size_t> bad = core::positions_at_or_below_minus_one(r);
     if (!bad.empty()) raise(PyExc_ValueError, "Rates ≤ -1 at indices " + py_str(registry().np_array(nb::cast(bad))));
-    for (double& x : r) x = x == 0.0 ? 0.0 : std::log(1.0 + x);
+    core::to_forces_of_interest(r);
     return rates;
 }
 
@@ -88,9 +78,10 @@ nb::object average_force(InterestRate& self, nb::handle n) {
     if (!(v > 0.0))
         raise(PyExc_ValueError, "Cannot calculate average force: discount factor " + float_str(v) +
                                     " ≤ 0 results in undefined average force per actuarial standards");
-    if (v == 1.0) return nb::float_(0.0);
+    const double force = core::accumulated_force(v);
+    if (force == 0.0) return nb::float_(0.0);
     // Divided by the caller's own n, as given.
-    return nb::float_(checked(PyNumber_TrueDivide(nb::float_(-std::log(v)).ptr(), n.ptr())));
+    return nb::float_(checked(PyNumber_TrueDivide(nb::float_(force).ptr(), n.ptr())));
 }
 
 // ---- nominal and effective rates --------------------------------------------------
@@ -114,14 +105,8 @@ nb::object nominal_rate(InterestRate& self, nb::handle m_in, nb::handle t, Nomin
     validate_rate_for_force(
         nb::float_(rate),
         " at t=" + float_str(t_f) + (interest ? " (computing i^(" : " (computing d^(") + py_str(m) + "))");
-    double md = to_double(m, "m");
-    if (md == 1.0) return nb::float_(interest ? rate : rate / (rate + 1.0));
-    if (interest) {
-        double p = std::exp(std::log(1.0 + rate) * (1.0 / md));
-        return nb::float_(md * p - md);
-    }
-    double q = std::exp(std::log(1.0 + rate) * (-1.0 / md));
-    return nb::float_(md - md * q);
+    const double md = to_double(m, "m");
+    return nb::float_(interest ? core::nominal_interest(rate, md) : core::nominal_discount(rate, md));
 }
 
 nb::object effective_rate(InterestRate& self, nb::handle t_start, nb::handle t_end) {
@@ -161,17 +146,16 @@ nb::dict segment_info(InterestRate& self, nb::handle t) {
     if (ir[CumTerms].is_none() || ir[Rates].is_none()) raise(PyExc_AssertionError, kMissingArrays);
     std::span<const double> ends = f64_span(ir[CumTerms]), rates = f64_span(ir[Rates]);
     const std::size_t k = valuation_table(ir)->segment_of(time);
-    double start = k > 0 ? ends[k - 1] : 0.0;
-    double end = k < ends.size() ? ends[k] : kInf;
+    const core::SegmentPosition at = core::segment_position(ends, k, time);
     info["type"] = "piecewise";
     info["segment_index"] = k;
     info["rate"] = rates[k];
     info["rate_properties"] = sign_properties(rates[k]);
-    info["segment_start"] = start;
-    info["segment_end"] = end;
-    info["segment_duration"] = std::isinf(end) ? kInf : end - start;
+    info["segment_start"] = at.start;
+    info["segment_end"] = at.end;
+    info["segment_duration"] = at.length;
     info["time_queried"] = time;
-    info["position_in_segment"] = time - start;
+    info["position_in_segment"] = at.offset;
     return info;
 }
 
@@ -186,15 +170,17 @@ nb::dict curve_policy(InterestRate& ir) {
 
 const char* monotonicity(InterestRate& ir) {
     if (is_constant(ir)) return "constant";
-    std::span<const double> r = rates_of(ir);
-    if (r.size() <= 1) return "single_rate";
-    bool increasing = true, decreasing = true;
-    for (std::size_t i = 1; i < r.size(); ++i) {
-        double d = r[i] - r[i - 1];
-        increasing = increasing && d >= 0.0;
-        decreasing = decreasing && d <= 0.0;
+    switch (core::monotonicity(rates_of(ir))) {
+        case core::Monotonicity::SingleRate:
+            return "single_rate";
+        case core::Monotonicity::Increasing:
+            return "increasing";
+        case core::Monotonicity::Decreasing:
+            return "decreasing";
+        case core::Monotonicity::NonMonotonic:
+            break;
     }
-    return increasing ? "increasing" : decreasing ? "decreasing" : "non_monotonic";
+    return "non_monotonic";
 }
 
 nb::dict validate(InterestRate& ir);
@@ -219,10 +205,11 @@ nb::dict cross_scenario_analysis(InterestRate& ir) {
         }
     }
     nb::object array = readonly_copy(pool);
+    const core::SignCounts signs = core::sign_counts(pool);
     nb::dict cross;
     cross["total_rates"] = pool.size();
-    cross["zero_count"] = count_if(pool, is_zero);
-    cross["negative_count"] = count_if(pool, is_negative);
+    cross["zero_count"] = signs.zero;
+    cross["negative_count"] = signs.negative;
     nb::object lo = np_item(registry().np_min, array), hi = np_item(registry().np_max, array);
     cross["min_rate"] = lo;
     cross["max_rate"] = hi;
@@ -234,36 +221,35 @@ nb::dict piecewise_report(InterestRate& ir) {
     if (ir[Rates].is_none() || ir[Terms].is_none() || ir[CumTerms].is_none())
         raise(PyExc_AssertionError, kMissingArrays);
     std::span<const double> rates = f64_span(ir[Rates]), terms = f64_span(ir[Terms]), ends = f64_span(ir[CumTerms]);
-    bool has_gaps = false;
-    for (std::size_t i = 1; i < ends.size(); ++i) has_gaps = has_gaps || !(ends[i] - ends[i - 1] > 0.0);
+    const bool has_gaps = core::has_gaps(ends);
 
     nb::dict structure;
     structure["terms_count"] = terms.size();
     structure["rates_count"] = rates.size();
-    structure["terms_valid"] = std::all_of(terms.begin(), terms.end(), [](double t) { return t > 0.0; });
+    structure["terms_valid"] = core::all_positive(terms);
     structure["terms_sum"] = np_item(registry().np_sum, ir[Terms]);
     structure["has_gaps"] = has_gaps;
     structure["max_term"] = np_item(registry().np_max, ir[Terms]);
     structure["min_term"] = np_item(registry().np_min, ir[Terms]);
 
-    const std::size_t zeros = count_if(rates, is_zero), negatives = count_if(rates, is_negative);
+    const core::SignCounts signs = core::sign_counts(rates);
     nb::object mean = np_item(registry().np_mean, ir[Rates]), std_dev = np_item(registry().np_std, ir[Rates]);
     double mean_d = to_double(mean, "mean");
     nb::dict stats;
-    stats["zero_count"] = zeros;
-    stats["negative_count"] = negatives;
-    stats["positive_count"] = count_if(rates, is_positive);
+    stats["zero_count"] = signs.zero;
+    stats["negative_count"] = signs.negative;
+    stats["positive_count"] = signs.positive;
     stats["min_rate"] = np_item(registry().np_min, ir[Rates]);
     stats["max_rate"] = np_item(registry().np_max, ir[Rates]);
     stats["mean_rate"] = mean;
     stats["std_rate"] = std_dev;
-    stats["rate_volatility"] = mean_d != 0.0 ? to_double(std_dev, "std") / std::abs(mean_d) : kInf;
-    stats["has_zero_segments"] = zeros > 0;
+    stats["rate_volatility"] = core::relative_volatility(to_double(std_dev, "std"), mean_d);
+    stats["has_zero_segments"] = signs.zero > 0;
 
     nb::dict metrics;
     metrics["curve_monotonicity"] = monotonicity(ir);
-    metrics["zero_segments_optimal"] = zeros <= 1;
-    metrics["negative_concentration"] = static_cast<double>(negatives) / static_cast<double>(rates.size());
+    metrics["zero_segments_optimal"] = signs.zero <= 1;
+    metrics["negative_concentration"] = signs.negative_share();
 
     nb::dict report;
     report["type"] = "piecewise";
@@ -290,7 +276,7 @@ nb::dict validate(InterestRate& ir) {
     if (ir[Rate].is_none()) raise(PyExc_AssertionError, kNoConstantRate);
     double rate = to_double(ir[Rate], "rate");
     nb::dict properties = sign_properties(rate);
-    properties["is_finite"] = rate == rate && std::abs(rate) < 1e308;
+    properties["is_finite"] = core::reported_finite(rate);
     report["type"] = "constant";
     report["rate"] = rate;
     report["rate_properties"] = properties;
@@ -326,20 +312,19 @@ nb::dict curve_analysis(InterestRate& ir) {
     std::span<const double> rates = rates_of(ir);
     nb::object lo = np_item(registry().np_min, ir[Rates]), hi = np_item(registry().np_max, ir[Rates]);
     nb::object std_dev = np_item(registry().np_std, ir[Rates]), mean = np_item(registry().np_mean, ir[Rates]);
-    const std::size_t zeros = count_if(rates, is_zero), negatives = count_if(rates, is_negative);
+    const core::SignCounts signs = core::sign_counts(rates);
 
     nb::dict range, properties, shape;
     range["min"] = lo;
     range["max"] = hi;
     range["spread"] = checked(PyNumber_Subtract(hi.ptr(), lo.ptr()));
-    properties["zero_count"] = zeros;
-    properties["negative_count"] = negatives;
-    properties["positive_count"] = count_if(rates, is_positive);
-    properties["all_finite"] =
-        std::all_of(rates.begin(), rates.end(), [](double r) { return r == r && std::abs(r) <= 1e308; });
+    properties["zero_count"] = signs.zero;
+    properties["negative_count"] = signs.negative;
+    properties["positive_count"] = signs.positive;
+    properties["all_finite"] = core::all_reported_finite(rates);
     shape["monotonicity"] = monotonicity(ir);
-    shape["zero_rate_segments"] = zeros;
-    shape["negative_rate_segments"] = negatives;
+    shape["zero_rate_segments"] = signs.zero;
+    shape["negative_rate_segments"] = signs.negative;
     shape["volatility"] = std_dev;
     shape["mean_rate"] = mean;
 

@@ -69,7 +69,7 @@ const AnnuitySettings& annuity_settings(InterestRate& self) {
     fresh.tolerance_eps = to_double(meta.field[ToleranceEps], "tolerance_eps");
     fresh.perpetuity_n_eff = to_double(meta.field[PerpetuityNEff], "perpetuity_n_eff");
     fresh.decimals = nb::cast<int>(config.attr(py.name_decimals).attr(py.name_annuities));
-    fresh.scale = std::pow(10.0, fresh.decimals);
+    fresh.scale = core::rounding_scale(fresh.decimals);
     return cached = std::move(fresh);
 }
 
@@ -102,7 +102,7 @@ std::optional<double> plain_annuity_value(nb::handle self_obj, int timing, const
         PyErr_Clear();
         return std::nullopt;
     }
-    if (!(std::isfinite(*d) && *d >= 0.0 && std::isfinite(*ts) && *ts >= 0.0) || !(*n >= 0.0) || !allowed_frequency(m))
+    if (!(core::finite_nonnegative(*d) && core::finite_nonnegative(*ts)) || !(*n >= 0.0) || !allowed_frequency(m))
         return std::nullopt;
     InterestRate& self = nb::cast<InterestRate&>(self_obj);
     const AnnuitySettings& settings = annuity_settings(self);
@@ -114,7 +114,7 @@ std::optional<double> plain_annuity_value(nb::handle self_obj, int timing, const
     terms.tolerance_eps = settings.tolerance_eps;
     terms.perpetuity_n_eff = settings.perpetuity_n_eff;
     terms.decimals = settings.decimals;
-    if (!core::countable(std::isinf(*n) ? terms.perpetuity_n_eff : *n, terms.m)) return std::nullopt;
+    if (!core::countable(core::term_or_horizon(*n, terms), terms.m)) return std::nullopt;
     const std::optional<core::Annuity> annuity = core::policy_annuity(*n, *d, *ts, terms);
     if (!annuity) return 0.0;
     // Taken now: building a shifted curve runs Python, where another thread

@@ -104,9 +104,9 @@ void recompute_prefix_products(InterestRate& ir) {
         return;
     }
     std::span<const double> terms = f64_span(ir[Terms]);
-    std::size_t k = rates.empty() ? 0 : rates.size() - 1;
-    if (terms.size() != k)
+    if (!core::rates_fit_terms(rates.size(), terms.size()))
         raise(PyExc_ValueError, "For piecewise rates, rates must have length terms+1 (last rate applies indefinitely)");
+    const std::size_t k = terms.size();
     NewArray full = new_f64_array(k), prefix = new_f64_array(k);
     core::segment_discount_products({one_plus.data, k}, terms, {full.data, k}, {prefix.data, k});
     ir[FullSegProd] = full.array;

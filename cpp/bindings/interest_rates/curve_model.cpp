@@ -3,8 +3,8 @@
 #include "interest_rates.hpp"
 
 #include "core/curve.hpp"
+#include "core/rates.hpp"
 
-#include <cmath>
 #include <optional>
 
 namespace norvane::bindings {
@@ -106,12 +106,18 @@ void validate_rates_array(nb::handle rates_in, nb::handle terms_len, const std::
     nb::object rates = as_f64(rates_in);
     if (ndim_of(rates) != 1) raise(PyExc_ValueError, kRatesNotOneDimensional);
     std::span<const double> r = f64_span(rates);
-    if (auto idx = core::first_non_finite(r))
-        raise(PyExc_ValueError, "Interest rate must be finite at position " + std::to_string(*idx) + context +
-                                    ", got " + float_str(r[*idx]) + kNotFinite);
-    if (auto idx = core::first_at_or_below(r, -1.0))
-        raise(PyExc_ValueError, "Rate " + float_str(r[*idx]) + " ≤ -1" + context + kNotPositive);
-    if (expected_terms && r.size() != *expected_terms + 1) raise(PyExc_ValueError, kLengthRule);
+    const core::RatesCheck check = core::check_rates(r, expected_terms);
+    switch (check.fault) {
+        case core::RatesFault::None:
+            return;
+        case core::RatesFault::NotFinite:
+            raise(PyExc_ValueError, "Interest rate must be finite at position " + std::to_string(check.index) +
+                                        context + ", got " + float_str(r[check.index]) + kNotFinite);
+        case core::RatesFault::AtOrBelowMinusOne:
+            raise(PyExc_ValueError, "Rate " + float_str(r[check.index]) + " ≤ -1" + context + kNotPositive);
+        case core::RatesFault::WrongCount:
+            raise(PyExc_ValueError, kLengthRule);
+    }
 }
 
 void validate_terms_array(nb::handle terms_in, nb::handle rates_len) {
@@ -119,11 +125,18 @@ void validate_terms_array(nb::handle terms_in, nb::handle rates_len) {
     nb::object terms = as_f64(terms_in);
     if (ndim_of(terms) != 1) raise(PyExc_ValueError, "terms must be a one-dimensional sequence of numerics.");
     std::span<const double> t = f64_span(terms);
-    if (auto idx = core::first_non_finite(t))
-        raise(PyExc_ValueError,
-              "Term length must be finite at position " + std::to_string(*idx) + ", got " + float_str(t[*idx]) + ".");
-    if (core::first_at_or_below(t, 0.0)) raise(PyExc_ValueError, "All terms must be positive");
-    if (expected_rates && *expected_rates != t.size() + 1) raise(PyExc_ValueError, kLengthRule);
+    const core::TermsCheck check = core::check_terms(t, expected_rates);
+    switch (check.fault) {
+        case core::TermsFault::None:
+            return;
+        case core::TermsFault::NotFinite:
+            raise(PyExc_ValueError, "Term length must be finite at position " + std::to_string(check.index) + ", got " +
+                                        float_str(t[check.index]) + ".");
+        case core::TermsFault::NotPositive:
+            raise(PyExc_ValueError, "All terms must be positive");
+        case core::TermsFault::WrongCount:
+            raise(PyExc_ValueError, kLengthRule);
+    }
 }
 
 // ---- term units ----------------------------------------------------------
@@ -388,18 +401,20 @@ void validate_rate_value(nb::handle rate, const std::string& context) {
         nb::object min = checked(PyNumber_Negative(max.ptr()));
         finite = !py_compare(rate, max, Py_GT) && !py_compare(rate, min, Py_LT);
     } else {
-        finite = std::isfinite(to_double(rate, "rate"));
+        finite = core::finite_rate(to_double(rate, "rate"));
     }
     if (!finite)
         raise(PyExc_ValueError, "Interest rate must be finite" + context + ", got " + py_str(rate) + kNotFinite);
 }
 
 void validate_rate_for_discount(double r, const std::string& context) {
-    if (r > -1.0) return;  // NaN fails this test and is refused
+    if (core::above_minus_one(r)) return;  // NaN fails this test and is refused
     raise(PyExc_ValueError, "Rate " + float_str(r) + " ≤ -1" + context +
                                 ": (1+i) must be positive for discount factor computation per actuarial standards");
 }
 
+// The rate is compared as the caller gave it (an integer exactly, a long
+// double at its own precision), which its double cannot stand for.
 void validate_rate_for_force(nb::handle rate, const std::string& context) {
     if (!py_compare(rate, nb::float_(-1.0), Py_LE)) return;
     std::string shown = py_str(checked(PyObject_Format(rate.ptr(), nb::str("").ptr())));

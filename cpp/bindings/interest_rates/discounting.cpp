@@ -1,6 +1,8 @@
 // Discount and accumulation factors, rate lookup and curve shifting.
 #include "interest_rates.hpp"
 
+#include "core/rates.hpp"
+
 #include <algorithm>
 #include <cmath>
 #include <vector>
@@ -110,7 +112,7 @@ std::shared_ptr<const core::PiecewiseTable> table_of(InterestRate& ir) {
         !ir.table_key[2].is(prefix)) {
         std::span<const double> rates = f64_span(ir[Rates]), ends = f64_span(ir[CumTerms]);
         std::span<const double> products = prefix.is_none() ? std::span<const double>() : f64_span(prefix);
-        if (rates.size() != ends.size() + 1)
+        if (!core::rates_fit_terms(rates.size(), ends.size()))
             internal_error("Internal error: rates and terms have inconsistent lengths in discount_factor.");
         ir.table = std::make_shared<const core::PiecewiseTable>(rates, ends, products);
         ir.table_key = {ir[Rates], ir[CumTerms], prefix};
@@ -138,8 +140,8 @@ void refresh_constant(InterestRate& ir) {
     const nb::object& rate = ir[Rate];
     double value = to_double(rate, "rate");
     ir.constant_rate = value;
-    ir.constant_log = std::log(1.0 + value);
-    ir.constant_valid = PyFloat_Check(rate.ptr()) && std::isfinite(value) && value > -1.0;
+    ir.constant_log = core::log_one_plus(value);
+    ir.constant_valid = PyFloat_Check(rate.ptr()) && core::valid_rate(value);
     ir.constant_key = rate;
 }
 
@@ -165,22 +167,15 @@ nb::object constant_discount(InterestRate& ir, const Durations& d, bool validate
         d, [rate](const double* n, double* out, std::size_t k) { core::constant_discount(rate, {n, k}, {out, k}); });
 }
 
-std::vector<std::size_t> positions_on_bad_rates(const core::PiecewiseTable& table, const double* n, std::size_t k) {
-    std::vector<std::size_t> bad;
-    for (std::size_t i = 0; i < k; ++i)
-        if (table.rate(table.segment_of(n[i])) <= -1.0) bad.push_back(i);
-    return bad;
-}
-
 nb::object piecewise_discount(InterestRate& ir, const Durations& d, bool validate) {
     if (ir[Rates].is_none() || ir[Terms].is_none() || ir[CumTerms].is_none())
         internal_error("Internal error: piecewise rate arrays not initialized in discount_factor.");
     const double* n = values_of(d);
-    if (std::all_of(n, n + d.size, [](double x) { return x <= 0.0; })) return ones_like(d);
+    if (core::all_nonpositive({n, d.size})) return ones_like(d);
     if (validate) {
         auto table = table_of(ir);
         if (table->has_rate_at_or_below_minus_one()) {
-            auto bad = positions_on_bad_rates(*table, n, d.size);
+            auto bad = core::positions_at_or_below_minus_one(*table, {n, d.size});
             if (!bad.empty()) {
                 nb::object positions = registry().np_array(nb::cast(bad));
                 raise(PyExc_ValueError, "Rates ≤ -1 at indices " + py_str(positions) + kNotPositive);
@@ -226,14 +221,10 @@ Times validated_times(nb::handle value, const char* name) {
     return {checked.array, {d.data, d.size}, checked.is_scalar};
 }
 
-bool any_negative(std::span<const double> v) {
-    return std::any_of(v.begin(), v.end(), [](double x) { return x < 0.0; });
-}
-
 std::pair<Times, Times> validate_x_and_x0(nb::handle x_in, nb::handle x0_in) {
     Times x = validated_times(x_in, "x"), x0 = validated_times(x0_in, "x0");
-    if (any_negative(x.values)) raise(PyExc_ValueError, "'x' contains negative values.");
-    if (any_negative(x0.values)) raise(PyExc_ValueError, "'x0' contains negative values.");
+    if (core::any_negative(x.values)) raise(PyExc_ValueError, "'x' contains negative values.");
+    if (core::any_negative(x0.values)) raise(PyExc_ValueError, "'x0' contains negative values.");
     nb::object x_shape = x.array.attr("shape"), x0_shape = x0.array.attr("shape");
     if (!x_shape.equal(x0_shape) && x.values.size() > 1 && x0.values.size() > 1)
         raise(PyExc_ValueError, "Incompatible shapes for 'x' and 'x0': " + py_str(x_shape) + " and " +
@@ -242,11 +233,7 @@ std::pair<Times, Times> validate_x_and_x0(nb::handle x_in, nb::handle x0_in) {
     // other broadcasts (empty against many) are left to NumPy's rules.
     bool ordered;
     if (x_shape.equal(x0_shape) || x.values.size() == 1 || x0.values.size() == 1) {
-        std::size_t k = std::max(x.values.size(), x0.values.size());
-        if (x.values.empty() || x0.values.empty()) k = 0;
-        ordered = true;
-        for (std::size_t i = 0; i < k && ordered; ++i)
-            ordered = x.values[x.values.size() == 1 ? 0 : i] >= x0.values[x0.values.size() == 1 ? 0 : i];
+        ordered = core::all_at_least(x.values, x0.values);
     } else {
         const Registry& py = registry();
         ordered = truthy(py.np_all(py.np_greater_equal(x.array, x0.array)));
@@ -270,10 +257,9 @@ namespace {
 nb::object sn(InterestRate& ir, nb::handle n) {
     nb::object v = vn_impl(ir, n, "n", true);
     // An underflowed discount factor accumulates to infinity, without a warning.
-    auto accumulate = [](double f) { return f == 0.0 ? INFINITY : 1.0 / f; };
-    if (PyFloat_Check(v.ptr())) return nb::float_(accumulate(nb::cast<double>(v)));
+    if (PyFloat_Check(v.ptr())) return nb::float_(core::accumulation_factor(nb::cast<double>(v)));
     auto view = nb::cast<nb::ndarray<double, nb::c_contig, nb::device::cpu>>(v);
-    std::transform(view.data(), view.data() + view.size(), view.data(), accumulate);
+    core::to_accumulation_factors({view.data(), view.size()});
     return v;
 }
 

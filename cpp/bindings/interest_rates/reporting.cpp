@@ -2,6 +2,8 @@
 // back, and the text forms.
 #include "interest_rates.hpp"
 
+#include "core/rates.hpp"
+
 namespace norvane::bindings {
 
 namespace {
@@ -142,15 +144,10 @@ std::string text(InterestRate& ir) {
         std::string flag = rate == 0.0 ? " (zero rate)" : rate < 0.0 ? " (negative rate)" : "";
         return "InterestRate: constant rate = " + fixed6(ir[Rate]) + flag;
     }
-    std::span<const double> rates = f64_span(ir[Rates]);
-    std::size_t zeros = 0, negatives = 0;
-    for (double r : rates) {
-        zeros += r == 0.0;
-        negatives += r < 0.0;
-    }
+    const core::SignCounts signs = core::sign_counts(f64_span(ir[Rates]));
     std::string out = "InterestRate: piecewise terms=" + printed(ir[Terms]) + ", rates=" + printed(ir[Rates]);
-    if (zeros > 0 || negatives > 0)
-        out += " (" + std::to_string(zeros) + " zero, " + std::to_string(negatives) + " negative)";
+    if (signs.zero > 0 || signs.negative > 0)
+        out += " (" + std::to_string(signs.zero) + " zero, " + std::to_string(signs.negative) + " negative)";
     return out;
 }
 

@@ -10,8 +10,9 @@
 #include "core/life.hpp"
 #include "curve.hpp"
 
-#include <cmath>
 #include <cstring>
+#include <optional>
+#include <span>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -38,45 +39,34 @@ core::FractionalAge rule_of(const std::string& name) {
                                 "'");
 }
 
-// A select age as an integer (NaN: the integer part of the age).
-int select_of(double age, double select_age) {
-    const double select = std::isnan(select_age) ? std::floor(age) : select_age;
-    if (!(std::abs(select) < 1e9)) throw std::invalid_argument("ages must be finite");
-    return static_cast<int>(select);
-}
-
 // A life of `table` aged `age` at inception, seen at ts.
 core::LifeOnPath life_of(core::MortalityTable& table, double age, double select_age, double ts,
                          core::FractionalAge rule) {
-    if (!std::isfinite(age) || !std::isfinite(ts)) throw std::invalid_argument("ages and times must be finite");
-    const int select = select_of(age, select_age);
-    const auto life = core::life_on_path(table.path(select), age - table.path_start(select) + ts, rule);
-    if (!life) {
+    const core::LifeAt at = core::life_at(table, age, select_age, ts, rule);
+    if (at.fault == core::LifeAt::NotFinite) throw std::invalid_argument("ages and times must be finite");
+    if (at.fault == core::LifeAt::SelectAgeOutOfRange) throw std::invalid_argument("ages must be finite");
+    if (at.fault == core::LifeAt::Unreached) {
         std::ostringstream reached;
         reached << age + ts;  // shortest form: an age of 1e308 is not 309 digits
         throw std::invalid_argument("nobody in the table reaches age " + reached.str());
     }
-    return *life;
+    return at.life;
 }
 
 using LifeArgs = std::tuple<core::MortalityTable*, double, double, std::string>;
 
 core::Status status_of(const std::vector<LifeArgs>& lives, const std::string& kind, double ts) {
-    core::Status status;
-    if (kind == "single" && lives.size() == 1) {
-        status.kind = core::Status::Single;
-    } else if ((kind == "joint" || kind == "last_survivor") && lives.size() == 2) {
-        status.kind = kind == "joint" ? core::Status::Joint : core::Status::LastSurvivor;
-    } else {
+    const auto status_kind = core::status_named(kind, lives.size());
+    if (!status_kind)
         throw std::invalid_argument("a status is 'single' with one life or 'joint'/'last_survivor' with two");
-    }
+    core::LifeOnPath on_path[2]{};
     for (std::size_t i = 0; i < lives.size(); ++i) {
         auto& [table, age, select_age, rule] = lives[i];
         if (!table) throw std::invalid_argument("a life needs a table");
-        status.lives[i] = life_of(*table, age, select_age, ts, rule_of(rule));
+        const core::FractionalAge fractional_age = rule_of(rule);
+        on_path[i] = life_of(*table, age, select_age, ts, fractional_age);
     }
-    if (lives.size() == 1) status.lives[1] = status.lives[0];
-    return status;
+    return core::Status::of(*status_kind, {on_path, lives.size()});
 }
 
 struct LifeCall {
@@ -92,32 +82,20 @@ struct LifeCall {
 double life_value(const std::string& kind, const core::PiecewiseTable& curve, const core::Status& status,
                   const LifeCall& c, const double* amounts, std::size_t amounts_size) {
     const core::Mode mode = mode_of(c.mode);
-    if (kind == "pure_endowment") {
-        const double t = c.d + c.n - c.ts;
-        return t < 0.0 ? 0.0 : core::pure_endowment_value(curve, t, status);
-    }
-    const bool insurance = kind == "insurance" || kind == "endowment_insurance";
-    if (!insurance && kind != "annuity") throw std::invalid_argument("unknown life value '" + kind + "'");
-    const core::PolicyTerms terms{
-        c.m, insurance ? 1 : c.timing, growth_of(c.growth_kind, c.growth_rate), mode, c.tolerance_eps, 0.0, 0};
-    const double horizon = status.horizon();
-    const double term = core::life_term(c.n, c.d, c.ts, horizon, c.m);
-    if (!core::countable(term > 0.0 ? term : 0.0, c.m))
+    const auto benefit = core::life_benefit_named(kind);
+    if (!benefit) throw std::invalid_argument("unknown life value '" + kind + "'");
+    // A pure endowment has no payments to grow.
+    const core::Growth growth =
+        *benefit == core::LifeBenefit::PureEndowment ? core::Growth{} : growth_of(c.growth_kind, c.growth_rate);
+    const core::PolicyTerms terms{c.m, c.timing, growth, mode, c.tolerance_eps, 0.0, 0};
+    const auto given = amounts ? std::optional<std::span<const double>>({amounts, amounts_size}) : std::nullopt;
+    const core::LifeValue value = core::life_benefit_value(*benefit, curve, status, c.ts, c.d, c.n, terms, given);
+    if (value.fault == core::LifeValue::Uncountable)
         throw std::invalid_argument("a term must be >= 0 with fewer than 2**53 payments");
-    const auto annuity = core::life_policy_annuity(c.n, c.d, c.ts, horizon, terms);
-    if (!annuity) return 0.0;
-    if (insurance) {
-        const double death = core::life_insurance_value(curve, *annuity, mode, status);
-        if (kind == "insurance" || std::isinf(c.n)) return death;
-        return death + core::pure_endowment_value(curve, annuity->d + annuity->n, status);
-    }
-    if (!amounts) return core::life_annuity_value(curve, *annuity, mode, status);
-    const std::size_t full = core::payment_count(term, c.m, c.tolerance_eps).size;
-    if (amounts_size != full)
+    if (value.fault == core::LifeValue::AmountCount)
         throw std::invalid_argument("'cashflow_amounts' holds " + std::to_string(amounts_size) + " amounts for " +
-                                    std::to_string(full) + " payments");
-    return core::life_amounts_value(curve, *annuity,
-                                    {amounts + (full - annuity->payments_size), annuity->payments_size}, mode, status);
+                                    std::to_string(value.payments) + " payments");
+    return value.value;
 }
 
 }  // namespace
@@ -130,13 +108,16 @@ void register_life(nb::module_& m) {
             "__init__",
             [](core::MortalityTable* self, int first_age, InArray ultimate, int select_first, std::size_t period,
                InArray select) {
-                if (ultimate.shape(0) == 0) throw std::invalid_argument("a table needs at least one age");
-                if (period == 0 ? select.shape(0) != 0 : select.shape(0) % period != 0)
-                    throw std::invalid_argument("a select table needs `select_period` values per row");
-                for (double q : span_of(ultimate))
-                    if (!(q >= 0.0 && q <= 1.0)) throw std::invalid_argument("death probabilities must be in [0, 1]");
-                for (double q : span_of(select))
-                    if (!(q >= 0.0 && q <= 1.0)) throw std::invalid_argument("death probabilities must be in [0, 1]");
+                switch (core::check_table(span_of(ultimate), period, span_of(select))) {
+                    case core::TableFault::None:
+                        break;
+                    case core::TableFault::NoAges:
+                        throw std::invalid_argument("a table needs at least one age");
+                    case core::TableFault::SelectShape:
+                        throw std::invalid_argument("a select table needs `select_period` values per row");
+                    case core::TableFault::NotProbability:
+                        throw std::invalid_argument("death probabilities must be in [0, 1]");
+                }
                 new (self)
                     core::MortalityTable(first_age, vector_of(ultimate), select_first, period, vector_of(select));
             },
@@ -159,7 +140,7 @@ void register_life(nb::module_& m) {
                 std::vector<double> out(size);
                 {
                     nb::gil_scoped_release release;
-                    for (std::size_t i = 0; i < size; ++i) out[i] = lives[i].at(durations.data()[i]);
+                    core::survival(lives, span_of(durations), out);
                 }
                 return to_array(std::move(out));
             },
@@ -173,7 +154,7 @@ void register_life(nb::module_& m) {
            const std::string& growth_kind, double growth_rate, nb::object amounts, const std::string& mode,
            nb::object decimals, double tolerance_eps) {
             if (m_ == 0 || (timing != 0 && timing != 1)) throw std::invalid_argument("m >= 1 and timing 0 or 1");
-            if (!(ts >= 0.0 && d >= 0.0 && std::isfinite(ts) && std::isfinite(d) && n >= 0.0))
+            if (!(core::finite_nonnegative(ts) && core::finite_nonnegative(d) && n >= 0.0))
                 throw std::invalid_argument("ts and d must be finite and >= 0, n >= 0");
             const core::Status status = status_of(lives, status_kind, ts);
             const LifeCall call{ts, d, n, m_, timing, growth_kind, growth_rate, mode, tolerance_eps};
@@ -207,29 +188,20 @@ void register_life(nb::module_& m) {
             if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
             std::vector<core::FractionalAge> rules;
             for (const auto& name : rule_names) rules.push_back(rule_of(name));
-            for (std::size_t i = 0; i < size; ++i) {
-                const double t = table.data()[i], x = age.data()[i], f = frequency.data()[i];
-                const double s = select_age.data()[i];
-                if (!std::isnan(s) && !(std::abs(s) < 1e9))
-                    throw std::invalid_argument("invalid select age at index " + std::to_string(i));
-                if (!(t >= 0.0 && t < static_cast<double>(tables.size()) && t == std::floor(t)) ||
-                    !tables[static_cast<std::size_t>(t)] || !(f >= 1.0 && f <= 365.0 && f == std::floor(f)) ||
-                    !(std::abs(x) < 1e9) || !(ts.data()[i] >= 0.0) || !std::isfinite(ts.data()[i]) ||
-                    !(d.data()[i] >= 0.0) || !std::isfinite(d.data()[i]) || !(n.data()[i] >= 0.0) ||
-                    !core::countable(std::isinf(n.data()[i]) ? 0.0 : n.data()[i], f))
-                    throw std::invalid_argument("invalid policy at index " + std::to_string(i));
-            }
+            core::LifePolicies policies{span_of(table), span_of(age), span_of(select_age), span_of(n),
+                                        span_of(d),     span_of(ts),  span_of(frequency),  {}};
+            const core::LifeBookFault fault = core::check_life_policies(tables, policies);
+            if (fault.kind == core::LifeBookFault::SelectAge)
+                throw std::invalid_argument("invalid select age at index " + std::to_string(fault.index));
+            if (fault.kind == core::LifeBookFault::Policy)
+                throw std::invalid_argument("invalid policy at index " + std::to_string(fault.index));
             InArray weights;
             if (!benefits.is_none()) {
                 weights = nb::cast<InArray>(benefits);
                 if (weights.shape(0) != size) throw std::invalid_argument("benefits must match the policies");
+                policies.benefits = span_of(weights);
             }
             const core::PolicyTerms p{1, timing, core::Growth{}, mode_of(mode), tolerance_eps, 0.0, decimals};
-            const core::LifePolicies policies{
-                span_of(table),      span_of(age),
-                span_of(select_age), span_of(n),
-                span_of(d),          span_of(ts),
-                span_of(frequency),  benefits.is_none() ? std::span<const double>() : span_of(weights)};
             const core::CurveArrays curve = arrays_of(rates, terms, ends);
             std::vector<double> out(size);
             {

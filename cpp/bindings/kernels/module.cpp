@@ -12,7 +12,6 @@
 #include "curve.hpp"
 
 #include <algorithm>
-#include <cmath>
 #include <stdexcept>
 #include <utility>
 
@@ -34,13 +33,15 @@ core::Mode mode_of(const std::string& mode) {
 }
 
 core::CurveArrays arrays_of(const InArray& rates, const InArray& terms, const InArray& ends) {
-    if (rates.shape(0) == 0 || terms.shape(0) != ends.shape(0) || rates.shape(0) != ends.shape(0) + 1)
-        throw std::invalid_argument("a curve needs m rates and m-1 terms and ends");
-    core::CurveArrays out{vector_of(rates), vector_of(terms), vector_of(ends)};
-    for (std::size_t j = 0; j < out.terms.size(); ++j)
-        if (!(std::isfinite(out.terms[j]) && out.terms[j] > 0.0) || (j > 0 && !(out.ends[j] > out.ends[j - 1])))
+    switch (core::check_curve_arrays(span_of(rates), span_of(terms), span_of(ends))) {
+        case core::CurveArraysFault::None:
+            break;
+        case core::CurveArraysFault::Shape:
+            throw std::invalid_argument("a curve needs m rates and m-1 terms and ends");
+        case core::CurveArraysFault::Values:
             throw std::invalid_argument("a curve needs finite positive terms and increasing ends");
-    return out;
+    }
+    return {vector_of(rates), vector_of(terms), vector_of(ends)};
 }
 
 }  // namespace norvane::bindings
@@ -77,43 +78,20 @@ std::pair<OutArray, OutArray> payments_of(const core::Schedule& s) {
     return {to_array(times), to_array(amounts)};
 }
 
-// The schedule from regular payment `first` on (the pro-rata payment included).
-core::Schedule from_payment(const core::Annuity& a, std::size_t first) {
-    core::Schedule s = a.schedule();
-    const std::size_t end = s.first + s.count;
-    s.first = std::min(first, end);
-    s.count = end - s.first;
-    return s;
-}
-
-// Starts, ends and growth factors of the payment periods from `first` on: the
-// due and immediate times of the same payments, so the last (pro-rata)
-// period ends with the term.
 std::tuple<OutArray, OutArray, OutArray> intervals_of(const core::Annuity& a, std::size_t first) {
-    core::Annuity due = a, immediate = a;
-    due.timing = 0;
-    immediate.timing = 1;
-    std::vector<double> starts, ends, amounts, growth;
-    core::schedule_payments(from_payment(due, first), starts, amounts);
-    core::schedule_payments(from_payment(immediate, first), ends, amounts);
-    const core::Schedule s = from_payment(a, first);
-    for (std::size_t k = s.first; k < s.first + s.count; ++k) growth.push_back(s.growth.factor(k / s.m));
-    if (s.has_partial) growth.push_back(s.growth.factor(s.partial_index / s.m));
-    return {to_array(starts), to_array(ends), to_array(growth)};
+    core::PaymentPeriods periods = core::payment_periods(a, first);
+    return {to_array(std::move(periods.starts)), to_array(std::move(periods.ends)),
+            to_array(std::move(periods.growth))};
 }
 
 nb::dict woolhouse_parts_of(const core::Annuity& a, bool continuous) {
     const core::WoolhouseParts parts = core::woolhouse_parts(a, continuous);
-    core::Schedule regular = parts.fraction, tail = parts.fraction;
-    regular.has_partial = false;
-    tail.first += tail.count;
-    tail.count = 0;
     nb::dict out;
     out["weight"] = parts.weight;
     out["due"] = payments_of(parts.due);
     out["immediate"] = payments_of(parts.immediate);
-    out["fraction"] = payments_of(regular);
-    out["tail"] = payments_of(tail);
+    out["fraction"] = payments_of(core::regular_payments(parts.fraction));
+    out["tail"] = payments_of(core::pro_rata_payment(parts.fraction));
     out["first"] = parts.fraction.first;
     return out;
 }
@@ -138,10 +116,11 @@ NB_MODULE(_kernels, m) {
             nb::kw_only(), nb::arg("d"), nb::arg("n"), nb::arg("payments_size"), nb::arg("m"), nb::arg("timing"),
             nb::arg("growth_kind") = "level", nb::arg("growth_rate") = 0.0)
         .def_prop_ro(
-            "whole_years", [](const core::Annuity& a) { return a.schedule().count / a.m; },
+            "whole_years", [](const core::Annuity& a) { return a.schedule().whole_years(); },
             "Whole years of regular payments.")
         .def(
-            "payments", [](const core::Annuity& a, std::size_t first) { return payments_of(from_payment(a, first)); },
+            "payments",
+            [](const core::Annuity& a, std::size_t first) { return payments_of(core::schedule_from(a, first)); },
             nb::arg("first") = 0, "Times and amounts of the payments from regular payment `first` on.")
         .def(
             "intervals", [](const core::Annuity& a, std::size_t first) { return intervals_of(a, first); },
@@ -177,12 +156,8 @@ NB_MODULE(_kernels, m) {
             [](const Curve& c, InArray starts, InArray ends) {
                 if (starts.shape(0) != ends.shape(0)) throw std::invalid_argument("starts and ends differ in length");
                 std::vector<double> out(starts.shape(0));
-                const core::Growth level;
-                for (std::size_t i = 0; i < out.size(); ++i) {
-                    const double a = starts.data()[i], b = ends.data()[i];
-                    if (!std::isfinite(a) || !(b < INFINITY)) throw std::invalid_argument("intervals must be finite");
-                    out[i] = core::continuous_value(c.table, a, b, a, level);
-                }
+                if (!core::interval_values(c.table, span_of(starts), span_of(ends), out))
+                    throw std::invalid_argument("intervals must be finite");
                 return to_array(out);
             },
             nb::arg("starts"), nb::arg("ends"), "Integral of v(t) over each interval [starts[i], ends[i]].")
@@ -220,7 +195,7 @@ NB_MODULE(_kernels, m) {
         "round_values",
         [](InArray values, int decimals) {
             std::vector<double> out(values.shape(0));
-            for (std::size_t i = 0; i < out.size(); ++i) out[i] = core::round_like_numpy(values.data()[i], decimals);
+            core::round_like_numpy(span_of(values), decimals, out);
             return to_array(out);
         },
         nb::arg("values"), nb::arg("decimals"), "Each value rounded to `decimals` as numpy.round does.");
