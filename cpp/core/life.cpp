@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <bit>
 #include <cmath>
 #include <cstdint>
@@ -819,14 +820,17 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
                                             std::span<const FractionalAge> rules, const LifePolicies& p,
                                             const PolicyTerms& terms, std::span<double> unit) {
     const std::size_t count = p.age.size();
-    std::vector<std::uint32_t> rest(count);
-    std::iota(rest.begin(), rest.end(), 0u);
-    if (terms.mode != Mode::DiscretePrecision || count == 0) return rest;
+    const auto everyone = [count] {
+        std::vector<std::uint32_t> all(count);
+        std::iota(all.begin(), all.end(), 0u);
+        return all;
+    };
+    if (terms.mode != Mode::DiscretePrecision || count == 0) return everyone();
     const double ts = p.ts[0], m = p.m[0];
     for (std::size_t i = 1; i < count; ++i)
-        if (!(p.ts[i] == ts && p.m[i] == m)) return rest;
+        if (!(p.ts[i] == ts && p.m[i] == m)) return everyone();
     // At a valuation time between birthdays a life is valued year by year (CurveSums), not here.
-    if (ts != std::floor(ts)) return rest;
+    if (ts != std::floor(ts)) return everyone();
     // One slot per (table, whole age): base[t] + age - first age.
     std::vector<std::size_t> base(tables.size() + 1, 0);
     for (std::size_t t = 0; t < tables.size(); ++t)
@@ -885,7 +889,9 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
             valued[i] = 1;
         }
     });
-    rest.erase(std::remove_if(rest.begin(), rest.end(), [&](std::uint32_t i) { return valued[i] != 0; }), rest.end());
+    std::vector<std::uint32_t> rest;
+    for (std::size_t i = 0; i < count; ++i)
+        if (!valued[i]) rest.push_back(static_cast<std::uint32_t>(i));
     return rest;
 }
 
@@ -964,17 +970,44 @@ void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*
         for (std::size_t i = 0; i < out.size(); ++i) out[i] *= p.benefits[i];
 }
 
+bool age_fits(const MortalityTable& table, double age, double select_age, double ts) {
+    const double first = table.first_age(), select = select_age_of(age, select_age);
+    if (!(age + ts < table.end_age())) return false;  // beyond the last age at ts
+    if (!(age >= (table.has_select_row(static_cast<int>(select)) ? select : first))) return false;
+    return std::isnan(select_age) || (select_age == std::floor(select_age) && select_age <= age && select_age >= first);
+}
+
+namespace {
+
+LifeBookFault::Kind policy_fault(std::span<MortalityTable* const> tables, const LifePolicies& p, std::size_t i) {
+    const double t = p.table[i], x = p.age[i], f = p.m[i], s = p.select_age[i], n = p.n[i];
+    if (!std::isnan(s) && !age_in_range(s)) return LifeBookFault::SelectAge;
+    if (!(t >= 0.0 && t < static_cast<double>(tables.size()) && t == std::floor(t)) ||
+        !tables[static_cast<std::size_t>(t)] || !(f >= 1.0 && f <= 365.0 && f == std::floor(f)) || !age_in_range(x) ||
+        !finite_nonnegative(p.ts[i]) || !finite_nonnegative(p.d[i]) || !(n >= 0.0) ||
+        !countable(std::isinf(n) ? 0.0 : n, static_cast<std::size_t>(f)) ||
+        !age_fits(*tables[static_cast<std::size_t>(t)], x, s, p.ts[i]))
+        return LifeBookFault::Policy;
+    return LifeBookFault::None;
+}
+
+}  // namespace
+
 LifeBookFault check_life_policies(std::span<MortalityTable* const> tables, const LifePolicies& p) {
-    for (std::size_t i = 0; i < p.age.size(); ++i) {
-        const double t = p.table[i], x = p.age[i], f = p.m[i], s = p.select_age[i], n = p.n[i];
-        if (!std::isnan(s) && !age_in_range(s)) return {LifeBookFault::SelectAge, i};
-        if (!(t >= 0.0 && t < static_cast<double>(tables.size()) && t == std::floor(t)) ||
-            !tables[static_cast<std::size_t>(t)] || !(f >= 1.0 && f <= 365.0 && f == std::floor(f)) ||
-            !age_in_range(x) || !finite_nonnegative(p.ts[i]) || !finite_nonnegative(p.d[i]) || !(n >= 0.0) ||
-            !countable(std::isinf(n) ? 0.0 : n, static_cast<std::size_t>(f)))
-            return {LifeBookFault::Policy, i};
-    }
-    return {};
+    // Chunks on all cores; the first fault of the book is the least index any chunk found.
+    std::atomic<std::size_t> first{p.age.size()};
+    parallel_for(p.age.size(), std::size_t{1} << 15, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end && i < first.load(std::memory_order_relaxed); ++i) {
+            if (policy_fault(tables, p, i) == LifeBookFault::None) continue;
+            std::size_t seen = first.load();
+            while (i < seen && !first.compare_exchange_weak(seen, i)) {
+            }
+            return;
+        }
+    });
+    const std::size_t i = first.load();
+    if (i == p.age.size()) return {};
+    return {policy_fault(tables, p, i), i};
 }
 
 }  // namespace norvane::core

@@ -274,6 +274,11 @@ struct LifeBookFault {
     std::size_t index = 0;
 };
 LifeBookFault check_life_policies(std::span<MortalityTable* const> tables, const LifePolicies& policies);
+// Whether a life aged `age` at inception (selected at `select_age`, NaN: at
+// the integer part of its age) is an age of `table` at ts: not younger than
+// the table (or its select row), not beyond its last age at ts, and selected
+// at a whole age of the table not above its age.
+bool age_fits(const MortalityTable& table, double age, double select_age, double ts);
 
 // The term from inception of a policy with term n (infinite: for life, every
 // period that begins before survival ends `horizon` years after ts).

@@ -97,10 +97,8 @@ def _table_codes(names: NDArray[Any], tables: Mapping[str, MortalityTable]) -> t
     return np.array(found, dtype=np.float64), known
 
 
-def _faults(
-    tables: Mapping[str, MortalityTable], cols: dict[str, Any], size: int
-) -> tuple[F64, F64, F64, dict[int, list[str]]]:
-    """Per-policy problems, by index; also the table codes, terms and frequencies as float arrays."""
+def _faults(tables: Mapping[str, MortalityTable], cols: dict[str, Any], size: int, codes: F64) -> dict[int, list[str]]:
+    """Per-policy problems, by index (``codes``: each policy's table, NaN when unknown)."""
     faults: dict[int, list[str]] = {}
 
     def add(mask: NDArray[np.bool_], text: Any) -> None:
@@ -110,7 +108,7 @@ def _faults(
     def at(values: NDArray[Any], i: int) -> Any:
         return values[min(i, values.size - 1)]
 
-    codes, known = _table_codes(cols["table"], tables)
+    known = list(tables)
 
     def unknown_table(i: int) -> str:
         name = at(cols["table"], i)
@@ -139,7 +137,49 @@ def _faults(
     age = np.broadcast_to(cols["age"], (size,))
     for i, problem in _age_problems(age, np.broadcast_to(cols["select_age"], (size,)), ts, *bounds).items():
         faults.setdefault(i, []).append(f"{problem} at index {i}")
-    return codes, n, frequency, faults
+    return faults
+
+
+class _LifeBook:
+    """What the kernel needs besides the policies: the curve's arrays, the tables and the settings."""
+
+    def __init__(self, curve: Any, tables: Mapping[str, MortalityTable], timing: str, weights: Any, size: int):
+        self.rates, self.terms, self.ends = _curve_arrays(curve, _METHOD)
+        self.tables = [t._native for t in tables.values()]
+        self.rules = [t.fractional_age for t in tables.values()]
+        self.timing = 0 if timing == "due" else 1
+        self.mode: str = curve.calculation_mode
+        self.tolerance_eps: float = curve._meta.tolerance_eps
+        self.decimals: int = curve._config.decimals.annuities
+        self.weights, self.size = weights, size
+
+    def value(self, codes: F64, cols: dict[str, Any], rows: NDArray[np.intp] | None) -> F64:
+        """Values of the policies ``rows`` (None: all); the kernel refuses a policy out of range."""
+
+        def column(values: Any) -> F64:
+            values = np.broadcast_to(np.asarray(values, dtype=np.float64), (self.size,))
+            return np.ascontiguousarray(values if rows is None or rows.size == self.size else values[rows])
+
+        valued: F64 = _kernels.life_portfolio(
+            self.tables,
+            self.rules,
+            self.rates,
+            self.terms,
+            self.ends,
+            column(codes),
+            column(cols["age"]),
+            column(cols["select_age"]),
+            column(cols["n"]),
+            column(cols["d"]),
+            column(cols["ts"]),
+            column(cols["m"]),
+            None if self.weights is None else column(self.weights),
+            timing=self.timing,
+            mode=self.mode,
+            tolerance_eps=self.tolerance_eps,
+            decimals=self.decimals,
+        )
+        return valued
 
 
 def life_annuities(
@@ -196,7 +236,6 @@ def life_annuities(
         raise ValueError(f"[{_METHOD}] 'timing' must be 'due' or 'immediate', got {timing!r}.")
     if not isinstance(tables, Mapping) or not tables or not all(isinstance(t, MortalityTable) for t in tables.values()):
         raise TypeError(f"[{_METHOD}] 'tables' must be a non-empty mapping of names to MortalityTable objects.")
-    rates, terms, ends = _curve_arrays(curve, _METHOD)
     cols, size = _columns(
         _METHOD,
         table=_table_names(table),
@@ -209,37 +248,25 @@ def life_annuities(
     )
     weights = _validate_benefits(benefits, size, _METHOD)
     _validate_record_ids_batch_only(record_ids, True, size, _METHOD)
-    codes, n_arr, frequency, faults = _faults(tables, cols, size)
-    if faults and on_error == "raise":
-        first = min(faults)
-        raise ValueError(f"[{_METHOD}] " + "; ".join(faults[first]))
+    codes, _ = _table_codes(cols["table"], tables)
+    book = _LifeBook(curve, tables, timing, weights, size)
+    # The kernel checks every policy itself; the per-policy faults are worded only when it refuses one.
+    faults: dict[int, list[str]] = {}
+    valued = None
+    if not np.isnan(codes).any() and _allowed_frequency(cols["m"]).all():
+        try:
+            valued = book.value(codes, cols, None)
+        except ValueError:
+            valued = None
+    if valued is None:
+        faults = _faults(tables, cols, size, codes)
+        if faults and on_error == "raise":
+            raise ValueError(f"[{_METHOD}] " + "; ".join(faults[min(faults)]))
     valid = np.ones(size, dtype=bool)
     valid[list(faults)] = False
     rows = np.flatnonzero(valid)
-
-    def column(values: Any) -> F64:
-        values = np.broadcast_to(np.asarray(values, dtype=np.float64), (size,))
-        return np.ascontiguousarray(values if rows.size == size else values[rows])
-
-    valued = _kernels.life_portfolio(
-        [t._native for t in tables.values()],
-        [t.fractional_age for t in tables.values()],
-        rates,
-        terms,
-        ends,
-        column(codes),
-        column(cols["age"]),
-        column(cols["select_age"]),
-        column(n_arr),
-        column(cols["d"]),
-        column(cols["ts"]),
-        column(frequency),
-        None if weights is None else column(weights),
-        timing=0 if timing == "due" else 1,
-        mode=curve.calculation_mode,
-        tolerance_eps=curve._meta.tolerance_eps,
-        decimals=curve._config.decimals.annuities,
-    )
+    if valued is None:
+        valued = book.value(codes, cols, rows)
     if rows.size == size:
         values = valued
     else:
