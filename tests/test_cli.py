@@ -5,9 +5,11 @@ import gzip
 import json
 import math
 import re
+import signal
 import struct
 import subprocess
 import sys
+import time
 
 import numpy as np
 import pyarrow as pa
@@ -234,6 +236,7 @@ def test_plots_are_written(tmp_path, capsys, command):
     assert main([*command, *extra, "--rate", "0.03", "--plot", str(tmp_path / "p.png")]) == 0
     width, height = png_size(tmp_path / "p.png")
     assert 400 <= width <= 3000 and 300 <= height <= 3000
+    assert temporaries(tmp_path) == []  # written beside, under the suffix that sets the format, and moved
     assert "plot written" in capsys.readouterr().out
 
 
@@ -278,6 +281,53 @@ def test_progress_bar(tmp_path, capsys, flag, shown, source):
         book, done = tmp_path / source, f"{len(CASES)}/{len(CASES)} "
     assert main(["--portfolio", str(book), "--rate", "0.03", "--quiet", *flag]) == 0
     assert (done in capsys.readouterr().err) is shown
+
+
+def temporaries(directory):
+    return [p.name for p in directory.iterdir() if p.name.startswith(".norvane-")]
+
+
+@pytest.mark.parametrize("output", ["out.csv", "out.csv.gz", "out.parquet"])
+@pytest.mark.parametrize("fault", ["no term column", "corrupt part way"])
+def test_a_run_that_fails_on_its_input_leaves_the_earlier_output(tmp_path, capsys, output, fault):
+    good = write_csv(tmp_path / "good.csv", [rec for rec, _ in CASES])
+    out = tmp_path / output
+    assert main(["--portfolio", str(good), "--rate", "0.03", "--quiet", "--output", str(out)]) == 0
+    earlier = out.read_bytes()
+    bad = tmp_path / "bad.parquet"
+    pq.write_table(pa.table({"term": np.arange(100_000.0) % 40}), bad, row_group_size=20_000)
+    if fault == "corrupt part way":  # found once the first batches are valued and written
+        offset = pq.ParquetFile(bad).metadata.row_group(4).column(0).data_page_offset
+        with open(bad, "r+b") as f:
+            f.seek(offset)
+            f.write(b"\xff" * 64)
+    else:
+        pq.write_table(pa.table({"benefit": [1.0]}), bad)
+    assert main(["--portfolio", str(bad), "--rate", "0.03", "--quiet", "--output", str(out)]) == 2
+    assert "norvane: error:" in capsys.readouterr().err
+    assert out.read_bytes() == earlier and temporaries(tmp_path) == []
+
+
+@pytest.mark.parametrize("output", ["out.csv", "out.parquet"])
+def test_sigterm_mid_write_leaves_the_earlier_output(tmp_path, output):
+    book = tmp_path / "book.csv"
+    book.write_bytes(b"id,term\n" + b"p,10\n" * 2_000_000)  # seconds of work: SIGTERM comes mid-write
+    out = tmp_path / output
+    out.write_bytes(b"the earlier output")
+    run = subprocess.Popen(
+        [sys.executable, "-m", "norvane", "--portfolio", str(book), "--rate", "0.03", "--output", str(out)],
+        stdout=subprocess.DEVNULL,
+        stderr=subprocess.PIPE,
+        text=True,
+    )
+    deadline = time.monotonic() + 30
+    while not any((tmp_path / name).stat().st_size for name in temporaries(tmp_path)):
+        assert run.poll() is None and time.monotonic() < deadline, "the run never wrote"
+        time.sleep(0.005)
+    run.send_signal(signal.SIGTERM)
+    _, err = run.communicate(timeout=30)
+    assert run.returncode == 128 + signal.SIGTERM and err == "norvane: terminated\n"
+    assert out.read_bytes() == b"the earlier output" and temporaries(tmp_path) == []
 
 
 def test_help_lists_commands_and_policy_columns(capsys):

@@ -1,5 +1,6 @@
 """norvane.portfolio: books read with Arrow batch by batch, every kind of bad cell, every input kind."""
 
+import contextlib
 import csv
 import gzip
 import io
@@ -19,6 +20,7 @@ from hypothesis import strategies as st
 
 from norvane.interest_rates import InterestRate
 from norvane.portfolio import InputError, _sources, stream_book, value_book
+from norvane.portfolio._output import atomic_path
 
 V = 1 / 1.03
 CURVE = InterestRate(0.03)
@@ -198,9 +200,34 @@ def test_unusable_books(tmp_path, content, error, message):
     book = tmp_path / "b.csv"
     if content is not None:
         book.write_bytes(content)
+    (tmp_path / "out.parquet").write_bytes(b"earlier")
     with pytest.raises(error, match=re.escape(message)):
         stream_book(book if content is not None else 42, CURVE, tmp_path / "out.parquet")
-    assert not (tmp_path / "out.parquet").exists()  # no half-written output is left
+    # The earlier output stays as it was, and nothing half-written is left beside it.
+    assert sorted(p.name for p in tmp_path.iterdir()) == (["b.csv"] if content is not None else []) + ["out.parquet"]
+    assert (tmp_path / "out.parquet").read_bytes() == b"earlier"
+
+
+@pytest.mark.parametrize("earlier", [None, "file", "dataset"])
+@pytest.mark.parametrize("completes", [True, False])
+def test_an_output_takes_its_place_whole_or_not_at_all(tmp_path, earlier, completes):
+    target = tmp_path / "values.parquet"
+    if earlier == "file":
+        target.write_bytes(b"earlier")
+    elif earlier == "dataset":  # a directory, as the Dask path writes, with more parts than the new one
+        target.mkdir()
+        for part in ("part.0.parquet", "part.1.parquet"):
+            (target / part).write_bytes(b"earlier")
+    before = {p.relative_to(tmp_path): p.read_bytes() for p in tmp_path.rglob("*") if p.is_file()}
+    with pytest.raises(KeyboardInterrupt) if not completes else contextlib.nullcontext():
+        with atomic_path(target) as path:
+            path.mkdir()
+            (path / "part.0.parquet").write_bytes(b"new")
+            if not completes:
+                raise KeyboardInterrupt
+    after = {p.relative_to(tmp_path): p.read_bytes() for p in tmp_path.rglob("*") if p.is_file()}
+    assert after == (before if not completes else {Path("values.parquet/part.0.parquet"): b"new"})
+    assert [p.name for p in tmp_path.iterdir()] == ([] if earlier is None and not completes else ["values.parquet"])
 
 
 def test_readme_data_frame_example():
