@@ -122,13 +122,23 @@ def test_parquet_portfolio_round_trip(tmp_path):
     check_rows(read_output(tmp_path / "out.parquet"), VALID)
 
 
-def test_record_with_a_missing_field_is_invalid(tmp_path):
+@pytest.mark.parametrize(
+    "content, message",
+    [
+        (b"id,term,benefit\nA,10,1\nB,10\nC,5,3\n", "record has 2 fields, the header has 3"),
+        (b"id,term,benefit\nA,10,1\nB\xe9,10,1\nC,5,3\n", "id is not UTF-8 text"),
+        (b"id,term,benefit\nA,10,1\nB," + b"9" * (10 << 20) + b",1\nC,5,3\n", "term is longer than 65,536 bytes"),
+        ("\ufeffid,term,benefit\nA,10,1\nB,-1,1\nC,5,3\n".encode("utf-16"), "term must be >= 0.0 and finite"),
+    ],
+    ids=["missing field", "not UTF-8", "10 MB record", "UTF-16"],
+)
+def test_a_bad_record_is_invalid_the_others_valued(tmp_path, content, message):
     book = tmp_path / "book.csv"
-    book.write_text("id,term,benefit\nA,10,1\nB,10\nC,5,3\n")
+    book.write_bytes(content)
     assert main(["--portfolio", str(book), "--rate", "0.03", "--quiet", "--output", str(tmp_path / "o.csv")]) == 0
     rows = read_output(tmp_path / "o.csv")
     assert [float(r["present_value"]) for r in rows[::2]] == pytest.approx([due(10), 3 * due(5)], rel=1e-10)
-    assert math.isnan(float(rows[1]["present_value"])) and "2 fields" in rows[1]["error"]
+    assert math.isnan(float(rows[1]["present_value"])) and rows[1]["error"].startswith(message)
 
 
 def test_bundled_sample_as_a_subprocess(tmp_path):
@@ -247,6 +257,7 @@ def test_plots_are_written(tmp_path, capsys, command):
         (["--curve", "{tmp}/missing.json"], "not a readable curve"),
         (["--curve", "{tmp}/bad.json"], "not a readable curve"),
         (["--portfolio", "{tmp}/noterm.csv"], "no 'term' or 'age' column"),
+        (["--portfolio", "{tmp}/latin1.csv"], "the header line is not UTF-8 text"),
         (["--portfolio", "{tmp}/book.csv", "--output", "{tmp}/out.txt"], "must end in"),
         (["flows", "--portfolio", "{tmp}/missing.csv"], "no such file"),
         (["curve", "--curve", "{tmp}/bad.json"], "not a readable curve"),
@@ -259,6 +270,7 @@ def test_plots_are_written(tmp_path, capsys, command):
 def test_unusable_input_exits_with_2(tmp_path, capsys, args, message):
     (tmp_path / "bad.json").write_text('{"type": "piecewise", "terms": [5]}')
     write_csv(tmp_path / "noterm.csv", [{"id": "x"}], columns=["id", "benefit"])
+    (tmp_path / "latin1.csv").write_bytes("id,t\xe9rm\nx,1\n".encode("latin-1"))
     write_csv(tmp_path / "book.csv", [{"id": "x", "term": "1"}])
     assert main([a.format(tmp=tmp_path) for a in args]) == 2
     assert message in capsys.readouterr().err

@@ -191,7 +191,8 @@ def test_typed_columns_nan_is_a_missing_cell_and_ids_read_as_python_writes_them(
     [
         (b"", InputError, "no header line"),
         (b"id,benefit\nx,1\n", InputError, "no 'term' or 'age' column (columns: id, benefit)"),
-        (b"id,term\n\xff\xfe,1\n", InputError, "not a readable CSV file"),
+        ("id,t\xe9rm\nx,1\n".encode("latin-1"), InputError, "the header line is not UTF-8 text"),
+        ("id,term\nx,1\n".encode("utf-16-le"), InputError, "UTF-16 text without a byte-order mark?"),
         (gzip.compress(b"id,term\n" + b"x,1\n" * 50_000)[:-100], InputError, "not a readable CSV file"),
         (None, TypeError, "a book is a file path"),
     ],
@@ -239,6 +240,36 @@ def test_readme_data_frame_example():
     expected = [1000 * (1 - V**10) / (1 - V), 500 * (1 - V**20) / (1 - V) * V**5, math.nan]
     assert values.present_value == pytest.approx(expected, rel=1e-10, nan_ok=True)
     assert frame["error"].isna().tolist() == [True, True, False]
+
+
+LONG = b"9" * (10 << 20)  # a 10 MB cell: longer than two blocks of the reader
+DUE_10, DUE_5 = (1 - V**10) / (1 - V), (1 - V**5) / (1 - V)
+
+
+@pytest.mark.parametrize(
+    "content, rows",
+    [
+        # Text is UTF-8, or UTF-16 when a byte-order mark says so.
+        ("\ufeffid,term\na,10\nb,5\n".encode("utf-16-le"), [("a", DUE_10), ("b", DUE_5)]),
+        ("\ufeffid,term\na,10\nb,5\n".encode("utf-16-be"), [("a", DUE_10), ("b", DUE_5)]),
+        (b"id,term\na,10\nb\xe9,5\nc,5\n", [("a", DUE_10), ("", "id is not UTF-8 text"), ("c", DUE_5)]),
+        (b"id,term\na,10\nb,5\xff\n", [("a", DUE_10), ("b", "term is not UTF-8 text")]),
+        (
+            b"id,term\na,10\nb," + LONG + b"\nc,5\n",
+            [("a", DUE_10), ("b", "term is longer than 65,536 bytes"), ("c", DUE_5)],
+        ),
+        (b"id,term\nb," + LONG + b"\na,10\n", [("b", "term is longer than 65,536 bytes"), ("a", DUE_10)]),
+        (b"id,term\na,10\n" + LONG + b",5\n", [("a", DUE_10), ("", "id is longer than 65,536 bytes")]),
+    ],
+    ids=["UTF-16LE", "UTF-16BE", "id not UTF-8", "term not UTF-8", "10 MB cell", "10 MB first record", "10 MB id"],
+)
+def test_undecodable_or_overlong_cells_spoil_their_record_only(tmp_path, batches, content, rows):
+    (tmp_path / "b.csv").write_bytes(content)
+    result = value_book(tmp_path / "b.csv", CURVE)
+    assert list(result.id) == [i for i, _ in rows]
+    assert list(result.error) == [e if isinstance(e, str) else None for _, e in rows]
+    values = [math.nan if isinstance(e, str) else e for _, e in rows]
+    assert result.present_value == pytest.approx(values, rel=1e-10, nan_ok=True)
 
 
 @pytest.mark.parametrize("start, stop", [(0, 20), (3, 17), (9, 10), (5, 5)])
