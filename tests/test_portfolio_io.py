@@ -272,6 +272,18 @@ def test_undecodable_or_overlong_cells_spoil_their_record_only(tmp_path, batches
     assert result.present_value == pytest.approx(values, rel=1e-10, nan_ok=True)
 
 
+@pytest.mark.parametrize("as_frame", [False, True])
+def test_big_endian_columns_give_the_native_values(as_frame):
+    def book(order):
+        columns = {"term": np.array([10.0, 20.0], f"{order}f8"), "frequency": np.array([1, 12], f"{order}i8")}
+        return pd.DataFrame(columns) if as_frame else columns
+
+    values = value_book(book(">"), CURVE).present_value
+    assert values.tolist() == value_book(book("<"), CURVE).present_value.tolist()
+    expected = [(1 - V**10) / (1 - V), (1 - V**20) / (12 * (1 - V ** (1 / 12)))]
+    assert values == pytest.approx(expected, rel=1e-10)
+
+
 @pytest.mark.parametrize("start, stop", [(0, 20), (3, 17), (9, 10), (5, 5)])
 def test_buffer_conversions_agree_with_pyarrows_own(start, stop):
     """Slices start inside a bitmap byte: offsets are where buffer reading goes wrong."""

@@ -394,10 +394,20 @@ def _reported(blocks: Iterator[Block], unreadable: str) -> Iterator[Block]:
 # --------------------------------------------------------------------------- data frames
 
 
+def _native(column: Any) -> Any:
+    """A NumPy array or pandas Series of big-endian (byte-swapped) numbers in native byte
+    order, which is the only one Arrow takes; other columns as they are."""
+    kind = getattr(column, "dtype", None)
+    if isinstance(kind, np.dtype) and not kind.isnative:
+        return column.astype(kind.newbyteorder("="))
+    return column
+
+
 def _from_pandas(frame: Any) -> pa.Table:
     """A pandas DataFrame column by column; a column of mixed Python objects becomes text."""
     columns = []
-    for _, series in frame.items():
+    for _, column in frame.items():
+        series = _native(column)
         try:
             columns.append(pa.array(series, from_pandas=True))
         except (pa.ArrowInvalid, pa.ArrowTypeError, OverflowError):  # e.g. an int beyond 64 bits
@@ -424,7 +434,7 @@ def _table(book: Any) -> pa.Table | None:
         return pa.Table.from_batches([book])
     if isinstance(book, Mapping):
         try:
-            return pa.table({str(name): column for name, column in book.items()})
+            return pa.table({str(name): _native(column) for name, column in book.items()})
         except (pa.ArrowInvalid, pa.ArrowTypeError) as exc:
             raise TypeError(f"the book's columns must be arrays of one kind of cell: {exc}") from None
     return None
