@@ -70,6 +70,9 @@ def check(result, records=RECORDS):
     assert (summary.policies, summary.valued, summary.errors) == (len(records), len(valid), len(records) - len(valid))
     assert summary.total_present_value == pytest.approx(math.fsum(valid), rel=1e-10)
     assert summary.first_errors == [(i, e) for i, (_, e) in zip(ids, records) if isinstance(e, str)][:5]
+    rows = result.to_arrow().to_pylist()
+    assert [(r["id"], r["error"]) for r in rows] == list(zip(result.id, result.error))
+    assert [r["present_value"] for r in rows] == pytest.approx(result.present_value.tolist(), nan_ok=True)
 
 
 @pytest.fixture(params=["one batch", "batches of a few records"])
