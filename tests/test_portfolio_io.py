@@ -196,6 +196,8 @@ def test_typed_columns_nan_is_a_missing_cell_and_ids_read_as_python_writes_them(
         (b"id,benefit\nx,1\n", InputError, "no 'term' or 'age' column (columns: id, benefit)"),
         ("id,t\xe9rm\nx,1\n".encode("latin-1"), InputError, "the header line is not UTF-8 text"),
         ("id,term\nx,1\n".encode("utf-16-le"), InputError, "UTF-16 text without a byte-order mark?"),
+        # pyarrow decodes a broken row before its handler: it cannot read on (and prints nothing)
+        (b"id,term\nx,1\ny\xff,2,3\n", InputError, "fields differs from the header's is not UTF-8 text either"),
         (gzip.compress(b"id,term\n" + b"x,1\n" * 50_000)[:-100], InputError, "not a readable CSV file"),
         (None, TypeError, "a book is a file path"),
     ],

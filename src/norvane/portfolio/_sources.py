@@ -13,6 +13,7 @@ import sys
 from collections import deque
 from collections.abc import Callable, Iterator, Mapping
 from concurrent.futures import ThreadPoolExecutor
+from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
@@ -212,6 +213,35 @@ def _encoding(path: Path) -> str:
         return "utf-16" if text.read(2) in _UTF16_MARKS else "utf8"
 
 
+@contextmanager
+def _parsing(path: Path) -> Iterator[None]:
+    """Arrow parsing the file. pyarrow decodes the text of a row with a wrong number of fields
+    before the handler sees it; text that is not UTF-8 fails there, which pyarrow prints as an
+    ignored exception before it stops with a parse error. That failure is taken from the
+    printing while Arrow parses, and the parse error becomes an input error that says why."""
+    undecodable: list[BaseException] = []
+    previous = sys.unraisablehook
+
+    def hook(unraisable: Any) -> None:
+        if isinstance(unraisable.exc_value, UnicodeDecodeError):
+            undecodable.append(unraisable.exc_value)
+        else:
+            previous(unraisable)
+
+    sys.unraisablehook = hook
+    try:
+        yield
+    except pa.ArrowInvalid as exc:
+        if not undecodable:
+            raise
+        raise InputError(
+            f"{path}: a record whose number of fields differs from the header's is not UTF-8 text "
+            f"either, and the file cannot be read past it ({exc})"
+        ) from None
+    finally:
+        sys.unraisablehook = previous
+
+
 def _reader(
     path: Path, encoding: str, block: int, rows: Callable[[pa_csv.InvalidRow], str], cells: Mapping | None = None
 ) -> tuple[pa.NativeFile, pa_csv.CSVStreamingReader]:
@@ -220,12 +250,13 @@ def _reader(
     broken rows, which places them in the output."""
     raw, text = _csv_input(path)
     try:
-        reader = pa_csv.open_csv(
-            text,
-            read_options=pa_csv.ReadOptions(block_size=block, use_threads=False, encoding=encoding),
-            parse_options=pa_csv.ParseOptions(newlines_in_values=True, invalid_row_handler=rows),
-            convert_options=pa_csv.ConvertOptions(column_types=cells or {}),
-        )
+        with _parsing(path):
+            reader = pa_csv.open_csv(
+                text,
+                read_options=pa_csv.ReadOptions(block_size=block, use_threads=False, encoding=encoding),
+                parse_options=pa_csv.ParseOptions(newlines_in_values=True, invalid_row_handler=rows),
+                convert_options=pa_csv.ConvertOptions(column_types=cells or {}),
+            )
     except BaseException:
         raw.close()
         raise
@@ -277,7 +308,12 @@ def _csv_pass(path: Path, names: list[str], encoding: str, block: int, read: lis
     raw, reader = _reader(path, encoding, block, broken, {name: pa.binary() for name in names})
     with raw:
         records = 0
-        for batch in reader:
+        batches = iter(reader)
+        while True:
+            with _parsing(path):
+                batch = next(batches, None)
+            if batch is None:
+                break
             read[0] = max(read[0], raw.tell())
             rows = broken.take(records, batch.num_rows)
             piece = _merge(batch, broken, records, rows) if rows else Block(batch, {})
