@@ -130,7 +130,8 @@ def _merge(batch: pa.RecordBatch, broken: _BrokenRows, records: int, rows: list[
     """The batch with the broken rows put back at their places."""
     split = [broken.cells(text) for _, text in rows]
     fixed = pa.RecordBatch.from_arrays(
-        [pa.array([cells[k] for cells, _ in split], pa.binary()) for k in range(broken.width)], schema=batch.schema
+        [pa.array([cells[k] for cells, _ in split], kind) for k, kind in enumerate(batch.schema.types)],
+        schema=batch.schema,
     )
     size = batch.num_rows + len(rows)
     places = np.array([number - records for number, _ in rows], dtype=np.int64)
@@ -148,7 +149,7 @@ def _merge(batch: pa.RecordBatch, broken: _BrokenRows, records: int, rows: list[
 
 
 def _blanked(cells: pa.Array, rows: np.ndarray) -> pa.Array:
-    return pc.if_else(_arrow.from_mask(rows), pa.scalar(b"", pa.binary()), cells)
+    return pc.if_else(_arrow.from_mask(rows), pa.scalar("", cells.type), cells)
 
 
 def _longer(cells: pa.Array) -> np.ndarray | None:
@@ -181,8 +182,9 @@ def _not_utf8(cells: pa.Array) -> np.ndarray:
 
 
 def _as_text(block: Block, names: list[str]) -> Block:
-    """A block of cells read as bytes, as text. A cell that is not UTF-8, or is longer than
-    MAX_CELL_BYTES, is left out (empty) and spoils its record; a record's first defect stays."""
+    """A block's cells as text. A cell longer than MAX_CELL_BYTES, or one that is not UTF-8 (in
+    cells read as bytes), is left out (empty) and spoils its record; a record's first defect
+    stays."""
     defects = dict(block.defects)
 
     def note(rows: np.ndarray, message: str) -> None:
@@ -196,14 +198,16 @@ def _as_text(block: Block, names: list[str]) -> Block:
         if long is not None:
             note(long, f"{label} is longer than {MAX_CELL_BYTES:,} bytes")
             cells = _blanked(cells, long)
-        try:  # a view checked in place: no copy of the text
-            text = cells.view(pa.string())
-            text.validate(full=True)
-        except pa.ArrowInvalid:
-            bad = _not_utf8(cells)
-            note(bad, f"{label} is not UTF-8 text")
-            text = _blanked(cells, bad).view(pa.string())
-        columns.append(text)
+        if pa.types.is_binary(cells.type):
+            try:  # a view checked in place: no copy of the text
+                text = cells.view(pa.string())
+                text.validate(full=True)
+            except pa.ArrowInvalid:
+                bad = _not_utf8(cells)
+                note(bad, f"{label} is not UTF-8 text")
+                text = _blanked(cells, bad).view(pa.string())
+            cells = text
+        columns.append(cells)
     return Block(pa.RecordBatch.from_arrays(columns, names=block.batch.schema.names), defects)
 
 
@@ -302,10 +306,13 @@ def _header(path: Path, encoding: str) -> list[str]:
     return names
 
 
-def _csv_pass(path: Path, names: list[str], encoding: str, block: int, read: list[int]) -> Iterator[Block]:
-    """One reading of the file with blocks of ``block`` bytes; ``read[0]`` follows the bytes read."""
+def _csv_pass(
+    path: Path, names: list[str], encoding: str, block: int, cells: pa.DataType, read: list[int]
+) -> Iterator[Block]:
+    """One reading of the file with blocks of ``block`` bytes and ``cells`` of text or bytes;
+    ``read[0]`` follows the bytes read."""
     broken = _BrokenRows(len(names))
-    raw, reader = _reader(path, encoding, block, broken, {name: pa.binary() for name in names})
+    raw, reader = _reader(path, encoding, block, broken, {name: cells for name in names})
     with raw:
         records = 0
         batches = iter(reader)
@@ -331,15 +338,21 @@ def _after(block: Block, first: int) -> Block:
     return Block(block.batch.slice(first), defects)
 
 
+def _not_text(exc: pa.ArrowInvalid) -> bool:
+    return "invalid UTF8" in str(exc)  # Arrow's words for a text cell that is not UTF-8
+
+
 def _csv_blocks(path: Path, names: list[str], encoding: str, read: list[int]) -> Iterator[Block]:
-    """The file's blocks. A record longer than two blocks (a long cell, or a quote that never
-    closes) makes the reading start again with longer blocks, past the records already given;
-    the record's long cells then spoil it alone."""
-    given, block = 0, CSV_BLOCK_BYTES
+    """The file's blocks. Cells are read as text, which Arrow checks for nothing: a file with a
+    cell that is not UTF-8 is read again with cells of bytes, checked cell by cell, and a
+    record longer than two blocks (a long cell, or a quote that never closes) makes the reading
+    start again with longer blocks, each time past the records already given; the bad cells
+    then spoil their records alone."""
+    given, block, cells = 0, CSV_BLOCK_BYTES, pa.string()
     while True:
         seen = 0
         try:
-            for piece in _csv_pass(path, names, encoding, block, read):
+            for piece in _csv_pass(path, names, encoding, block, cells, read):
                 rows = piece.batch.num_rows
                 if seen + rows > given:
                     yield _after(piece, given - seen)
@@ -347,9 +360,12 @@ def _csv_blocks(path: Path, names: list[str], encoding: str, read: list[int]) ->
                 seen += rows
             return
         except pa.ArrowInvalid as exc:
-            if not _too_long(exc):
+            if _not_text(exc) and cells == pa.string():
+                cells = pa.binary()
+            elif _too_long(exc):
+                block = _longer_blocks(path, block)
+            else:
                 raise
-            block = _longer_blocks(path, block)
 
 
 def _open_csv(path: Path) -> Book:
