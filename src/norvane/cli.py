@@ -78,7 +78,8 @@ policy columns (CSV header or Parquet column names, any case; other columns are 
 Invalid records do not stop a run: they get no value (NaN) and a message in the
 output's "error" column. Exit status: 0 when the run completed (even with invalid
 records), 2 when the input cannot be used (missing or unreadable file, unreadable
-curve or mortality table, no "term" or "age" column)."""
+curve or mortality table, no "term" or "age" column), 143 when SIGTERM ended the run.
+Outputs take their place only when complete: a failed run leaves the earlier one."""
 
 # --------------------------------------------------------------------------- curves
 
