@@ -54,8 +54,9 @@ REPEATED_COLUMNS = ("frequency", "timing", "table")
 
 @dataclass
 class Block:
-    """A batch of records in the book's order, and messages for records the reader could not
-    split into the header's fields (by row of the batch)."""
+    """A batch of records in the book's order, and messages for records the reader found at
+    fault (by row of the batch): fields other than the header's, a cell that is not UTF-8 text
+    or is too long."""
 
     batch: pa.RecordBatch
     defects: Mapping[int, str]
