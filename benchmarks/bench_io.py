@@ -1,6 +1,7 @@
 """From file to values: ``norvane value`` end to end on generated books, against the pre-Arrow reader.
 
     python benchmarks/bench_io.py [--policies 1000000] [--large] [--repeats 3] [--data DIR]
+    python benchmarks/bench_io.py --memory [--policies 1000000] [--repeats 3] [--data DIR]
 
 A seeded generator writes each book (id, term, deferment, shift, frequency, timing, benefit;
 whole and fractional terms, 2 % perpetuities, m = 1/4/12, both timings, 0.01 % malformed
@@ -20,6 +21,14 @@ Every process writes its values; the runs' present values are checked equal befo
 A last table splits one Dask partition (a pandas frame of 250,000 policies, as ``norvane.dask``
 receives it) into reading (frame to policy arrays) and valuing, before (the pre-Arrow table
 reader) and after (``norvane.portfolio``).
+
+``--memory`` measures how peak RSS grows with the book instead: each kind of book at N and 4N
+policies (N from ``--policies``), median of ``--repeats`` processes, for
+
+* norvane value: the values streamed to a file (nothing kept): the peak should not grow;
+* value_book:    ``norvane.portfolio.value_book`` keeping the values (``BookValues``): the
+                 peak should grow by what the values hold (``BookValues.nbytes``: ids, 8 bytes
+                 a value, the invalid records' places) and no more.
 """
 
 from __future__ import annotations
@@ -148,15 +157,21 @@ print(usage.ru_utime + usage.ru_stime, usage.ru_maxrss, os.waitstatus_to_exitcod
 """
 
 
-def run(command: list[str]) -> tuple[float, float, float]:
-    """Wall seconds, CPU seconds and peak RSS (MB) of a command."""
+def launch(command: list[str]) -> tuple[float, float, float, str]:
+    """Wall seconds, CPU seconds and peak RSS (MB) of a command, and what it printed."""
     started = time.perf_counter()
     done = subprocess.run([sys.executable, "-c", LAUNCHER, *command], capture_output=True, text=True)
     elapsed = time.perf_counter() - started
-    cpu, rss, status = done.stdout.split()[-3:]
+    *printed, last = done.stdout.splitlines() or [""]
+    cpu, rss, status = (last.split() + ["", "", "?"])[:3]
     if status != "0":
         raise SystemExit(f"{' '.join(command)} failed: {done.stderr}")
-    return elapsed, float(cpu), int(rss) / 1024
+    return elapsed, float(cpu), int(rss) / 1024, "\n".join(printed)
+
+
+def run(command: list[str]) -> tuple[float, float, float]:
+    """Wall seconds, CPU seconds and peak RSS (MB) of a command."""
+    return launch(command)[:3]
 
 
 def commands(book: Path, out: Path) -> dict[str, list[str]]:
@@ -206,6 +221,40 @@ def measure(book: Path, scratch: Path, repeats: int) -> dict[str, tuple[float, f
     return results
 
 
+def keep_values(book: str) -> None:
+    """value_book on the book, its values kept to the end; prints the bytes they hold."""
+    from norvane.interest_rates import InterestRate
+    from norvane.portfolio import value_book
+
+    values = value_book(book, InterestRate(RATE))
+    print(values.nbytes)
+
+
+def memory(data: Path, scratch: Path, policies: int, repeats: int) -> None:
+    """Peak RSS at N and 4N policies: streamed to a file, and kept by value_book."""
+    sizes = (policies, 4 * policies)
+    books = {size: write_books(data, size) for size in sizes}
+    print(f"peak RSS (MB), median of {repeats}; N = {policies:,} policies")
+    print(f"{'book':<8} {'case':<14} {'at N':>7} {'at 4N':>7} {'4N / N':>7} {'peak grew':>10} {'values grew':>12}")
+    for kind in ("csv", "csv.gz", "parquet"):
+        for case in ("norvane value", "value_book"):
+            peaks, held = [], []
+            for size in sizes:
+                book = books[size][kind]
+                if case == "value_book":
+                    command = [sys.executable, __file__, "--keep-values", str(book)]
+                else:
+                    command = commands(book, scratch / "values.parquet")["norvane value"]
+                runs = [launch(command) for _ in range(repeats)]
+                peaks.append(statistics.median(rss for _, _, rss, _ in runs))
+                held.append(int(runs[0][3]) / 2**20 if case == "value_book" else 0.0)
+            grew = f"{held[1] - held[0]:11.0f}" if case == "value_book" else f"{'-':>11}"
+            print(
+                f"{kind:<8} {case:<14} {peaks[0]:7.0f} {peaks[1]:7.0f} {peaks[1] / peaks[0]:7.2f} "
+                f"{peaks[1] - peaks[0]:10.0f} {grew}"
+            )
+
+
 def dask_partition_split(book: Path) -> dict[str, tuple[float, float]]:
     """Seconds to read (frame to policy arrays) and to value one 250,000-policy partition."""
     import pandas as pd
@@ -250,15 +299,21 @@ def main() -> None:
     parser.add_argument("--large", action="store_true", help="add a book of 10^7 policies")
     parser.add_argument("--repeats", type=int, default=3)
     parser.add_argument("--data", type=Path, help="directory for the books (kept); default a temporary one")
+    parser.add_argument("--memory", action="store_true", help="peak RSS at N and 4N policies instead of timings")
     parser.add_argument("--by-hand", nargs=2, metavar=("BOOK", "OUT"), help=argparse.SUPPRESS)
+    parser.add_argument("--keep-values", metavar="BOOK", help=argparse.SUPPRESS)
     opts = parser.parse_args()
     if opts.by_hand:
         return by_hand(*opts.by_hand)
+    if opts.keep_values:
+        return keep_values(opts.keep_values)
     sizes = [opts.policies] + ([10_000_000] if opts.large else [])
     with tempfile.TemporaryDirectory() as tmp:
         data = opts.data or Path(tmp)
         data.mkdir(parents=True, exist_ok=True)
         scratch = Path(tmp)
+        if opts.memory:
+            return memory(data, scratch, opts.policies, opts.repeats)
         print(f"pyarrow {pa.__version__}, numpy {np.__version__}, {os.cpu_count()} cores; median of {opts.repeats}")
         # CPU seconds are the steadier measure on a shared machine; ratios are of wall times.
         header = f"{'book':<26} {'case':<16} {'wall s':>7} {'CPU s':>7} {'peak RSS MB':>12} {'vs norvane':>11}"

@@ -5,9 +5,11 @@ import gzip
 import json
 import math
 import re
+import signal
 import struct
 import subprocess
 import sys
+import time
 
 import numpy as np
 import pyarrow as pa
@@ -120,13 +122,23 @@ def test_parquet_portfolio_round_trip(tmp_path):
     check_rows(read_output(tmp_path / "out.parquet"), VALID)
 
 
-def test_record_with_a_missing_field_is_invalid(tmp_path):
+@pytest.mark.parametrize(
+    "content, message",
+    [
+        (b"id,term,benefit\nA,10,1\nB,10\nC,5,3\n", "record has 2 fields, the header has 3"),
+        (b"id,term,benefit\nA,10,1\nB\xe9,10,1\nC,5,3\n", "id is not UTF-8 text"),
+        (b"id,term,benefit\nA,10,1\nB," + b"9" * (10 << 20) + b",1\nC,5,3\n", "term is longer than 65,536 bytes"),
+        ("\ufeffid,term,benefit\nA,10,1\nB,-1,1\nC,5,3\n".encode("utf-16"), "term must be >= 0.0 and finite"),
+    ],
+    ids=["missing field", "not UTF-8", "10 MB record", "UTF-16"],
+)
+def test_a_bad_record_is_invalid_the_others_valued(tmp_path, content, message):
     book = tmp_path / "book.csv"
-    book.write_text("id,term,benefit\nA,10,1\nB,10\nC,5,3\n")
+    book.write_bytes(content)
     assert main(["--portfolio", str(book), "--rate", "0.03", "--quiet", "--output", str(tmp_path / "o.csv")]) == 0
     rows = read_output(tmp_path / "o.csv")
     assert [float(r["present_value"]) for r in rows[::2]] == pytest.approx([due(10), 3 * due(5)], rel=1e-10)
-    assert math.isnan(float(rows[1]["present_value"])) and "2 fields" in rows[1]["error"]
+    assert math.isnan(float(rows[1]["present_value"])) and rows[1]["error"].startswith(message)
 
 
 def test_bundled_sample_as_a_subprocess(tmp_path):
@@ -234,6 +246,7 @@ def test_plots_are_written(tmp_path, capsys, command):
     assert main([*command, *extra, "--rate", "0.03", "--plot", str(tmp_path / "p.png")]) == 0
     width, height = png_size(tmp_path / "p.png")
     assert 400 <= width <= 3000 and 300 <= height <= 3000
+    assert temporaries(tmp_path) == []  # written beside, under the suffix that sets the format, and moved
     assert "plot written" in capsys.readouterr().out
 
 
@@ -244,6 +257,7 @@ def test_plots_are_written(tmp_path, capsys, command):
         (["--curve", "{tmp}/missing.json"], "not a readable curve"),
         (["--curve", "{tmp}/bad.json"], "not a readable curve"),
         (["--portfolio", "{tmp}/noterm.csv"], "no 'term' or 'age' column"),
+        (["--portfolio", "{tmp}/latin1.csv"], "the header line is not UTF-8 text"),
         (["--portfolio", "{tmp}/book.csv", "--output", "{tmp}/out.txt"], "must end in"),
         (["flows", "--portfolio", "{tmp}/missing.csv"], "no such file"),
         (["curve", "--curve", "{tmp}/bad.json"], "not a readable curve"),
@@ -256,6 +270,7 @@ def test_plots_are_written(tmp_path, capsys, command):
 def test_unusable_input_exits_with_2(tmp_path, capsys, args, message):
     (tmp_path / "bad.json").write_text('{"type": "piecewise", "terms": [5]}')
     write_csv(tmp_path / "noterm.csv", [{"id": "x"}], columns=["id", "benefit"])
+    (tmp_path / "latin1.csv").write_bytes("id,t\xe9rm\nx,1\n".encode("latin-1"))
     write_csv(tmp_path / "book.csv", [{"id": "x", "term": "1"}])
     assert main([a.format(tmp=tmp_path) for a in args]) == 2
     assert message in capsys.readouterr().err
@@ -278,6 +293,53 @@ def test_progress_bar(tmp_path, capsys, flag, shown, source):
         book, done = tmp_path / source, f"{len(CASES)}/{len(CASES)} "
     assert main(["--portfolio", str(book), "--rate", "0.03", "--quiet", *flag]) == 0
     assert (done in capsys.readouterr().err) is shown
+
+
+def temporaries(directory):
+    return [p.name for p in directory.iterdir() if p.name.startswith(".norvane-")]
+
+
+@pytest.mark.parametrize("output", ["out.csv", "out.csv.gz", "out.parquet"])
+@pytest.mark.parametrize("fault", ["no term column", "corrupt part way"])
+def test_a_run_that_fails_on_its_input_leaves_the_earlier_output(tmp_path, capsys, output, fault):
+    good = write_csv(tmp_path / "good.csv", [rec for rec, _ in CASES])
+    out = tmp_path / output
+    assert main(["--portfolio", str(good), "--rate", "0.03", "--quiet", "--output", str(out)]) == 0
+    earlier = out.read_bytes()
+    bad = tmp_path / "bad.parquet"
+    pq.write_table(pa.table({"term": np.arange(100_000.0) % 40}), bad, row_group_size=20_000)
+    if fault == "corrupt part way":  # found once the first batches are valued and written
+        offset = pq.ParquetFile(bad).metadata.row_group(4).column(0).data_page_offset
+        with open(bad, "r+b") as f:
+            f.seek(offset)
+            f.write(b"\xff" * 64)
+    else:
+        pq.write_table(pa.table({"benefit": [1.0]}), bad)
+    assert main(["--portfolio", str(bad), "--rate", "0.03", "--quiet", "--output", str(out)]) == 2
+    assert "norvane: error:" in capsys.readouterr().err
+    assert out.read_bytes() == earlier and temporaries(tmp_path) == []
+
+
+@pytest.mark.parametrize("output", ["out.csv", "out.parquet"])
+def test_sigterm_mid_write_leaves_the_earlier_output(tmp_path, output):
+    book = tmp_path / "book.csv"
+    book.write_bytes(b"id,term\n" + b"p,10\n" * 2_000_000)  # seconds of work: SIGTERM comes mid-write
+    out = tmp_path / output
+    out.write_bytes(b"the earlier output")
+    run = subprocess.Popen(
+        [sys.executable, "-m", "norvane", "--portfolio", str(book), "--rate", "0.03", "--output", str(out)],
+        stdout=subprocess.DEVNULL,
+        stderr=subprocess.PIPE,
+        text=True,
+    )
+    deadline = time.monotonic() + 30
+    while not any((tmp_path / name).stat().st_size for name in temporaries(tmp_path)):
+        assert run.poll() is None and time.monotonic() < deadline, "the run never wrote"
+        time.sleep(0.005)
+    run.send_signal(signal.SIGTERM)
+    _, err = run.communicate(timeout=30)
+    assert run.returncode == 128 + signal.SIGTERM and err == "norvane: terminated\n"
+    assert out.read_bytes() == b"the earlier output" and temporaries(tmp_path) == []
 
 
 def test_help_lists_commands_and_policy_columns(capsys):

@@ -205,6 +205,8 @@ def test_command_line_on_the_cluster(client, book, tmp_path):
     (tmp_path / "curve.json").write_text(CURVE.export("json"))
     address = client.scheduler.address
     out = tmp_path / "values.parquet"
+    out.mkdir()  # an earlier run's dataset, with more partitions: none of it may stay
+    (out / "part.99.parquet").write_bytes(b"earlier")
     run = subprocess.run(
         [
             sys.executable,
@@ -225,7 +227,8 @@ def test_command_line_on_the_cluster(client, book, tmp_path):
         timeout=120,
     )
     assert run.returncode == 0, run.stderr
-    assert len(list(out.glob("*.parquet"))) > 1  # a partitioned dataset
+    assert len(list(out.glob("*.parquet"))) > 1 and not (out / "part.99.parquet").exists()  # a partitioned dataset
+    assert sorted(p.name for p in tmp_path.iterdir()) == ["curve.json", "values.parquet"]  # nothing left beside
     result = dd.read_parquet(out).compute()
     assert list(result.columns) == ["id", "present_value", "error"] and len(result) == N
     assert result["id"].tolist() == book["frame"]["id"].tolist()

@@ -1,5 +1,6 @@
 """norvane.portfolio: books read with Arrow batch by batch, every kind of bad cell, every input kind."""
 
+import contextlib
 import csv
 import gzip
 import io
@@ -19,6 +20,7 @@ from hypothesis import strategies as st
 
 from norvane.interest_rates import InterestRate
 from norvane.portfolio import InputError, _sources, stream_book, value_book
+from norvane.portfolio._output import atomic_path
 
 V = 1 / 1.03
 CURVE = InterestRate(0.03)
@@ -68,6 +70,9 @@ def check(result, records=RECORDS):
     assert (summary.policies, summary.valued, summary.errors) == (len(records), len(valid), len(records) - len(valid))
     assert summary.total_present_value == pytest.approx(math.fsum(valid), rel=1e-10)
     assert summary.first_errors == [(i, e) for i, (_, e) in zip(ids, records) if isinstance(e, str)][:5]
+    rows = result.to_arrow().to_pylist()
+    assert [(r["id"], r["error"]) for r in rows] == list(zip(result.id, result.error))
+    assert [r["present_value"] for r in rows] == pytest.approx(result.present_value.tolist(), nan_ok=True)
 
 
 @pytest.fixture(params=["one batch", "batches of a few records"])
@@ -189,7 +194,10 @@ def test_typed_columns_nan_is_a_missing_cell_and_ids_read_as_python_writes_them(
     [
         (b"", InputError, "no header line"),
         (b"id,benefit\nx,1\n", InputError, "no 'term' or 'age' column (columns: id, benefit)"),
-        (b"id,term\n\xff\xfe,1\n", InputError, "not a readable CSV file"),
+        ("id,t\xe9rm\nx,1\n".encode("latin-1"), InputError, "the header line is not UTF-8 text"),
+        ("id,term\nx,1\n".encode("utf-16-le"), InputError, "UTF-16 text without a byte-order mark?"),
+        # pyarrow decodes a broken row before its handler: it cannot read on (and prints nothing)
+        (b"id,term\nx,1\ny\xff,2,3\n", InputError, "fields differs from the header's is not UTF-8 text either"),
         (gzip.compress(b"id,term\n" + b"x,1\n" * 50_000)[:-100], InputError, "not a readable CSV file"),
         (None, TypeError, "a book is a file path"),
     ],
@@ -198,9 +206,34 @@ def test_unusable_books(tmp_path, content, error, message):
     book = tmp_path / "b.csv"
     if content is not None:
         book.write_bytes(content)
+    (tmp_path / "out.parquet").write_bytes(b"earlier")
     with pytest.raises(error, match=re.escape(message)):
         stream_book(book if content is not None else 42, CURVE, tmp_path / "out.parquet")
-    assert not (tmp_path / "out.parquet").exists()  # no half-written output is left
+    # The earlier output stays as it was, and nothing half-written is left beside it.
+    assert sorted(p.name for p in tmp_path.iterdir()) == (["b.csv"] if content is not None else []) + ["out.parquet"]
+    assert (tmp_path / "out.parquet").read_bytes() == b"earlier"
+
+
+@pytest.mark.parametrize("earlier", [None, "file", "dataset"])
+@pytest.mark.parametrize("completes", [True, False])
+def test_an_output_takes_its_place_whole_or_not_at_all(tmp_path, earlier, completes):
+    target = tmp_path / "values.parquet"
+    if earlier == "file":
+        target.write_bytes(b"earlier")
+    elif earlier == "dataset":  # a directory, as the Dask path writes, with more parts than the new one
+        target.mkdir()
+        for part in ("part.0.parquet", "part.1.parquet"):
+            (target / part).write_bytes(b"earlier")
+    before = {p.relative_to(tmp_path): p.read_bytes() for p in tmp_path.rglob("*") if p.is_file()}
+    with pytest.raises(KeyboardInterrupt) if not completes else contextlib.nullcontext():
+        with atomic_path(target) as path:
+            path.mkdir()
+            (path / "part.0.parquet").write_bytes(b"new")
+            if not completes:
+                raise KeyboardInterrupt
+    after = {p.relative_to(tmp_path): p.read_bytes() for p in tmp_path.rglob("*") if p.is_file()}
+    assert after == (before if not completes else {Path("values.parquet/part.0.parquet"): b"new"})
+    assert [p.name for p in tmp_path.iterdir()] == ([] if earlier is None and not completes else ["values.parquet"])
 
 
 def test_readme_data_frame_example():
@@ -212,6 +245,48 @@ def test_readme_data_frame_example():
     expected = [1000 * (1 - V**10) / (1 - V), 500 * (1 - V**20) / (1 - V) * V**5, math.nan]
     assert values.present_value == pytest.approx(expected, rel=1e-10, nan_ok=True)
     assert frame["error"].isna().tolist() == [True, True, False]
+
+
+LONG = b"9" * (10 << 20)  # a 10 MB cell: longer than two blocks of the reader
+DUE_10, DUE_5 = (1 - V**10) / (1 - V), (1 - V**5) / (1 - V)
+
+
+@pytest.mark.parametrize(
+    "content, rows",
+    [
+        # Text is UTF-8, or UTF-16 when a byte-order mark says so.
+        ("\ufeffid,term\na,10\nb,5\n".encode("utf-16-le"), [("a", DUE_10), ("b", DUE_5)]),
+        ("\ufeffid,term\na,10\nb,5\n".encode("utf-16-be"), [("a", DUE_10), ("b", DUE_5)]),
+        (b"id,term\na,10\nb\xe9,5\nc,5\n", [("a", DUE_10), ("", "id is not UTF-8 text"), ("c", DUE_5)]),
+        (b"id,term\na,10\nb,5\xff\n", [("a", DUE_10), ("b", "term is not UTF-8 text")]),
+        (
+            b"id,term\na,10\nb," + LONG + b"\nc,5\n",
+            [("a", DUE_10), ("b", "term is longer than 65,536 bytes"), ("c", DUE_5)],
+        ),
+        (b"id,term\nb," + LONG + b"\na,10\n", [("b", "term is longer than 65,536 bytes"), ("a", DUE_10)]),
+        (b"id,term\na,10\n" + LONG + b",5\n", [("a", DUE_10), ("", "id is longer than 65,536 bytes")]),
+    ],
+    ids=["UTF-16LE", "UTF-16BE", "id not UTF-8", "term not UTF-8", "10 MB cell", "10 MB first record", "10 MB id"],
+)
+def test_undecodable_or_overlong_cells_spoil_their_record_only(tmp_path, batches, content, rows):
+    (tmp_path / "b.csv").write_bytes(content)
+    result = value_book(tmp_path / "b.csv", CURVE)
+    assert list(result.id) == [i for i, _ in rows]
+    assert list(result.error) == [e if isinstance(e, str) else None for _, e in rows]
+    values = [math.nan if isinstance(e, str) else e for _, e in rows]
+    assert result.present_value == pytest.approx(values, rel=1e-10, nan_ok=True)
+
+
+@pytest.mark.parametrize("as_frame", [False, True])
+def test_big_endian_columns_give_the_native_values(as_frame):
+    def book(order):
+        columns = {"term": np.array([10.0, 20.0], f"{order}f8"), "frequency": np.array([1, 12], f"{order}i8")}
+        return pd.DataFrame(columns) if as_frame else columns
+
+    values = value_book(book(">"), CURVE).present_value
+    assert values.tolist() == value_book(book("<"), CURVE).present_value.tolist()
+    expected = [(1 - V**10) / (1 - V), (1 - V**20) / (12 * (1 - V ** (1 / 12)))]
+    assert values == pytest.approx(expected, rel=1e-10)
 
 
 @pytest.mark.parametrize("start, stop", [(0, 20), (3, 17), (9, 10), (5, 5)])

@@ -10,9 +10,12 @@ import argparse
 import json
 import math
 import os
+import signal
 import sys
+import threading
 import time
-from collections.abc import Sequence
+from collections.abc import Iterator, Sequence
+from contextlib import contextmanager, nullcontext
 from fractions import Fraction
 from pathlib import Path
 from typing import Any
@@ -40,9 +43,12 @@ from .portfolio import (
     write_table,
 )
 from .portfolio._exact import exact_sum
+from .portfolio._output import atomic_path
 
 EXIT_OK = 0
 EXIT_INPUT = 2
+# A run ended by SIGTERM exits as a shell reports a process the signal ended.
+EXIT_TERMINATED = 128 + signal.SIGTERM
 
 DATA = Path(__file__).resolve().parent / "data"
 SAMPLE_PORTFOLIO = DATA / "sample_portfolio.csv.gz"
@@ -72,7 +78,8 @@ policy columns (CSV header or Parquet column names, any case; other columns are 
 Invalid records do not stop a run: they get no value (NaN) and a message in the
 output's "error" column. Exit status: 0 when the run completed (even with invalid
 records), 2 when the input cannot be used (missing or unreadable file, unreadable
-curve or mortality table, no "term" or "age" column)."""
+curve or mortality table, no "term" or "age" column), 143 when SIGTERM ended the run.
+Outputs take their place only when complete: a failed run leaves the earlier one."""
 
 # --------------------------------------------------------------------------- curves
 
@@ -244,20 +251,24 @@ def run_value_dask(args: argparse.Namespace, curve: Any, curve_label: str, mode:
     policies = policies.rename(columns={c: str(c).strip().lower() for c in policies.columns})
     if not {"term", "age"} & set(policies.columns):
         raise InputError(f"{source}: no 'term' or 'age' column")
-    with _dask_client(args.dask, args.workers):
+    output = atomic_path(args.output) if args.output is not None else nullcontext(None)
+    # The output takes its place once the summary is known too: a run that fails leaves an earlier one.
+    with _dask_client(args.dask, args.workers), output as written:
         carry = ["id"] if "id" in policies.columns else []
         result = value_policies(policies, curve, mode=mode, with_errors=True, carry=carry, tables=args.tables).persist()
-        if args.output is not None:
-            kind = output_kind(args.output)
-            if kind == "parquet":
-                result.to_parquet(args.output, write_index=False)
-            else:
-                result.to_csv(
-                    args.output,
-                    single_file=True,
-                    index=False,
-                    compression="gzip" if args.output.name.lower().endswith(".gz") else None,
-                )
+        if written is not None:
+            try:
+                if output_kind(args.output) == "parquet":
+                    result.to_parquet(written, write_index=False)
+                else:
+                    result.to_csv(
+                        written,
+                        single_file=True,
+                        index=False,
+                        compression="gzip" if args.output.name.lower().endswith(".gz") else None,
+                    )
+            except OSError as exc:
+                raise InputError(f"{args.output}: cannot write ({exc})") from None
         # Exact per partition, rounded once: the same total as one process gives.
         partials = [dask.delayed(_exact_total)(part) for part in result["present_value"].to_delayed()]
         count, failed, *totals = dask.compute(result.shape[0], (~result["error"].isna()).sum(), *partials)
@@ -326,7 +337,8 @@ def run_curve(args: argparse.Namespace) -> int:
 
 def _save(fig, path: Path) -> None:
     try:
-        fig.savefig(path)
+        with atomic_path(path) as written:  # keeps the suffix, which sets the format
+            fig.savefig(written)
     except OSError as exc:
         raise InputError(f"{path}: cannot write ({exc})") from None
 
@@ -514,6 +526,32 @@ def build_parser() -> argparse.ArgumentParser:
     return parser
 
 
+class Terminated(BaseException):
+    """SIGTERM arrived during a run. A BaseException, as KeyboardInterrupt is, so that no
+    ``except Exception`` stops it on its way out: every open output is removed as it passes."""
+
+
+def _terminate(signum: int, frame: Any) -> None:
+    signal.signal(signal.SIGTERM, signal.SIG_IGN)  # a second SIGTERM must not cut the tidying short
+    raise Terminated
+
+
+@contextmanager
+def _sigterm_unwinds() -> Iterator[None]:
+    """SIGTERM raises Terminated in the run instead of ending the process where it stands (which
+    would leave a temporary output behind). Only the main thread can set a handler."""
+    if threading.current_thread() is not threading.main_thread():
+        yield
+        return
+    previous = signal.signal(signal.SIGTERM, _terminate)
+    if previous is None:  # a handler set outside Python: the default is the nearest to it
+        previous = signal.SIG_DFL
+    try:
+        yield
+    finally:
+        signal.signal(signal.SIGTERM, previous)
+
+
 def main(argv: Sequence[str] | None = None) -> int:
     """Run the command line; returns the exit status."""
     args_list = list(sys.argv[1:] if argv is None else argv)
@@ -525,10 +563,14 @@ def main(argv: Sequence[str] | None = None) -> int:
     except SystemExit as exc:  # --help, --version and usage errors
         return exc.code if isinstance(exc.code, int) else EXIT_INPUT
     try:
-        return args.run(args)
+        with _sigterm_unwinds():
+            return args.run(args)
     except InputError as exc:
         print(f"norvane: error: {exc}", file=sys.stderr)
         return EXIT_INPUT
+    except Terminated:
+        print("norvane: terminated", file=sys.stderr)
+        return EXIT_TERMINATED
     except BrokenPipeError:
         # The reader went away (``norvane curve | head``): stop quietly, as other tools do.
         devnull = os.open(os.devnull, os.O_WRONLY)

@@ -115,13 +115,31 @@ class BookValues:
     ``present_value`` is NaN where ``error`` holds the record's message (None for valued
     records); ``id`` is the policy's "id" cell, or its record number (from 1) without an
     "id" column.
+
+    Kept compact: the values in one float64 array, the ids as Arrow text and a message only
+    for each invalid record; the other forms are built when asked for.
     """
 
-    def __init__(self, table: pa.Table, summary: BookSummary, index: Any = None):
-        self._table, self._summary, self._index = table, summary, index
+    def __init__(
+        self,
+        ids: pa.ChunkedArray,
+        values: np.ndarray,
+        failed: np.ndarray,
+        messages: list[str],
+        summary: BookSummary,
+        index: Any = None,
+    ):
+        values.flags.writeable = False  # shared with to_arrow()
+        self._ids, self._values, self._failed, self._messages = ids, values, failed, messages
+        self._summary, self._index = summary, index
 
     def __len__(self) -> int:
-        return cast(int, self._table.num_rows)
+        return len(self._values)
+
+    @property
+    def nbytes(self) -> int:
+        """Bytes the values hold: ids, values and the invalid records' positions (messages aside)."""
+        return cast(int, self._ids.nbytes) + self._values.nbytes + self._failed.nbytes
 
     def __repr__(self) -> str:
         s = self._summary
@@ -129,22 +147,28 @@ class BookValues:
 
     @property
     def id(self) -> np.ndarray:
-        return cast(np.ndarray, self._table["id"].to_numpy())
+        return cast(np.ndarray, self._ids.to_numpy())
 
     @property
     def present_value(self) -> np.ndarray:
-        return cast(np.ndarray, self._table["present_value"].to_numpy())
+        """The values, read-only (copy them to change them)."""
+        return self._values
 
     @property
     def error(self) -> np.ndarray:
-        return cast(np.ndarray, self._table["error"].to_numpy())
+        errors = np.full(len(self), None, dtype=object)
+        errors[self._failed] = self._messages
+        return errors
 
     def summary(self) -> BookSummary:
         return self._summary
 
     def to_arrow(self) -> pa.Table:
         """Columns "id", "present_value" and "error" (null for valued records)."""
-        return self._table
+        failed = np.zeros(len(self), dtype=bool)
+        failed[self._failed] = True
+        columns = [self._ids, _arrow.from_numbers(self._values), _arrow.from_texts(self._messages, failed)]
+        return pa.Table.from_arrays(columns, schema=VALUES_SCHEMA)
 
     def to_pandas(self) -> Any:
         """A pandas DataFrame of "id", "present_value" and "error" (pandas' string dtype, missing
@@ -154,6 +178,27 @@ class BookValues:
         frame = pd.DataFrame({"id": self.id, "present_value": self.present_value}, index=self._index)
         frame["error"] = pd.Series(self.error, index=frame.index, dtype="string")
         return frame
+
+
+class _Values:
+    """Float64 values appended batch by batch to one array, which grows in place: NumPy
+    reallocates it, and a large block moves without a copy, so memory grows by the 8 bytes a
+    value takes, not by a copy of the book's values."""
+
+    def __init__(self, expected: int | None):
+        self.array = np.empty(expected or BATCH_ROWS)
+        self.size = 0
+
+    def extend(self, values: np.ndarray) -> None:
+        end = self.size + len(values)
+        if end > len(self.array):
+            self.array.resize(max(end, 2 * len(self.array)), refcheck=False)  # nothing else refers to it
+        self.array[self.size : end] = values
+        self.size = end
+
+    def done(self) -> np.ndarray:
+        self.array.resize(self.size, refcheck=False)
+        return self.array
 
 
 Tables = Mapping[str, MortalityTable]
@@ -227,12 +272,20 @@ def value_book(
         ``.to_pandas()``.
     """
     summary = BookSummary()
-    batches = []
     source = open_book(book)
+    values = _Values(source.total if source.unit == "policies" else None)
+    ids: list[pa.Array] = []
+    failed: list[np.ndarray] = []
+    messages: list[str] = []
     for block in valued_blocks(source, curve, mode, progress, tables):
         summary.add(block)
-        batches.append(block.to_batch())
-    return BookValues(pa.Table.from_batches(batches, VALUES_SCHEMA), summary, source.index)
+        invalid = np.flatnonzero(~block.valid)
+        failed.append(invalid + values.size)
+        messages.extend(block.errors[invalid])
+        values.extend(block.values)
+        ids.append(block.policies.ids)
+    positions = np.concatenate(failed) if failed else np.empty(0, dtype=np.intp)
+    return BookValues(pa.chunked_array(ids, pa.string()), values.done(), positions, messages, summary, source.index)
 
 
 def stream_book(

@@ -1,7 +1,15 @@
-"""Tables to CSV (gzip-compressed for .gz) or Parquet files, written batch by batch."""
+"""Tables to CSV (gzip-compressed for .gz) or Parquet files, written batch by batch.
+
+Every file the package writes goes through :func:`atomic_path`: it is written beside its
+place under a temporary name and moved there when it is complete, so a reader finds the
+earlier file or the new one, never a part of one.
+"""
 
 from __future__ import annotations
 
+import os
+import secrets
+import shutil
 from collections.abc import Callable, Iterator
 from concurrent.futures import Future, ThreadPoolExecutor
 from contextlib import contextmanager
@@ -35,6 +43,58 @@ def check_output(path: Path | None) -> None:
         raise InputError(f"{path}: the directory {path.parent} does not exist")
 
 
+def _temporary(target: Path, role: str = "") -> Path:
+    """A hidden name beside ``target`` (same directory, so that a rename is atomic) that keeps
+    its suffixes: writers that go by the suffix (matplotlib) write the same format."""
+    return target.with_name(f".norvane-{secrets.token_hex(6)}{role}.{target.name}")
+
+
+def _remove(path: Path) -> None:
+    """Best effort: a failure to tidy must not hide the error that made it necessary."""
+    try:
+        if path.is_dir() and not path.is_symlink():
+            shutil.rmtree(path)
+        else:
+            path.unlink(missing_ok=True)
+    except OSError:
+        pass
+
+
+def _replace(new: Path, target: Path) -> None:
+    """``new`` at ``target``'s place, in one rename for files. A directory (or a file in
+    place of one) cannot be renamed over another path: the earlier one steps aside first,
+    and comes back if the rename fails or is interrupted."""
+    if not (new.is_dir() or target.is_dir()) or not os.path.lexists(target):
+        os.replace(new, target)
+        return
+    aside = _temporary(target, "-old")
+    try:
+        os.replace(target, aside)
+        os.replace(new, target)
+    except BaseException:
+        if os.path.lexists(aside) and not os.path.lexists(target):
+            os.replace(aside, target)
+        raise
+    _remove(aside)
+
+
+@contextmanager
+def atomic_path(target: Path) -> Iterator[Path]:
+    """A temporary path beside ``target`` for the block to write (a file or a directory).
+
+    When the block completes, it takes ``target``'s place; when the block fails or is
+    interrupted (an exception, Ctrl-C, SIGTERM in the command line, a full disk), it is
+    removed and an earlier ``target`` is left as it was.
+    """
+    temporary = _temporary(target)
+    try:
+        yield temporary
+        _replace(temporary, target)
+    except BaseException:
+        _remove(temporary)
+        raise
+
+
 @contextmanager
 def _in_background(write: Callable[[Tabular], None]) -> Iterator[Callable[[Tabular], None]]:
     """``write`` run in a thread while the caller prepares the next batch: Arrow encodes without
@@ -55,31 +115,29 @@ def _in_background(write: Callable[[Tabular], None]) -> Iterator[Callable[[Tabul
 
 @contextmanager
 def table_writer(path: Path, schema: pa.Schema) -> Iterator[Callable[[Tabular], None]]:
-    """A function that appends batches to the file; the file is complete when the block ends,
-    and removed when it ends with an error."""
+    """A function that appends batches to the file. The file takes its place when the block
+    ends; when the block ends with an error, an earlier file is left as it was."""
+    kind = output_kind(path)
     try:
-        if output_kind(path) == "parquet":
-            # Dictionaries pay for repeated texts (messages), not for unique ids or numbers.
-            repeated = [f.name for f in schema if pa.types.is_string(f.type) and f.name != "id"]
-            with (
-                pq.ParquetWriter(path, schema, use_dictionary=repeated) as parquet,
-                _in_background(parquet.write) as write,
-            ):
-                yield write
-        else:
-            compression = "gzip" if path.name.lower().endswith(".gz") else None
-            with (
-                pa.output_stream(path, compression=compression) as sink,
-                pa_csv.CSVWriter(sink, schema) as out,
-                _in_background(out.write) as write,
-            ):
-                yield write
+        with atomic_path(path) as temporary:
+            if kind == "parquet":
+                # Dictionaries pay for repeated texts (messages), not for unique ids or numbers.
+                repeated = [f.name for f in schema if pa.types.is_string(f.type) and f.name != "id"]
+                with (
+                    pq.ParquetWriter(temporary, schema, use_dictionary=repeated) as parquet,
+                    _in_background(parquet.write) as write,
+                ):
+                    yield write
+            else:
+                compression = "gzip" if path.name.lower().endswith(".gz") else None
+                with (
+                    pa.output_stream(temporary, compression=compression) as sink,
+                    pa_csv.CSVWriter(sink, schema) as out,
+                    _in_background(out.write) as write,
+                ):
+                    yield write
     except (OSError, pa.ArrowException) as exc:
-        path.unlink(missing_ok=True)
         raise InputError(f"{path}: cannot write ({exc})") from None
-    except BaseException:
-        path.unlink(missing_ok=True)
-        raise
 
 
 def write_table(path: Path, columns: dict[str, Any]) -> None:
