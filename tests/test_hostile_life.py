@@ -68,29 +68,6 @@ OPAQUE = re.compile(
     r"argument must be|unhashable|out of bounds|invalid literal|too large for a float|incompatible function|"
     r"cannot compute length|cannot convert float|Maximum allowed size|setting an array element"
 )
-# Faults these tests found that are not fixed yet: each test fails today (strict xfail, see conftest.py).
-OPEN_FAULTS = {
-    "test_books_of_hostile_columns": "norvane.portfolio: an unchecked argument ends in a stray exception",
-    "test_portfolio_functions[book_flows]": "norvane.portfolio: an unchecked argument ends in a stray exception",
-    "test_portfolio_functions[check_output/output_kind]": "norvane.portfolio: an unchecked argument ends in a stray exception",
-    "test_portfolio_functions[flow_years/last_payment_year]": "norvane.portfolio: an unchecked argument ends in a stray exception",
-    "test_portfolio_functions[open_book]": "norvane.portfolio: an unchecked argument ends in a stray exception",
-    "test_portfolio_functions[policies_from_batch]": "norvane.portfolio: an unchecked argument ends in a stray exception",
-    "test_portfolio_functions[stream_book output]": "norvane.portfolio: an unchecked argument ends in a stray exception",
-    "test_portfolio_functions[value_book book]": "norvane.portfolio: an unchecked argument ends in a stray exception",
-    "test_portfolio_functions[value_book curve, mode]": "norvane.portfolio: an unchecked argument ends in a stray exception",
-    "test_portfolio_functions[value_policies]": "norvane.portfolio: an unchecked argument ends in a stray exception",
-    "test_portfolio_functions[valued_blocks]": "norvane.portfolio: an unchecked argument ends in a stray exception",
-    "test_portfolio_functions[write_table]": "norvane.portfolio: an unchecked argument ends in a stray exception",
-    "test_books_arrow_cannot_take_as_they_are[complex]": "books: Arrow cannot take these columns or files as they are",
-    "test_books_arrow_cannot_take_as_they_are[complex frame]": "books: Arrow cannot take these columns or files as they are",
-    "test_books_arrow_cannot_take_as_they_are[int beyond 64 bits]": "books: Arrow cannot take these columns or files as they are",
-    "test_books_arrow_cannot_take_as_they_are[booleans for terms]": "books: Arrow cannot take these columns or files as they are",
-    "test_books_arrow_cannot_take_as_they_are[booleans for frequencies]": "books: Arrow cannot take these columns or files as they are",
-    "test_a_total_beyond_floats_does_not_stop_the_valuation": "books: a total beyond the float range stops the valuation",
-    "test_outputs_and_laws_take_what_callers_pass": "output paths given as text, laws given NumPy scalars",
-}
-
 DOCUMENTED = (FloatRangeError, TypeError, ValueError, OverflowError, InputError, InvalidPolicy)
 
 HOSTILE = {
@@ -210,6 +187,8 @@ def check(call, args, returns, allowed=(TypeError, ValueError, OverflowError), p
 
 def _seen(value):
     """What the caller sees of a value (pandas arrays cache their NumPy form, masked arrays their fill value)."""
+    if isinstance(value, dict):
+        return {key: _seen(column) for key, column in value.items()}
     if isinstance(value, (pd.Series, pd.api.extensions.ExtensionArray)):
         return repr(list(value)), str(value.dtype)
     if isinstance(value, np.ma.MaskedArray):

@@ -42,7 +42,7 @@ from .portfolio import (
     valued_blocks,
     write_table,
 )
-from .portfolio._exact import exact_sum
+from .portfolio._exact import exact_sum, rounded
 from .portfolio._output import atomic_path
 
 EXIT_OK = 0
@@ -275,7 +275,7 @@ def run_value_dask(args: argparse.Namespace, curve: Any, curve_label: str, mode:
         total = sum(totals, Fraction(0))
         shown = result[~result["error"].isna()].head(SHOWN_ERRORS, npartitions=-1)
         first = [(str(row.get("id", index)), row["error"]) for index, row in shown.iterrows()]
-    summary = BookSummary(int(count), int(count - failed), int(failed), float(total), first)
+    summary = BookSummary(int(count), int(count - failed), int(failed), rounded(total), first)
     _summary(args, curve_label, mode, summary, time.perf_counter() - started)
     return EXIT_OK
 

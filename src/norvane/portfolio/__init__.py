@@ -31,7 +31,8 @@ import pyarrow as pa
 from ..config import Config
 from ..mortality import MortalityTable
 from . import _arrow
-from ._exact import exact_sum
+from ._arguments import checked_curve, checked_mode, checked_path, checked_progress
+from ._exact import exact_sum, rounded
 from ._life import DEFAULT_TABLE, BookTables, book_tables
 from ._output import check_output, output_kind, table_writer, write_table
 from ._policies import POLICY_COLUMNS, InputError, Policies, policies_from_batch
@@ -104,7 +105,7 @@ class BookSummary:
         self.errors += len(failed)
         self.valued += len(block.values) - len(failed)
         self._exact_total += exact_sum(block.values[np.isfinite(block.values)])
-        self.total_present_value = float(self._exact_total)
+        self.total_present_value = rounded(self._exact_total)
         for i in failed[: SHOWN_ERRORS - len(self.first_errors)]:
             self.first_errors.append((block.policies.ids[i].as_py(), block.errors[i]))
 
@@ -212,8 +213,12 @@ def valued_blocks(
     ``progress``: draw a bar on stderr (None: when stderr is a terminal). It counts records,
     or bytes of the file for CSV. ``tables``: see :func:`value_book`.
     """
-    mode = mode or Config().calculation_mode
+    curve, mode, progress = checked_curve(curve), checked_mode(mode), checked_progress(progress)
     known = book_tables(tables)
+    return _valued_blocks(book, curve, mode or Config().calculation_mode, progress, known)
+
+
+def _valued_blocks(book: Book, curve: Any, mode: str, progress: bool | None, known: Any) -> Iterator[ValuedBlock]:
     first = 0
     with _progress_bar(book, progress) as bar:
         for block in book.blocks:
@@ -272,6 +277,7 @@ def value_book(
         ``.to_pandas()``.
     """
     summary = BookSummary()
+    checked_curve(curve), checked_mode(mode), checked_progress(progress)  # before the book is opened
     source = open_book(book)
     values = _Values(source.total if source.unit == "policies" else None)
     ids: list[pa.Array] = []
@@ -300,7 +306,9 @@ def stream_book(
     """Value a book batch by batch, writing "id", "present_value" and "error" of each batch
     to ``output`` (.csv, .csv.gz or .parquet) before reading the next; memory stays near one
     batch whatever the book's size. ``tables`` as for :func:`value_book`. Returns the summary."""
+    output = None if output is None else checked_path(output, "output")
     check_output(output)
+    checked_curve(curve), checked_mode(mode), checked_progress(progress)
     book_tables(tables)  # a bad mapping is refused before any work
     summary = BookSummary()
     blocks = valued_blocks(open_book(book), curve, mode, progress, tables)

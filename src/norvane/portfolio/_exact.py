@@ -3,6 +3,7 @@ values (what math.fsum gives over the whole book), whatever the batches it is re
 
 from __future__ import annotations
 
+import math
 from fractions import Fraction
 
 import numpy as np
@@ -11,6 +12,14 @@ import numpy as np
 # below 2**53, so that NumPy adds them exactly in doubles.
 _SLICE = 1 << 25
 _HALF = 26
+
+
+def rounded(total: Fraction) -> float:
+    """The double nearest an exact total; infinite beyond the largest double."""
+    try:
+        return float(total)
+    except OverflowError:
+        return math.inf if total > 0 else -math.inf
 
 
 def exact_sum(values: np.ndarray) -> Fraction:

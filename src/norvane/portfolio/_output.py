@@ -10,7 +10,7 @@ from __future__ import annotations
 import os
 import secrets
 import shutil
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Iterator, Mapping
 from concurrent.futures import Future, ThreadPoolExecutor
 from contextlib import contextmanager
 from pathlib import Path
@@ -20,13 +20,14 @@ import pyarrow as pa
 import pyarrow.csv as pa_csv
 import pyarrow.parquet as pq
 
+from ._arguments import checked_path
 from ._policies import InputError
 
 Tabular: TypeAlias = "pa.RecordBatch | pa.Table"
 
 
 def output_kind(path: Path) -> str:
-    name = path.name.lower()
+    name = checked_path(path, "path").name.lower()
     if name.endswith((".csv", ".csv.gz")):
         return "csv"
     if name.endswith((".parquet", ".pq")):
@@ -38,6 +39,7 @@ def check_output(path: Path | None) -> None:
     """Refuse an output before any work: an unknown kind of file or a missing directory."""
     if path is None:
         return
+    path = checked_path(path, "output")
     output_kind(path)
     if not path.parent.is_dir():
         raise InputError(f"{path}: the directory {path.parent} does not exist")
@@ -142,6 +144,11 @@ def table_writer(path: Path, schema: pa.Schema) -> Iterator[Callable[[Tabular], 
 
 def write_table(path: Path, columns: dict[str, Any]) -> None:
     """Columns (arrays of equal length) to one file, by the file name."""
+    path = checked_path(path, "path")
+    if not isinstance(columns, Mapping):
+        raise TypeError(
+            f"[norvane.portfolio] 'columns' must be a mapping of names to arrays, got {type(columns).__name__}."
+        )
     table = pa.table(columns)
     with table_writer(path, table.schema) as write:
         write(table)

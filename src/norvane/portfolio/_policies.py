@@ -110,13 +110,8 @@ def _distinct(column: pa.Array) -> tuple[pa.Array, np.ndarray]:
 
 def _is_number(column: pa.Array) -> bool:
     kind = column.type
-    return cast(
-        bool,
-        pa.types.is_integer(kind)
-        or pa.types.is_floating(kind)
-        or pa.types.is_decimal(kind)
-        or pa.types.is_boolean(kind),
-    )
+    # Booleans are not numbers: a column of them is checked cell by cell like text.
+    return cast(bool, pa.types.is_integer(kind) or pa.types.is_floating(kind) or pa.types.is_decimal(kind))
 
 
 def _present(column: pa.Array) -> np.ndarray:
@@ -143,6 +138,9 @@ def _cast(text: pa.Array) -> tuple[np.ndarray, np.ndarray]:
     return values, ~plain & _arrow.valid(text)
 
 
+_INFINITY = ("inf", "infinity")
+
+
 def _text_numbers(column: pa.Array) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
     """Text cells read as float64 (NaN for missing cells), the mask of given cells and the
     mask of cells that are not numbers."""
@@ -162,6 +160,10 @@ def _text_numbers(column: pa.Array) -> tuple[np.ndarray, np.ndarray, np.ndarray]
             values[i] = float(cell) if cell else math.nan
         except ValueError:
             failed[i] = True
+    # A number written out beyond the float range reads as infinity: it is no term, deferment or benefit.
+    rows = np.flatnonzero(given & ~failed & np.isinf(values))
+    for i, cell in zip(rows, text.take(_arrow.from_numbers(rows)).to_pylist()):
+        failed[i] = cell.strip().lower().lstrip("+-") not in _INFINITY
     return values, given & ~failed, failed
 
 
@@ -181,7 +183,13 @@ def _numbers(
         else:
             distinct, cells = _distinct(column)
             values, given, failed = (read[cells] for read in _text_numbers(distinct))
-        defects.note(failed, lambda i: f"{name} is not a number, got {_shown(column, i)}")
+        defects.note(
+            failed,
+            lambda i: (
+                f"{name} is {'beyond the float range' if np.isinf(values[i]) else 'not a number'}, "
+                f"got {_shown(column, i)}"
+            ),
+        )
     elif _is_number(column):
         values = _arrow.floats(pc.cast(column, pa.float64(), safe=False))
         given = ~np.isnan(values)
@@ -255,6 +263,8 @@ def policies_from_batch(
     ``first_record`` counts the records before the batch (ids default to record numbers);
     ``defects`` maps a row to a message the reader already has for it.
     """
+    if not isinstance(batch, pa.RecordBatch):
+        raise TypeError(f"[norvane.portfolio] expected a pyarrow RecordBatch, got {type(batch).__name__}.")
     count = batch.num_rows
     positions = first_columns(batch.schema.names)
 

@@ -471,15 +471,24 @@ def _native(column: Any) -> Any:
     return column
 
 
+def _arrow_column(name: str, values: Any) -> pa.Array:
+    """One column of a table in memory. What Arrow cannot take as it stands (mixed Python
+    objects, complex numbers, integers beyond 64 bits) becomes text, whose cells are then
+    checked one by one like a file's: each bad cell spoils its record alone."""
+    if np.ndim(values) != 1:
+        raise TypeError(f"the book's column {name!r} must be one-dimensional, got {np.ndim(values)} dimensions")
+    column = _native(values)
+    try:
+        return pa.array(column, from_pandas=True)
+    except (pa.ArrowInvalid, pa.ArrowTypeError, pa.ArrowNotImplementedError, OverflowError):
+        if _is_instance(column, "pandas", "Series"):
+            return pa.array(column.astype("string"), from_pandas=True)
+        return pa.array([None if cell is None else str(cell) for cell in column], pa.string())
+
+
 def _from_pandas(frame: Any) -> pa.Table:
-    """A pandas DataFrame column by column; a column of mixed Python objects becomes text."""
-    columns = []
-    for _, column in frame.items():
-        series = _native(column)
-        try:
-            columns.append(pa.array(series, from_pandas=True))
-        except (pa.ArrowInvalid, pa.ArrowTypeError, OverflowError):  # e.g. an int beyond 64 bits
-            columns.append(pa.array(series.astype("string"), from_pandas=True))
+    """A pandas DataFrame column by column."""
+    columns = [_arrow_column(str(name), column) for name, column in frame.items()]
     return pa.Table.from_arrays(columns, names=[str(name) for name in frame.columns])
 
 
@@ -501,10 +510,11 @@ def _table(book: Any) -> pa.Table | None:
     if isinstance(book, pa.RecordBatch):
         return pa.Table.from_batches([book])
     if isinstance(book, Mapping):
+        columns = {str(name): _arrow_column(str(name), column) for name, column in book.items()}
         try:
-            return pa.table({str(name): _native(column) for name, column in book.items()})
-        except (pa.ArrowInvalid, pa.ArrowTypeError) as exc:
-            raise TypeError(f"the book's columns must be arrays of one kind of cell: {exc}") from None
+            return pa.table(columns)
+        except pa.ArrowInvalid as exc:
+            raise ValueError(f"the book's columns must have one length: {exc}") from None
     return None
 
 
@@ -521,8 +531,13 @@ def open_book(book: Any, name: str = "book") -> Book:
         return opened
     if _is_instance(book, "pyarrow.dataset", "Dataset"):
         return _rows(name, book.schema, book.to_batches(batch_size=BATCH_ROWS), book.count_rows())
+    if _is_instance(book, "pandas", "Series"):
+        raise TypeError("a book is a table of policies, not one column: pass series.to_frame() or a dict")
     if not isinstance(book, pa.RecordBatchReader) and hasattr(book, "__arrow_c_stream__"):
-        book = pa.RecordBatchReader.from_stream(book)
+        try:
+            book = pa.RecordBatchReader.from_stream(book)
+        except (pa.ArrowInvalid, pa.ArrowTypeError) as exc:
+            raise TypeError(f"a book's Arrow stream must hold a table of columns: {exc}") from None
     if isinstance(book, pa.RecordBatchReader):
         return _rows(name, book.schema, iter(book), None)
     raise TypeError(

@@ -12,12 +12,16 @@ from typing import Any
 import numpy as np
 
 from ..config import Config
+from ..helpers import _real_float
 from ..mortality import life_annuities
+from ._arguments import checked_blocks, checked_curve, checked_mode, checked_policies, checked_years
 from ._life import BookTables, book_tables
 from ._policies import InputError, Policies
 
 # Default length of the flows grid when perpetuities are held: their later flows share the last year.
 PERPETUITY_YEARS = 100
+# The longest yearly flows grid asked for.
+MAX_FLOW_YEARS = 100_000
 
 
 # Library messages name the keyword arguments; the command line speaks in columns.
@@ -119,6 +123,8 @@ def value_policies(
     One batch call per timing for the certain annuities and one per timing for the life
     annuities (records with an age), on ``tables`` (default: ``book_tables()``).
     """
+    curve, pf = checked_curve(curve), checked_policies(pf)
+    mode = checked_mode(mode) or Config().calculation_mode
     out = _Outcome(np.full(len(pf), math.nan), pf.errors.copy(), pf.clean.copy())
     with Config().override(calculation_mode=mode):
         for due, method in ((True, curve.ä), (False, curve.a)):
@@ -160,7 +166,7 @@ def last_payment_year(blocks: Iterable[tuple[Policies, np.ndarray]]) -> tuple[in
     """The last year with payments among the valid certain annuities of (policies, valid)
     blocks, seen from their valuation times, and whether any of them is a perpetuity."""
     ends = np.concatenate(
-        [(pf.deferment + pf.term - pf.shift)[valid & ~pf.life] for pf, valid in blocks] + [np.empty(0)]
+        [(pf.deferment + pf.term - pf.shift)[valid & ~pf.life] for pf, valid in checked_blocks(blocks)] + [np.empty(0)]
     )
     finite = np.isfinite(ends)
     last = int(math.ceil(ends[finite].max() - 1e-9)) if finite.any() else 1
@@ -171,6 +177,9 @@ def book_flows(
     curve: Any, blocks: Iterable[tuple[Policies, np.ndarray]], mode: str, years: int
 ) -> dict[str, np.ndarray]:
     """portfolio_flows of (policies, valid) blocks, added up."""
+    curve, mode = checked_curve(curve), checked_mode(mode) or Config().calculation_mode
+    years = checked_years(years, "years", MAX_FLOW_YEARS)
+    blocks = checked_blocks(blocks)
     total = {"year": np.arange(1, years + 1), "expected_cf": np.zeros(years), "pv_cf": np.zeros(years)}
     for pf, valid in blocks:
         flows = portfolio_flows(curve, pf, valid, mode, years)
@@ -182,8 +191,11 @@ def book_flows(
 def flow_years(last: int, perpetuities: bool, horizon: float | None = None) -> int:
     """Length of the yearly flows grid: the horizon when given, else the last payment
     year, at least PERPETUITY_YEARS when perpetuities are held."""
+    if isinstance(last, bool) or not isinstance(last, (int, np.integer)):
+        raise TypeError(f"[norvane.portfolio] 'last' must be a whole number of years, got {type(last).__name__}.")
     if horizon is not None:
-        if not horizon >= 1:
-            raise InputError(f"--horizon must be at least 1 year, got {horizon}")
-        return int(math.ceil(horizon))
+        years = _real_float(horizon, "horizon", "norvane.portfolio")
+        if not 1 <= years <= MAX_FLOW_YEARS:
+            raise InputError(f"--horizon must be from 1 to {MAX_FLOW_YEARS} years, got {horizon}")
+        return int(math.ceil(years))
     return max(last, PERPETUITY_YEARS if perpetuities else 1)
