@@ -46,6 +46,10 @@ TARGETS = {  # case -> (most seconds of ours, least speed-up over the baseline)
     "whole, m=1": (None, None),
     "whole, ts, m=12, benefits": (4e-3, 5.0),
     "flat rate, whole years": (None, 3.0),
+    "int64 columns, flat, m=1": (None, 1.5),
+    "int64 columns, 40 segments, m=1": (None, 1.5),
+    "int32 columns, 40 segments, m=1": (None, 1.5),
+    "float32 columns, 40 segments, m=1": (None, 1.5),
     "distinct fractions, m=12": (0.150, None),
     "ä(n=30, m=12), flat": (250e-9, None),
     "ä(n=30, m=12), 40 segments": (1e-6, None),
@@ -74,6 +78,13 @@ def flat_pv(rate, n, d):
 def flat_closed_form(rate, n, m):
     v = 1.0 / (1.0 + rate)
     return round((1.0 - v**n) / (m * (1.0 - v ** (1.0 / m))), DECIMALS)
+
+
+def simplest_book(curve, n, d):
+    """The simplest NumPy program for whole-year annual books: running sums of 52 discount
+    factors, then S[d + n] - S[d] (unrounded), on the caller's integer arrays."""
+    running = np.concatenate(([0.0], np.cumsum(curve.vn(np.arange(52.0)))))
+    return running[d + n] - running[d]
 
 
 def memory_pass(book):
@@ -125,6 +136,24 @@ def cases(ours, base, whole, fractions):
             "explicit schedule (NumPy)",
         ),
     ]
+    # Columns as rng.integers (or a cast) makes them: read in place, no conversion copy.
+    n64, d64 = whole.n.astype(np.int64), whole.d.astype(np.int64)
+    for kind, curve, base_curve, dtype in (
+        ("int64 columns, flat", ours.const, base.const, np.int64),
+        ("int64 columns, 40 segments", ours.pw, base.pw, np.int64),
+        ("int32 columns, 40 segments", ours.pw, base.pw, np.int32),
+        ("float32 columns, 40 segments", ours.pw, base.pw, np.float32),
+    ):
+        n_col, d_col = n64.astype(dtype), d64.astype(dtype)
+        rows.append(
+            (
+                f"{kind}, m=1",
+                N,
+                (functools.partial(curve.ä, n=n_col, d=d_col), ()),
+                (simplest_book, (base_curve, n64, d64)),
+                "NumPy S[d + n] - S[d]",
+            )
+        )
     if numpy_financial is not None:
         flat = (functools.partial(ours.const.ä, n=whole.n, d=whole.d, m=1), ())
         rows.insert(
