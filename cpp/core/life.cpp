@@ -76,7 +76,12 @@ std::optional<FractionalAge> fractional_age_named(std::string_view name) {
 
 // ---- survival ---------------------------------------------------------------------
 
-SurvivalPath::SurvivalPath(std::vector<double> q) : q_(std::move(q)), l_(q_.size() + 1), log_p_(q_.size()) {
+namespace {
+std::atomic<std::uint64_t> next_path_id{1};
+}  // namespace
+
+SurvivalPath::SurvivalPath(std::vector<double> q)
+    : q_(std::move(q)), l_(q_.size() + 1), log_p_(q_.size()), id_(next_path_id.fetch_add(1)) {
     l_[0] = 1.0;
     for (std::size_t j = 0; j < q_.size(); ++j) {
         l_[j + 1] = l_[j] * (1.0 - q_[j]);
@@ -430,12 +435,43 @@ double CurveSums::value(const PiecewiseTable& curve, const Schedule& s, const St
     return total / m_ + life_partial_value(curve, s, status);
 }
 
-double life_discrete_value(const PiecewiseTable& curve, const Schedule& s, const Status& status) {
+double life_discrete_value(const PiecewiseTable& curve, const Schedule& s, const Status& status, GridCache* cache) {
     const auto first = LifeGrid::first_point(s, status);
     if (!first) return life_schedule_value(curve, s, status);
     const std::size_t size = *first + s.count;
-    if (CurveSums::applies(status)) return CurveSums(curve, s.m, size).value(curve, s, status, *first);
+    if (CurveSums::applies(status)) {
+        if (cache) return cache->curve_sums(curve, s.m, size)->value(curve, s, status, *first);
+        return CurveSums(curve, s.m, size).value(curve, s, status, *first);
+    }
+    if (cache) return cache->life_grid(curve, status, s.m)->value(curve, s, status, *first);
     return LifeGrid(curve, status, s.m, size).value(curve, s, status, *first);
+}
+
+std::shared_ptr<const LifeGrid> GridCache::life_grid(const PiecewiseTable& curve, const Status& status, std::size_t m) {
+    const LifeOnPath& life = status.lives[0];
+    const auto key = std::make_tuple(life.path->id(), life.start, static_cast<int>(life.rule), m);
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (const auto found = lives_.find(key); found != lives_.end()) return found->second;
+    }
+    // To the end of survival (the grid stops there), so that every term of the life is served.
+    auto grid = std::make_shared<const LifeGrid>(curve, status, m, std::size_t{1} << 40);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (lives_.size() >= kMaxLives) lives_.clear();
+    return lives_.try_emplace(key, std::move(grid)).first->second;
+}
+
+std::shared_ptr<const CurveSums> GridCache::curve_sums(const PiecewiseTable& curve, std::size_t m, std::size_t size) {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (const auto found = sums_.find(m); found != sums_.end() && found->second->size() >= size)
+            return found->second;
+    }
+    auto sums = std::make_shared<const CurveSums>(curve, m, size);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    auto& kept = sums_[m];
+    if (!kept || kept->size() < sums->size()) kept = std::move(sums);
+    return kept;
 }
 
 namespace {
@@ -497,10 +533,11 @@ void for_each_period(const Annuity& annuity, double horizon, Fn fn) {
 
 }  // namespace
 
-double life_annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode, const Status& status) {
+double life_annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode, const Status& status,
+                          GridCache* cache) {
     switch (mode) {
         case Mode::DiscretePrecision:
-            return life_discrete_value(curve, annuity.schedule(), status);
+            return life_discrete_value(curve, annuity.schedule(), status, cache);
         case Mode::DiscreteSimplified:
             return woolhouse_life_value(curve, annuity, false, status);
         case Mode::ContinuousPrecision:
@@ -572,7 +609,8 @@ std::optional<LifeBenefit> life_benefit_named(std::string_view name) {
 }
 
 LifeValue life_benefit_value(LifeBenefit benefit, const PiecewiseTable& curve, const Status& status, double ts,
-                             double d, double n, PolicyTerms terms, std::optional<std::span<const double>> amounts) {
+                             double d, double n, PolicyTerms terms, std::optional<std::span<const double>> amounts,
+                             GridCache* cache) {
     if (benefit == LifeBenefit::PureEndowment) {
         const double t = d + n - ts;
         return {LifeValue::None, t < 0.0 ? 0.0 : pure_endowment_value(curve, t, status)};
@@ -589,7 +627,7 @@ LifeValue life_benefit_value(LifeBenefit benefit, const PiecewiseTable& curve, c
         if (benefit == LifeBenefit::Insurance || std::isinf(n)) return {LifeValue::None, death};
         return {LifeValue::None, death + pure_endowment_value(curve, annuity->d + annuity->n, status)};
     }
-    if (!amounts) return {LifeValue::None, life_annuity_value(curve, *annuity, terms.mode, status)};
+    if (!amounts) return {LifeValue::None, life_annuity_value(curve, *annuity, terms.mode, status, cache)};
     const std::size_t full = payment_count(term, terms.m, terms.tolerance_eps).size;
     if (amounts->size() != full) return {LifeValue::AmountCount, 0.0, full};
     return {LifeValue::None,

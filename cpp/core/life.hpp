@@ -9,11 +9,14 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <span>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 namespace norvane::core {
@@ -31,6 +34,8 @@ class SurvivalPath {
   public:
     explicit SurvivalPath(std::vector<double> q);
     double years() const { return static_cast<double>(q_.size()); }
+    // A number no other path of the process has, so that a cache can name a path without holding it.
+    std::uint64_t id() const { return id_; }
     // Survival from 0 to u >= 0.
     double to(double u, FractionalAge rule) const;
     // Survival to the integer j, the death probability of year j and log(1 - q).
@@ -40,6 +45,7 @@ class SurvivalPath {
 
   private:
     std::vector<double> q_, l_, log_p_;  // l_[j]: survival to j; log_p_[j] = log(1 - q[j])
+    std::uint64_t id_;
 };
 
 // An ultimate table (q by integer age from `first_age`), optionally with a
@@ -186,16 +192,33 @@ class CurveSums {
     static bool applies(const Status& status);
     // As LifeGrid::value.
     double value(const PiecewiseTable& curve, const Schedule& s, const Status& status, std::size_t first) const;
+    std::size_t size() const { return v_.size(); }
 
   private:
     double m_;
     PrefixSums v_, tv_;
 };
 
+// The grids of single calls on one curve, kept so that later calls read
+// them: a life's grid to the end of its survival, the curve's sums as far as
+// any call has asked. Thread-safe; a grid in use stays alive while cleared.
+class GridCache {
+  public:
+    std::shared_ptr<const LifeGrid> life_grid(const PiecewiseTable& curve, const Status& status, std::size_t m);
+    std::shared_ptr<const CurveSums> curve_sums(const PiecewiseTable& curve, std::size_t m, std::size_t size);
+
+  private:
+    static constexpr std::size_t kMaxLives = 4096;  // then the cache starts again
+    std::mutex mutex_;
+    std::map<std::tuple<std::uint64_t, double, int, std::size_t>, std::shared_ptr<const LifeGrid>> lives_;
+    std::map<std::size_t, std::shared_ptr<const CurveSums>> sums_;
+};
+
 // A schedule in the discrete precision mode, the way the single call and the
 // book both value it: a level schedule of one life on the grid from CurveSums
 // or a LifeGrid (as CurveSums::applies says), any other payment by payment.
-double life_discrete_value(const PiecewiseTable& curve, const Schedule& s, const Status& status);
+double life_discrete_value(const PiecewiseTable& curve, const Schedule& s, const Status& status,
+                           GridCache* cache = nullptr);
 
 // A life annuity in a calculation mode:
 // - DiscretePrecision: every payment with its survival probability;
@@ -208,7 +231,8 @@ double life_discrete_value(const PiecewiseTable& curve, const Schedule& s, const
 //   integrand);
 // - ContinuousSimplified: the Woolhouse limit c = 1/2 on the whole years,
 //   the final fraction integrated.
-double life_annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode, const Status& status);
+double life_annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode, const Status& status,
+                          GridCache* cache = nullptr);
 
 // Explicit amounts, one per payment of the annuity's schedule: payments at
 // their times in the discrete modes; flowing uniformly over their periods in
@@ -245,7 +269,7 @@ struct LifeValue {
 };
 LifeValue life_benefit_value(LifeBenefit benefit, const PiecewiseTable& curve, const Status& status, double ts,
                              double d, double n, PolicyTerms terms,
-                             std::optional<std::span<const double>> amounts = std::nullopt);
+                             std::optional<std::span<const double>> amounts = std::nullopt, GridCache* cache = nullptr);
 
 // ---- portfolios ----------------------------------------------------------------
 

@@ -80,6 +80,7 @@ class LifeTable:
         select_period: int,
         select: NDArray[np.float64],
     ) -> None: ...
+    def fits(self, age: float, select_age: float, ts: float) -> bool: ...
     def survival(
         self,
         ages: NDArray[np.float64],

@@ -8,9 +8,11 @@
 
 #include "core/annuity.hpp"
 #include "core/curve.hpp"
+#include "core/life.hpp"
 #include "core/portfolio.hpp"
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <utility>
@@ -22,6 +24,8 @@ namespace nb = nanobind;
 
 struct Curve {
     core::PiecewiseTable table;
+    // The grids of single life calls on this curve (shared: a Curve may be copied).
+    std::shared_ptr<core::GridCache> grids = std::make_shared<core::GridCache>();
 };
 
 using InArray = nb::ndarray<const double, nb::ndim<1>, nb::c_contig, nb::device::cpu>;

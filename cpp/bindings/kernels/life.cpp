@@ -79,8 +79,8 @@ struct LifeCall {
     double tolerance_eps;
 };
 
-double life_value(const std::string& kind, const core::PiecewiseTable& curve, const core::Status& status,
-                  const LifeCall& c, const double* amounts, std::size_t amounts_size) {
+double life_value(const std::string& kind, const bindings::Curve& curve, const core::Status& status, const LifeCall& c,
+                  const double* amounts, std::size_t amounts_size) {
     const core::Mode mode = mode_of(c.mode);
     const auto benefit = core::life_benefit_named(kind);
     if (!benefit) throw std::invalid_argument("unknown life value '" + kind + "'");
@@ -89,7 +89,8 @@ double life_value(const std::string& kind, const core::PiecewiseTable& curve, co
         *benefit == core::LifeBenefit::PureEndowment ? core::Growth{} : growth_of(c.growth_kind, c.growth_rate);
     const core::PolicyTerms terms{c.m, c.timing, growth, mode, c.tolerance_eps, 0.0, 0};
     const auto given = amounts ? std::optional<std::span<const double>>({amounts, amounts_size}) : std::nullopt;
-    const core::LifeValue value = core::life_benefit_value(*benefit, curve, status, c.ts, c.d, c.n, terms, given);
+    const core::LifeValue value =
+        core::life_benefit_value(*benefit, curve.table, status, c.ts, c.d, c.n, terms, given, curve.grids.get());
     if (value.fault == core::LifeValue::Uncountable)
         throw std::invalid_argument("a term must be >= 0 with fewer than 2**53 payments");
     if (value.fault == core::LifeValue::AmountCount)
@@ -123,6 +124,15 @@ void register_life(nb::module_& m) {
             },
             nb::arg("first_age"), nb::arg("ultimate"), nb::arg("select_first"), nb::arg("select_period"),
             nb::arg("select"))
+        .def(
+            "fits",
+            [](const core::MortalityTable& table, double age, double select_age, double ts) {
+                return core::age_in_range(age) && (std::isnan(select_age) || core::age_in_range(select_age)) &&
+                       core::age_fits(table, age, select_age, ts);
+            },
+            nb::arg("age"), nb::arg("select_age"), nb::arg("ts"),
+            "Whether a life of this age (selected at select_age, NaN: at its integer part) is an age of the table "
+            "at ts.")
         .def(
             "survival",
             [](core::MortalityTable& table, InArray ages, InArray select_ages, InArray durations,
@@ -160,10 +170,10 @@ void register_life(nb::module_& m) {
             const LifeCall call{ts, d, n, m_, timing, growth_kind, growth_rate, mode, tolerance_eps};
             double value;
             if (amounts.is_none()) {
-                value = life_value(kind, curve.table, status, call, nullptr, 0);
+                value = life_value(kind, curve, status, call, nullptr, 0);
             } else {
                 const auto given = nb::cast<InArray>(amounts);
-                value = life_value(kind, curve.table, status, call, given.data(), given.shape(0));
+                value = life_value(kind, curve, status, call, given.data(), given.shape(0));
             }
             return decimals.is_none() ? value : core::round_like_numpy(value, nb::cast<int>(decimals));
         },

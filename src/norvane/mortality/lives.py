@@ -256,7 +256,8 @@ class Life(_Status):
         selected = math.nan if select_age is None else _real_float(select_age, "select_age", "Life")
         if select_age is not None and not math.isfinite(selected):
             raise ValueError(f"[Life] 'select_age' must be a whole age of the table, got {selected!r}.")
-        table._check_ages(np.array([x]), np.array([selected]), "Life")
+        if not table._native.fits(x, selected, 0.0):  # the messages are worded only for a life that does not fit
+            table._check_ages(np.array([x]), np.array([selected]), "Life")
         rule = table.fractional_age if fractional_age is None else _check_rule(fractional_age, "Life")
         set_ = object.__setattr__
         set_(self, "table", table)
