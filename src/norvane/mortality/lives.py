@@ -10,7 +10,7 @@ from __future__ import annotations
 
 import functools
 import math
-from typing import Any, Literal
+from typing import TYPE_CHECKING, Any, Literal
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -26,7 +26,10 @@ from ..validators import (
     _validate_frequency_and_payment_timing,
     _validate_shift_deferment_and_duration,
 )
-from .tables import FractionalAgeLiteral, MortalityTable, _check_rule
+from ._rules import FractionalAgeLiteral, TableBase, _check_rule
+
+if TYPE_CHECKING:  # the tables module imports this one
+    from .tables import MortalityTable
 
 __all__ = ["JointLife", "Life"]
 
@@ -250,7 +253,7 @@ class Life(_Status):
         select_age: int | None = None,
         fractional_age: FractionalAgeLiteral | None = None,
     ) -> None:
-        if not isinstance(table, MortalityTable):
+        if not isinstance(table, TableBase):
             raise TypeError(f"[Life] 'table' must be a MortalityTable, got {type(table).__name__}.")
         x = _real_float(age, "age", "Life")
         selected = math.nan if select_age is None else _real_float(select_age, "select_age", "Life")

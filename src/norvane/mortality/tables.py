@@ -5,23 +5,21 @@ from __future__ import annotations
 
 import math
 import os
-from typing import TYPE_CHECKING, Any, Literal
+from typing import TYPE_CHECKING, Any
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from .. import _kernels
 from ..helpers import _named_f64, _real_float
+from ._rules import FractionalAgeLiteral, TableBase, _check_rule
+from .lives import Life
 
 if TYPE_CHECKING:
     from collections.abc import Callable
 
-    from .lives import Life
-
 __all__ = ["FractionalAgeLiteral", "MortalityTable"]
 
-FractionalAgeLiteral = Literal["udd", "constant_force", "balducci"]
-_RULES: tuple[str, ...] = ("udd", "constant_force", "balducci")
 _EMPTY = np.empty(0, dtype=np.float64)
 MAX_AGE = 1000
 """The largest age (in magnitude) a table may hold: far beyond any life, and every age stays exact."""
@@ -33,12 +31,6 @@ def _frozen(values: Any) -> F64:
     out = np.array(values, dtype=np.float64)
     out.flags.writeable = False
     return out
-
-
-def _check_rule(rule: Any, method_name: str) -> str:
-    if not isinstance(rule, str) or rule not in _RULES:
-        raise ValueError(f"[{method_name}] 'fractional_age' must be one of {_RULES}, got {rule!r}.")
-    return rule
 
 
 def _check_q(q: F64, first_age: int, what: str) -> None:
@@ -91,7 +83,7 @@ def _csv_columns(path: str | os.PathLike[str], method_name: str) -> dict[str, F6
     return columns
 
 
-class MortalityTable:
+class MortalityTable(TableBase):
     """Death probabilities q_x by integer age, optionally with a select period.
 
     Parameters
@@ -327,8 +319,6 @@ class MortalityTable:
         self, age: float, *, select_age: int | None = None, fractional_age: FractionalAgeLiteral | None = None
     ) -> Life:
         """A life of this table aged ``age`` (selected at ``select_age``)."""
-        from .lives import Life
-
         return Life(self, age, select_age=select_age, fractional_age=fractional_age)
 
     def tpx(
