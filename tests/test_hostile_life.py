@@ -477,6 +477,8 @@ def _beyond_floats(age, g, i=0.03, years=100):
         # Survival is exactly 0 after the table's last age: nothing is paid, however large v^t.
         (lambda: M.life(65).E(InterestRate(-0.5), n=1100), 0.0),
         (lambda: M.life(65).A(InterestRate(-0.5), n=1, d=7460), 0.0),
+        # Deferred past the table between birthdays: nothing to build a grid for, however far.
+        (lambda: M.life(65.5).ä(C, n=1, d=1e15), 0.0),
         # A payment beyond the float range: the sum is +inf.
         (lambda: C.ä(n=100, gr=1e4), _beyond_floats(None, 1e4)),
         (lambda: M.life(31).ä(C, gr=1e4), _beyond_floats(31, 1e4)),
@@ -484,7 +486,16 @@ def _beyond_floats(age, g, i=0.03, years=100):
         (lambda: M.life(65.5, fractional_age="constant_force").ä(C, gr=1e10), _beyond_floats(65.5, 1e10)),
         (lambda: M.life(65.5, fractional_age="balducci").a(C, gr=1e10), _beyond_floats(65.5, 1e10)),
     ],
-    ids=["E", "A deferred", "curve ä", "life ä", "last survivor a", "constant force", "balducci"],
+    ids=[
+        "E",
+        "A deferred",
+        "deferred past the table",
+        "curve ä",
+        "life ä",
+        "last survivor a",
+        "constant force",
+        "balducci",
+    ],
 )
 @pytest.mark.parametrize("mode", MODES)
 def test_no_nan_where_survival_ends_or_payments_overflow(call, expected, mode):

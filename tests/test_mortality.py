@@ -195,6 +195,7 @@ def test_portfolio_equals_single_lives_and_reports_errors():
     assert [re.search(r"'(\w+)'", m).group(1) for m in bad.errors.messages] == ["table", "age", "n"]
     with pytest.raises(ValueError, match=r"\[life_annuities\] 'table' at index 1 is 'X'"):
         life_annuities(CURVE, tables, table=["M", "X"], age=60)
+    assert life_annuities(CURVE, tables, table=[], age=[]).shape == (0,)  # an empty book is no fault
 
 
 @pytest.mark.parametrize(

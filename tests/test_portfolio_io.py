@@ -19,7 +19,7 @@ from hypothesis import example, given, settings
 from hypothesis import strategies as st
 
 from norvane.interest_rates import InterestRate
-from norvane.portfolio import InputError, _sources, stream_book, value_book
+from norvane.portfolio import InputError, _sources, stream_book, value_book, write_table
 from norvane.portfolio._output import atomic_path
 
 V = 1 / 1.03
@@ -234,6 +234,16 @@ def test_an_output_takes_its_place_whole_or_not_at_all(tmp_path, earlier, comple
     after = {p.relative_to(tmp_path): p.read_bytes() for p in tmp_path.rglob("*") if p.is_file()}
     assert after == (before if not completes else {Path("values.parquet/part.0.parquet"): b"new"})
     assert [p.name for p in tmp_path.iterdir()] == ([] if earlier is None and not completes else ["values.parquet"])
+
+
+def test_a_file_output_never_replaces_a_directory(tmp_path):
+    """A directory named like an output (another tool's dataset) is refused, not deleted."""
+    target = tmp_path / "values.csv"
+    target.mkdir()
+    (target / "keep.txt").write_text("x")
+    with pytest.raises(InputError, match="is a directory"):
+        write_table(target, {"a": np.arange(3.0)})
+    assert [p.name for p in tmp_path.rglob("*")] == ["values.csv", "keep.txt"]
 
 
 def test_readme_data_frame_example():

@@ -438,7 +438,9 @@ double CurveSums::value(const PiecewiseTable& curve, const Schedule& s, const St
 double life_discrete_value(const PiecewiseTable& curve, const Schedule& s, const Status& status, GridCache* cache) {
     const auto first = LifeGrid::first_point(s, status);
     if (!first) return life_schedule_value(curve, s, status);
-    const std::size_t size = *first + s.count;
+    // No further than survival lasts: a long term or deferment asks for no more.
+    const double alive = std::ceil(status.horizon() * static_cast<double>(s.m)) + 1.0;
+    const std::size_t size = std::min(*first + s.count, static_cast<std::size_t>(std::min(alive, 0x1p52)));
     if (CurveSums::applies(status)) {
         if (cache) return cache->curve_sums(curve, s.m, size)->value(curve, s, status, *first);
         return CurveSums(curve, s.m, size).value(curve, s, status, *first);
@@ -695,10 +697,9 @@ std::uint64_t bits(double x) { return std::bit_cast<std::uint64_t>(x == 0.0 ? 0.
 // discrete precision mode one pass over the longest gives every distinct
 // length's sum; otherwise each distinct term is valued once. Unit values go
 // to `unit` by policy.
-void value_group(const PiecewiseTable& curve, std::span<const double> ratios, const LifeGrid* grid,
-                 const CurveSums* pieces, const SurvivalPath& path, int path_start, FractionalAge rule,
-                 const LifePolicies& p, std::span<std::uint32_t> members, const PolicyTerms& terms,
-                 std::span<double> unit) {
+void value_group(const PiecewiseTable& curve, std::span<const double> ratios, const CurveSums* pieces,
+                 const SurvivalPath& path, int path_start, FractionalAge rule, const LifePolicies& p,
+                 std::span<std::uint32_t> members, const PolicyTerms& terms, std::span<double> unit) {
     const std::uint32_t first = members[0];
     const auto life = life_aged(path, path_start, p.age[first], p.ts[first], rule);
     if (!life) {
@@ -715,9 +716,21 @@ void value_group(const PiecewiseTable& curve, std::span<const double> ratios, co
     // In the discrete precision mode a schedule on the grid is a difference of
     // the life's sums and any other is summed with the book's ratios (the same
     // numbers a single call computes); other modes as a single call values them.
-    // (book_grids gave the group the sums its schedules on the grid need).
+    // (book_sums gave the group the curve's sums; a life's own grid is built
+    // here, for the group's longest schedule, and dropped with the group).
     const bool by_year = CurveSums::applies(status);
     const auto on_grid = [&](const Schedule& s) { return LifeGrid::first_point(s, status).has_value(); };
+    std::optional<LifeGrid> grid;
+    const auto prepare_grid = [&](std::span<const std::optional<Annuity>> annuities) {
+        if (terms.mode != Mode::DiscretePrecision || by_year) return;
+        std::optional<std::size_t> size;
+        for (const auto& annuity : annuities) {
+            if (!annuity) continue;
+            const Schedule s = annuity->schedule();
+            if (const auto at = LifeGrid::first_point(s, status)) size = std::max(size.value_or(0), *at + s.count);
+        }
+        if (size) grid.emplace(curve, status, policy.m, *size);
+    };
     const auto value_of = [&](const Annuity& annuity) {
         if (terms.mode != Mode::DiscretePrecision) return life_annuity_value(curve, annuity, terms.mode, status);
         const Schedule s = annuity.schedule();
@@ -726,7 +739,8 @@ void value_group(const PiecewiseTable& curve, std::span<const double> ratios, co
         return by_year ? pieces->value(curve, s, status, *first) : grid->value(curve, s, status, *first);
     };
     if (members.size() == 1) {
-        const auto annuity = annuity_of(p.n[first]);
+        const std::optional<Annuity> annuity = annuity_of(p.n[first]);
+        prepare_grid({&annuity, 1});
         unit[first] = annuity ? round(value_of(*annuity)) : 0.0;
         return;
     }
@@ -740,6 +754,7 @@ void value_group(const PiecewiseTable& curve, std::span<const double> ratios, co
         annuities.push_back(annuity_of(p.n[members[k]]));
     }
     run_start.push_back(members.size());
+    prepare_grid(annuities);
     std::vector<double> values(annuities.size(), 0.0);
     // One deferment: the group's schedules are all on the grid or none is.
     const auto some = std::find_if(annuities.begin(), annuities.end(), [](const auto& a) { return a.has_value(); });
@@ -770,83 +785,45 @@ void value_group(const PiecewiseTable& curve, std::span<const double> ratios, co
         for (std::size_t k = run_start[r]; k < run_start[r + 1]; ++k) unit[members[k]] = values[r];
 }
 
-// The life grids of a discrete precision book: one per life (table, age,
-// select age, valuation time, frequency) shared by its groups (one per
-// deferment), over the points its longest schedule reaches.
-struct BookGrids {
-    std::vector<std::optional<LifeGrid>> grids;
-    std::vector<std::uint32_t> grid_of_group;
-    std::map<std::pair<std::size_t, std::size_t>, CurveSums> curve_sums;  // by (curve, frequency)
-    std::vector<const CurveSums*> sums_of_group;
-    const LifeGrid* of(std::size_t group) const {
-        if (grids.empty()) return nullptr;
-        const auto& grid = grids[grid_of_group[group]];
-        return grid ? &*grid : nullptr;
-    }
-    const CurveSums* sums_of(std::size_t group) const { return sums_of_group.empty() ? nullptr : sums_of_group[group]; }
+// The curve's sums of a discrete precision book, one per (curve, frequency)
+// that lives between birthdays under uniform deaths are valued on, as far as
+// their schedules reach (no further than survival lasts).
+struct BookSums {
+    std::map<std::pair<std::size_t, std::size_t>, CurveSums> sums;  // by (curve, frequency)
+    std::vector<const CurveSums*> of_group;
+    const CurveSums* of(std::size_t group) const { return of_group.empty() ? nullptr : of_group[group]; }
 };
 
-BookGrids book_grids(const LifePolicies& p, std::span<const std::uint32_t> lead, std::span<const double> select_ages,
-                     std::span<const std::uint32_t> members, std::span<const std::uint32_t> offsets,
-                     const std::vector<PiecewiseTable>& curves, std::span<const std::size_t> group_curve,
-                     std::span<const SurvivalPath* const> paths, std::span<const int> starts,
-                     std::span<const FractionalAge> rules) {
+BookSums book_sums(const LifePolicies& p, std::span<const std::uint32_t> lead, std::span<const std::uint32_t> members,
+                   std::span<const std::uint32_t> offsets, const std::vector<PiecewiseTable>& curves,
+                   std::span<const std::size_t> group_curve, std::span<const SurvivalPath* const> paths,
+                   std::span<const int> starts, std::span<const FractionalAge> rules) {
     const std::size_t group_count = lead.size();
-    BookGrids out;
-    out.grid_of_group.resize(group_count);
-    KeyIndex<5> life_of(group_count);
-    std::vector<std::uint32_t> first_group;
-    std::vector<double> points;  // the grid points each life's schedules reach
+    std::map<std::pair<std::size_t, std::size_t>, double> reach;
     for (std::size_t g = 0; g < group_count; ++g) {
         const std::uint32_t i = lead[g];
-        const auto [life, added] =
-            life_of.insert({bits(p.table[i]), bits(p.age[i]), bits(select_ages[g]), bits(p.ts[i]), bits(p.m[i])});
-        if (added) {
-            first_group.push_back(static_cast<std::uint32_t>(g));
-            points.push_back(0.0);
-        }
-        out.grid_of_group[g] = life;
+        const auto life =
+            life_aged(*paths[g], starts[g], p.age[i], p.ts[i], rules[static_cast<std::size_t>(p.table[i])]);
+        if (!life || !CurveSums::applies(Status{Status::Single, {*life, *life}})) continue;
+        // The schedules end at d + n from inception, d + n - ts from the valuation time.
+        double points = 0.0;
         for (std::uint32_t k = offsets[g]; k < offsets[g + 1]; ++k) {
             const std::uint32_t policy = members[k];
-            // The schedule ends at d + n from inception, d + n - ts from the valuation time.
-            const double end = (p.d[policy] + p.n[policy] - p.ts[policy]) * p.m[policy] + 2.0;
-            points[life] = std::max(points[life], end);
+            points = std::max(points, (p.d[policy] + p.n[policy] - p.ts[policy]) * p.m[policy] + 2.0);
         }
+        const double alive = std::ceil(life->horizon() * p.m[i]) + 1.0;
+        double& most = reach[{group_curve[g], static_cast<std::size_t>(p.m[i])}];
+        most = std::max(most, std::min(points, alive));
     }
-    // Lives between birthdays under uniform deaths share their curve's sums;
-    // the others get a grid of their own.
-    std::vector<std::optional<Status>> statuses(first_group.size());
-    std::map<std::pair<std::size_t, std::size_t>, double> sums_points;
-    for (std::size_t life = 0; life < first_group.size(); ++life) {
-        const std::size_t g = first_group[life];
-        const std::uint32_t i = lead[g];
-        const auto on_path =
-            life_aged(*paths[g], starts[g], p.age[i], p.ts[i], rules[static_cast<std::size_t>(p.table[i])]);
-        if (!on_path) continue;
-        statuses[life] = Status{Status::Single, {*on_path, *on_path}};
-        if (!CurveSums::applies(*statuses[life])) continue;
-        const double alive = std::ceil(statuses[life]->horizon() * p.m[i]) + 1.0;
-        double& reach = sums_points[{group_curve[g], static_cast<std::size_t>(p.m[i])}];
-        reach = std::max(reach, std::min(points[life], alive));
-    }
-    // A grid's size: as far as the schedules reach (a life's grid stops by itself where survival does).
-    const auto size_of = [](double reach) { return static_cast<std::size_t>(std::min(reach, 0x1p52)); };
-    for (const auto& [key, reach] : sums_points)
-        out.curve_sums.try_emplace(key, curves[key.first], key.second, size_of(reach));
-    out.sums_of_group.resize(group_count);
+    BookSums out;
+    for (const auto& [key, points] : reach)
+        out.sums.try_emplace(key, curves[key.first], key.second, static_cast<std::size_t>(points));
+    if (out.sums.empty()) return out;
+    out.of_group.resize(group_count);
     for (std::size_t g = 0; g < group_count; ++g) {
-        const auto found = out.curve_sums.find({group_curve[g], static_cast<std::size_t>(p.m[lead[g]])});
-        out.sums_of_group[g] = found == out.curve_sums.end() ? nullptr : &found->second;
+        const auto found = out.sums.find({group_curve[g], static_cast<std::size_t>(p.m[lead[g]])});
+        out.of_group[g] = found == out.sums.end() ? nullptr : &found->second;
     }
-    out.grids.resize(first_group.size());
-    parallel_for(first_group.size(), 16, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t life = begin; life < end; ++life) {
-            if (!statuses[life] || CurveSums::applies(*statuses[life])) continue;
-            const std::size_t g = first_group[life];
-            out.grids[life].emplace(curves[group_curve[g]], *statuses[life], static_cast<std::size_t>(p.m[lead[g]]),
-                                    size_of(points[life]));
-        }
-    });
     return out;
 }
 
@@ -871,13 +848,15 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
     if (ts != std::floor(ts)) return everyone();
     // One slot per (table, whole age): base[t] + age - first age.
     std::vector<std::size_t> base(tables.size() + 1, 0);
-    for (std::size_t t = 0; t < tables.size(); ++t)
-        base[t + 1] = base[t] + static_cast<std::size_t>(tables[t]->end_age() - tables[t]->first_age());
+    for (std::size_t t = 0; t < tables.size(); ++t)  // (a missing table has no slots; its policies are refused)
+        base[t + 1] =
+            base[t] + (tables[t] ? static_cast<std::size_t>(tables[t]->end_age() - tables[t]->first_age()) : 0);
     constexpr std::uint32_t kNone = 0xFFFFFFFFu;
     std::vector<std::uint32_t> slot_of(count, kNone);
     std::vector<double> points(base.back(), 0.0);  // the grid points each slot's schedules reach
     for (std::size_t i = 0; i < count; ++i) {
         const auto t = static_cast<std::size_t>(p.table[i]);
+        if (!tables[t]) continue;
         const double age = p.age[i], offset = age - tables[t]->first_age();
         const bool whole = age == std::floor(age) && (std::isnan(p.select_age[i]) || p.select_age[i] == age);
         if (!(whole && offset >= 0.0 && offset < static_cast<double>(base[t + 1] - base[t]))) continue;
@@ -992,16 +971,15 @@ void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*
         if (added) it->second = period_ratios(curves[group_curve[g]], m);
         group_ratios[g] = &it->second;
     }
-    const BookGrids grids =
-        terms.mode == Mode::DiscretePrecision
-            ? book_grids(p, lead, select_ages, members, offsets, curves, group_curve, paths, starts, rules)
-            : BookGrids{};
+    const BookSums sums = terms.mode == Mode::DiscretePrecision
+                              ? book_sums(p, lead, members, offsets, curves, group_curve, paths, starts, rules)
+                              : BookSums{};
     parallel_for(group_count, 64, [&](std::size_t begin, std::size_t end) {
         for (std::size_t g = begin; g < end; ++g) {
             const std::span<std::uint32_t> group(members.data() + offsets[g], offsets[g + 1] - offsets[g]);
             const auto table = static_cast<std::size_t>(p.table[lead[g]]);
-            value_group(curves[group_curve[g]], *group_ratios[g], grids.of(g), grids.sums_of(g), *paths[g], starts[g],
-                        rules[table], p, group, terms, out);
+            value_group(curves[group_curve[g]], *group_ratios[g], sums.of(g), *paths[g], starts[g], rules[table], p,
+                        group, terms, out);
         }
     });
     if (!p.benefits.empty())

@@ -63,10 +63,13 @@ def _table_names(table: Any) -> NDArray[Any]:
 
 
 def _frequencies(m: Any) -> NDArray[Any]:
-    """The payment frequencies as integers (booleans, also inside lists, are refused)."""
+    """The payment frequencies as integers (booleans, also inside lists, are refused); one
+    frequency for all policies stays a single value."""
     if np.ndim(m) > 1:
         return np.asarray(m)  # refused by the column check with the other columns
-    return _integer_array([m] if np.ndim(m) == 0 else m, _METHOD, "m")
+    if np.ndim(m) == 0:
+        return np.asarray(_integer_array([m], _METHOD, "m")[0])
+    return _integer_array(m, _METHOD, "m")
 
 
 def _table_codes(names: NDArray[Any], tables: Mapping[str, MortalityTable]) -> tuple[F64, list[str]]:

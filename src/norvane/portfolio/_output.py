@@ -65,7 +65,10 @@ def _remove(path: Path) -> None:
 def _replace(new: Path, target: Path) -> None:
     """``new`` at ``target``'s place, in one rename for files. A directory (or a file in
     place of one) cannot be renamed over another path: the earlier one steps aside first,
-    and comes back if the rename fails or is interrupted."""
+    and comes back if the rename fails or is interrupted. A directory is only ever replaced by
+    a directory (a dataset by a dataset): a file output never deletes a directory."""
+    if target.is_dir() and not new.is_dir():
+        raise InputError(f"{target}: is a directory; the output is a file and would replace it")
     if not (new.is_dir() or target.is_dir()) or not os.path.lexists(target):
         os.replace(new, target)
         return
@@ -120,6 +123,8 @@ def table_writer(path: Path, schema: pa.Schema) -> Iterator[Callable[[Tabular], 
     """A function that appends batches to the file. The file takes its place when the block
     ends; when the block ends with an error, an earlier file is left as it was."""
     kind = output_kind(path)
+    if path.is_dir():  # refused before any work: a file never takes a directory's place
+        raise InputError(f"{path}: is a directory; the output is a file and would replace it")
     try:
         with atomic_path(path) as temporary:
             if kind == "parquet":
