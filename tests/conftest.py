@@ -3,6 +3,7 @@
 import pytest
 
 from norvane.config import Config
+from norvane.interest_rates import InterestRate
 
 
 @pytest.fixture(autouse=True)
@@ -11,6 +12,12 @@ def _default_config():
     Config().reset()
     yield
     Config().reset()
+
+
+@pytest.fixture
+def ir():
+    """A constant 3 % curve of the test's own."""
+    return InterestRate(0.03)
 
 
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:

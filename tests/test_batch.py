@@ -7,6 +7,7 @@ import pandas as pd
 import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
+from reference import MODES, MUTEX, D, I, V
 
 from norvane.config import Config
 from norvane.growth_rates import GrowthRate
@@ -14,16 +15,7 @@ from norvane.helpers import BatchErrorReport, BatchResult
 from norvane.interest_rates import InterestRate, _woolhouse_flows_to_grid
 
 NAN = float("nan")
-I = 0.03
-V = 1.0 / (1.0 + I)
-D = I / (1.0 + I)
-MODES = ["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"]
 TOL = 1e-9
-
-
-@pytest.fixture
-def ir():
-    return InterestRate(I)
 
 
 def call(ir, method, **kw):
@@ -40,10 +32,6 @@ LENGTHS = (
 HETEROGENEOUS_M = (
     "return_flows=True is not supported when m is a vector with heterogeneous values. "
     "Use a scalar m or split the batch by payment frequency and call separately."
-)
-MUTEX = (
-    "'gr' and 'cashflow_amounts' are mutually exclusive: 'cashflow_amounts' defines explicit "
-    "payment amounts, so 'gr' has no effect. Pass gr=None when using cashflow_amounts."
 )
 NAN_FLOWS = "on_error='nan' is not supported with return_flows=True in batch mode."
 

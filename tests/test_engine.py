@@ -11,18 +11,15 @@ import numpy as np
 import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
-from reference import discount
+from reference import MODES, PRECISION, D, I, V, d_m, discount, i_m
 
 from norvane import _kernels
 from norvane.engine.annuity import _ANNUITY_CALCULATION_MODE_DISPATCH as ENGINE
 from norvane.growth_rates import GrowthRate
 from norvane.interest_rates import InterestRate
 
-MODES = ("discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified")
-PRECISION = ("discrete_precision", "continuous_precision")
 COMPONENTS = ("due", "immediate", "fractional", "fractional_tail")
-I = 0.03
-V, D, DELTA = 1 / (1 + I), I / (1 + I), math.log(1 + I)
+DELTA = math.log(1 + I)
 GROWTHS = [None, GrowthRate(0.02), GrowthRate(0.05, "arithmetic")]
 FLAT = ([], [I])  # a constant curve as (segment lengths, rates)
 
@@ -57,14 +54,6 @@ def growth_factor(gr):
 
 
 # ---------------------------------------------------------------- the 3 % curve
-
-
-def i_m(m):
-    return m * ((1 + I) ** (1 / m) - 1)
-
-
-def d_m(m):
-    return m * (1 - (1 + I) ** (-1 / m))
 
 
 @pytest.mark.parametrize("mode", MODES)
@@ -182,15 +171,6 @@ def test_flows_add_up_to_the_present_value(mode, timing, n, m, d, gr):
         np.testing.assert_allclose(
             part["present_value"], flows[coef] * np.asarray(part["growth"]) * V ** part["time_grid"], rtol=1e-13
         )
-
-
-@pytest.mark.parametrize("mode", MODES)
-def test_zero_term(mode):
-    assert value(mode, 0.0, 12) == 0.0
-    flows = value(mode, 0.0, 12, flows=True)
-    assert flows["total_pv"] == 0.0
-    parts = [flows] if mode in PRECISION else [flows[name] for name in COMPONENTS]
-    assert all(np.size(v) == 0 for part in parts for v in part.values() if isinstance(v, np.ndarray))
 
 
 # ---------------------------------------------------------------- piecewise curves, brute force
