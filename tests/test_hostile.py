@@ -22,12 +22,8 @@ from norvane.config import Config
 from norvane.engine.annuity import _ANNUITY_CALCULATION_MODE_DISPATCH as ENGINE
 from norvane.growth_rates import GrowthRate
 from norvane.helpers import BatchResult
-from norvane.interest_rates import (
-    InterestRate,
-    _interest_rate_shifted_for_ts,
-    _InterestRateMeta,
-    _woolhouse_flows_to_grid,
-)
+from norvane.interest_rates import InterestRate, _interest_rate_shifted_for_ts, _woolhouse_flows_to_grid
+from norvane.interest_rates import _InterestRateMeta as Meta
 from norvane.portfolio import BookValues, InputError, value_book
 
 # NumPy warns when extreme values overflow in its casts and powers (an inf follows, as IEEE says);
@@ -130,11 +126,11 @@ def test_annuities(form, method, mode, kwargs):
     assert curve == before
 
 
-def _engine_kwargs(mode_kwargs):
-    base = dict(d=0.0, n=3.0, payments_size=3, payments_frac=0.0, m=1, gr=None, ir=InterestRate(0.03))
-    base.update(decimals=10, payment_timing=0, survival_func=lambda t: 1.0, cashflow_times=None)
-    base.update(cashflow_amounts=None, return_flows=False)
-    return {**base, **mode_kwargs}
+def _engine(mode, **over):
+    """An engine entry called directly, as by a caller that skips validation."""
+    kw = dict(d=0.0, n=3.0, payments_size=3, payments_frac=0.0, m=1, gr=None, ir=InterestRate(0.03), decimals=10)
+    kw |= dict(payment_timing=0, survival_func=lambda t: 1.0, cashflow_times=None, cashflow_amounts=None)
+    return ENGINE[mode](**kw | {"return_flows": False} | over)
 
 
 WOOLHOUSE = ("coef_due", "due", "immediate", "fractional", "fractional_tail")
@@ -154,27 +150,21 @@ def _unpickled(x, y):
 # name: (call with two hostile values, the promised result types); the mortality calls are in test_hostile_life
 MODULE_CALLS = {
     "unpickled curve": (_unpickled, tuple),
-    "_InterestRateMeta.model_copy": (
-        lambda x, y: _InterestRateMeta().model_copy({"term_unit": x, "tolerance_eps": y}),
-        _InterestRateMeta,
-    ),
-    "_InterestRateMeta.from_msgpack_dict": (lambda x, y: _InterestRateMeta.from_msgpack_dict(x), _InterestRateMeta),
+    "_InterestRateMeta.model_copy": (lambda x, y: Meta().model_copy({"term_unit": x, "tolerance_eps": y}), Meta),
+    "_InterestRateMeta.from_msgpack_dict": (lambda x, y: Meta.from_msgpack_dict(x), Meta),
     "InterestRate(rate)": (lambda x, y: InterestRate(x), InterestRate),
     "InterestRate(terms, rates)": (lambda x, y: InterestRate(terms=x, rates=y), InterestRate),
     "InterestRate(rate, term_unit)": (lambda x, y: InterestRate(x, term_unit=y), InterestRate),
     "InterestRate.from_export": (lambda x, y: InterestRate.from_export(x), InterestRate),
-    "_InterestRateMeta": (lambda x, y: _InterestRateMeta(days_per_year=x, cache_maxsize=y), _InterestRateMeta),
+    "_InterestRateMeta": (lambda x, y: Meta(days_per_year=x, cache_maxsize=y), Meta),
     "_woolhouse_flows_to_grid": (lambda x, y: _woolhouse_flows_to_grid(x, y), tuple),
     "woolhouse components": (lambda x, y: _woolhouse_flows_to_grid(dict.fromkeys(WOOLHOUSE, x), y), tuple),
     "GrowthRate": (lambda x, y: GrowthRate(x, y), GrowthRate),
     "GrowthRate.factors": (lambda x, y: GrowthRate(0.02).factors(x), NUMBER),
     "GrowthRate.payment_factors": (lambda x, y: GrowthRate(-0.5, "arithmetic").payment_factors(x, y), np.ndarray),
-    "engine n, m": (lambda x, y: ENGINE[MODES[1]](**_engine_kwargs({"n": x, "m": y})), (float, dict)),
-    "engine gr, flows": (lambda x, y: ENGINE[MODES[2]](**_engine_kwargs({"gr": x, "return_flows": y})), (float, dict)),
-    "engine explicit": (
-        lambda x, y: ENGINE[MODES[0]](**_engine_kwargs({"cashflow_times": x, "cashflow_amounts": y})),
-        (float, dict),
-    ),
+    "engine n, m": (lambda x, y: _engine(MODES[1], n=x, m=y), (float, dict)),
+    "engine gr, flows": (lambda x, y: _engine(MODES[2], gr=x, return_flows=y), (float, dict)),
+    "engine explicit": (lambda x, y: _engine(MODES[0], cashflow_times=x, cashflow_amounts=y), (float, dict)),
 }
 
 
