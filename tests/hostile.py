@@ -20,6 +20,7 @@ from hypothesis import strategies as st
 
 from norvane._kernels import InvalidPolicy
 from norvane.base import FloatRangeError
+from norvane.engine.annuity import _ANNUITY_CALCULATION_MODE_DISPATCH as ENGINE
 from norvane.growth_rates import GrowthRate
 from norvane.helpers import BatchResult
 from norvane.interest_rates import InterestRate
@@ -78,6 +79,13 @@ hostile = st.one_of(
     st.floats().filter(_bounded),
     st.integers(-(2**80), 2**80).filter(_bounded),
 )
+
+
+def engine_call(mode, **over):
+    """An engine entry called directly, as by a caller that skips validation."""
+    kw = dict(d=0.0, n=3.0, payments_size=3, payments_frac=0.0, m=1, gr=None, ir=InterestRate(0.03), decimals=10)
+    kw |= dict(payment_timing=0, survival_func=lambda t: 1.0, cashflow_times=None, cashflow_amounts=None)
+    return ENGINE[mode](**kw | {"return_flows": False} | over)
 
 
 def decimal_nan(*values):

@@ -21,7 +21,7 @@ import numpy as np
 import pandas as pd
 import pyarrow as pa
 import pytest
-from hostile import FLAT, SETTINGS, STRICT, check, clear, hostile
+from hostile import FLAT, SETTINGS, STRICT, check, clear, engine_call, hostile
 from hypothesis import assume, example, given
 from hypothesis import strategies as st
 from reference import MODES, V, makeham_l
@@ -75,6 +75,8 @@ OPEN_FAULTS = {
     "test_refused_by_name[Decimal NaN, payment factors]": "a Decimal NaN ends in decimal.InvalidOperation",
     "test_refused_by_name[tpx of unmatched shapes]": "tpx answers shapes it cannot pair in NumPy's words",
     "test_refused_by_name[containers as ids]": "an id column of lists or dicts ends in an Arrow error",
+    "test_refused_by_name[complex to an engine entry]": "a NumPy complex count is taken with a ComplexWarning",
+    "test_refused_by_name[complex to payment factors]": "a NumPy complex count is taken with a ComplexWarning",
 }
 
 LAW = makeham(0.00022, 2.7e-6, 1.124)  # the law of the bundled table
@@ -408,6 +410,8 @@ REFUSED = {
     "Decimal NaN, payment factors": (lambda: GrowthRate(0.02).payment_factors(3, Decimal("NaN")), ValueError, "["),
     "tpx of unmatched shapes": (lambda: SELECT.tpx([60.0, 61.0], [0.5, 1.0, 2.0]), ValueError, "[MortalityTable.tpx]"),
     "containers as ids": (lambda: value_book({"term": [5.0, 5.0], "id": [[1.0], [2.0]]}, FLAT), InputError, ""),
+    "complex to an engine entry": (lambda: engine_call(MODES[1], n=np.complex128(3)), (TypeError, ValueError), ""),
+    "complex to payment factors": (lambda: GrowthRate(0.02).payment_factors(np.complex128(3), 1), BAD, "["),
 }
 
 
