@@ -4,7 +4,7 @@ import re
 
 import numpy as np
 import pytest
-from reference import MODES, MUTEX, PRECISION, D, I, V, d_m, discount, i_m
+from reference import MODES, MUTEX, PRECISION, D, I, V, d_m, discount, exact, i_m
 
 from norvane.config import Config
 from norvane.interest_rates import InterestRate
@@ -117,6 +117,18 @@ def test_unvalidated_dispatch_messages(ir, kwargs, text):
     with pytest.raises(ValueError) as info:
         ir._annuity_dispatch(validate=False, method_name="InterestRate.ä", **kwargs)
     assert str(info.value) == "[InterestRate.ä] " + text
+
+
+@pytest.mark.parametrize(
+    ("timing", "exc", "text"),
+    [
+        (2, ValueError, "'payment_timing' must be 0 (due) or 1 (immediate), got 2."),
+        (True, TypeError, "'payment_timing' must be an int (0 due, 1 immediate), got bool."),
+    ],
+)
+def test_dispatch_checks_the_payment_timing(ir, timing, exc, text):
+    with exact(exc, "[InterestRate.a] " + text):
+        ir._annuity_dispatch(n=5.0, payment_timing=timing, method_name="InterestRate.a")
 
 
 @pytest.mark.parametrize(

@@ -386,6 +386,9 @@ REFUSED = {
     "E beyond floats": (lambda: LIFE.E(FLAT, 10**400), ValueError, "[Life.E]"),
     "makeham beyond floats": (lambda: makeham(0.001, 10**400, 1.1), ValueError, "[MakehamLaw]"),
     "curve ä beyond floats": (lambda: FLAT.ä(n=10**400), ValueError, "[InterestRate.ä]"),
+    # Text for numbers: a TypeError, as the float64 conversion raised it, named by method and argument.
+    "text ages": (lambda: TABLE.tpx("x", 1.0), TypeError, "[MortalityTable.tpx] 'age'"),
+    "text law ages": (lambda: LAW.qx("x"), TypeError, "[MakehamLaw.qx] 'ages'"),
     # Columns life_annuities cannot read.
     "2-d table": (lambda: LIVES(table=[["t", "t"], ["t", "t"]], age=65), ValueError, LA),
     "2-d age": (lambda: LIVES(table="t", age=np.full((2, 2), 65.0)), ValueError, LA),
