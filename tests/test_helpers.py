@@ -109,7 +109,11 @@ def test_collect_batch_param_errors():
 # ------------------------------------------------------------ grouping and results
 
 
-def test_flow_parts_merge_equal_times():  # unit values rounded before benefits: test_book_kernel
+def test_unit_values_rounded_before_benefits_and_flow_parts_merged():
+    v = 1 / 1.03
+    unit = (1 - v**5) / (1 - v)  # annuity-due, 5 years at 3 %: 4.7170984...
+    got = h._finalize_batch_unit_pv_with_benefits(np.full(3, unit), np.array([1000.0, 0.0, 2.5]), 4)
+    assert got.tolist() == [round(unit, 4) * 1000.0, 0.0, round(unit, 4) * 2.5]
     merged = h._aggregate_flow_parts(
         [([1.0, 2.0], [1.0, 1.0], [0.9, 0.8]), ([2.0 + 4e-16, 3.0], [2.0, 2.0], [1.6, 1.4])]
     )
