@@ -13,6 +13,7 @@ INF, NAN = float("inf"), float("nan")
 LE = "\u2264"
 PW = ([5, 5], [0.02, 0.03, 0.04])
 POLICY = {"flat_or_piecewise_discount": True, "multi_scenario_curves": False}
+UNDEFINED = "ln(1 + i) undefined per actuarial standards"
 
 
 def pw(terms=PW[0], rates=PW[1]):
@@ -54,10 +55,7 @@ def test_delta_of_constant_and_piecewise_curves(rate):
     ir = InterestRate(0.03)
     ir.delta()  # a force computed earlier does not bypass the guard on a changed rate
     ir.rate = -1.5
-    with exact(
-        ValueError,
-        f"Cannot calculate force of interest: rate -1.5 {LE} -1 would make ln(1 + i) undefined per actuarial standards",
-    ):
+    with exact(ValueError, f"Cannot calculate force of interest: rate -1.5 {LE} -1 would make {UNDEFINED}"):
         ir.delta([1.0, 2.0])
 
 
@@ -70,9 +68,7 @@ def test_average_force_and_effective_rate_from_discount_factors(curve, t0, t1):
     ir = pw(terms, rates) if terms else InterestRate(rates[0])
     force, rate = ir.get_average_force(t1), ir.get_effective_rate(t0, t1)
     assert type(force) is float and force == pytest.approx(-math.log(discount(terms, rates, t1)) / t1, rel=1e-12, abs=0)
-    want = (discount(terms, rates, t1) / discount(terms, rates, t0)) ** (
-        -1 / (t1 - t0)
-    ) - 1  # exactly 0.0 without discounting
+    want = (discount(terms, rates, t1) / discount(terms, rates, t0)) ** (-1 / (t1 - t0)) - 1  # 0.0 at 0 %
     assert type(rate) is float and rate == pytest.approx(want, rel=1e-10, abs=0)
 
 
@@ -137,17 +133,9 @@ def test_analytics_messages(call, exc, msg, curve):
 )
 def test_segment_info(t, k, start, end):
     rates = [0.01, 0.0, -0.02]  # a time on a boundary belongs to the segment that ends there
-    want = {
-        "type": "piecewise",
-        "segment_index": k,
-        "rate": rates[k],
-        "rate_properties": props(rates[k]),
-        "segment_start": start,
-        "segment_end": end,
-        "segment_duration": end - start,
-        "time_queried": float(t),
-        "position_in_segment": float(t) - start,
-    }
+    want = {"type": "piecewise", "segment_index": k, "rate": rates[k], "rate_properties": props(rates[k])}
+    want |= {"segment_start": start, "segment_end": end, "segment_duration": end - start, "time_queried": float(t)}
+    want |= {"position_in_segment": float(t) - start}
     box = InterestRate({"c": 0.05, "p": ([2.0, 3.0], rates)})
     box.active_scenario = "p"
     same(pw([2.0, 3.0], rates).get_segment_info(t), want)
@@ -168,55 +156,24 @@ def test_segment_info(t, k, start, end):
     ],
 )
 def test_piecewise_report_and_analysis(terms, rates, shape):
-    a = np.array(rates)
-    mean, std, zero, neg = float(np.mean(a)), float(np.std(a)), int(np.sum(a == 0)), int(np.sum(a < 0))
+    a, low, high, length = np.array(rates), min(rates), max(rates), float(sum(terms))
+    mean, std, zero, neg = float(np.mean(a)), float(np.std(a)), int(sum(a == 0)), int(sum(a < 0))
     counts = {"zero_count": zero, "negative_count": neg, "positive_count": int(np.sum(a > 0))}
-    stats = counts | {"min_rate": min(rates), "max_rate": max(rates), "mean_rate": mean, "std_rate": std}
+    stats = counts | {"min_rate": low, "max_rate": high, "mean_rate": mean, "std_rate": std}
     stats |= {"rate_volatility": std / abs(mean), "has_zero_segments": zero > 0}
-    structure = {"terms_count": len(terms), "rates_count": len(rates), "terms_valid": True}
-    structure |= {
-        "terms_sum": float(sum(terms)),
-        "has_gaps": False,
-        "max_term": float(max(terms)),
-        "min_term": float(min(terms)),
-    }
-    metrics = {
-        "curve_monotonicity": shape,
-        "zero_segments_optimal": zero <= 1,
-        "negative_concentration": neg / len(rates),
-    }
+    structure = {"terms_count": len(terms), "rates_count": len(rates), "terms_valid": True, "terms_sum": length}
+    structure |= {"has_gaps": False, "max_term": float(max(terms)), "min_term": float(min(terms))}
+    metrics = {"curve_monotonicity": shape, "zero_segments_optimal": zero <= 1, "negative_concentration": neg / a.size}
+    report = {"type": "piecewise", "structure": structure, "rates": np.round(a, 6), "rate_statistics": stats}
     same(
-        pw(terms, rates).validate(),
-        {
-            "type": "piecewise",
-            "structure": structure,
-            "rates": np.round(a, 6),
-            "rate_statistics": stats,
-            "curve_policy": POLICY,
-            "actuarial_metrics": metrics,
-            "status": "valid",
-        },
+        pw(terms, rates).validate(), report | {"curve_policy": POLICY, "actuarial_metrics": metrics, "status": "valid"}
     )
-    shape_of = {
-        "monotonicity": shape,
-        "zero_rate_segments": zero,
-        "negative_rate_segments": neg,
-        "volatility": std,
-        "mean_rate": mean,
-    }
-    same(
-        pw(terms, rates).curve_analysis(),
-        {
-            "type": "piecewise",
-            "curve_policy": POLICY,
-            "curve_length": float(sum(terms)),
-            "segment_count": len(terms),
-            "rate_range": {"min": min(rates), "max": max(rates), "spread": max(rates) - min(rates)},
-            "rate_properties": counts | {"all_finite": True},
-            "curve_properties": shape_of,
-            "key_discount_factors": {f"{n}y": discount(terms, rates, n) for n in (1, 5, 10, 30)},
-        },
-    )
+    shape_of = {"monotonicity": shape, "zero_rate_segments": zero, "negative_rate_segments": neg, "volatility": std}
+    analysis = {"type": "piecewise", "curve_policy": POLICY, "curve_length": length, "segment_count": len(terms)}
+    analysis |= {"rate_range": {"min": low, "max": high, "spread": high - low}}
+    analysis |= {"rate_properties": counts | {"all_finite": True}, "curve_properties": shape_of | {"mean_rate": mean}}
+    factors = {f"{n}y": discount(terms, rates, n) for n in (1, 5, 10, 30)}
+    same(pw(terms, rates).curve_analysis(), analysis | {"key_discount_factors": factors})
 
 
 @pytest.mark.parametrize("rate, finite", [(0.0, True), (-0.005, True), (1e308, False), (NAN, False)])

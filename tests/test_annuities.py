@@ -4,31 +4,13 @@ import re
 
 import numpy as np
 import pytest
-from reference import discount
+from reference import MODES, MUTEX, PRECISION, D, I, V, d_m, discount, exact, i_m
 
 from norvane.config import Config
 from norvane.interest_rates import InterestRate
 
 NAN, INF = float("nan"), float("inf")
-I = 0.03
-V = 1.0 / (1.0 + I)
-D = I / (1.0 + I)
-MODES = ["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"]
-PRECISION = ("discrete_precision", "continuous_precision")
 TOL = 1e-9  # results are rounded to 10 decimals
-
-
-@pytest.fixture
-def ir():
-    return InterestRate(I)
-
-
-def i_m(m):
-    return m * ((1.0 + I) ** (1.0 / m) - 1.0)
-
-
-def d_m(m):
-    return m * (1.0 - (1.0 + I) ** (-1.0 / m))
 
 
 def annuity(ir, due, **kw):
@@ -74,16 +56,6 @@ def test_perpetuity_normalisation(ir, due, m, d):
     assert values[0] == pytest.approx(V**d / (d_m(m) if due else i_m(m)), rel=1e-9)
 
 
-def test_keyword_only_signature(ir):
-    for call in (lambda: ir.a(5), lambda: ir.ä(5.0, 0.0), lambda: ir.a(term=5)):
-        with pytest.raises(TypeError):
-            call()
-
-
-MUTEX = (
-    "'gr' and 'cashflow_amounts' are mutually exclusive: 'cashflow_amounts' defines explicit "
-    "payment amounts, so 'gr' has no effect. Pass gr=None when using cashflow_amounts."
-)
 LENGTH = "'cashflow_amounts' length must match provided 'cashflow_times' length."
 GR_TIMES = (
     "'gr' cannot be combined with explicit 'cashflow_times': growth is defined on the regular payment "
@@ -148,6 +120,18 @@ def test_unvalidated_dispatch_messages(ir, kwargs, text):
 
 
 @pytest.mark.parametrize(
+    ("timing", "exc", "text"),
+    [
+        (2, ValueError, "'payment_timing' must be 0 (due) or 1 (immediate), got 2."),
+        (True, TypeError, "'payment_timing' must be an int (0 due, 1 immediate), got bool."),
+    ],
+)
+def test_dispatch_checks_the_payment_timing(ir, timing, exc, text):
+    with exact(exc, "[InterestRate.a] " + text):
+        ir._annuity_dispatch(n=5.0, payment_timing=timing, method_name="InterestRate.a")
+
+
+@pytest.mark.parametrize(
     ("n_of", "m", "count"),
     [
         (lambda eps: 3.0 + eps / 8, 4, 12),
@@ -174,8 +158,8 @@ def test_zero_effective_term(ir, mode, due, kwargs):
     assert annuity(ir, due, m=4, **kwargs) == 0.0
     flows = annuity(ir, due, m=4, return_flows=True, **kwargs)
     assert flows["total_pv"] == 0.0
-    if mode in PRECISION:
-        assert flows["time_grid"].size == 0 and flows["pv_cf"].size == 0
+    parts = [flows] if mode in PRECISION else [flows[c] for c in ("due", "immediate", "fractional", "fractional_tail")]
+    assert all(np.size(v) == 0 for part in parts for v in part.values() if isinstance(v, np.ndarray))
 
 
 PIECEWISE_RATES = [0.02, 0.04, 0.05]
@@ -194,17 +178,14 @@ def test_ts_shift_on_piecewise_curve(due, ts, d, n, m):
     assert value == pytest.approx(shifted, abs=1e-12)
     k = np.arange(round(n_eff * m)) + (0 if due else 1)
     times = ts + d_eff + k / m
-    expected = (
-        sum(discount([2.0, 3.0], PIECEWISE_RATES, t) for t in times) / discount([2.0, 3.0], PIECEWISE_RATES, ts) / m
-    )
+    v = [discount([2.0, 3.0], PIECEWISE_RATES, t) for t in times]
+    expected = sum(v) / discount([2.0, 3.0], PIECEWISE_RATES, ts) / m
     assert value == pytest.approx(expected, abs=TOL)
     batch = annuity(curve, due, ts=[ts, ts], d=d, n=n, m=m)  # the portfolio kernel shifts the same way
     assert batch.tolist() == pytest.approx([expected] * 2, abs=TOL)
 
 
 # ---------------------------------------------------------------- native paths agree with the engine
-
-MODES = ["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"]
 
 
 @pytest.mark.parametrize("mode", MODES)
@@ -277,12 +258,3 @@ def test_a_plain_call_follows_force_integer_ts_set_after_the_last_one(ir):
 def test_annuity_calls_get_the_usual_type_errors(ir, call, message):
     with pytest.raises(TypeError, match=re.escape(message)):
         call(ir)
-
-
-def test_annuity_signatures_list_the_keywords_in_order():
-    import inspect
-
-    names = list(inspect.signature(InterestRate.a).parameters)
-    assert names == ["self", "ts", "d", "n", "m", "gr", "cashflow_times", "cashflow_amounts", "benefits",
-                     "return_flows", "t_output", "on_error", "record_ids"]  # fmt: skip
-    assert list(inspect.signature(InterestRate.ä).parameters) == [p for p in names if p != "cashflow_times"]

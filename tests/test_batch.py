@@ -1,29 +1,17 @@
 """Portfolio valuation: dispatch rules, grouping, benefits, flows and grid projection."""
 
-import math
-
 import numpy as np
 import pandas as pd
 import pytest
-from hypothesis import given, settings
-from hypothesis import strategies as st
+from reference import MODES, MUTEX, D, I, V
 
 from norvane.config import Config
 from norvane.growth_rates import GrowthRate
 from norvane.helpers import BatchErrorReport, BatchResult
-from norvane.interest_rates import InterestRate, _woolhouse_flows_to_grid
+from norvane.interest_rates import _woolhouse_flows_to_grid
 
 NAN = float("nan")
-I = 0.03
-V = 1.0 / (1.0 + I)
-D = I / (1.0 + I)
-MODES = ["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"]
 TOL = 1e-9
-
-
-@pytest.fixture
-def ir():
-    return InterestRate(I)
 
 
 def call(ir, method, **kw):
@@ -40,10 +28,6 @@ LENGTHS = (
 HETEROGENEOUS_M = (
     "return_flows=True is not supported when m is a vector with heterogeneous values. "
     "Use a scalar m or split the batch by payment frequency and call separately."
-)
-MUTEX = (
-    "'gr' and 'cashflow_amounts' are mutually exclusive: 'cashflow_amounts' defines explicit "
-    "payment amounts, so 'gr' has no effect. Pass gr=None when using cashflow_amounts."
 )
 NAN_FLOWS = "on_error='nan' is not supported with return_flows=True in batch mode."
 
@@ -137,35 +121,6 @@ def test_grouping_matches_scalar_calls(ir, method, kwargs):
     for i in range(size):
         single = {k: (v[i] if isinstance(v, list) else v) for k, v in kwargs.items()}
         assert out[i] == call(ir, method, **single)
-
-
-INVALID = -1.0
-term = st.one_of(st.sampled_from([0.0, 0.25, 1.0, 3.5, 10.0, 40.0, math.inf, INVALID, math.nan]), st.floats(0.0, 60.0))
-record = st.tuples(
-    term,
-    st.one_of(st.floats(0.0, 10.0), st.just(INVALID)),
-    st.one_of(st.floats(0.0, 15.0), st.just(INVALID)),
-    st.floats(0.0, 1e6),
-)
-
-
-@settings(max_examples=40, deadline=None)
-@given(st.lists(record, min_size=1, max_size=6), st.sampled_from([1, 2, 4, 12]), st.sampled_from(["a", "ä"]))
-def test_benefits_scale_exactly(records, m, method):
-    ir = InterestRate(I)
-    n, d, ts, ben = (list(col) for col in zip(*records))
-    res = call(ir, method, n=n, d=d, ts=ts, m=m, benefits=ben, on_error="nan")
-    invalid = [not (x >= 0.0) or y < 0.0 or z < 0.0 for x, y, z in zip(n, d, ts)]
-    assert res.errors.invalid_indices.tolist() == [i for i, bad in enumerate(invalid) if bad]
-    for i, bad in enumerate(invalid):
-        if bad:
-            assert math.isnan(res.values[i])
-        else:
-            unit = call(ir, method, n=None if math.isinf(n[i]) else n[i], d=d[i], ts=ts[i], m=m)
-            assert res.values[i] == unit * ben[i]
-    if not any(invalid):
-        plain = call(ir, method, n=n, d=d, ts=ts, m=m, benefits=ben)
-        np.testing.assert_array_equal(plain, res.values)
 
 
 def test_pandas_series_keep_input_order(ir):

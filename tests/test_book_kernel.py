@@ -6,19 +6,21 @@ import numpy as np
 import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
+from reference import MODES
 
 from norvane.config import Config
 from norvane.growth_rates import GrowthRate
 from norvane.interest_rates import InterestRate
 
-MODES = ["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"]
 FREQUENCIES = [1, 2, 4, 12, 52]
 GROWTHS = [None, 0.03, -0.02, GrowthRate(0.01, "arithmetic")]
 
 # On the grid (whole years, quarters) and off it (any fraction), perpetuities included.
 grid_time = st.integers(0, 48).map(lambda k: k / 4.0)
 time = st.one_of(grid_time, st.floats(0.0, 12.0))
-policy = st.tuples(st.one_of(grid_time, st.floats(0.0, 45.0), st.just(math.inf)), time, time, st.floats(0.0, 1e4))
+bad = st.sampled_from([-1.0, math.nan])  # an invalid record now and then, valued NaN with its message
+term = st.one_of(grid_time, st.floats(0.0, 45.0), st.just(math.inf), bad)
+policy = st.tuples(term, st.one_of(time, time, bad), st.one_of(time, time, bad), st.floats(0.0, 1e4))
 
 
 @st.composite
@@ -44,12 +46,18 @@ def curves(draw):
 )
 def test_book_equals_single_calls(curve, policies, mode, m, gr, method):
     Config().calculation_mode = mode
+    value = getattr(curve, method)
     n, d, ts, benefits = (np.array(column) for column in zip(*policies))
-    values = getattr(curve, method)(n=n, d=d, ts=ts, m=m, gr=gr, benefits=benefits)
-    for i in range(len(n)):
-        term = None if math.isinf(n[i]) else n[i]
-        single = getattr(curve, method)(n=term, d=d[i], ts=ts[i], m=m, gr=gr)
-        assert values[i] == single * benefits[i]
+    valid = (n >= 0) & (d >= 0) & (ts >= 0)
+    book = value(n=n, d=d, ts=ts, m=m, gr=gr, benefits=benefits, on_error="nan")
+    assert book.errors.invalid_indices.tolist() == np.flatnonzero(~valid).tolist()
+    assert np.isnan(book.values[~valid]).all()
+    if valid.any():  # the valid records alone, where any invalid one would raise
+        plain = value(n=n[valid], d=d[valid], ts=ts[valid], m=m, gr=gr, benefits=benefits[valid])
+        assert np.array_equal(plain, book.values[valid])
+    for i in np.flatnonzero(valid):
+        single = value(n=None if math.isinf(n[i]) else n[i], d=d[i], ts=ts[i], m=m, gr=gr)
+        assert book.values[i] == single * benefits[i]
 
 
 @pytest.mark.parametrize("dtype", [np.float64, np.int64, np.int32, np.float32])

@@ -10,8 +10,6 @@ import pickle
 import numpy as np
 import pandas as pd
 import pytest
-from hypothesis import given, settings
-from hypothesis import strategies as st
 from reference import exact
 
 from norvane.config import Config
@@ -263,19 +261,7 @@ def test_copies_are_equal_and_independent(make, how):
     assert ir.rates is None or ir.rates.tolist() == [0.02, 0.03, 0.04]
 
 
-# ---------------------------------------------------------------- rate guards
-
-
 # ---------------------------------------------------------------- prefix products and setters
-
-
-@settings(max_examples=60, deadline=None)
-@given(st.lists(st.tuples(st.floats(0.01, 40), st.floats(-0.9, 1.0)), min_size=1, max_size=6), st.floats(-0.9, 1.0))
-def test_prefix_products_match_products_of_powers(segments, last_rate):
-    terms, rates = [t for t, _ in segments], [r for _, r in segments] + [last_rate]
-    ir = InterestRate(terms=terms, rates=rates)
-    assert ir._precomp_prefix_prod.tolist() == pytest.approx(prefix(terms, rates), rel=1e-11)
-    assert ir._cum_terms.tolist() == pytest.approx(list(itertools.accumulate(terms)), rel=1e-12)
 
 
 def test_setters_store_and_refresh():

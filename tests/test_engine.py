@@ -11,34 +11,27 @@ import numpy as np
 import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
-from reference import discount
+from reference import MODES, PRECISION, D, I, V, d_m, discount, i_m
 
 from norvane import _kernels
 from norvane.engine.annuity import _ANNUITY_CALCULATION_MODE_DISPATCH as ENGINE
 from norvane.growth_rates import GrowthRate
 from norvane.interest_rates import InterestRate
 
-MODES = ("discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified")
-PRECISION = ("discrete_precision", "continuous_precision")
 COMPONENTS = ("due", "immediate", "fractional", "fractional_tail")
-I = 0.03
-V, D, DELTA = 1 / (1 + I), I / (1 + I), math.log(1 + I)
+DELTA = math.log(1 + I)
 GROWTHS = [None, GrowthRate(0.02), GrowthRate(0.05, "arithmetic")]
 FLAT = ([], [I])  # a constant curve as (segment lengths, rates)
 
 
-def one(_t):
-    return 1.0
-
-
 def value(
-    mode, n, m=1, d=0.0, timing=0, ir=None, gr=None, decimals=15, survival=one, times=None, amounts=None, flows=False
+    mode, n, m=1, d=0.0, timing=0, ir=None, gr=None, decimals=15, surv=None, times=None, amounts=None, flows=False
 ):
     """Call an engine entry the way the dispatcher does, counting the payments of n years m-thly."""
     size, frac = int(n * m), n * m - int(n * m)
     kw = {"d": d, "n": n, "payments_size": size + (frac > 1e-12), "payments_frac": frac, "m": m, "gr": gr}
     kw |= {"ir": InterestRate(I) if ir is None else ir, "decimals": decimals, "payment_timing": timing}
-    kw |= {"survival_func": survival, "return_flows": flows}
+    kw |= {"survival_func": surv or (lambda t: 1.0), "return_flows": flows}
     explicit = {"cashflow_times": times, "cashflow_amounts": amounts}
     kw |= {k: None if v is None else np.asarray(v, dtype=np.float64) for k, v in explicit.items()}
     return ENGINE[mode](**kw)
@@ -57,14 +50,6 @@ def growth_factor(gr):
 
 
 # ---------------------------------------------------------------- the 3 % curve
-
-
-def i_m(m):
-    return m * ((1 + I) ** (1 / m) - 1)
-
-
-def d_m(m):
-    return m * (1 - (1 + I) ** (-1 / m))
 
 
 @pytest.mark.parametrize("mode", MODES)
@@ -134,14 +119,14 @@ def survival_curve(t):
 def test_survival_weights_each_payment(timing, n, m, d):
     pays = payments(n, m, d, timing, growth_factor(None))
     exact = sum(a * V**t * survival_curve(t) for _, t, a in pays)
-    close(value("discrete_precision", n, m, d, timing, survival=survival_curve), exact)
+    close(value("discrete_precision", n, m, d, timing, surv=survival_curve), exact)
     # Woolhouse with survival: the annual due and immediate payments weighted (1-c, c) or (c, 1-c)
     k, c = math.floor(n), (m - 1) / (2 * m)
     due = sum(V ** (d + j) * survival_curve(d + j) for j in range(k))
     imm = sum(V ** (d + j + 1) * survival_curve(d + j + 1) for j in range(k))
     rest = sum(a * V**t * survival_curve(t) for idx, t, a in pays if idx >= k * m)
     want = ((1 - c) * due + c * imm if timing == 0 else c * due + (1 - c) * imm) + rest
-    close(value("discrete_simplified", n, m, d, timing, survival=survival_curve), want)
+    close(value("discrete_simplified", n, m, d, timing, surv=survival_curve), want)
 
 
 # ---------------------------------------------------------------- rounding and cash flows
@@ -182,15 +167,6 @@ def test_flows_add_up_to_the_present_value(mode, timing, n, m, d, gr):
         np.testing.assert_allclose(
             part["present_value"], flows[coef] * np.asarray(part["growth"]) * V ** part["time_grid"], rtol=1e-13
         )
-
-
-@pytest.mark.parametrize("mode", MODES)
-def test_zero_term(mode):
-    assert value(mode, 0.0, 12) == 0.0
-    flows = value(mode, 0.0, 12, flows=True)
-    assert flows["total_pv"] == 0.0
-    parts = [flows] if mode in PRECISION else [flows[name] for name in COMPONENTS]
-    assert all(np.size(v) == 0 for part in parts for v in part.values() if isinstance(v, np.ndarray))
 
 
 # ---------------------------------------------------------------- piecewise curves, brute force

@@ -2,13 +2,11 @@
 certain value its closed form, each bad life cell its message, through value_book and the CLI."""
 
 import math
-import re
-import shlex
-from pathlib import Path
 
 import numpy as np
 import pandas as pd
 import pytest
+from reference import table_csv
 
 from norvane.cli import main
 from norvane.interest_rates import InterestRate
@@ -58,13 +56,6 @@ CASES = [
 ]
 
 
-def table_csv(table, path):
-    select = np.full((table.qx.size, table.select_period), np.nan)  # empty cells: no select rates
-    select[: len(table.select)] = table.select
-    columns = {"age": np.arange(table.first_age, table.last_age + 1), "qx": table.qx}
-    pd.DataFrame(columns | {f"select_{k}": c for k, c in enumerate(select.T)}).to_csv(path, index=False)
-
-
 @pytest.mark.parametrize("kind", ["CSV file", "pandas frame of texts", "command line"])
 def test_mixed_book_against_single_calls_and_closed_forms(tmp_path, kind):
     book = tmp_path / "book.csv"
@@ -92,22 +83,3 @@ def test_bad_tables_are_refused_and_the_bundled_default_applies(tables, error):
     with pytest.raises(error):
         value_book({"age": [65]}, CURVE, tables=tables)
     assert value_book({"age": [65]}, CURVE).present_value[0] == life("M20", 65)
-
-
-def test_readme_life_examples(tmp_path, monkeypatch):
-    text = (Path(__file__).resolve().parents[1] / "README.md").read_text(encoding="utf-8")
-    (block,) = [b for b in re.findall(r"```python\n(.*?)```", text, re.S) if "life_values" in b]
-    namespace: dict = {}
-    exec(block, namespace)
-    flat, male, female = InterestRate(0.03), TABLES["M20"], TABLES["M13"]
-    certain = closed(1000 * (1 - 1.03**-10) / (1 - 1 / 1.03))
-    first = [12000 * male.life(67).ä(flat, m=12), 6000 * male.rated(-3).life(61.5).ä(flat, n=20, m=12), certain]
-    assert namespace["life_values"].present_value.tolist() == first
-    monkeypatch.chdir(tmp_path)  # the command line example, on the bundled tables written as CSV
-    Path("lives.csv").write_text(re.search(r"```csv\n(.*?)```", text, re.S).group(1))
-    table_csv(male, "male.csv")
-    table_csv(female, "female.csv")
-    (command,) = re.findall(r"^norvane value --portfolio lives.csv .*$", text, re.M)
-    assert main(shlex.split(command)[1:]) == 0
-    second = [certain, 12000 * male.life(67).ä(flat, m=12), 6000 * female.life(64).ä(flat, m=12)]
-    assert pd.read_csv("values.csv")["present_value"].tolist() == second

@@ -2,7 +2,6 @@
 NumPy sums on small tables."""
 
 import math
-import pathlib
 import pickle
 import re
 
@@ -10,30 +9,18 @@ import numpy as np
 import pytest
 from hypothesis import given
 from hypothesis import strategies as st
+from reference import MODES, makeham_l
 
 from norvane.config import Config
 from norvane.interest_rates import InterestRate
-from norvane.mortality import (
-    JointLife,
-    MortalityTable,
-    bundled_table,
-    constant_force,
-    life_annuities,
-    makeham,
-)
+from norvane.mortality import JointLife, MortalityTable, bundled_table, constant_force, life_annuities, makeham
 
 RULES = ["udd", "constant_force", "balducci"]
 TOL = 1e-9  # values are rounded to 10 decimals
-MODES = ["discrete_precision", "discrete_simplified", "continuous_precision", "continuous_simplified"]
 I, MU = 0.04, 0.03
 FLAT = InterestRate(I)
 CF_TABLE = constant_force(MU).table(20, 100)
 CURVE = InterestRate(terms=[3, 4, 5], rates=[0.02, 0.035, 0.03, 0.045])
-
-
-def makeham_l(A, B, c, x):
-    """Survival from 0 to x under Makeham's law, in closed form."""
-    return np.exp(-A * x - B / math.log(c) * (c**x - 1.0))
 
 
 @pytest.mark.parametrize(
@@ -177,16 +164,8 @@ def test_portfolio_equals_single_lives_and_reports_errors():
     for mode in MODES:
         with Config().override(calculation_mode=mode):
             values = life_annuities(CURVE, tables, **policies, benefits=np.full(size, 2.0))
-            for k in range(size):
-                life = tables[policies["table"][k]].life(policies["age"][k])
-                term = policies["n"][k]
-                single = life.ä(
-                    CURVE,
-                    n=None if np.isinf(term) else term,
-                    d=policies["d"][k],
-                    m=int(policies["m"][k]),
-                    ts=policies["ts"][k],
-                )
+            for k, (name, age, n, d, ts, m) in enumerate(zip(*policies.values())):
+                single = tables[name].life(age).ä(CURVE, n=None if np.isinf(n) else n, d=d, m=int(m), ts=ts)
                 assert values[k] == 2.0 * single
     bad = life_annuities(
         CURVE, tables, table=["M", "X", "M", "F"], age=[60, 60, 130, 60], n=[10, 10, 10, -1], on_error="nan"
@@ -231,24 +210,10 @@ def test_csv_value_semantics_and_pickling(tmp_path):
     )
     assert table.life(60).tpx(3) == pytest.approx(0.99 * 0.98 * 0.95)
     assert pickle.loads(pickle.dumps(table)) == table and hash(table.rated(0)) == hash(table)
-    assert pickle.loads(pickle.dumps(JointLife(table.life(61), table.life(60)))).ä(FLAT) == JointLife(
-        table.life(61), table.life(60)
-    ).ä(FLAT)
+    joint = JointLife(table.life(61), table.life(60))
+    assert pickle.loads(pickle.dumps(joint)).ä(FLAT) == joint.ä(FLAT)
     with pytest.raises(AttributeError):
         table._qx = None
     path.write_text("age,qx\n60,0.1\n62,1\n")
     with pytest.raises(ValueError, match="62.0 follows 60.0"):
         MortalityTable.from_csv(path)
-
-
-def test_readme_life_example():
-    readme = pathlib.Path(__file__).resolve().parents[1] / "README.md"
-    block = re.search(
-        r"```python\n([^`]*?from norvane.mortality import.*?)```", readme.read_text(encoding="utf-8"), re.S
-    )
-    namespace: dict = {}
-    exec(block.group(1), namespace)
-    life, flat = namespace["life"], namespace["flat"]
-    v, l = 1 / 1.03, makeham_l(0.00022, 2.7e-6, 1.124, np.arange(65.0, 75.0)) / makeham_l(0.00022, 2.7e-6, 1.124, 65.0)
-    assert namespace["temporary"] == pytest.approx(np.sum(l * v ** np.arange(10)), abs=TOL)
-    assert life.A(flat) == pytest.approx(1 - (1 - v) * life.ä(flat), abs=TOL)

@@ -1,23 +1,43 @@
-"""The README's Python examples run as written."""
+"""The README's examples run as written, and what they claim holds (closed forms, single-life calls)."""
 
-import pathlib
 import re
+import shlex
+from pathlib import Path
 
-README = pathlib.Path(__file__).resolve().parents[1] / "README.md"
+import numpy as np
+import pandas as pd
+import pytest
+from reference import makeham_l, table_csv
+
+from norvane.cli import main
+from norvane.interest_rates import InterestRate
+from norvane.mortality import bundled_table
+
+README = Path(__file__).resolve().parents[1] / "README.md"
 
 
-def test_readme_python_examples_run():
-    blocks = re.findall(r"```python\n(.*?)```", README.read_text(encoding="utf-8"), re.S)
-    assert blocks, "the README shows Python examples"
-    namespace: dict = {}
-    for block in blocks:
-        if block.startswith("# (needs a running Dask cluster)"):
-            continue  # the Dask tests run that path on a local cluster
-        exec(compile(block, str(README), "exec"), namespace)
-    # The examples' own claims, checked against closed forms.
-    flat, curve = namespace["flat"], namespace["curve"]
-    v = 1 / 1.03
-    assert abs(flat.ä(n=5) - (1 - v**5) / (1 - v)) < 1e-9
-    assert curve.vn(7.5) == curve.vn([7.5])[0]
-    assert abs(curve.vn(7.5) - 1.02**-5 * 1.03**-2.5) < 1e-15
-    assert namespace["InterestRate"].from_export(namespace["payload"]) == curve
+def test_readme_examples(tmp_path, monkeypatch):
+    text = README.read_text(encoding="utf-8")
+    ns: dict = {}
+    for block in re.findall(r"```python\n(.*?)```", text, re.S):
+        if not block.startswith("# (needs a running Dask cluster)"):  # the Dask tests run that path
+            exec(compile(block, str(README), "exec"), ns)
+    flat, curve, v = InterestRate(0.03), ns["curve"], 1 / 1.03
+    assert abs(ns["flat"].ä(n=5) - (1 - v**5) / (1 - v)) < 1e-9
+    assert curve.vn(7.5) == curve.vn([7.5])[0] and abs(curve.vn(7.5) - 1.02**-5 * 1.03**-2.5) < 1e-15
+    assert ns["InterestRate"].from_export(ns["payload"]) == curve
+    l = makeham_l(0.00022, 2.7e-6, 1.124, np.arange(65.0, 75.0))
+    assert ns["temporary"] == pytest.approx(np.sum(l / l[0] * v ** np.arange(10)), abs=1e-9)
+    assert ns["life"].A(flat) == pytest.approx(1 - (1 - v) * ns["life"].ä(flat), abs=1e-9)
+    male, female = bundled_table("makeham_20_120"), bundled_table("makeham_13_110")
+    certain = pytest.approx(1000 * (1 - v**10) / (1 - v), rel=1e-10)
+    first = [12000 * male.life(67).ä(flat, m=12), 6000 * male.rated(-3).life(61.5).ä(flat, n=20, m=12), certain]
+    assert ns["life_values"].present_value.tolist() == first
+    monkeypatch.chdir(tmp_path)  # the command line example, on the bundled tables written as CSV
+    Path("lives.csv").write_text(re.search(r"```csv\n(.*?)```", text, re.S).group(1))
+    table_csv(male, "male.csv")
+    table_csv(female, "female.csv")
+    (command,) = re.findall(r"^norvane value --portfolio lives.csv .*$", text, re.M)
+    assert main(shlex.split(command)[1:]) == 0
+    second = [certain, 12000 * male.life(67).ä(flat, m=12), 6000 * female.life(64).ä(flat, m=12)]
+    assert pd.read_csv("values.csv")["present_value"].tolist() == second
