@@ -122,6 +122,11 @@ class GrowthRate:
         ValueError
             For a negative ``n_payments`` or an ``m`` below 1.
         """
+        for name, value in (("n_payments", n_payments), ("m", m)):
+            if isinstance(value, (bool, np.bool_)) or not isinstance(value, (int, np.integer)):
+                raise TypeError(
+                    f"[GrowthRate.payment_factors] '{name}' must be an integer, got {type(value).__name__}."
+                )
         if n_payments < 0 or m < 1:
             raise ValueError("[GrowthRate.payment_factors] need n_payments >= 0 and m >= 1")
         return np.asarray(self.factors(np.arange(int(n_payments)) // int(m)), dtype=np.float64)

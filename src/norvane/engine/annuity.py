@@ -31,7 +31,7 @@ import numpy as np
 
 from .. import _kernels
 from ..growth_rates import _as_growth_rate
-from ..helpers import _as_f64_safe
+from ..helpers import _as_f64_safe, _real_float, _validate_scalar_numeric
 from .base import _CALCULATION_MODES
 
 __all__ = ["_ANNUITY_CALCULATION_MODE_DISPATCH"]
@@ -88,12 +88,13 @@ def _annuity(kw: dict[str, Any]) -> _kernels.Annuity:
     """The native annuity of the keywords an engine entry receives."""
     gr = _as_growth_rate(kw["gr"])  # a TypeError for anything but None, a GrowthRate or a number
     kind, rate = ("level", 0.0) if gr is None else (gr.kind, float(gr.rate))
+    whole = functools.partial(_validate_scalar_numeric, method="engine", allowed_types=(int, np.integer), cast=int)
     return _kernels.Annuity(
-        d=float(kw["d"]),
-        n=float(kw["n"]),
-        payments_size=int(kw["payments_size"]),
-        m=int(kw["m"]),
-        timing=int(kw["payment_timing"]),
+        d=_real_float(kw["d"], "d", "engine"),
+        n=_real_float(kw["n"], "n", "engine"),
+        payments_size=whole(kw["payments_size"], "payments_size"),
+        m=whole(kw["m"], "m"),
+        timing=whole(kw["payment_timing"], "payment_timing"),
         growth_kind=kind,
         growth_rate=rate,
     )

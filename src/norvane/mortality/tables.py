@@ -337,9 +337,15 @@ class MortalityTable(TableBase):
         rule = self._fractional_age if fractional_age is None else _check_rule(fractional_age, "MortalityTable.tpx")
         method = "MortalityTable.tpx"
         select = np.nan if select_age is None else _named_f64(select_age, "select_age", method)
-        ages, durations, selects = np.broadcast_arrays(
-            _named_f64(age, "age", method), _named_f64(t, "t", method), select
-        )
+        try:
+            ages, durations, selects = np.broadcast_arrays(
+                _named_f64(age, "age", method), _named_f64(t, "t", method), select
+            )
+        except ValueError:
+            shapes = [np.shape(age), np.shape(t), np.shape(select)]
+            raise ValueError(
+                f"[{method}] 'age', 't' and 'select_age' must broadcast together, got shapes {shapes}."
+            ) from None
         self._check_ages(ages.reshape(-1), selects.reshape(-1), "MortalityTable.tpx")
         flat_t = np.ascontiguousarray(durations, dtype=np.float64).reshape(-1)
         bad = np.flatnonzero(~(flat_t >= 0.0))

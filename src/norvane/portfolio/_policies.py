@@ -203,6 +203,8 @@ def _ids(column: pa.Array | None, first_record: int, count: int) -> pa.Array:
     """Identifiers as text: the record numbers when there is no id column, "" for a missing id."""
     if column is None:
         return pc.cast(_arrow.from_numbers(np.arange(first_record + 1, first_record + count + 1)), pa.string())
+    if pa.types.is_nested(column.type):
+        raise InputError(f"the id column must hold texts or numbers, got {column.type}")
     if pa.types.is_floating(column.type) or pa.types.is_boolean(column.type):
         # Arrow writes 5.0 as "5" and True as "true"; an id reads as Python writes it.
         text = column.to_numpy(zero_copy_only=False).astype(str)
