@@ -60,11 +60,12 @@ _KERNEL_DTYPES = frozenset(np.dtype(t) for t in (np.float64, np.float32, np.int6
 
 
 def _kernel_readable(values: Any) -> np.ndarray | None:
-    """``values`` itself when the book kernel reads it as it stands: a one-dimensional
+    """``values`` itself when the book kernel reads it as it stands: a one-dimensional aligned
     array (or the array of a NumPy-typed Series) of float64, float32, int64 or int32."""
     if _is_pandas_1d(values) and isinstance(values.dtype, np.dtype):
         values = values.to_numpy()
-    if type(values) is np.ndarray and values.ndim == 1 and values.dtype in _KERNEL_DTYPES:
+    # Aligned, since native code reads its elements as they lie (a misaligned view is copied).
+    if type(values) is np.ndarray and values.ndim == 1 and values.dtype in _KERNEL_DTYPES and values.flags.aligned:
         return values
     return None
 
