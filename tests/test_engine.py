@@ -316,7 +316,7 @@ def test_kernel_integral_to_infinity_terminates():
         "except ValueError:\n    print('ValueError')\n"
     )
     try:
-        out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=3).stdout.strip()
+        out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=60).stdout.strip()
     except subprocess.TimeoutExpired:
         pytest.fail("integral over [3, inf) did not terminate")
     assert out == "ValueError" or math.isclose(float(out), V**3 / DELTA, rel_tol=1e-12)

@@ -256,25 +256,9 @@ def annuity_batch_dispatch(
             )
         )
     groups = _group_batch_m_gr_indices(m_resolved, gr, size, method_name)
-    if not return_flows:
-        result = np.empty(size, dtype=np.float64)
-        for m_group, gr_group, idx in groups:
-            result[idx] = annuity_batch_financial(
-                self,
-                n_arr=n_arr[idx],
-                d_arr=d_arr[idx],
-                ts_arr=ts_arr[idx],
-                m=m_group,
-                gr=gr_group,
-                decimals=decimals,
-                benefits_arr=_subset(benefits_arr, idx),
-                return_flows=False,
-                **group_kw,
-            )
-        return result
-    parts = []
-    for m_group, gr_group, idx in groups:
-        flows = annuity_batch_financial(
+
+    def value_group(m_group: int, gr_group: Any, idx: np.ndarray) -> Any:
+        return annuity_batch_financial(
             self,
             n_arr=n_arr[idx],
             d_arr=d_arr[idx],
@@ -283,9 +267,18 @@ def annuity_batch_dispatch(
             gr=gr_group,
             decimals=decimals,
             benefits_arr=_subset(benefits_arr, idx),
-            return_flows=True,
+            return_flows=return_flows,
             **group_kw,
         )
+
+    if not return_flows:
+        result = np.empty(size, dtype=np.float64)
+        for m_group, gr_group, idx in groups:
+            result[idx] = value_group(m_group, gr_group, idx)
+        return result
+    parts = []
+    for m_group, gr_group, idx in groups:
+        flows = value_group(m_group, gr_group, idx)
         parts.append(
             (_as_f64_safe(flows["time_grid"]), _as_f64_safe(flows["expected_cf"]), _as_f64_safe(flows["pv_cf"]))
         )
