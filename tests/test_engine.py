@@ -265,7 +265,7 @@ def life_book(column, value):
     cols[column][0] = value
     args = (np.array([I]), np.empty(0), np.empty(0), *cols, None)
     return _kernels.life_portfolio(
-        [TABLE], ["udd"], *args, timing=0, mode="discrete_precision", tolerance_eps=0.0, decimals=10
+        [TABLE], ["udd"], [[ord("T")]], *args, timing=0, mode="discrete_precision", tolerance_eps=0.0, decimals=10
     )
 
 

@@ -177,6 +177,66 @@ def test_portfolio_equals_single_lives_and_reports_errors():
     assert life_annuities(CURVE, tables, table=[], age=[]).shape == (0,)  # an empty book is no fault
 
 
+@pytest.mark.parametrize("m", [1, 12])
+def test_whole_age_book_equals_closed_form_and_single_calls(m):
+    # Constant q at a constant force: an annuity-due at a whole age is a geometric series in
+    # ((1 - q) / (1 + i))^(1/m), after a deferment and for a term left at ts = 1.
+    q = 0.02
+    level = MortalityTable([q] * 79 + [1.0], first_age=20).with_fractional_age("constant_force")
+    tables = {"Level": level, "M": bundled_table("makeham_20_120")}
+    size = 40_000  # more than one block per core
+    rng = np.random.default_rng(3)
+    names = np.where(rng.random(size) < 0.5, "Level", "M")  # texts wider than one character
+    age = rng.integers(20, 60, size)
+    n = rng.integers(1, 20, size).astype(np.int32)
+    d = rng.integers(0, 5, size)
+    values = life_annuities(FLAT, tables, table=names, age=age, n=n, d=d, ts=1, m=m)
+    step = ((1 - q) / (1 + I)) ** (1 / m)
+    deferment, term = np.maximum(d - 1, 0), n - np.maximum(1 - d, 0)
+    closed = step ** (m * deferment) * (1 - step ** (m * term)) / (1 - step) / m
+    on_level = names == "Level"
+    np.testing.assert_allclose(values[on_level], closed[on_level], rtol=1e-9, atol=1e-10)
+    for k in rng.choice(size, 200, replace=False).tolist():
+        assert values[k] == tables[names[k]].life(float(age[k])).ä(FLAT, n=int(n[k]), d=int(d[k]), ts=1, m=m)
+
+
+@pytest.mark.parametrize(
+    "policy",
+    [
+        dict(n=np.inf),  # for life: off the vectorised pass, the single call's route on its grid
+        dict(n=2.4),  # a pro-rata last payment
+        dict(age=110.0, n=30.0),  # beyond the table's last age: the grid's sums stop growing
+        dict(age=60.5),  # between birthdays: the general route
+        dict(table="M", select_age=58.0),  # selected earlier: the general route
+    ],
+)
+def test_whole_age_book_routes_agree_with_single_calls(policy):
+    tables = {"M": bundled_table("makeham_20_120"), "F": bundled_table("makeham_13_110")}
+    book = dict(table=["F", "M", "F"], age=[40.0, 61.0, 75.0], n=[10.0, 20.0, 5.0], select_age=[np.nan] * 3)
+    for column, value in policy.items():
+        book[column][1] = value
+    values = life_annuities(CURVE, tables, **book, d=[0, 2, 1], m=4)
+    for k, name in enumerate(book["table"]):
+        select = book["select_age"][k]
+        life = tables[name].life(book["age"][k], select_age=None if np.isnan(select) else select)
+        n = book["n"][k]
+        assert values[k] == life.ä(CURVE, n=None if np.isinf(n) else n, d=[0, 2, 1][k], m=4)
+
+
+@pytest.mark.parametrize(
+    "table, message",
+    [
+        (np.array(["M", "Male"]), "'table' at index 1 is 'Male'"),  # longer than every name of that width
+        (np.array(["M", ""]), "'table' at index 1 is ''"),
+        (np.array(["M", None], dtype=object), "'table' at index 1 is missing"),
+    ],
+)
+def test_book_table_names_are_matched_whole(table, message):
+    tables = {"M": bundled_table("makeham_20_120"), "Ma": bundled_table("makeham_13_110")}
+    with pytest.raises(ValueError, match=re.escape(message)):
+        life_annuities(CURVE, tables, table=table, age=60)
+
+
 @pytest.mark.parametrize(
     "build, message",
     [

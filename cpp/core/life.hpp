@@ -7,6 +7,7 @@
 #include "core/annuity.hpp"
 #include "core/prefix_sums.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -171,9 +172,28 @@ class LifeGrid {
     LifeGrid(const PiecewiseTable& curve, const Status& status, std::size_t m, std::size_t size);
     // The grid point of `s`'s first regular payment: none when `s` is not a
     // level schedule of one life on the grid (then it is summed payment by payment).
-    static std::optional<std::size_t> first_point(const Schedule& s, const Status& status);
+    static std::optional<std::size_t> first_point(const Schedule& s, const Status& status) {
+        if (status.kind != Status::Single) return std::nullopt;
+        return first_point(s);
+    }
+    // The same for a schedule known to be of one life.
+    static std::optional<std::size_t> first_point(const Schedule& s) {
+        if (s.growth.kind != Growth::Level) return std::nullopt;
+        const double point = s.start * static_cast<double>(s.m) + static_cast<double>(s.first + s.timing);
+        if (!(point == std::floor(point) && point < 0x1p52)) return std::nullopt;
+        return static_cast<std::size_t>(point);
+    }
     // The value of `s`, whose regular payments start at the grid point `first`.
-    double value(const PiecewiseTable& curve, const Schedule& s, const Status& status, std::size_t first) const;
+    double value(const PiecewiseTable& curve, const Schedule& s, const Status& status, std::size_t first) const {
+        return regular(s, first) + (s.has_partial ? life_partial_value(curve, s, status) : 0.0);
+    }
+    // The value of `s`'s regular payments alone (as the books' vectorised pass computes it).
+    double regular(const Schedule& s, std::size_t first) const {
+        const std::size_t top = sums_.size();
+        return sums_.between(std::min(first, top), std::min(first + s.count, top)) * (1.0 / static_cast<double>(s.m));
+    }
+    // The running sums, to the grid's last point.
+    const PrefixSums& sums() const { return sums_; }
 
   private:
     PrefixSums sums_;
@@ -271,33 +291,6 @@ LifeValue life_benefit_value(LifeBenefit benefit, const PiecewiseTable& curve, c
                              double d, double n, PolicyTerms terms,
                              std::optional<std::span<const double>> amounts = std::nullopt, GridCache* cache = nullptr);
 
-// ---- portfolios ----------------------------------------------------------------
-
-// Per policy: index of its table, age at inception, select age (NaN: the
-// integer part of the age), term (infinite: whole life), deferment,
-// valuation time, payments a year and benefit (empty: 1). Unit values are
-// rounded as np.round does, then multiplied by the benefits. Survival paths
-// are built once per (table, select age), every distinct policy is valued
-// once, and in the discrete precision mode the policies of one life that
-// differ only in their term share one pass over the longest schedule. Every
-// policy must be valid (check_life_policies).
-struct LifePolicies {
-    std::span<const double> table, age, select_age, n, d, ts, m, benefits;
-};
-void life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*> tables,
-                           std::span<const FractionalAge> rules, const LifePolicies& policies, const PolicyTerms& terms,
-                           std::span<double> out);
-
-// The first policy of a book that cannot be valued, and why: a select age
-// given out of range, or another input out of range (a table index that is
-// not a whole number naming a table, a frequency not a whole number in
-// 1..365, an age out of range, a valuation time or deferment not finite and
-// >= 0, a term < 0 or, when finite, not countable). Benefits are not looked at.
-struct LifeBookFault {
-    enum Kind { None, SelectAge, Policy } kind = None;
-    std::size_t index = 0;
-};
-LifeBookFault check_life_policies(std::span<MortalityTable* const> tables, const LifePolicies& policies);
 // Whether a life aged `age` at inception (selected at `select_age`, NaN: at
 // the integer part of its age) is an age of `table` at ts: not younger than
 // the table (or its select row), not beyond its last age at ts, and selected
@@ -306,11 +299,23 @@ bool age_fits(const MortalityTable& table, double age, double select_age, double
 
 // The term from inception of a policy with term n (infinite: for life, every
 // period that begins before survival ends `horizon` years after ts).
-double life_term(double n, double d, double ts, double horizon, std::size_t m);
+inline double life_term(double n, double d, double ts, double horizon, std::size_t m) {
+    if (!std::isinf(n)) return n;
+    // For life: whole periods from the first payment until survival ends, so
+    // the last period begun alive pays in full.
+    const TermAtValuation at = term_at_valuation(0.0, d, ts);
+    const double periods = std::ceil((horizon - at.deferment) * static_cast<double>(m));
+    return periods > 0.0 ? at.elapsed + periods / static_cast<double>(m) : 0.0;
+}
 
 // The annuity of a policy on a status whose survival ends `horizon` years
 // after the valuation time: term n from inception after the deferment d
 // (infinite: for life), valued at ts. None when no payment is left.
-std::optional<Annuity> life_policy_annuity(double n, double d, double ts, double horizon, const PolicyTerms& terms);
+inline std::optional<Annuity> life_policy_annuity(double n, double d, double ts, double horizon,
+                                                  const PolicyTerms& terms) {
+    const double term = life_term(n, d, ts, horizon, terms.m);
+    if (!(term > 0.0)) return std::nullopt;
+    return policy_annuity(term, d, ts, terms);
+}
 
 }  // namespace norvane::core

@@ -1,5 +1,6 @@
 #include "core/portfolio.hpp"
 
+#include "core/level_grid.hpp"
 #include "core/parallel.hpp"
 #include "core/prefix_sums.hpp"
 
@@ -20,11 +21,6 @@ namespace norvane::core {
 
 namespace {
 
-constexpr double kEpsilon = std::numeric_limits<double>::epsilon();
-// A book value and its single call (on the shifted curve) differ by a few
-// epsilon of the value (5 seen on a 40-segment curve); a value closer than
-// this margin to a rounding tie is recomputed the single call's way.
-constexpr double kTieMargin = 16.0 * kEpsilon;
 // A grid longer than this many points is not built: policies beyond it take
 // the closed form per segment.
 constexpr std::size_t kMaxGridPoints = std::size_t{1} << 22;
@@ -243,49 +239,6 @@ namespace {
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
-constexpr std::size_t kBlock = 256;  // policies valued together
-
-using Block = std::array<double, kBlock>;
-
-template <typename T>
-void convert(const void* data, std::size_t i, std::size_t len, double* out) {
-    const T* values = static_cast<const T*>(data) + i;
-    for (std::size_t k = 0; k < len; ++k) out[k] = static_cast<double>(values[k]);
-}
-
-// One input of a book: a value per policy, or one value for every policy.
-class Column {
-  public:
-    Column(BookColumn values, std::size_t size) : values_(values), repeated_(values.size == 1 && size != 1) {
-        if (repeated_) block_.fill(values[0]);
-    }
-    double operator[](std::size_t i) const { return values_[repeated_ ? 0 : i]; }
-    // The values of policies i .. i + len - 1 (len <= kBlock): in place for
-    // doubles, else converted into `scratch`.
-    const double* block(std::size_t i, std::size_t len, Block& scratch) const {
-        if (repeated_) return block_.data();
-        switch (values_.type) {
-            case BookColumn::Type::Float64:
-                return static_cast<const double*>(values_.data) + i;
-            case BookColumn::Type::Float32:
-                convert<float>(values_.data, i, len, scratch.data());
-                break;
-            case BookColumn::Type::Int64:
-                convert<std::int64_t>(values_.data, i, len, scratch.data());
-                break;
-            case BookColumn::Type::Int32:
-                convert<std::int32_t>(values_.data, i, len, scratch.data());
-                break;
-        }
-        return scratch.data();
-    }
-
-  private:
-    BookColumn values_;
-    bool repeated_;
-    Block block_{};
-};
-
 constexpr double kUnitBenefit[] = {1.0};
 
 // A book's inputs; without benefits, each policy's is 1.
@@ -396,94 +349,6 @@ bool near_rounding_tie(double value, double error, double scale) {
     return from_half <= error * scale + 4.0 * kEpsilon * std::abs(scaled);
 }
 
-constexpr double kTwo52 = 4503599627370496.0;
-
-// What the vectorised pass over level payments in discrete precision reads:
-// the running sums of the grid's discount factors and their compensations,
-// 1 / v at the grid's points, and the book's terms.
-struct LevelGridView {
-    const double *sums = nullptr, *compensations = nullptr, *accumulations = nullptr;
-    double points = 0.0, m = 1.0, timing = 0.0, tolerance = 0.0, scale = 1.0;
-};
-
-// x as a 64-bit integer, for a whole number 0 <= x < 2^51: an addition and
-// a reinterpretation, which vectorise where a conversion may not.
-inline std::int64_t whole_index(double x) {
-    return std::bit_cast<std::int64_t>(x + kTwo52) - std::bit_cast<std::int64_t>(kTwo52);
-}
-
-// The grid points of a block of policies whose schedule is whole periods on
-// the grid, seen from a point of it: first and last payment (last
-// exclusive) and the valuation time, with on_grid 1; 0 everywhere for any
-// other policy. Without branches, so that it vectorises.
-__attribute__((target_clones("avx512f", "avx2", "default"))) void level_grid_points(
-    const LevelGridView& g, const double* __restrict n, const double* __restrict d, const double* __restrict ts,
-    std::int64_t* __restrict first, std::int64_t* __restrict last, std::int64_t* __restrict seen,
-    double* __restrict on_grid, std::size_t len) {
-    const double m = g.m, tolerance = g.tolerance, timing = g.timing, last_point = g.points - 1.0;
-    for (std::size_t i = 0; i < len; ++i) {
-        // term_at_valuation and payment_count, as in a single call.
-        const double elapsed = std::max(0.0, ts[i] - d[i]), deferment = std::max(0.0, d[i] - ts[i]);
-        const double term = std::max(0.0, n[i] - elapsed);
-        const double total = term * m, whole = std::floor(total);
-        // Both sides of each choice are computed, so that the choice is a blend.
-        const bool shift = ts[i] > tolerance;
-        const double shifted_start = ts[i] + deferment, shifted_at = ts[i] * m;
-        const double start = (shift ? shifted_start : deferment) * m, at = shift ? shifted_at : 0.0;
-        const double from = start + timing, to = from + whole;
-        // A sum of terms >= 0, each 0 exactly when its rule holds (NaN for a
-        // perpetuity): no pro-rata payment, start and valuation time on the
-        // grid, the last payment within it. Inputs are >= 0 (checked).
-        const double off_grid = std::max(total - whole - tolerance, 0.0) + (start - std::floor(start)) +
-                                (at - std::floor(at)) + std::max(to - last_point, 0.0);
-        const bool usable = off_grid == 0.0;
-        first[i] = whole_index(usable ? from : 0.0);
-        last[i] = whole_index(usable ? to : 0.0);
-        seen[i] = whole_index(usable ? at : 0.0);
-        on_grid[i] = usable ? 1.0 : 0.0;
-    }
-}
-
-// out[i] = the rounded unit value of policy i times benefits[i], from the
-// running sums at its first and last payment and 1 / v at its valuation
-// time; NaN off the grid, or within the value's error margin of a rounding
-// tie. Returns whether any is NaN. Vectorised as above (gathers included);
-// the IEEE operations are the same in every clone.
-__attribute__((target_clones("avx512f", "avx2", "default"))) bool level_grid_values(
-    const LevelGridView& g, const double* __restrict ts, const double* __restrict benefits,
-    const std::int64_t* __restrict first, const std::int64_t* __restrict last, const std::int64_t* __restrict seen,
-    const double* __restrict on_grid, double* __restrict out, std::size_t len) {
-    const double per_payment = 1.0 / g.m, tolerance = g.tolerance, scale = g.scale;
-    const double *sums = g.sums, *compensations = g.compensations, *accumulations = g.accumulations;
-    unsigned left = 0;
-    for (std::size_t i = 0; i < len; ++i) {
-        const double sum_a = sums[first[i]], sum_b = sums[last[i]];
-        const double value = ((sum_b - sum_a) + (compensations[last[i]] - compensations[first[i]])) * per_payment;
-        const double accumulation = accumulations[seen[i]], per_divisor = ts[i] > tolerance ? accumulation : 1.0;
-        const double magnitude = std::abs(sum_b - sum_a) + kEpsilon * (std::abs(sum_a) + std::abs(sum_b));
-        const double error = kTieMargin * (std::abs(value) + magnitude * per_payment) * per_divisor;
-        // near_rounding_tie and round_scaled, without their branches.
-        const double scaled = value * per_divisor * scale;
-        const double from_half = std::abs(scaled - std::floor(scaled) - 0.5);
-        const bool clear = (from_half > error * scale + 4.0 * kEpsilon * std::abs(scaled)) &
-                           (std::abs(scaled) < kTwo52) & (on_grid[i] != 0.0);
-        const double rounded = std::copysign((std::abs(scaled) + kTwo52) - kTwo52, scaled) / scale;
-        out[i] = clear ? rounded * benefits[i] : std::numeric_limits<double>::quiet_NaN();
-        left |= static_cast<unsigned>(!clear);
-    }
-    return left != 0;
-}
-
-// The policies of a block valued as level payments in discrete precision on
-// the grid; returns whether any is left NaN for the general route.
-bool level_grid_block(const LevelGridView& g, const double* n, const double* d, const double* ts,
-                      const double* benefits, double* out, std::size_t len) {
-    std::array<std::int64_t, kBlock> first, last, seen;
-    std::array<double, kBlock> on_grid;
-    level_grid_points(g, n, d, ts, first.data(), last.data(), seen.data(), on_grid.data(), len);
-    return level_grid_values(g, ts, benefits, first.data(), last.data(), seen.data(), on_grid.data(), out, len);
-}
-
 // What a thread recomputed last on shifted curves: the curves of the last
 // few valuation times and the last few exact values, tried in turn (a book's
 // policies share few valuation times, and its near-ties repeat with them).
@@ -544,7 +409,7 @@ class BookValuer {
     void value_block(const double* n, const double* d, const double* ts, const double* benefits, double* out,
                      std::size_t len, RecentExact& recent) const {
         if (level_precision_) {
-            if (!level_grid_block(grid_view_, n, d, ts, benefits, out, len)) return;
+            if (!level_grid_block(grid_view_, n, d, ts, nullptr, nullptr, benefits, out, len)) return;
         } else {
             std::fill(out, out + len, std::numeric_limits<double>::quiet_NaN());
         }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core/annuity.hpp"
+#include "core/book_columns.hpp"
 
 #include <cstddef>
 #include <cstdint>
@@ -17,32 +18,6 @@ class InvalidPolicy : public std::invalid_argument {
     explicit InvalidPolicy(std::size_t index)
         : std::invalid_argument("policy " + std::to_string(index) + " has an input out of range"), index(index) {}
     std::size_t index;
-};
-
-// A column of a book as the caller's array holds it: read in place and
-// converted to double block by block, so an integer or float32 column costs
-// no copy of the book's size.
-struct BookColumn {
-    enum class Type { Float64, Float32, Int64, Int32 };
-    const void* data = nullptr;
-    std::size_t size = 0;
-    Type type = Type::Float64;
-
-    BookColumn() = default;
-    BookColumn(const void* data_, std::size_t size_, Type type_) : data(data_), size(size_), type(type_) {}
-    BookColumn(std::span<const double> values) : data(values.data()), size(values.size()) {}  // NOLINT
-    double operator[](std::size_t i) const {
-        switch (type) {
-            case Type::Float32:
-                return static_cast<const float*>(data)[i];
-            case Type::Int64:
-                return static_cast<double>(static_cast<const std::int64_t*>(data)[i]);
-            case Type::Int32:
-                return static_cast<const std::int32_t*>(data)[i];
-            default:
-                return static_cast<const double*>(data)[i];
-        }
-    }
 };
 
 // Unit present values of a portfolio at valuation times ts (years since

@@ -6,7 +6,8 @@ import numpy as np
 from numpy.typing import NDArray
 from typing_extensions import disjoint_base
 
-# Input arrays must be one-dimensional, C-contiguous float64 arrays.
+# Input arrays must be one-dimensional and C-contiguous: float64, or where a book column
+# allows, float32, int64 or int32.
 
 @disjoint_base
 class Annuity:
@@ -110,17 +111,18 @@ def life_value(
 def life_portfolio(
     tables: list[LifeTable],
     rules: list[str],
+    names: list[list[int]],
     rates: NDArray[np.float64],
     terms: NDArray[np.float64],
     ends: NDArray[np.float64],
-    table: NDArray[np.float64],
-    age: NDArray[np.float64],
-    select_age: NDArray[np.float64],
-    n: NDArray[np.float64],
-    d: NDArray[np.float64],
-    ts: NDArray[np.float64],
-    m: NDArray[np.float64],
-    benefits: NDArray[np.float64] | None,
+    table: NDArray[np.float64] | NDArray[np.uint32],
+    age: NDArray[np.float64] | NDArray[np.float32] | NDArray[np.int64] | NDArray[np.int32],
+    select_age: NDArray[np.float64] | NDArray[np.float32] | NDArray[np.int64] | NDArray[np.int32],
+    n: NDArray[np.float64] | NDArray[np.float32] | NDArray[np.int64] | NDArray[np.int32],
+    d: NDArray[np.float64] | NDArray[np.float32] | NDArray[np.int64] | NDArray[np.int32],
+    ts: NDArray[np.float64] | NDArray[np.float32] | NDArray[np.int64] | NDArray[np.int32],
+    m: NDArray[np.float64] | NDArray[np.float32] | NDArray[np.int64] | NDArray[np.int32],
+    benefits: NDArray[np.float64] | NDArray[np.float32] | NDArray[np.int64] | NDArray[np.int32] | None,
     *,
     timing: int,
     mode: str,

@@ -54,6 +54,14 @@ inline core::BookColumn column_of(const RealArray& a) {
 }
 inline std::vector<double> vector_of(const InArray& a) { return {a.data(), a.data() + a.shape(0)}; }
 
+// A new NumPy array of `size` doubles, left uninitialised for a kernel to
+// fill (a book's result is written once, not zeroed first), and its values.
+inline std::pair<OutArray, std::span<double>> new_array(std::size_t size) {
+    auto* values = new double[size ? size : 1];
+    nb::capsule owner(values, [](void* p) noexcept { delete[] static_cast<double*>(p); });
+    return {OutArray(values, {size}, owner), std::span<double>(values, size)};
+}
+
 // A NumPy array that owns `values` (moved, not copied).
 inline OutArray to_array(std::vector<double> values) {
     auto* owned = new std::vector<double>(std::move(values));

@@ -8,8 +8,11 @@
 #include <nanobind/stl/vector.h>
 
 #include "core/life.hpp"
+#include "core/life_book.hpp"
 #include "curve.hpp"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <optional>
 #include <span>
@@ -25,10 +28,13 @@ using namespace norvane;
 namespace {
 
 using bindings::arrays_of;
+using bindings::column_of;
 using bindings::growth_of;
 using bindings::InArray;
 using bindings::mode_of;
+using bindings::new_array;
 using bindings::OutArray;
+using bindings::RealArray;
 using bindings::span_of;
 using bindings::to_array;
 using bindings::vector_of;
@@ -97,6 +103,24 @@ double life_value(const std::string& kind, const bindings::Curve& curve, const c
         throw std::invalid_argument("'cashflow_amounts' holds " + std::to_string(amounts_size) + " amounts for " +
                                     std::to_string(value.payments) + " payments");
     return value.value;
+}
+
+// A table column given as texts: (rows, width) UTF-32 code points, as NumPy holds fixed-width strings.
+using TextArray = nb::ndarray<nb::ro, const std::uint32_t, nb::ndim<2>, nb::c_contig, nb::device::cpu>;
+
+std::size_t table_rows_of(nb::handle table) {
+    TextArray text;
+    if (nb::try_cast(table, text)) return text.shape(0);
+    return nb::cast<RealArray>(table).shape(0);
+}
+
+core::TableColumn table_column_of(nb::handle table, const std::vector<std::vector<std::uint32_t>>& names,
+                                  std::size_t size) {
+    TextArray text;
+    if (!nb::try_cast(table, text)) return core::TableColumn(column_of(nb::cast<RealArray>(table)), size);
+    std::vector<std::u32string> named;
+    for (const auto& name : names) named.emplace_back(name.begin(), name.end());
+    return core::TableColumn(text.data(), text.shape(1), text.shape(0), size, named);
 }
 
 }  // namespace
@@ -186,44 +210,50 @@ void register_life(nb::module_& m) {
 
     m.def(
         "life_portfolio",
-        [](std::vector<core::MortalityTable*> tables, const std::vector<std::string>& rule_names, InArray rates,
-           InArray terms, InArray ends, InArray table, InArray age, InArray select_age, InArray n, InArray d,
-           InArray ts, InArray frequency, nb::object benefits, int timing, const std::string& mode,
-           double tolerance_eps, int decimals) {
-            const std::size_t size = age.shape(0);
-            for (const InArray* column : {&table, &select_age, &n, &d, &ts, &frequency})
-                if (column->shape(0) != size) throw std::invalid_argument("policy columns must have one length");
-            if (tables.size() != rule_names.size() || tables.empty())
-                throw std::invalid_argument("one rule per table, at least one table");
+        [](std::vector<core::MortalityTable*> tables, const std::vector<std::string>& rule_names,
+           const std::vector<std::vector<std::uint32_t>>& names, InArray rates, InArray terms, InArray ends,
+           nb::object table, RealArray age, RealArray select_age, RealArray n, RealArray d, RealArray ts,
+           RealArray frequency, nb::object benefits, int timing, const std::string& mode, double tolerance_eps,
+           int decimals) {
+            if (tables.size() != rule_names.size() || tables.size() != names.size() || tables.empty())
+                throw std::invalid_argument("one rule and one name per table, at least one table");
             if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
             std::vector<core::FractionalAge> rules;
             for (const auto& name : rule_names) rules.push_back(rule_of(name));
-            core::LifePolicies policies{span_of(table), span_of(age), span_of(select_age), span_of(n),
-                                        span_of(d),     span_of(ts),  span_of(frequency),  {}};
-            const core::LifeBookFault fault = core::check_life_policies(tables, policies);
+            const core::BookColumn weights =
+                benefits.is_none() ? core::BookColumn{} : column_of(nb::cast<RealArray>(benefits));
+            // The book's size is that of its columns of other than one value.
+            const std::size_t lengths[] = {
+                age.shape(0), select_age.shape(0), n.shape(0),           d.shape(0),
+                ts.shape(0),  frequency.shape(0),  table_rows_of(table), benefits.is_none() ? 1 : weights.size};
+            std::size_t size = 1;
+            for (const std::size_t rows : lengths)
+                if (rows != 1) size = rows;
+            for (const std::size_t rows : lengths)
+                if (rows != size && rows != 1)
+                    throw std::invalid_argument("policy columns must have one length or hold one value");
+            const core::LifePolicies policies(size, table_column_of(table, names, size), column_of(age),
+                                              column_of(select_age), column_of(n), column_of(d), column_of(ts),
+                                              column_of(frequency), weights);
+            const core::PolicyTerms p{1, timing, core::Growth{}, mode_of(mode), tolerance_eps, 0.0, decimals};
+            const core::CurveArrays curve = arrays_of(rates, terms, ends);
+            auto [array, out] = new_array(size);
+            core::LifeBookFault fault;
+            {
+                nb::gil_scoped_release release;
+                fault = core::life_portfolio_values(curve, tables, rules, policies, p, out);
+            }
             if (fault.kind == core::LifeBookFault::SelectAge)
                 throw std::invalid_argument("invalid select age at index " + std::to_string(fault.index));
             if (fault.kind == core::LifeBookFault::Policy)
                 throw std::invalid_argument("invalid policy at index " + std::to_string(fault.index));
-            InArray weights;
-            if (!benefits.is_none()) {
-                weights = nb::cast<InArray>(benefits);
-                if (weights.shape(0) != size) throw std::invalid_argument("benefits must match the policies");
-                policies.benefits = span_of(weights);
-            }
-            const core::PolicyTerms p{1, timing, core::Growth{}, mode_of(mode), tolerance_eps, 0.0, decimals};
-            const core::CurveArrays curve = arrays_of(rates, terms, ends);
-            std::vector<double> out(size);
-            {
-                nb::gil_scoped_release release;
-                core::life_portfolio_values(curve, tables, rules, policies, p, out);
-            }
-            return to_array(std::move(out));
+            return array;
         },
-        nb::arg("tables"), nb::arg("rules"), nb::arg("rates"), nb::arg("terms"), nb::arg("ends"), nb::arg("table"),
-        nb::arg("age"), nb::arg("select_age"), nb::arg("n"), nb::arg("d"), nb::arg("ts"), nb::arg("m"),
-        nb::arg("benefits").none(), nb::kw_only(), nb::arg("timing"), nb::arg("mode"), nb::arg("tolerance_eps"),
-        nb::arg("decimals"),
-        "Rounded life annuity values of a portfolio (times the benefits): survival once per (table, select age), "
-        "each distinct policy valued once.");
+        nb::arg("tables"), nb::arg("rules"), nb::arg("names"), nb::arg("rates"), nb::arg("terms"), nb::arg("ends"),
+        nb::arg("table"), nb::arg("age"), nb::arg("select_age"), nb::arg("n"), nb::arg("d"), nb::arg("ts"),
+        nb::arg("m"), nb::arg("benefits").none(), nb::kw_only(), nb::arg("timing"), nb::arg("mode"),
+        nb::arg("tolerance_eps"), nb::arg("decimals"),
+        "Rounded life annuity values of a portfolio (times the benefits). Columns hold one value per policy or one "
+        "for all; `table` holds table indices, or fixed-width texts as a (rows, width) array of UTF-32 code points "
+        "matched against `names` (each table's name as code points).");
 }

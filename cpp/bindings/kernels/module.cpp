@@ -52,6 +52,7 @@ using bindings::Curve;
 using bindings::growth_of;
 using bindings::InArray;
 using bindings::mode_of;
+using bindings::new_array;
 using bindings::OutArray;
 using bindings::RealArray;
 using bindings::span_of;
@@ -218,15 +219,13 @@ NB_MODULE(_kernels, m) {
             const core::CurveArrays curve = arrays_of(rates, terms, ends);
             const core::PolicyTerms p{
                 m_, timing, growth_of(kind, rate), mode_of(mode), tolerance_eps, perpetuity_n_eff, decimals};
-            auto* out = new double[count ? count : 1];
-            nb::capsule owner(out, [](void* ptr) noexcept { delete[] static_cast<double*>(ptr); });
+            auto [array, out] = new_array(count);
             {
                 nb::gil_scoped_release release;
                 core::portfolio_values(curve, column_of(n), column_of(d), column_of(ts),
-                                       benefits.is_none() ? std::span<const double>() : span_of(weights), p,
-                                       std::span<double>(out, count));
+                                       benefits.is_none() ? std::span<const double>() : span_of(weights), p, out);
             }
-            return OutArray(out, {count}, owner);
+            return array;
         },
         nb::arg("rates"), nb::arg("terms"), nb::arg("ends"), nb::arg("n"), nb::arg("d"), nb::arg("ts"),
         nb::arg("benefits").none(), nb::kw_only(), nb::arg("m"), nb::arg("timing"), nb::arg("growth_kind"),

@@ -291,6 +291,8 @@ def _check_benefit_values(arr: F64Array | None, method_name: str) -> None:
     """Raise on the first benefit that is negative or not finite."""
     if arr is None:
         return
+    if arr.size == 0 or (np.all(arr >= 0.0) and np.isfinite(arr.max())):  # two passes, no temporaries of floats
+        return
     bad = ~(np.isfinite(arr) & (arr >= 0.0))
     if bad.any():
         i = _first_index(bad)

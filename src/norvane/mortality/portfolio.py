@@ -11,6 +11,7 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from .. import _kernels
+from .._helpers.policy_arrays import _benefits_array, _check_benefit_values
 from ..base import _ALLOWED_PAYMENT_FREQUENCIES
 from ..helpers import (
     _MAX_PAYMENTS,
@@ -21,7 +22,6 @@ from ..helpers import (
     _coerce_record_ids,
     _map_batch_n_none_to_inf,
     _too_many_payments_text,
-    _validate_benefits,
     _validate_record_ids_batch_only,
 )
 from ..helpers import _allowed_frequency as _allowed_frequency
@@ -143,6 +143,13 @@ def _faults(tables: Mapping[str, MortalityTable], cols: dict[str, Any], size: in
     return faults
 
 
+def _texts(names: NDArray[Any]) -> NDArray[np.uint32] | None:
+    """Fixed-width texts as the kernel reads them, (rows, width) code points; None for other columns."""
+    if names.dtype.kind != "U" or names.dtype.itemsize == 0:
+        return None
+    return np.ascontiguousarray(names).view(np.uint32).reshape(names.size, -1)
+
+
 class _LifeBook:
     """What the kernel needs besides the policies: the curve's arrays, the tables and the settings."""
 
@@ -150,26 +157,32 @@ class _LifeBook:
         self.rates, self.terms, self.ends = _curve_arrays(curve, _METHOD)
         self.tables = [t._native for t in tables.values()]
         self.rules = [t.fractional_age for t in tables.values()]
+        self.names = [[ord(c) for c in name] for name in tables]
         self.timing = 0 if timing == "due" else 1
         self.mode: str = curve.calculation_mode
         self.tolerance_eps: float = curve._meta.tolerance_eps
         self.decimals: int = curve._config.decimals.annuities
         self.weights, self.size = weights, size
 
-    def value(self, codes: F64, cols: dict[str, Any], rows: NDArray[np.intp] | None) -> F64:
-        """Values of the policies ``rows`` (None: all); the kernel refuses a policy out of range."""
+    def value(self, table: NDArray[Any], cols: dict[str, Any], rows: NDArray[np.intp] | None) -> F64:
+        """Values of the policies ``rows`` (None: all), whose tables are ``table`` (texts as
+        ``_texts`` gives them, or indices); the kernel refuses a policy out of range."""
 
-        def column(values: Any) -> F64:
-            values = np.broadcast_to(np.asarray(values, dtype=np.float64), (self.size,))
-            return np.ascontiguousarray(values if rows is None or rows.size == self.size else values[rows])
+        def column(values: Any) -> NDArray[Any]:
+            # Columns are read as they are: one value (or a broadcast one) stands for every policy.
+            values = np.asarray(values)
+            if values.shape[0] > 1 and values.strides[0] == 0:
+                values = values[:1]
+            return values if rows is None or values.shape[0] == 1 else np.ascontiguousarray(values[rows])
 
         valued: F64 = _kernels.life_portfolio(
             self.tables,
             self.rules,
+            self.names,
             self.rates,
             self.terms,
             self.ends,
-            column(codes),
+            column(table),
             column(cols["age"]),
             column(cols["select_age"]),
             column(cols["n"]),
@@ -182,6 +195,8 @@ class _LifeBook:
             tolerance_eps=self.tolerance_eps,
             decimals=self.decimals,
         )
+        if rows is not None and valued.size != rows.size:  # every column held one value
+            valued = np.broadcast_to(valued, rows.shape).copy()
         return valued
 
 
@@ -249,34 +264,36 @@ def life_annuities(
         m=_frequencies(m),
         select_age=_policy_column(np.nan if select_age is None else select_age, "select_age", _METHOD),
     )
-    weights = _validate_benefits(benefits, size, _METHOD)
+    # Read by the kernel as they are (no copy): the book is valued before this call returns.
+    weights = _benefits_array(benefits, size, _METHOD)
+    _check_benefit_values(weights, _METHOD)
     _validate_record_ids_batch_only(record_ids, True, size, _METHOD)
-    codes, _ = _table_codes(cols["table"], tables)
     book = _LifeBook(curve, tables, timing, weights, size)
-    # The kernel checks every policy itself; the per-policy faults are worded only when it refuses one.
+    # The kernel checks every policy itself and matches texts to the tables' names; the
+    # per-policy faults are worded only when it refuses one.
+    texts = _texts(cols["table"])
+    table = texts if texts is not None else _table_codes(cols["table"], tables)[0]
     faults: dict[int, list[str]] = {}
     valued = None
-    if not np.isnan(codes).any() and _allowed_frequency(cols["m"]).all():
+    if (texts is not None or not np.isnan(table).any()) and _allowed_frequency(cols["m"]).all():
         try:
-            valued = book.value(codes, cols, None)
+            valued = book.value(table, cols, None)
         except ValueError:
             valued = None
     if valued is None:
+        codes = _table_codes(cols["table"], tables)[0]
         faults = _faults(tables, cols, size, codes)
         if faults and on_error == "raise":
             raise ValueError(f"[{_METHOD}] " + "; ".join(faults[min(faults)]))
-    valid = np.ones(size, dtype=bool)
-    valid[list(faults)] = False
-    rows = np.flatnonzero(valid)
-    if valued is None:
-        valued = book.value(codes, cols, rows)
-    if rows.size == size:
-        values = valued
-    else:
+        valid = np.ones(size, dtype=bool)
+        valid[list(faults)] = False
+        rows = np.flatnonzero(valid)
         values = np.full(size, np.nan)
-        values[rows] = valued
+        values[rows] = book.value(codes, cols, rows)
+    else:
+        valid, values = np.ones(size, dtype=bool), valued
     # A life at an age its table gives no chance of reaching has no value.
-    unreached = np.flatnonzero(valid & np.isnan(values)).tolist()
+    unreached = np.flatnonzero(valid & np.isnan(values)).tolist() if values.size and np.isnan(values.min()) else []
     if unreached:
         names, ages, times = (np.broadcast_to(cols[k], (size,)) for k in ("table", "age", "ts"))
         for i in unreached:

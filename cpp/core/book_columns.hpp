@@ -1,0 +1,140 @@
+// The columns of a book as the caller's arrays hold them, shared by the
+// certain and the life book kernels.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace norvane::core {
+
+// A column of a book as the caller's array holds it: read in place and
+// converted to double block by block, so an integer or float32 column costs
+// no copy of the book's size.
+struct BookColumn {
+    enum class Type { Float64, Float32, Int64, Int32 };
+    const void* data = nullptr;
+    std::size_t size = 0;
+    Type type = Type::Float64;
+
+    BookColumn() = default;
+    BookColumn(const void* data_, std::size_t size_, Type type_) : data(data_), size(size_), type(type_) {}
+    BookColumn(std::span<const double> values) : data(values.data()), size(values.size()) {}  // NOLINT
+    double operator[](std::size_t i) const {
+        switch (type) {
+            case Type::Float32:
+                return static_cast<const float*>(data)[i];
+            case Type::Int64:
+                return static_cast<double>(static_cast<const std::int64_t*>(data)[i]);
+            case Type::Int32:
+                return static_cast<const std::int32_t*>(data)[i];
+            default:
+                return static_cast<const double*>(data)[i];
+        }
+    }
+};
+
+inline constexpr std::size_t kBlock = 256;  // policies read together
+using Block = std::array<double, kBlock>;
+
+// One input of a book: a value per policy, or one value for every policy.
+class Column {
+  public:
+    Column() = default;
+    Column(BookColumn values, std::size_t size) : values_(values), repeated_(values.size == 1 && size != 1) {
+        if (repeated_) block_.fill(values[0]);
+    }
+    double operator[](std::size_t i) const { return values_[repeated_ ? 0 : i]; }
+    // Whether every policy has the same value (one given for all).
+    bool repeated() const { return repeated_ || values_.size == 1; }
+    // The values of policies i .. i + len - 1 (len <= kBlock): in place for
+    // doubles, else converted into `scratch`.
+    const double* block(std::size_t i, std::size_t len, Block& scratch) const {
+        if (repeated_) return block_.data();
+        switch (values_.type) {
+            case BookColumn::Type::Float64:
+                return static_cast<const double*>(values_.data) + i;
+            case BookColumn::Type::Float32:
+                convert<float>(i, len, scratch.data());
+                break;
+            case BookColumn::Type::Int64:
+                convert<std::int64_t>(i, len, scratch.data());
+                break;
+            case BookColumn::Type::Int32:
+                convert<std::int32_t>(i, len, scratch.data());
+                break;
+        }
+        return scratch.data();
+    }
+
+  private:
+    template <typename T>
+    void convert(std::size_t i, std::size_t len, double* out) const {
+        const T* values = static_cast<const T*>(values_.data) + i;
+        for (std::size_t k = 0; k < len; ++k) out[k] = static_cast<double>(values[k]);
+    }
+    BookColumn values_;
+    bool repeated_ = false;
+    Block block_{};
+};
+
+// The table each policy of a life book names: numbers (the index of a
+// table), or texts of `width` code points (zero-padded, as NumPy holds
+// fixed-width strings) matched against the tables' names. Reads NaN for a
+// policy that names no table.
+class TableColumn {
+  public:
+    TableColumn() = default;
+    TableColumn(BookColumn codes, std::size_t size) : codes_(codes, size) {}
+    // `rows` texts: one per policy, or one for all.
+    TableColumn(const std::uint32_t* text, std::size_t width, std::size_t rows, std::size_t size,
+                const std::vector<std::u32string>& names)
+        : text_(text), width_(width), repeated_(rows == 1 && size != 1) {
+        // A name longer than the texts matches none of them.
+        for (std::size_t k = 0; k < names.size(); ++k) {
+            if (names[k].size() > width) continue;
+            std::u32string padded = names[k];
+            padded.resize(width, U'\0');
+            names_.emplace_back(k, std::move(padded));
+        }
+    }
+    double operator[](std::size_t i) const {
+        if (!text_) return codes_[i];
+        const std::uint32_t* row = text_ + (repeated_ ? 0 : i) * width_;
+        for (const auto& [k, name] : names_)
+            if (std::equal(row, row + width_, name.begin())) return static_cast<double>(k);
+        return std::numeric_limits<double>::quiet_NaN();
+    }
+    // As Column::block.
+    const double* block(std::size_t i, std::size_t len, Block& scratch) const {
+        if (!text_) return codes_.block(i, len, scratch);
+        if (width_ != 1 || repeated_) {
+            for (std::size_t k = 0; k < len; ++k) scratch[k] = (*this)[i + k];
+            return scratch.data();
+        }
+        // Names of one character (the usual "M" and "F"): a comparison a name, without branches.
+        const std::uint32_t* text = text_ + i;
+        std::fill_n(scratch.begin(), len, std::numeric_limits<double>::quiet_NaN());
+        for (const auto& [index, name] : names_) {
+            const auto code = static_cast<double>(index);
+            const std::uint32_t letter = name[0];
+            for (std::size_t k = 0; k < len; ++k) scratch[k] = text[k] == letter ? code : scratch[k];
+        }
+        return scratch.data();
+    }
+
+  private:
+    Column codes_;
+    const std::uint32_t* text_ = nullptr;
+    std::size_t width_ = 0;
+    bool repeated_ = false;
+    std::vector<std::pair<std::size_t, std::u32string>> names_;  // (index, padded name)
+};
+
+}  // namespace norvane::core

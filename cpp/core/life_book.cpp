@@ -1,0 +1,680 @@
+#include "core/life_book.hpp"
+
+#include "core/level_grid.hpp"
+#include "core/parallel.hpp"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <mutex>
+#include <numeric>
+#include <optional>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace norvane::core {
+
+namespace {
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+
+}  // namespace
+
+namespace {
+
+// Distinct keys numbered in order of first appearance: open addressing in
+// one array that doubles when half full, so a book of a million policies
+// costs no allocation per policy and few distinct keys stay in cache.
+template <std::size_t N>
+class KeyIndex {
+  public:
+    using Key = std::array<std::uint64_t, N>;
+    // Room for `expected` keys is reserved (address space only until used).
+    explicit KeyIndex(std::size_t expected) : slots_(1024, kEmpty) { keys_.reserve(expected); }
+    // The number of `key`, and whether it is new.
+    std::pair<std::uint32_t, bool> insert(const Key& key) {
+        std::size_t slot = find(key);
+        if (slots_[slot] != kEmpty) return {slots_[slot], false};
+        if (2 * (keys_.size() + 1) > slots_.size()) {
+            grow();
+            slot = find(key);
+        }
+        slots_[slot] = static_cast<std::uint32_t>(keys_.size());
+        keys_.push_back(key);
+        return {slots_[slot], true};
+    }
+
+  private:
+    static constexpr std::uint32_t kEmpty = 0xFFFFFFFFu;
+    static std::size_t hash(const Key& key) {
+        std::uint64_t h = 0x9E3779B97F4A7C15ull;
+        for (std::uint64_t part : key) h = (h ^ part) * 0xBF58476D1CE4E5B9ull, h ^= h >> 31;
+        return static_cast<std::size_t>(h);
+    }
+    // The slot holding `key`, or the empty slot where it belongs.
+    std::size_t find(const Key& key) const {
+        const std::size_t mask = slots_.size() - 1;
+        std::size_t slot = hash(key) & mask;
+        while (slots_[slot] != kEmpty && keys_[slots_[slot]] != key) slot = (slot + 1) & mask;
+        return slot;
+    }
+    void grow() {
+        slots_.assign(2 * slots_.size(), kEmpty);
+        const std::size_t mask = slots_.size() - 1;
+        for (std::size_t i = 0; i < keys_.size(); ++i) {
+            std::size_t slot = hash(keys_[i]) & mask;
+            while (slots_[slot] != kEmpty) slot = (slot + 1) & mask;
+            slots_[slot] = static_cast<std::uint32_t>(i);
+        }
+    }
+    std::vector<std::uint32_t> slots_;
+    std::vector<Key> keys_;
+};
+
+// Bit pattern with -0.0 folded into 0.0, so equal numbers share a key.
+std::uint64_t bits(double x) { return std::bit_cast<std::uint64_t>(x == 0.0 ? 0.0 : x); }
+
+// The policies of one life (table, age, select age) at one valuation time,
+// deferment and frequency: their schedules differ only in length. In the
+// discrete precision mode one pass over the longest gives every distinct
+// length's sum; otherwise each distinct term is valued once. Unit values go
+// to `unit` by policy.
+void value_group(const PiecewiseTable& curve, std::span<const double> ratios, const CurveSums* pieces,
+                 const SurvivalPath& path, int path_start, FractionalAge rule, const LifePolicies& p,
+                 std::span<std::uint32_t> members, const PolicyTerms& terms, std::span<double> unit) {
+    const std::uint32_t first = members[0];
+    const auto life = life_aged(path, path_start, p.age[first], p.ts[first], rule);
+    if (!life) {
+        for (std::uint32_t i : members) unit[i] = kNaN;
+        return;
+    }
+    const LifeOnPath lives[] = {*life};
+    const Status status = Status::of(Status::Single, lives);
+    PolicyTerms policy = terms;
+    policy.m = static_cast<std::size_t>(p.m[first]);
+    const double ts = p.ts[first], d = p.d[first];
+    const auto annuity_of = [&](double n) { return life_policy_annuity(n, d, ts, status.horizon(), policy); };
+    const auto round = [&](double value) { return round_like_numpy(value, terms.decimals); };
+    // In the discrete precision mode a schedule on the grid is a difference of
+    // the life's sums and any other is summed with the book's ratios (the same
+    // numbers a single call computes); other modes as a single call values them.
+    // (book_sums gave the group the curve's sums; a life's own grid is built
+    // here, for the group's longest schedule, and dropped with the group).
+    const bool by_year = CurveSums::applies(status);
+    const auto on_grid = [&](const Schedule& s) { return LifeGrid::first_point(s, status).has_value(); };
+    std::optional<LifeGrid> grid;
+    const auto prepare_grid = [&](std::span<const std::optional<Annuity>> annuities) {
+        if (terms.mode != Mode::DiscretePrecision || by_year) return;
+        std::optional<std::size_t> size;
+        for (const auto& annuity : annuities) {
+            if (!annuity) continue;
+            const Schedule s = annuity->schedule();
+            if (const auto at = LifeGrid::first_point(s, status)) size = std::max(size.value_or(0), *at + s.count);
+        }
+        if (size) grid.emplace(curve, status, policy.m, *size);
+    };
+    const auto value_of = [&](const Annuity& annuity) {
+        if (terms.mode != Mode::DiscretePrecision) return life_annuity_value(curve, annuity, terms.mode, status);
+        const Schedule s = annuity.schedule();
+        const auto first = LifeGrid::first_point(s, status);
+        if (!first) return life_schedule_value(curve, s, status, ratios);
+        return by_year ? pieces->value(curve, s, status, *first) : grid->value(curve, s, status, *first);
+    };
+    if (members.size() == 1) {
+        const std::optional<Annuity> annuity = annuity_of(p.n[first]);
+        prepare_grid({&annuity, 1});
+        unit[first] = annuity ? round(value_of(*annuity)) : 0.0;
+        return;
+    }
+    // Runs of equal terms: each distinct term is one annuity.
+    std::sort(members.begin(), members.end(), [&](std::uint32_t a, std::uint32_t b) { return p.n[a] < p.n[b]; });
+    std::vector<std::size_t> run_start;
+    std::vector<std::optional<Annuity>> annuities;
+    for (std::size_t k = 0; k < members.size(); ++k) {
+        if (k > 0 && p.n[members[k]] == p.n[members[k - 1]]) continue;
+        run_start.push_back(k);
+        annuities.push_back(annuity_of(p.n[members[k]]));
+    }
+    run_start.push_back(members.size());
+    prepare_grid(annuities);
+    std::vector<double> values(annuities.size(), 0.0);
+    // One deferment: the group's schedules are all on the grid or none is.
+    const auto some = std::find_if(annuities.begin(), annuities.end(), [](const auto& a) { return a.has_value(); });
+    if (terms.mode != Mode::DiscretePrecision || (some != annuities.end() && on_grid((*some)->schedule()))) {
+        for (std::size_t r = 0; r < annuities.size(); ++r)
+            if (annuities[r]) values[r] = round(value_of(*annuities[r]));
+    } else {
+        std::vector<std::size_t> counts;
+        std::optional<Schedule> longest;
+        for (const auto& annuity : annuities) {
+            if (!annuity) continue;
+            const Schedule s = annuity->schedule();
+            counts.push_back(s.count);
+            if (!longest || s.count > longest->count) longest = s;
+        }
+        std::sort(counts.begin(), counts.end());
+        counts.erase(std::unique(counts.begin(), counts.end()), counts.end());
+        std::vector<double> sums(counts.size());
+        if (longest) life_schedule_sums(curve, *longest, status, counts, sums, ratios);
+        for (std::size_t r = 0; r < annuities.size(); ++r) {
+            if (!annuities[r]) continue;
+            const Schedule s = annuities[r]->schedule();
+            const auto at = std::lower_bound(counts.begin(), counts.end(), s.count) - counts.begin();
+            values[r] = round(sums[static_cast<std::size_t>(at)] + life_partial_value(curve, s, status));
+        }
+    }
+    for (std::size_t r = 0; r < annuities.size(); ++r)
+        for (std::size_t k = run_start[r]; k < run_start[r + 1]; ++k) unit[members[k]] = values[r];
+}
+
+// The curve's sums of a discrete precision book, one per (curve, frequency)
+// that lives between birthdays under uniform deaths are valued on, as far as
+// their schedules reach (no further than survival lasts).
+struct BookSums {
+    std::map<std::pair<std::size_t, std::size_t>, CurveSums> sums;  // by (curve, frequency)
+    std::vector<const CurveSums*> of_group;
+    const CurveSums* of(std::size_t group) const { return of_group.empty() ? nullptr : of_group[group]; }
+};
+
+BookSums book_sums(const LifePolicies& p, std::span<const std::uint32_t> lead, std::span<const std::uint32_t> members,
+                   std::span<const std::uint32_t> offsets, const std::vector<PiecewiseTable>& curves,
+                   std::span<const std::size_t> group_curve, std::span<const SurvivalPath* const> paths,
+                   std::span<const int> starts, std::span<const FractionalAge> rules) {
+    const std::size_t group_count = lead.size();
+    std::map<std::pair<std::size_t, std::size_t>, double> reach;
+    for (std::size_t g = 0; g < group_count; ++g) {
+        const std::uint32_t i = lead[g];
+        const auto life =
+            life_aged(*paths[g], starts[g], p.age[i], p.ts[i], rules[static_cast<std::size_t>(p.table[i])]);
+        if (!life || !CurveSums::applies(Status{Status::Single, {*life, *life}})) continue;
+        // The schedules end at d + n from inception, d + n - ts from the valuation time.
+        double points = 0.0;
+        for (std::uint32_t k = offsets[g]; k < offsets[g + 1]; ++k) {
+            const std::uint32_t policy = members[k];
+            points = std::max(points, (p.d[policy] + p.n[policy] - p.ts[policy]) * p.m[policy] + 2.0);
+        }
+        const double alive = std::ceil(life->horizon() * p.m[i]) + 1.0;
+        double& most = reach[{group_curve[g], static_cast<std::size_t>(p.m[i])}];
+        most = std::max(most, std::min(points, alive));
+    }
+    BookSums out;
+    for (const auto& [key, points] : reach)
+        out.sums.try_emplace(key, curves[key.first], key.second, static_cast<std::size_t>(points));
+    if (out.sums.empty()) return out;
+    out.of_group.resize(group_count);
+    for (std::size_t g = 0; g < group_count; ++g) {
+        const auto found = out.sums.find({group_curve[g], static_cast<std::size_t>(p.m[lead[g]])});
+        out.of_group[g] = found == out.sums.end() ? nullptr : &found->second;
+    }
+    return out;
+}
+
+LifeBookFault::Kind policy_fault(std::span<MortalityTable* const> tables, const LifePolicies& p, std::size_t i) {
+    const double t = p.table[i], x = p.age[i], f = p.m[i], s = p.select_age[i], n = p.n[i];
+    if (!std::isnan(s) && !age_in_range(s)) return LifeBookFault::SelectAge;
+    if (!(t >= 0.0 && t < static_cast<double>(tables.size()) && t == std::floor(t)) ||
+        !tables[static_cast<std::size_t>(t)] || !(f >= 1.0 && f <= 365.0 && f == std::floor(f)) || !age_in_range(x) ||
+        !finite_nonnegative(p.ts[i]) || !finite_nonnegative(p.d[i]) || !(n >= 0.0) ||
+        !countable(std::isinf(n) ? 0.0 : n, static_cast<std::size_t>(f)) ||
+        !age_fits(*tables[static_cast<std::size_t>(t)], x, s, p.ts[i]))
+        return LifeBookFault::Policy;
+    return LifeBookFault::None;
+}
+
+// The ages of each table a book's policies may name, for the vectorised
+// check: first age and end age (+inf and -inf for a missing table, which
+// no age fits), and whether some table has select rows (then the check is
+// policy by policy).
+struct TableAges {
+    explicit TableAges(std::span<MortalityTable* const> tables) {
+        for (const MortalityTable* table : tables) {
+            first.push_back(table ? table->first_age() : kInfinity);
+            end.push_back(table ? table->end_age() : -kInfinity);
+            select |= table && table->select_period() > 0;
+        }
+    }
+    std::vector<double> first, end;
+    bool select = false;
+};
+
+// Whether every policy of a block is in range as policy_fault sees it, for
+// tables without select rows. Without branches, so that it vectorises;
+// cloned for AVX-512 and AVX2.
+struct BlockColumns {
+    const double *table, *age, *select_age, *n, *d, *ts, *m;
+};
+__attribute__((target_clones("avx512f", "avx2", "default"))) bool block_in_range(const BlockColumns& c,
+                                                                                 const TableAges& ages,
+                                                                                 std::size_t len) {
+    const double tables = static_cast<double>(ages.first.size());
+    const double *first_age = ages.first.data(), *end_age = ages.end.data();
+    unsigned bad = 0;
+#pragma omp simd reduction(| : bad)
+    for (std::size_t k = 0; k < len; ++k) {
+        const double t = c.table[k], x = c.age[k], s = c.select_age[k], f = c.m[k], n = c.n[k], ts = c.ts[k];
+        const bool known = t >= 0.0 && t < tables && t == std::floor(t);
+        // (32-bit indices, which gather in vector registers.)
+        const auto code = static_cast<std::int32_t>(known ? t : 0.0);
+        const double first = first_age[code], end = end_age[code];
+        const bool no_select = s != s;  // NaN
+        const bool in_range = known & (f >= 1.0) & (f <= 365.0) & (f == std::floor(f)) & age_in_range(x) &
+                              finite_nonnegative(ts) & finite_nonnegative(c.d[k]) & (n >= 0.0) &
+                              ((n == kInfinity) | (n * f < kMaxPayments)) & (x + ts < end) & (x >= first) &
+                              (no_select | ((s == std::floor(s)) & (s <= x) & (s >= first) & age_in_range(s)));
+        bad |= static_cast<unsigned>(!in_range);
+    }
+    return bad == 0;
+}
+
+// The first fault of a book, found block by block on all cores: the least
+// index any block found. Blocks after a fault found need not be looked at.
+class FirstFault {
+  public:
+    FirstFault(std::span<MortalityTable* const> tables, const LifePolicies& p)
+        : tables_(tables), p_(p), ages_(tables), first_(p.size) {}
+    // Whether the policies from i on may still hold the book's first fault.
+    bool open(std::size_t i) const { return i < first_.load(std::memory_order_relaxed); }
+    // Whether the block of policies i .. i + len - 1 is in range (else its first fault is recorded).
+    bool in_range(std::size_t i, std::size_t len, const BlockColumns& block) {
+        if (!ages_.select && block_in_range(block, ages_, len)) return true;
+        for (std::size_t k = 0; k < len; ++k) {
+            if (policy_fault(tables_, p_, i + k) == LifeBookFault::None) continue;
+            std::size_t seen = first_.load();
+            while (i + k < seen && !first_.compare_exchange_weak(seen, i + k)) {
+            }
+            return false;
+        }
+        return true;
+    }
+    LifeBookFault fault() const {
+        const std::size_t i = first_.load();
+        if (i == p_.size) return {};
+        return {policy_fault(tables_, p_, i), i};
+    }
+
+  private:
+    std::span<MortalityTable* const> tables_;
+    const LifePolicies& p_;
+    TableAges ages_;
+    std::atomic<std::size_t> first_;
+};
+
+// The columns of the block of policies i .. i + len - 1 that the check reads.
+BlockColumns read_block(const LifePolicies& p, std::size_t i, std::size_t len, std::array<Block, 7>& scratch) {
+    return {p.table.block(i, len, scratch[0]), p.age.block(i, len, scratch[1]), p.select_age.block(i, len, scratch[2]),
+            p.n.block(i, len, scratch[3]),     p.d.block(i, len, scratch[4]),   p.ts.block(i, len, scratch[5]),
+            p.m.block(i, len, scratch[6])};
+}
+
+// Whether every policy has the same value in `column` (its first).
+bool same_for_all(const Column& column, std::size_t count) {
+    if (column.repeated()) return true;
+    const double first = column[0];
+    for (std::size_t i = 1; i < count; ++i)
+        if (!(column[i] == first)) return false;
+    return true;
+}
+
+// One slot per (table, whole age) and one more for the policies of none,
+// as the vectorised passes read them: per table its first age, its number
+// of ages and its first slot.
+struct SlotTables {
+    explicit SlotTables(std::span<MortalityTable* const> tables) {
+        double slots = 0.0;
+        for (const MortalityTable* table : tables) {  // (a missing table has no slots; its policies are refused)
+            const double ages = table ? table->end_age() - table->first_age() : 0.0;
+            first_age.push_back(table ? table->first_age() : 0.0);
+            this->ages.push_back(ages);
+            base.push_back(slots);
+            slots += ages;
+        }
+        none = slots;
+    }
+    std::size_t count() const { return static_cast<std::size_t>(none) + 1; }
+    std::vector<double> first_age, ages, base;
+    double none;  // the slot of the policies at no whole age of their table
+};
+
+// x as a 64-bit integer, for a whole number 0 <= x < 2^51: an addition and
+// a reinterpretation, which vectorise where a conversion may not.
+inline std::int64_t whole_index(double x) {
+    constexpr double kTwo52 = 4503599627370496.0;
+    return std::bit_cast<std::int64_t>(x + kTwo52) - std::bit_cast<std::int64_t>(kTwo52);
+}
+
+// The slot of each policy of a block; returns the grid points the block's
+// schedules reach. Table by table (a book names few), without branches or
+// gathers, so that it vectorises; cloned for AVX-512 and AVX2. The policies
+// are valid (check_life_policies).
+__attribute__((target_clones("avx512f", "avx2", "default"))) double block_slots(
+    const SlotTables& tables, const double* __restrict table, const double* __restrict age,
+    const double* __restrict select, const double* __restrict n, const double* __restrict d, double ts, double m,
+    std::int64_t* __restrict slot, std::size_t len) {
+    Block at, whole;
+    double reach = 0.0;
+#pragma omp simd reduction(max : reach)
+    for (std::size_t k = 0; k < len; ++k) {
+        // 1 for a whole age selected at that age (NaN: at its age), else 0.
+        const bool selected = (select[k] != select[k]) | (select[k] == age[k]);
+        whole[k] = (age[k] == std::floor(age[k])) & selected ? 1.0 : 0.0;
+        at[k] = tables.none;
+        reach = std::max(reach, (d[k] + n[k] - ts) * m + 2.0);
+    }
+    for (std::size_t t = 0; t < tables.base.size(); ++t) {
+        const double code = static_cast<double>(t), first = tables.first_age[t], ages = tables.ages[t],
+                     base = tables.base[t];
+        for (std::size_t k = 0; k < len; ++k) {
+            const double offset = age[k] - first;
+            const bool in = (table[k] == code) & (whole[k] != 0.0) & (offset >= 0.0) & (offset < ages);
+            at[k] = in ? base + offset : at[k];
+        }
+    }
+    for (std::size_t k = 0; k < len; ++k) slot[k] = whole_index(at[k]);
+    return reach;
+}
+
+// The slots of a block of policies (`slot`), and the grid points its schedules reach.
+double read_slots(const SlotTables& tables, const LifePolicies& p, std::size_t i, std::size_t len, double ts, double m,
+                  std::int64_t* slot) {
+    Block codes, ages, selected, terms, deferments;
+    return block_slots(tables, p.table.block(i, len, codes), p.age.block(i, len, ages),
+                       p.select_age.block(i, len, selected), p.n.block(i, len, terms), p.d.block(i, len, deferments),
+                       ts, m, slot, len);
+}
+
+// Which slots a book's policies use and how far their schedules reach, with
+// the check of every policy, in one pass.
+struct SlotsInUse {
+    std::vector<std::uint8_t> used;  // by slot
+    double reach = 0.0;              // the grid points the longest schedule reaches
+    LifeBookFault fault;
+};
+
+SlotsInUse slots_in_use(std::span<MortalityTable* const> tables, const LifePolicies& p, const SlotTables& slots,
+                        double ts, double m) {
+    SlotsInUse in_use;
+    in_use.used.assign(slots.count(), 0);
+    FirstFault first(tables, p);
+    std::mutex merge;
+    parallel_for(p.size, std::size_t{1} << 14, [&](std::size_t begin, std::size_t end) {
+        std::vector<std::uint8_t> used(slots.count(), 0);
+        std::array<Block, 7> scratch;
+        std::array<std::int64_t, kBlock> slot;
+        double reach = 0.0;
+        for (std::size_t i = begin; i < end && first.open(i); i += kBlock) {
+            const std::size_t len = std::min(kBlock, end - i);
+            if (!first.in_range(i, len, read_block(p, i, len, scratch))) return;
+            reach = std::max(reach, read_slots(slots, p, i, len, ts, m, slot.data()));
+            for (std::size_t k = 0; k < len; ++k) used[static_cast<std::size_t>(slot[k])] = 1;
+        }
+        const std::lock_guard<std::mutex> lock(merge);
+        in_use.reach = std::max(in_use.reach, reach);
+        for (std::size_t s = 0; s < used.size(); ++s) in_use.used[s] |= used[s];
+    });
+    in_use.fault = first.fault();
+    in_use.used.back() = 0;  // no grid for the policies of no slot
+    return in_use;
+}
+
+// The slots' grids laid end to end, as the vectorised pass reads them:
+// slot s's sums start at base[s] and its terms end at its point ends[s]
+// (survival has ended there, or no policy reaches further); -1 for a slot
+// without a grid.
+struct LaidOut {
+    std::vector<double> sums, compensations, ends;
+    std::vector<std::int64_t> base;
+};
+
+LaidOut lay_out(const std::vector<std::optional<LifeGrid>>& grids) {
+    LaidOut laid;
+    laid.base.assign(grids.size(), 0);
+    laid.ends.assign(grids.size(), -1.0);
+    std::size_t total = 0;
+    for (std::size_t slot = 0; slot < grids.size(); ++slot) {
+        if (!grids[slot]) continue;
+        laid.base[slot] = static_cast<std::int64_t>(total);
+        laid.ends[slot] = static_cast<double>(grids[slot]->sums().size());
+        total += grids[slot]->sums().size() + 1;
+    }
+    laid.sums.resize(total);
+    laid.compensations.resize(total);
+    for (std::size_t slot = 0; slot < grids.size(); ++slot) {
+        if (!grids[slot]) continue;
+        const PrefixSums& sums = grids[slot]->sums();
+        const auto at = static_cast<std::ptrdiff_t>(laid.base[slot]);
+        std::copy_n(sums.sums(), sums.size() + 1, laid.sums.begin() + at);
+        std::copy_n(sums.compensations(), sums.size() + 1, laid.compensations.begin() + at);
+    }
+    return laid;
+}
+
+// Each policy of a block seen from the valuation time ts, where its life's
+// grid starts: the term and deferment left, the start of its slot's grid and
+// the point where that grid's terms end; a policy of a slot without a grid
+// is off every grid (an infinite term). Without branches, so that it
+// vectorises; cloned for AVX-512 and AVX2.
+__attribute__((target_clones("avx512f", "avx2", "default"))) void block_on_grids(
+    const LaidOut& laid, const std::int64_t* __restrict slot, const double* __restrict n, const double* __restrict d,
+    double ts, double* __restrict term, double* __restrict deferment, std::int64_t* __restrict base,
+    double* __restrict ends, std::size_t len) {
+    const double* grid_end = laid.ends.data();
+    const std::int64_t* grid_base = laid.base.data();
+    for (std::size_t k = 0; k < len; ++k) {
+        const TermAtValuation at = term_at_valuation(n[k], d[k], ts);
+        const double end = grid_end[slot[k]];
+        term[k] = end >= 0.0 ? at.term : kInfinity;
+        deferment[k] = at.deferment;
+        base[k] = grid_base[slot[k]];
+        ends[k] = end;
+    }
+}
+
+// The valuation time and frequency of a book whose policies at whole ages
+// are valued on one grid per (table, age): in the discrete precision mode,
+// one whole valuation time and one frequency for every policy (at a time
+// between birthdays a life is valued year by year, on CurveSums).
+std::optional<std::pair<double, double>> whole_age_route(const LifePolicies& p, const PolicyTerms& terms) {
+    if (terms.mode != Mode::DiscretePrecision || p.size == 0) return std::nullopt;
+    if (!same_for_all(p.ts, p.size) || !same_for_all(p.m, p.size)) return std::nullopt;
+    const double ts = p.ts[0];
+    if (ts != std::floor(ts)) return std::nullopt;
+    return std::pair{ts, p.m[0]};
+}
+
+// The book's policies at whole ages of their tables (selected at that age),
+// valued at ts at m a year: one grid per slot in use, and each policy whose
+// payments fall on it valued from it in O(1), as the single call values it.
+// Returns the policies left to the general route.
+std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<MortalityTable* const> tables,
+                                            std::span<const FractionalAge> rules, const LifePolicies& p,
+                                            const PolicyTerms& terms, double ts, double m, const SlotTables& slots,
+                                            const SlotsInUse& in_use, std::span<double> unit) {
+    // Paths are built before the threads share the tables.
+    const PiecewiseTable seen =
+        discount_table(is_shift(ts, terms.tolerance_eps) ? shifted(curve, ts, terms.tolerance_eps) : curve);
+    std::vector<std::optional<Status>> statuses(slots.count());
+    for (std::size_t t = 0; t < tables.size(); ++t) {
+        const auto first_slot = static_cast<std::size_t>(slots.base[t]);
+        for (std::size_t slot = first_slot; slot < first_slot + static_cast<std::size_t>(slots.ages[t]); ++slot) {
+            if (!in_use.used[slot]) continue;
+            const int age = tables[t]->first_age() + static_cast<int>(slot - first_slot);
+            const auto life = life_aged(tables[t]->path(age), tables[t]->path_start(age), age, ts, rules[t]);
+            if (life) statuses[slot] = Status{Status::Single, {*life, *life}};
+        }
+    }
+    std::vector<std::optional<LifeGrid>> grids(statuses.size());
+    const auto frequency = static_cast<std::size_t>(m);
+    const auto reach = static_cast<std::size_t>(std::min(in_use.reach, 0x1p52));
+    parallel_for(grids.size(), 8, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t slot = begin; slot < end; ++slot)
+            if (statuses[slot]) grids[slot].emplace(seen, *statuses[slot], frequency, reach);
+    });
+    const LaidOut laid = lay_out(grids);
+    std::vector<std::uint32_t> rest;
+    if (laid.sums.empty()) {  // no policy at a whole age anybody reaches
+        rest.resize(p.size);
+        std::iota(rest.begin(), rest.end(), 0u);
+        return rest;
+    }
+    static constexpr Block kZeros{};
+    static constexpr double kOne[] = {1.0};
+    const LevelGridView view{
+        laid.sums.data(),    laid.compensations.data(),     kOne, kInfinity, m, static_cast<double>(terms.timing),
+        terms.tolerance_eps, rounding_scale(terms.decimals)};
+    PolicyTerms policy = terms;
+    policy.m = frequency;
+    std::atomic<bool> left{false};
+    parallel_for(p.size, std::size_t{1} << 14, [&](std::size_t begin, std::size_t end) {
+        Block terms_block, deferments, benefit_block, term_left, deferment_left, ends;
+        std::array<std::int64_t, kBlock> slot, base;
+        for (std::size_t i = begin; i < end; i += kBlock) {
+            const std::size_t len = std::min(kBlock, end - i);
+            const double *n = p.n.block(i, len, terms_block), *d = p.d.block(i, len, deferments),
+                         *benefit = p.benefits.block(i, len, benefit_block);
+            read_slots(slots, p, i, len, ts, m, slot.data());
+            block_on_grids(laid, slot.data(), n, d, ts, term_left.data(), deferment_left.data(), base.data(),
+                           ends.data(), len);
+            if (!level_grid_block(view, term_left.data(), deferment_left.data(), kZeros.data(), base.data(),
+                                  ends.data(), benefit, unit.data() + i, len))
+                continue;
+            // Off the vectorised pass (a term for life, a pro-rata payment, a
+            // rounding tie): the single call's route on the same grid; a
+            // policy of no grid is left to the general route.
+            for (std::size_t k = 0; k < len; ++k) {
+                if (!std::isnan(unit[i + k])) continue;
+                const auto& grid = grids[static_cast<std::size_t>(slot[k])];
+                if (!grid) {
+                    left.store(true, std::memory_order_relaxed);
+                    continue;
+                }
+                const Status& status = *statuses[static_cast<std::size_t>(slot[k])];
+                const auto annuity = life_policy_annuity(n[k], d[k], ts, status.horizon(), policy);
+                if (!annuity) {
+                    unit[i + k] = 0.0;
+                    continue;
+                }
+                const Schedule s = annuity->schedule();
+                if (const auto first = LifeGrid::first_point(s))
+                    unit[i + k] = round_scaled(grid->value(seen, s, status, *first), view.scale) * benefit[k];
+            }
+        }
+    });
+    if (left.load())
+        for (std::size_t i = 0; i < p.size; ++i)
+            if (std::isnan(unit[i])) rest.push_back(static_cast<std::uint32_t>(i));
+    return rest;
+}
+
+// The policies `rest` of a book (each valid) grouped by life, valuation
+// time, deferment and frequency, each group valued as one.
+void value_groups(const CurveArrays& curve, std::span<MortalityTable* const> tables,
+                  std::span<const FractionalAge> rules, const LifePolicies& p, const PolicyTerms& terms,
+                  std::span<const std::uint32_t> rest, std::span<double> out) {
+    const std::size_t count = rest.size();
+    // The other policies grouped by life, valuation time, deferment and
+    // frequency (in one flat array, by group), and one discount table per
+    // valuation time.
+    KeyIndex<6> group_of(count);
+    std::vector<std::uint32_t> group_id(count), offsets{0}, lead;
+    std::vector<double> select_ages;
+    offsets.reserve(count + 1);
+    lead.reserve(count);
+    select_ages.reserve(count);
+    std::unordered_map<std::uint64_t, std::size_t> curve_of;
+    std::vector<PiecewiseTable> curves;
+    std::vector<std::size_t> group_curve;
+    for (std::size_t r = 0; r < count; ++r) {
+        const std::uint32_t i = rest[r];
+        const double select = select_age_of(p.age[i], p.select_age[i]);
+        const auto [group, added] = group_of.insert(
+            {bits(p.table[i]), bits(p.age[i]), bits(select), bits(p.ts[i]), bits(p.d[i]), bits(p.m[i])});
+        if (added) {
+            offsets.push_back(0);
+            lead.push_back(i);
+            select_ages.push_back(select);
+            auto [seen, new_curve] = curve_of.try_emplace(bits(p.ts[i]), curves.size());
+            if (new_curve)
+                curves.push_back(discount_table(
+                    is_shift(p.ts[i], terms.tolerance_eps) ? shifted(curve, p.ts[i], terms.tolerance_eps) : curve));
+            group_curve.push_back(seen->second);
+        }
+        group_id[r] = group;
+        ++offsets[group + 1];
+    }
+    const std::size_t group_count = offsets.size() - 1;
+    for (std::size_t g = 0; g < group_count; ++g) offsets[g + 1] += offsets[g];
+    std::vector<std::uint32_t> members(count), filled(offsets.begin(), offsets.end() - 1);
+    for (std::size_t r = 0; r < count; ++r) members[filled[group_id[r]]++] = rest[r];
+    // Survival paths once per (table, select age), before the threads share them.
+    std::vector<const SurvivalPath*> paths(group_count);
+    std::vector<int> starts(group_count);
+    for (std::size_t g = 0; g < group_count; ++g) {
+        MortalityTable& table = *tables[static_cast<std::size_t>(p.table[lead[g]])];
+        const int select = static_cast<int>(select_ages[g]);
+        paths[g] = &table.path(select);
+        starts[g] = table.path_start(select);
+    }
+    // The period ratios of each (curve, frequency), shared by its groups.
+    std::map<std::pair<std::size_t, std::size_t>, std::vector<double>> ratios;
+    std::vector<const std::vector<double>*> group_ratios(group_count);
+    for (std::size_t g = 0; g < group_count; ++g) {
+        const auto m = static_cast<std::size_t>(p.m[lead[g]]);
+        auto [it, added] = ratios.try_emplace({group_curve[g], m});
+        if (added) it->second = period_ratios(curves[group_curve[g]], m);
+        group_ratios[g] = &it->second;
+    }
+    const BookSums sums = terms.mode == Mode::DiscretePrecision
+                              ? book_sums(p, lead, members, offsets, curves, group_curve, paths, starts, rules)
+                              : BookSums{};
+    parallel_for(group_count, 64, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t g = begin; g < end; ++g) {
+            const std::span<std::uint32_t> group(members.data() + offsets[g], offsets[g + 1] - offsets[g]);
+            const auto table = static_cast<std::size_t>(p.table[lead[g]]);
+            value_group(curves[group_curve[g]], *group_ratios[g], sums.of(g), *paths[g], starts[g], rules[table], p,
+                        group, terms, out);
+        }
+    });
+    for (const std::uint32_t i : rest) out[i] *= p.benefits[i];
+}
+
+}  // namespace
+
+LifeBookFault life_portfolio_values(const CurveArrays& curve, std::vector<MortalityTable*> tables,
+                                    std::span<const FractionalAge> rules, const LifePolicies& p,
+                                    const PolicyTerms& terms, std::span<double> out) {
+    std::vector<std::uint32_t> rest;
+    if (const auto route = whole_age_route(p, terms)) {
+        const auto [ts, m] = *route;
+        const SlotTables slots(tables);
+        const SlotsInUse in_use = slots_in_use(tables, p, slots, ts, m);
+        if (in_use.fault.kind != LifeBookFault::None) return in_use.fault;
+        rest = value_whole_ages(curve, tables, rules, p, terms, ts, m, slots, in_use, out);
+    } else {
+        if (const LifeBookFault fault = check_life_policies(tables, p); fault.kind != LifeBookFault::None) return fault;
+        rest.resize(p.size);
+        std::iota(rest.begin(), rest.end(), 0u);
+    }
+    value_groups(curve, tables, rules, p, terms, rest, out);
+    return {};
+}
+
+LifeBookFault check_life_policies(std::span<MortalityTable* const> tables, const LifePolicies& p) {
+    FirstFault first(tables, p);
+    parallel_for(p.size, std::size_t{1} << 15, [&](std::size_t begin, std::size_t end) {
+        std::array<Block, 7> scratch;
+        for (std::size_t i = begin; i < end && first.open(i); i += kBlock) {
+            const std::size_t len = std::min(kBlock, end - i);
+            if (!first.in_range(i, len, read_block(p, i, len, scratch))) return;
+        }
+    });
+    return first.fault();
+}
+
+}  // namespace norvane::core
