@@ -64,11 +64,12 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) bool level_grid_val
     const std::int64_t* __restrict first, const std::int64_t* __restrict last, const std::int64_t* __restrict seen,
     const double* __restrict on_grid, double* __restrict out, std::size_t len) {
     const double per_payment = 1.0 / g.m, tolerance = g.tolerance, scale = g.scale;
-    const double *sums = g.sums, *compensations = g.compensations, *accumulations = g.accumulations;
+    const double *sums = g.sums, *accumulations = g.accumulations;
     unsigned left = 0;
     for (std::size_t i = 0; i < len; ++i) {
-        const double sum_a = sums[first[i]], sum_b = sums[last[i]];
-        const double value = ((sum_b - sum_a) + (compensations[last[i]] - compensations[first[i]])) * per_payment;
+        const std::int64_t a = 2 * first[i], b = 2 * last[i];
+        const double sum_a = sums[a], sum_b = sums[b];
+        const double value = ((sum_b - sum_a) + (sums[b + 1] - sums[a + 1])) * per_payment;
         const double accumulation = accumulations[seen[i]], per_divisor = ts[i] > tolerance ? accumulation : 1.0;
         const double magnitude = std::abs(sum_b - sum_a) + kEpsilon * (std::abs(sum_a) + std::abs(sum_b));
         const double error = kTieMargin * (std::abs(value) + magnitude * per_payment) * per_divisor;

@@ -16,11 +16,11 @@ inline constexpr double kEpsilon = std::numeric_limits<double>::epsilon();
 // this margin to a rounding tie is recomputed the single call's way.
 inline constexpr double kTieMargin = 16.0 * kEpsilon;
 
-// What the pass reads: the running sums of the grid's terms and their
-// compensations, 1 / v at the grid's points (for valuation times after the
-// grid's start), the grid's length and the book's terms.
+// What the pass reads: the running sums of the grid's terms, each followed
+// by its compensation (PrefixSums::points), 1 / v at the grid's points (for
+// valuation times after the grid's start), the grid's length and the book's terms.
 struct LevelGridView {
-    const double *sums = nullptr, *compensations = nullptr, *accumulations = nullptr;
+    const double *sums = nullptr, *accumulations = nullptr;
     double points = 0.0, m = 1.0, timing = 0.0, tolerance = 0.0, scale = 1.0;
 };
 

@@ -228,45 +228,73 @@ LifeBookFault::Kind policy_fault(std::span<MortalityTable* const> tables, const 
     return LifeBookFault::None;
 }
 
-// The ages of each table a book's policies may name, for the vectorised
-// check: first age and end age (+inf and -inf for a missing table, which
-// no age fits), and whether some table has select rows (then the check is
-// policy by policy).
-struct TableAges {
-    explicit TableAges(std::span<MortalityTable* const> tables) {
+// The tables a book's policies may name, as the vectorised passes read
+// them: per table its first age, its end age and its first slot (one slot
+// per whole age of each table, and one more for the policies at none); a
+// missing table has first age +inf and end age -inf, which no age fits.
+// Whether some table has select rows (then the check is policy by policy).
+struct BookTables {
+    explicit BookTables(std::span<MortalityTable* const> tables) {
+        double slots = 0.0;
         for (const MortalityTable* table : tables) {
             first.push_back(table ? table->first_age() : kInfinity);
             end.push_back(table ? table->end_age() : -kInfinity);
+            base.push_back(slots);
+            slots += table ? table->end_age() - table->first_age() : 0.0;
             select |= table && table->select_period() > 0;
         }
+        none = slots;
     }
-    std::vector<double> first, end;
+    std::size_t slots() const { return static_cast<std::size_t>(none) + 1; }
+    std::vector<double> first, end, base;
+    double none;
     bool select = false;
+};
+
+// Each policy's table's first age, end age and first slot, from the table
+// it names (+inf, -inf and the slot of none for a name or number that is
+// no table). Table by table (a book names few), without branches or
+// gathers, so that it vectorises; cloned for AVX-512 and AVX2.
+__attribute__((target_clones("avx512f", "avx2", "default"))) void block_tables(
+    const BookTables& tables, const double* __restrict table, double* __restrict first, double* __restrict end,
+    double* __restrict base, std::size_t len) {
+    for (std::size_t k = 0; k < len; ++k) {
+        first[k] = kInfinity;
+        end[k] = -kInfinity;
+        base[k] = tables.none;
+    }
+    for (std::size_t t = 0; t < tables.base.size(); ++t) {
+        const double code = static_cast<double>(t), its_first = tables.first[t], its_end = tables.end[t],
+                     its_base = tables.base[t];
+        for (std::size_t k = 0; k < len; ++k) {
+            const bool named = table[k] == code;
+            first[k] = named ? its_first : first[k];
+            end[k] = named ? its_end : end[k];
+            base[k] = named ? its_base : base[k];
+        }
+    }
+}
+
+// A block of policies as the vectorised passes read it: its columns, and
+// its tables' ages and first slots (block_tables).
+struct BlockColumns {
+    const double *table, *age, *select_age, *n, *d, *ts, *m;
+    const double *first, *end, *base;
 };
 
 // Whether every policy of a block is in range as policy_fault sees it, for
 // tables without select rows. Without branches, so that it vectorises;
 // cloned for AVX-512 and AVX2.
-struct BlockColumns {
-    const double *table, *age, *select_age, *n, *d, *ts, *m;
-};
 __attribute__((target_clones("avx512f", "avx2", "default"))) bool block_in_range(const BlockColumns& c,
-                                                                                 const TableAges& ages,
                                                                                  std::size_t len) {
-    const double tables = static_cast<double>(ages.first.size());
-    const double *first_age = ages.first.data(), *end_age = ages.end.data();
     unsigned bad = 0;
 #pragma omp simd reduction(| : bad)
     for (std::size_t k = 0; k < len; ++k) {
-        const double t = c.table[k], x = c.age[k], s = c.select_age[k], f = c.m[k], n = c.n[k], ts = c.ts[k];
-        const bool known = t >= 0.0 && t < tables && t == std::floor(t);
-        // (32-bit indices, which gather in vector registers.)
-        const auto code = static_cast<std::int32_t>(known ? t : 0.0);
-        const double first = first_age[code], end = end_age[code];
+        const double x = c.age[k], s = c.select_age[k], f = c.m[k], n = c.n[k], ts = c.ts[k], first = c.first[k];
         const bool no_select = s != s;  // NaN
-        const bool in_range = known & (f >= 1.0) & (f <= 365.0) & (f == std::floor(f)) & age_in_range(x) &
+        const bool in_range = (f >= 1.0) & (f <= 365.0) & (f == std::floor(f)) & age_in_range(x) &
                               finite_nonnegative(ts) & finite_nonnegative(c.d[k]) & (n >= 0.0) &
-                              ((n == kInfinity) | (n * f < kMaxPayments)) & (x + ts < end) & (x >= first) &
+                              ((n == kInfinity) | (n * f < kMaxPayments)) & (x + ts < c.end[k]) & (x >= first) &
                               (no_select | ((s == std::floor(s)) & (s <= x) & (s >= first) & age_in_range(s)));
         bad |= static_cast<unsigned>(!in_range);
     }
@@ -277,13 +305,13 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) bool block_in_range
 // index any block found. Blocks after a fault found need not be looked at.
 class FirstFault {
   public:
-    FirstFault(std::span<MortalityTable* const> tables, const LifePolicies& p)
-        : tables_(tables), p_(p), ages_(tables), first_(p.size) {}
+    FirstFault(std::span<MortalityTable* const> tables, const BookTables& named, const LifePolicies& p)
+        : tables_(tables), p_(p), select_(named.select), first_(p.size) {}
     // Whether the policies from i on may still hold the book's first fault.
     bool open(std::size_t i) const { return i < first_.load(std::memory_order_relaxed); }
     // Whether the block of policies i .. i + len - 1 is in range (else its first fault is recorded).
     bool in_range(std::size_t i, std::size_t len, const BlockColumns& block) {
-        if (!ages_.select && block_in_range(block, ages_, len)) return true;
+        if (!select_ && block_in_range(block, len)) return true;
         for (std::size_t k = 0; k < len; ++k) {
             if (policy_fault(tables_, p_, i + k) == LifeBookFault::None) continue;
             std::size_t seen = first_.load();
@@ -302,15 +330,25 @@ class FirstFault {
   private:
     std::span<MortalityTable* const> tables_;
     const LifePolicies& p_;
-    TableAges ages_;
+    bool select_;
     std::atomic<std::size_t> first_;
 };
 
-// The columns of the block of policies i .. i + len - 1 that the check reads.
-BlockColumns read_block(const LifePolicies& p, std::size_t i, std::size_t len, std::array<Block, 7>& scratch) {
-    return {p.table.block(i, len, scratch[0]), p.age.block(i, len, scratch[1]), p.select_age.block(i, len, scratch[2]),
-            p.n.block(i, len, scratch[3]),     p.d.block(i, len, scratch[4]),   p.ts.block(i, len, scratch[5]),
-            p.m.block(i, len, scratch[6])};
+// The block of policies i .. i + len - 1, read into `scratch` where its columns are not doubles.
+BlockColumns read_block(const BookTables& tables, const LifePolicies& p, std::size_t i, std::size_t len,
+                        std::array<Block, 10>& scratch) {
+    BlockColumns c{p.table.block(i, len, scratch[0]),
+                   p.age.block(i, len, scratch[1]),
+                   p.select_age.block(i, len, scratch[2]),
+                   p.n.block(i, len, scratch[3]),
+                   p.d.block(i, len, scratch[4]),
+                   p.ts.block(i, len, scratch[5]),
+                   p.m.block(i, len, scratch[6]),
+                   scratch[7].data(),
+                   scratch[8].data(),
+                   scratch[9].data()};
+    block_tables(tables, c.table, scratch[7].data(), scratch[8].data(), scratch[9].data(), len);
+    return c;
 }
 
 // Whether every policy has the same value in `column` (its first).
@@ -322,26 +360,6 @@ bool same_for_all(const Column& column, std::size_t count) {
     return true;
 }
 
-// One slot per (table, whole age) and one more for the policies of none,
-// as the vectorised passes read them: per table its first age, its number
-// of ages and its first slot.
-struct SlotTables {
-    explicit SlotTables(std::span<MortalityTable* const> tables) {
-        double slots = 0.0;
-        for (const MortalityTable* table : tables) {  // (a missing table has no slots; its policies are refused)
-            const double ages = table ? table->end_age() - table->first_age() : 0.0;
-            first_age.push_back(table ? table->first_age() : 0.0);
-            this->ages.push_back(ages);
-            base.push_back(slots);
-            slots += ages;
-        }
-        none = slots;
-    }
-    std::size_t count() const { return static_cast<std::size_t>(none) + 1; }
-    std::vector<double> first_age, ages, base;
-    double none;  // the slot of the policies at no whole age of their table
-};
-
 // x as a 64-bit integer, for a whole number 0 <= x < 2^51: an addition and
 // a reinterpretation, which vectorise where a conversion may not.
 inline std::int64_t whole_index(double x) {
@@ -350,43 +368,26 @@ inline std::int64_t whole_index(double x) {
 }
 
 // The slot of each policy of a block; returns the grid points the block's
-// schedules reach. Table by table (a book names few), without branches or
-// gathers, so that it vectorises; cloned for AVX-512 and AVX2. The policies
-// are valid (check_life_policies).
-__attribute__((target_clones("avx512f", "avx2", "default"))) double block_slots(
-    const SlotTables& tables, const double* __restrict table, const double* __restrict age,
-    const double* __restrict select, const double* __restrict n, const double* __restrict d, double ts, double m,
-    std::int64_t* __restrict slot, std::size_t len) {
-    Block at, whole;
+// schedules reach. Without branches, so that it vectorises; cloned for
+// AVX-512 and AVX2. The policies are valid (check_life_policies).
+__attribute__((target_clones("avx512f", "avx2", "default"))) double policy_slots(
+    const double* __restrict age, const double* __restrict select, const double* __restrict first,
+    const double* __restrict end, const double* __restrict base, const double* __restrict n, const double* __restrict d,
+    double none, double ts, double m, std::int64_t* __restrict slot, std::size_t len) {
     double reach = 0.0;
 #pragma omp simd reduction(max : reach)
     for (std::size_t k = 0; k < len; ++k) {
-        // 1 for a whole age selected at that age (NaN: at its age), else 0.
-        const bool selected = (select[k] != select[k]) | (select[k] == age[k]);
-        whole[k] = (age[k] == std::floor(age[k])) & selected ? 1.0 : 0.0;
-        at[k] = tables.none;
+        const double offset = age[k] - first[k];
+        // A whole age of its table, selected at that age (NaN: at its age).
+        const bool at_slot = (age[k] == std::floor(age[k])) & ((select[k] != select[k]) | (select[k] == age[k])) &
+                             (offset >= 0.0) & (age[k] < end[k]);
+        slot[k] = whole_index(at_slot ? base[k] + offset : none);
         reach = std::max(reach, (d[k] + n[k] - ts) * m + 2.0);
     }
-    for (std::size_t t = 0; t < tables.base.size(); ++t) {
-        const double code = static_cast<double>(t), first = tables.first_age[t], ages = tables.ages[t],
-                     base = tables.base[t];
-        for (std::size_t k = 0; k < len; ++k) {
-            const double offset = age[k] - first;
-            const bool in = (table[k] == code) & (whole[k] != 0.0) & (offset >= 0.0) & (offset < ages);
-            at[k] = in ? base + offset : at[k];
-        }
-    }
-    for (std::size_t k = 0; k < len; ++k) slot[k] = whole_index(at[k]);
     return reach;
 }
-
-// The slots of a block of policies (`slot`), and the grid points its schedules reach.
-double read_slots(const SlotTables& tables, const LifePolicies& p, std::size_t i, std::size_t len, double ts, double m,
-                  std::int64_t* slot) {
-    Block codes, ages, selected, terms, deferments;
-    return block_slots(tables, p.table.block(i, len, codes), p.age.block(i, len, ages),
-                       p.select_age.block(i, len, selected), p.n.block(i, len, terms), p.d.block(i, len, deferments),
-                       ts, m, slot, len);
+double block_slots(const BlockColumns& c, double none, double ts, double m, std::int64_t* slot, std::size_t len) {
+    return policy_slots(c.age, c.select_age, c.first, c.end, c.base, c.n, c.d, none, ts, m, slot, len);
 }
 
 // Which slots a book's policies use and how far their schedules reach, with
@@ -397,21 +398,22 @@ struct SlotsInUse {
     LifeBookFault fault;
 };
 
-SlotsInUse slots_in_use(std::span<MortalityTable* const> tables, const LifePolicies& p, const SlotTables& slots,
+SlotsInUse slots_in_use(std::span<MortalityTable* const> tables, const BookTables& named, const LifePolicies& p,
                         double ts, double m) {
     SlotsInUse in_use;
-    in_use.used.assign(slots.count(), 0);
-    FirstFault first(tables, p);
+    in_use.used.assign(named.slots(), 0);
+    FirstFault first(tables, named, p);
     std::mutex merge;
     parallel_for(p.size, std::size_t{1} << 14, [&](std::size_t begin, std::size_t end) {
-        std::vector<std::uint8_t> used(slots.count(), 0);
-        std::array<Block, 7> scratch;
+        std::vector<std::uint8_t> used(named.slots(), 0);
+        std::array<Block, 10> scratch;
         std::array<std::int64_t, kBlock> slot;
         double reach = 0.0;
         for (std::size_t i = begin; i < end && first.open(i); i += kBlock) {
             const std::size_t len = std::min(kBlock, end - i);
-            if (!first.in_range(i, len, read_block(p, i, len, scratch))) return;
-            reach = std::max(reach, read_slots(slots, p, i, len, ts, m, slot.data()));
+            const BlockColumns block = read_block(named, p, i, len, scratch);
+            if (!first.in_range(i, len, block)) return;
+            reach = std::max(reach, block_slots(block, named.none, ts, m, slot.data(), len));
             for (std::size_t k = 0; k < len; ++k) used[static_cast<std::size_t>(slot[k])] = 1;
         }
         const std::lock_guard<std::mutex> lock(merge);
@@ -428,7 +430,7 @@ SlotsInUse slots_in_use(std::span<MortalityTable* const> tables, const LifePolic
 // (survival has ended there, or no policy reaches further); -1 for a slot
 // without a grid.
 struct LaidOut {
-    std::vector<double> sums, compensations, ends;
+    std::vector<double> points, ends;  // points: as PrefixSums::points
     std::vector<std::int64_t> base;
 };
 
@@ -443,14 +445,12 @@ LaidOut lay_out(const std::vector<std::optional<LifeGrid>>& grids) {
         laid.ends[slot] = static_cast<double>(grids[slot]->sums().size());
         total += grids[slot]->sums().size() + 1;
     }
-    laid.sums.resize(total);
-    laid.compensations.resize(total);
+    laid.points.resize(2 * total);
     for (std::size_t slot = 0; slot < grids.size(); ++slot) {
         if (!grids[slot]) continue;
         const PrefixSums& sums = grids[slot]->sums();
-        const auto at = static_cast<std::ptrdiff_t>(laid.base[slot]);
-        std::copy_n(sums.sums(), sums.size() + 1, laid.sums.begin() + at);
-        std::copy_n(sums.compensations(), sums.size() + 1, laid.compensations.begin() + at);
+        std::copy_n(sums.points(), 2 * (sums.size() + 1),
+                    laid.points.begin() + 2 * static_cast<std::ptrdiff_t>(laid.base[slot]));
     }
     return laid;
 }
@@ -494,15 +494,17 @@ std::optional<std::pair<double, double>> whole_age_route(const LifePolicies& p, 
 // Returns the policies left to the general route.
 std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<MortalityTable* const> tables,
                                             std::span<const FractionalAge> rules, const LifePolicies& p,
-                                            const PolicyTerms& terms, double ts, double m, const SlotTables& slots,
+                                            const PolicyTerms& terms, double ts, double m, const BookTables& named,
                                             const SlotsInUse& in_use, std::span<double> unit) {
     // Paths are built before the threads share the tables.
     const PiecewiseTable seen =
         discount_table(is_shift(ts, terms.tolerance_eps) ? shifted(curve, ts, terms.tolerance_eps) : curve);
-    std::vector<std::optional<Status>> statuses(slots.count());
+    std::vector<std::optional<Status>> statuses(named.slots());
     for (std::size_t t = 0; t < tables.size(); ++t) {
-        const auto first_slot = static_cast<std::size_t>(slots.base[t]);
-        for (std::size_t slot = first_slot; slot < first_slot + static_cast<std::size_t>(slots.ages[t]); ++slot) {
+        if (!tables[t]) continue;
+        const auto first_slot = static_cast<std::size_t>(named.base[t]);
+        for (std::size_t slot = first_slot; slot < first_slot + static_cast<std::size_t>(named.end[t] - named.first[t]);
+             ++slot) {
             if (!in_use.used[slot]) continue;
             const int age = tables[t]->first_age() + static_cast<int>(slot - first_slot);
             const auto life = life_aged(tables[t]->path(age), tables[t]->path_start(age), age, ts, rules[t]);
@@ -518,27 +520,32 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
     });
     const LaidOut laid = lay_out(grids);
     std::vector<std::uint32_t> rest;
-    if (laid.sums.empty()) {  // no policy at a whole age anybody reaches
+    if (laid.points.empty()) {  // no policy at a whole age anybody reaches
         rest.resize(p.size);
         std::iota(rest.begin(), rest.end(), 0u);
         return rest;
     }
     static constexpr Block kZeros{};
     static constexpr double kOne[] = {1.0};
-    const LevelGridView view{
-        laid.sums.data(),    laid.compensations.data(),     kOne, kInfinity, m, static_cast<double>(terms.timing),
-        terms.tolerance_eps, rounding_scale(terms.decimals)};
+    const LevelGridView view{laid.points.data(),
+                             kOne,
+                             kInfinity,
+                             m,
+                             static_cast<double>(terms.timing),
+                             terms.tolerance_eps,
+                             rounding_scale(terms.decimals)};
     PolicyTerms policy = terms;
     policy.m = frequency;
     std::atomic<bool> left{false};
     parallel_for(p.size, std::size_t{1} << 14, [&](std::size_t begin, std::size_t end) {
-        Block terms_block, deferments, benefit_block, term_left, deferment_left, ends;
+        std::array<Block, 10> scratch;
+        Block benefit_block, term_left, deferment_left, ends;
         std::array<std::int64_t, kBlock> slot, base;
         for (std::size_t i = begin; i < end; i += kBlock) {
             const std::size_t len = std::min(kBlock, end - i);
-            const double *n = p.n.block(i, len, terms_block), *d = p.d.block(i, len, deferments),
-                         *benefit = p.benefits.block(i, len, benefit_block);
-            read_slots(slots, p, i, len, ts, m, slot.data());
+            const BlockColumns block = read_block(named, p, i, len, scratch);
+            const double *n = block.n, *d = block.d, *benefit = p.benefits.block(i, len, benefit_block);
+            block_slots(block, named.none, ts, m, slot.data(), len);
             block_on_grids(laid, slot.data(), n, d, ts, term_left.data(), deferment_left.data(), base.data(),
                            ends.data(), len);
             if (!level_grid_block(view, term_left.data(), deferment_left.data(), kZeros.data(), base.data(),
@@ -652,10 +659,10 @@ LifeBookFault life_portfolio_values(const CurveArrays& curve, std::vector<Mortal
     std::vector<std::uint32_t> rest;
     if (const auto route = whole_age_route(p, terms)) {
         const auto [ts, m] = *route;
-        const SlotTables slots(tables);
-        const SlotsInUse in_use = slots_in_use(tables, p, slots, ts, m);
+        const BookTables named(tables);
+        const SlotsInUse in_use = slots_in_use(tables, named, p, ts, m);
         if (in_use.fault.kind != LifeBookFault::None) return in_use.fault;
-        rest = value_whole_ages(curve, tables, rules, p, terms, ts, m, slots, in_use, out);
+        rest = value_whole_ages(curve, tables, rules, p, terms, ts, m, named, in_use, out);
     } else {
         if (const LifeBookFault fault = check_life_policies(tables, p); fault.kind != LifeBookFault::None) return fault;
         rest.resize(p.size);
@@ -666,12 +673,13 @@ LifeBookFault life_portfolio_values(const CurveArrays& curve, std::vector<Mortal
 }
 
 LifeBookFault check_life_policies(std::span<MortalityTable* const> tables, const LifePolicies& p) {
-    FirstFault first(tables, p);
+    const BookTables named(tables);
+    FirstFault first(tables, named, p);
     parallel_for(p.size, std::size_t{1} << 15, [&](std::size_t begin, std::size_t end) {
-        std::array<Block, 7> scratch;
+        std::array<Block, 10> scratch;
         for (std::size_t i = begin; i < end && first.open(i); i += kBlock) {
             const std::size_t len = std::min(kBlock, end - i);
-            if (!first.in_range(i, len, read_block(p, i, len, scratch))) return;
+            if (!first.in_range(i, len, read_block(named, p, i, len, scratch))) return;
         }
     });
     return first.fault();

@@ -393,8 +393,7 @@ class BookValuer {
           scale_(rounding_scale(terms.decimals)),
           level_precision_(grid_ && terms.growth.kind == Growth::Level && terms.mode == Mode::DiscretePrecision) {
         if (level_precision_)
-            grid_view_ = {grid_->level_payments().sums(),
-                          grid_->level_payments().compensations(),
+            grid_view_ = {grid_->level_payments().points(),
                           grid_->accumulations(),
                           static_cast<double>(grid_->points()),
                           static_cast<double>(terms.m),

@@ -16,31 +16,34 @@ class PrefixSums {
   public:
     template <typename Value>
     void build(std::size_t size, Value value_of) {
-        hi_.assign(size + 1, 0.0);
-        lo_.assign(size + 1, 0.0);
+        points_.assign(2 * (size + 1), 0.0);
         double sum = 0.0, compensation = 0.0;
         for (std::size_t i = 0; i < size; ++i) {
             const double x = value_of(i), t = sum + x;
             compensation += std::abs(sum) >= std::abs(x) ? (sum - t) + x : (x - t) + sum;
             sum = t;
-            hi_[i + 1] = sum;
-            lo_[i + 1] = compensation;
+            points_[2 * i + 2] = sum;
+            points_[2 * i + 3] = compensation;
         }
     }
-    double between(std::size_t a, std::size_t b) const { return (hi_[b] - hi_[a]) + (lo_[b] - lo_[a]); }
-    const double* sums() const { return hi_.data(); }
-    const double* compensations() const { return lo_.data(); }
+    double between(std::size_t a, std::size_t b) const {
+        return (points_[2 * b] - points_[2 * a]) + (points_[2 * b + 1] - points_[2 * a + 1]);
+    }
+    // Each sum followed by its compensation (one cache line holds both): sum i
+    // at [2 i], its compensation at [2 i + 1], for i = 0 .. size().
+    const double* points() const { return points_.data(); }
     // The number of terms summed.
-    std::size_t size() const { return hi_.empty() ? 0 : hi_.size() - 1; }
+    std::size_t size() const { return points_.empty() ? 0 : points_.size() / 2 - 1; }
     // The size the difference's rounding error is relative to: the
     // difference itself, plus the sums' own last bits.
     double magnitude(std::size_t a, std::size_t b) const {
         constexpr double kEpsilon = std::numeric_limits<double>::epsilon();
-        return std::abs(hi_[b] - hi_[a]) + kEpsilon * (std::abs(hi_[a]) + std::abs(hi_[b]));
+        const double sum_a = points_[2 * a], sum_b = points_[2 * b];
+        return std::abs(sum_b - sum_a) + kEpsilon * (std::abs(sum_a) + std::abs(sum_b));
     }
 
   private:
-    std::vector<double> hi_, lo_;
+    std::vector<double> points_;
 };
 
 }  // namespace norvane::core
