@@ -13,17 +13,17 @@ return_inverse=True)`` and values each once in a Python loop, rounds the unit
 values to 10 decimals and multiplies them by the benefits.
 
 Books: 10**6 policies over the two bundled tables, terms 1..40 and deferments
-0..10 (whole years), m = 12, benefits; ages either whole (20..100) or
-distinct fractional ages in [20, 100]. Curve: the 40-segment curve of the
-other benchmarks. Both sides are checked to agree (rtol 1e-10) on the first
-10**4 policies of each book and on the single annuity before anything is
-timed. The whole-age book is also timed against the strongest NumPy form a
-user could write for it (whole ages, terms and deferments on one monthly
-grid): per (table, age) the cumulative sums of the weighted grid, then two
-gathers per policy; it does not apply to fractional ages or terms. On the
-fractional book the baseline runs on the first 10**4 policies and its time is
-extrapolated linearly (every policy is its own row there).
-"""
+0..10 (whole years), m = 12, benefits; ages either whole (20..100) or distinct
+fractional ages in [20, 100]. Curve: the 40-segment curve of the other
+benchmarks; the first 10**5 whole-age policies also on a flat curve. Both
+sides are checked to agree (rtol 1e-10) on the first 10**4 policies of each
+book and on the single annuity before anything is timed. The whole-age book is
+also timed against the strongest NumPy form a user could write for it (whole
+ages, terms and deferments on one monthly grid): per (table, age) the
+cumulative sums of the weighted grid, then two gathers per policy; it does not
+apply to fractional ages or terms. On the fractional book the baseline runs on
+the first 10**4 policies and its time is extrapolated linearly (every policy
+is its own row there)."""
 
 from __future__ import annotations
 
@@ -40,6 +40,7 @@ from bench_annuity import SEED, check_agreement, make_curves
 from norvane.mortality import bundled_table, life_annuities
 
 N = 10**6
+FLAT_N = 10**5  # the whole-age book's first policies, on a flat curve
 CHECK_N = 10**4
 SUBSET_N = 10**4  # fractional book: policies the baseline is timed on
 M = 12
@@ -49,6 +50,7 @@ TABLES = {"M": bundled_table("makeham_20_120"), "F": bundled_table("makeham_13_1
 TARGETS = {
     "whole": (20.0, 0.5),
     "prefix sums": (5.0, 0.020),
+    "prefix sums, flat": (5.0, None),
     "fractional": (None, 0.5),
     "single": (10.0, 0.5e-6),
 }
@@ -244,6 +246,20 @@ def main():
             fmt_time(t_b),
             f"{t_b / t_o:.1f}x",
             target_status("prefix sums", t_o, t_b / t_o),
+        )
+    )
+    flat = head(whole, FLAT_N)
+    check_agreement(
+        "whole ages, flat curve", *(f(*a) for f, a in (ours_book(ours.const, flat), prefix_book(base.const, flat)))
+    )
+    t_o, t_b = time_sides([ours_book(ours.const, flat), prefix_book(base.const, flat)], repeats, min_time)
+    rows.append(
+        (
+            f"   flat curve, {FLAT_N:,} policies",
+            fmt_time(t_o),
+            fmt_time(t_b),
+            f"{t_b / t_o:.1f}x",
+            target_status("prefix sums, flat", t_o, t_b / t_o),
         )
     )
     t_o = median_time(once(ours_book(ours.pw, fractional)), slow_repeats)
