@@ -43,6 +43,12 @@ struct BookColumn {
 inline constexpr std::size_t kBlock = 256;  // policies read together
 using Block = std::array<double, kBlock>;
 
+// values[0 .. len) as doubles into out, vectorised (the integers exactly,
+// as static_cast<double> converts them).
+void to_doubles(const std::int64_t* values, std::size_t len, double* out);
+void to_doubles(const std::int32_t* values, std::size_t len, double* out);
+void to_doubles(const float* values, std::size_t len, double* out);
+
 // One input of a book: a value per policy, or one value for every policy.
 class Column {
   public:
@@ -61,24 +67,19 @@ class Column {
             case BookColumn::Type::Float64:
                 return static_cast<const double*>(values_.data) + i;
             case BookColumn::Type::Float32:
-                convert<float>(i, len, scratch.data());
+                to_doubles(static_cast<const float*>(values_.data) + i, len, scratch.data());
                 break;
             case BookColumn::Type::Int64:
-                convert<std::int64_t>(i, len, scratch.data());
+                to_doubles(static_cast<const std::int64_t*>(values_.data) + i, len, scratch.data());
                 break;
             case BookColumn::Type::Int32:
-                convert<std::int32_t>(i, len, scratch.data());
+                to_doubles(static_cast<const std::int32_t*>(values_.data) + i, len, scratch.data());
                 break;
         }
         return scratch.data();
     }
 
   private:
-    template <typename T>
-    void convert(std::size_t i, std::size_t len, double* out) const {
-        const T* values = static_cast<const T*>(values_.data) + i;
-        for (std::size_t k = 0; k < len; ++k) out[k] = static_cast<double>(values[k]);
-    }
     BookColumn values_;
     bool repeated_ = false;
     Block block_{};
