@@ -89,3 +89,18 @@ def test_whole_year_book_against_closed_forms(mode, dtype):
     np.testing.assert_allclose(values, expected, rtol=0, atol=2e-10)
     if dtype is not np.float64:
         np.testing.assert_array_equal(values, InterestRate(i).ä(n=n, d=d, ts=ts, m=m))
+
+
+@pytest.mark.parametrize("big", [2**51, 2**52 + 1, -(2**60)])
+def test_integer_columns_beyond_2_51_convert_exactly(big):
+    """64-bit integers from 2^51 on leave the vectorised conversion; each still reads as its double."""
+    n = np.array([3, 4, 5, 6], dtype=np.int64)
+    d = np.array([0, big, 1, 2], dtype=np.int64)
+    curve = InterestRate(0.03)
+    if big < 0:
+        for column in (d, d.astype(float)):
+            with pytest.raises(ValueError, match="'d' must be >= 0.0 and finite at index 1"):
+                curve.ä(n=n, d=column)
+    else:
+        assert np.array_equal(curve.ä(n=n, d=d), curve.ä(n=n.astype(float), d=d.astype(float)))
+
