@@ -21,36 +21,62 @@ inline std::int64_t whole_index(double x) {
     return std::bit_cast<std::int64_t>(x + kTwo52) - std::bit_cast<std::int64_t>(kTwo52);
 }
 
-// The grid points of a block of policies whose schedule is whole periods on
-// the grid, seen from a point of it: first and last payment (last
-// exclusive, neither beyond the policy's `ends`) and the valuation time,
-// with on_grid 1; 0 everywhere for any other policy. Without branches, so
-// that it vectorises.
+// A policy's schedule as points of the grid: first and last payment (last
+// exclusive) and the valuation time, and whether the schedule is whole
+// periods on the grid, seen from a point of it, within `last_point`.
+struct GridPoints {
+    double from, to, at;
+    bool usable;
+};
+__attribute__((always_inline)) inline GridPoints grid_points(const LevelGridView& g, double n, double d, double ts,
+                                                             double last_point) {
+    // term_at_valuation and payment_count, as in a single call.
+    const double m = g.m, elapsed = std::max(0.0, ts - d), deferment = std::max(0.0, d - ts);
+    const double term = std::max(0.0, n - elapsed);
+    const double total = term * m, whole = std::floor(total);
+    // Both sides of each choice are computed, so that the choice is a blend.
+    const bool shift = ts > g.tolerance;
+    const double start = (shift ? ts + deferment : deferment) * m, at = shift ? ts * m : 0.0;
+    const double from = start + g.timing, to = from + whole;
+    // A sum of terms >= 0, each 0 exactly when its rule holds: no pro-rata
+    // payment, start and valuation time on the grid, the last payment within
+    // it. Inputs are >= 0 (checked). A term that is not finite (for life, or
+    // a policy of no grid) is off every grid.
+    const double off_grid = std::max(total - whole - g.tolerance, 0.0) + (start - std::floor(start)) +
+                            (at - std::floor(at)) + std::max(to - last_point, 0.0);
+    return {from, to, at, (off_grid == 0.0) & (total < kInfinity)};
+}
+
+// The grid points of a block of policies on one grid, with on_grid 1; 0
+// everywhere for a policy off it. Without branches, so that it vectorises.
 __attribute__((target_clones("avx512f", "avx2", "default"))) void level_grid_points(
+    const LevelGridView& g, const double* __restrict n, const double* __restrict d, const double* __restrict ts,
+    std::int64_t* __restrict first, std::int64_t* __restrict last, std::int64_t* __restrict seen,
+    double* __restrict on_grid, std::size_t len) {
+    const double last_point = g.points - 1.0;
+    for (std::size_t i = 0; i < len; ++i) {
+        const GridPoints p = grid_points(g, n[i], d[i], ts[i], last_point);
+        first[i] = whole_index(p.usable ? p.from : 0.0);
+        last[i] = whole_index(p.usable ? p.to : 0.0);
+        seen[i] = whole_index(p.usable ? p.at : 0.0);
+        on_grid[i] = p.usable ? 1.0 : 0.0;
+    }
+}
+
+// The same on grids laid end to end: policy i's starts at base[i] in the
+// sums, and its terms are 0 after its point ends[i] (no payment there adds
+// anything, so none is read beyond it).
+__attribute__((target_clones("avx512f", "avx2", "default"))) void laid_out_grid_points(
     const LevelGridView& g, const double* __restrict n, const double* __restrict d, const double* __restrict ts,
     const std::int64_t* __restrict base, const double* __restrict ends, std::int64_t* __restrict first,
     std::int64_t* __restrict last, std::int64_t* __restrict seen, double* __restrict on_grid, std::size_t len) {
-    const double m = g.m, tolerance = g.tolerance, timing = g.timing, last_point = g.points - 1.0;
+    const double last_point = g.points - 1.0;
     for (std::size_t i = 0; i < len; ++i) {
-        // term_at_valuation and payment_count, as in a single call.
-        const double elapsed = std::max(0.0, ts[i] - d[i]), deferment = std::max(0.0, d[i] - ts[i]);
-        const double term = std::max(0.0, n[i] - elapsed);
-        const double total = term * m, whole = std::floor(total);
-        // Both sides of each choice are computed, so that the choice is a blend.
-        const bool shift = ts[i] > tolerance;
-        const double shifted_start = ts[i] + deferment, shifted_at = ts[i] * m;
-        const double start = (shift ? shifted_start : deferment) * m, at = shift ? shifted_at : 0.0;
-        const double from = start + timing, to = from + whole;
-        // A sum of terms >= 0, each 0 exactly when its rule holds: no pro-rata payment, start and valuation time on the
-        // grid, the last payment within it. Inputs are >= 0 (checked).
-        const double off_grid = std::max(total - whole - tolerance, 0.0) + (start - std::floor(start)) +
-                                (at - std::floor(at)) + std::max(to - last_point, 0.0);
-        // (A term that is not finite, for life or for none, is off every grid.)
-        const bool usable = (off_grid == 0.0) & (total < kInfinity);
-        first[i] = base[i] + whole_index(usable ? std::min(from, ends[i]) : 0.0);
-        last[i] = base[i] + whole_index(usable ? std::min(to, ends[i]) : 0.0);
-        seen[i] = whole_index(usable ? at : 0.0);
-        on_grid[i] = usable ? 1.0 : 0.0;
+        const GridPoints p = grid_points(g, n[i], d[i], ts[i], last_point);
+        first[i] = base[i] + whole_index(p.usable ? std::min(p.from, ends[i]) : 0.0);
+        last[i] = base[i] + whole_index(p.usable ? std::min(p.to, ends[i]) : 0.0);
+        seen[i] = whole_index(p.usable ? p.at : 0.0);
+        on_grid[i] = p.usable ? 1.0 : 0.0;
     }
 }
 
@@ -90,16 +116,12 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) bool level_grid_val
 bool level_grid_block(const LevelGridView& g, const double* n, const double* d, const double* ts,
                       const std::int64_t* base, const double* ends, const double* benefits, double* out,
                       std::size_t len) {
-    static constexpr std::array<std::int64_t, kBlock> kAtZero{};
-    static const std::array<double, kBlock> kNoEnd = [] {
-        std::array<double, kBlock> none;
-        none.fill(std::numeric_limits<double>::infinity());
-        return none;
-    }();
     std::array<std::int64_t, kBlock> first, last, seen;
     std::array<double, kBlock> on_grid;
-    level_grid_points(g, n, d, ts, base ? base : kAtZero.data(), ends ? ends : kNoEnd.data(), first.data(), last.data(),
-                      seen.data(), on_grid.data(), len);
+    if (base)
+        laid_out_grid_points(g, n, d, ts, base, ends, first.data(), last.data(), seen.data(), on_grid.data(), len);
+    else
+        level_grid_points(g, n, d, ts, first.data(), last.data(), seen.data(), on_grid.data(), len);
     return level_grid_values(g, ts, benefits, first.data(), last.data(), seen.data(), on_grid.data(), out, len);
 }
 

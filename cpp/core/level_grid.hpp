@@ -31,8 +31,8 @@ struct LevelGridView {
 // policy off the grid, or whose value lies within its error margin of a
 // rounding tie, is left NaN for its caller to value; returns whether any is.
 // Policy i's grid starts at base[i] in the sums, and its terms are 0 after
-// its point ends[i], so later payments add nothing (null: every grid starts
-// at 0 and none ends before the grid's points).
+// its point ends[i], so later payments add nothing (both null: one grid for
+// all, the policies beyond its points off it).
 bool level_grid_block(const LevelGridView& g, const double* n, const double* d, const double* ts,
                       const std::int64_t* base, const double* ends, const double* benefits, double* out,
                       std::size_t len);
