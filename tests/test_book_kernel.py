@@ -103,4 +103,3 @@ def test_integer_columns_beyond_2_51_convert_exactly(big):
                 curve.ä(n=n, d=column)
     else:
         assert np.array_equal(curve.ä(n=n, d=d), curve.ä(n=n.astype(float), d=d.astype(float)))
-

@@ -93,17 +93,15 @@ def test_validate_numeric_input_refuses():  # non-numbers: test_discounting, thr
 # ------------------------------------------------------------ batch checks
 
 
-def test_collect_batch_param_errors():
-    valid, messages = h._collect_batch_param_errors(
-        AD, [("n", [10.0, -1.0, NAN, INF], 0.0, True), ("d", [0.0, -2.0, 0.0, 0.0], 0.0, False)]
-    )
-    assert valid.tolist() == [True, False, False, True] and messages == [
-        (
-            "[InterestRate.ä] 'n' must be >= 0.0 and finite at index 1, got -1.0; "
-            "'d' must be >= 0.0 and finite at index 1, got -2.0"
-        ),
-        "[InterestRate.ä] 'n' must be >= 0.0 and finite at index 2, got nan",
-    ]
+def test_term_faults_are_worded_per_record_in_order():
+    from norvane._helpers.policy_arrays import _term_faults
+
+    faults = _term_faults([10.0, -1.0, NAN, INF, 2.0**52], [0.0, -2.0, 0.0, 0.0, 1.0], 0.0, 12, 5)
+    assert faults == {
+        1: ["'n' must be >= 0.0 and finite at index 1, got -1.0", "'d' must be >= 0.0 and finite at index 1, got -2.0"],
+        2: ["'n' must be >= 0.0 and finite at index 2, got nan"],
+        4: ["'n' must hold fewer than 2**53 payments at index 4: got n=4503599627370496.0 at m=12 a year"],
+    }
 
 
 # ------------------------------------------------------------ grouping and results

@@ -8,7 +8,7 @@ from __future__ import annotations
 
 import functools
 import operator
-from collections.abc import Callable, Iterable
+from collections.abc import Callable
 from typing import Any
 
 import numpy as np
@@ -16,6 +16,8 @@ from numpy.typing import NDArray
 
 from ..base import _ALLOWED_PAYMENT_FREQUENCIES
 from .conversion import _BOOL_TYPES, _INTEGER_TYPES, F64Array, _as_f64_safe, _is_pandas_1d, _real_array
+from .payments import _MAX_PAYMENTS, _too_many_payments_text
+from .results import BatchErrorReport, BatchResult
 from .routing import _batch_length, _first_index
 from .scalars import _named_f64, _prefixed
 
@@ -348,39 +350,55 @@ def _check_batch_param(arr: Any, name: str, method_name: str, min_val: float = 0
         raise ValueError(_prefixed(method_name, _batch_param_message(name, i, values[i], min_val)))
 
 
-def _collect_batch_param_errors(
-    method_name: str, checks: Iterable[tuple[str, Any, float, bool]]
-) -> tuple[NDArray[np.bool_], list[str]]:
-    """Check several per-policy parameters without raising (``on_error="nan"``).
+def _overlong_terms(n_arr: np.ndarray, m: int | np.ndarray) -> NDArray[np.bool_]:
+    """Finite terms whose payments at ``m`` a year cannot be counted exactly."""
+    terms = np.asarray(n_arr).astype(np.float64, copy=False)  # integer terms times m must not wrap around
+    with np.errstate(over="ignore", invalid="ignore"):
+        overlong: NDArray[np.bool_] = np.isfinite(terms) & ~(terms * m < _MAX_PAYMENTS)
+    return overlong
 
-    Parameters
-    ----------
-    method_name : str
-        Used in messages.
-    checks : iterable of (name, array, min_val, allow_inf)
-        The same rule as :func:`_check_batch_param`; arrays share one length.
 
-    Returns
-    -------
-    valid_mask : ndarray of bool
-    messages : list of str
-        One text per invalid record, in index order; a record with several
-        faults gets their messages joined by ``"; "``.
-    """
-    named: list[tuple[str, F64Array, float, NDArray[np.bool_]]] = []
-    for name, arr, min_val, allow_inf in checks:
-        values = _flat_param(arr, name, method_name)
-        named.append((name, values, min_val, _batch_param_invalid(values, min_val, allow_inf)))
-    if not named:
-        return np.ones(0, dtype=bool), []
-    invalid = functools.reduce(operator.or_, (bad for *_, bad in named))
-    messages = [
-        _prefixed(
-            method_name,
-            "; ".join(
-                _batch_param_message(name, i, values[i], min_val) for name, values, min_val, bad in named if bad[i]
-            ),
-        )
-        for i in np.flatnonzero(invalid).tolist()
-    ]
-    return ~invalid, messages
+def _term_faults(n: Any, d: Any, ts: Any, m: Any, size: int) -> dict[int, list[str]]:
+    """The faults of the terms every policy has, by index, in the order they are worded: a term
+    ``n`` < 0 or NaN (infinite: for life, or a perpetuity), a deferment ``d`` or valuation time
+    ``ts`` negative or not finite, and a finite term whose payments at ``m`` a year cannot be
+    counted. Columns hold one value per policy or one for all; the texts name the index and
+    carry no method prefix, so that a record's faults join with those of its other columns."""
+    faults: dict[int, list[str]] = {}
+
+    def at(values: Any, i: int) -> Any:
+        values = np.asarray(values).reshape(-1)
+        return values[min(i, values.size - 1)]
+
+    def add(mask: NDArray[np.bool_], text: Callable[[int], str]) -> None:
+        for i in np.flatnonzero(np.broadcast_to(mask, (size,))).tolist():
+            faults.setdefault(i, []).append(text(i))
+
+    def out_of_range(name: str, values: Any) -> Callable[[int], str]:
+        return lambda i: _batch_param_message(name, i, at(values, i), 0.0)
+
+    for name, values, allow_inf in (("n", n, True), ("d", d, False), ("ts", ts, False)):
+        add(_batch_param_invalid(np.asarray(values), 0.0, allow_inf), out_of_range(name, values))
+    add(
+        _overlong_terms(n, m),
+        lambda i: _too_many_payments_text(float(at(n, i)), int(at(m, i)), f" at index {i}"),
+    )
+    return faults
+
+
+def _batch_result(values: F64Array, faults: dict[int, list[str]], record_ids: Any, method_name: str) -> BatchResult:
+    """A batch valued with ``on_error="nan"``: its values (NaN where a record is invalid) and a
+    report with one message per invalid record, its faults joined by ``"; "``."""
+    size = values.shape[0]
+    invalid = np.array(sorted(faults), dtype=np.int64)
+    valid_mask = np.ones(size, dtype=bool)
+    valid_mask[invalid] = False
+    report = BatchErrorReport(
+        n_errors=int(invalid.size),
+        n_total=size,
+        valid_mask=valid_mask,
+        invalid_indices=invalid,
+        record_ids=_coerce_record_ids(record_ids, size)[invalid].tolist(),
+        messages=[_prefixed(method_name, "; ".join(faults[i])) for i in invalid.tolist()],
+    )
+    return BatchResult(values=values, errors=report)

@@ -13,19 +13,23 @@ from typing import Any
 import numpy as np
 
 from .. import _kernels
-from .._helpers.policy_arrays import _KERNEL_DTYPES, _benefits_array, _check_benefit_values, _policy_column
+from .._helpers.policy_arrays import (
+    _KERNEL_DTYPES,
+    _batch_result,
+    _benefits_array,
+    _check_benefit_values,
+    _overlong_terms,
+    _policy_column,
+    _term_faults,
+)
 from ..helpers import (
     _EMPTY_F64,
-    _MAX_PAYMENTS,
-    BatchErrorReport,
     BatchResult,
     _aggregate_flow_parts,
     _arraylike_len_or_1,
     _as_f64_safe,
     _batch_m_for_nan_recurse,
     _check_batch_param,
-    _coerce_record_ids,
-    _collect_batch_param_errors,
     _finalize_batch_unit_pv_with_benefits,
     _group_batch_m_gr_indices,
     _map_batch_n_none_to_inf,
@@ -55,14 +59,6 @@ def _growth_subset(gr: Any, indices: np.ndarray) -> Any:
         return gr
     items = list(gr)
     return [items[i] for i in indices.tolist()]
-
-
-def _overlong_terms(n_arr: np.ndarray, m: int | np.ndarray) -> np.ndarray:
-    """Finite terms whose payments cannot be counted exactly."""
-    terms = n_arr.astype(np.float64, copy=False)  # integer terms times m must not wrap around
-    with np.errstate(over="ignore", invalid="ignore"):
-        overlong: np.ndarray = np.isfinite(terms) & ~(terms * m < _MAX_PAYMENTS)
-    return overlong
 
 
 def _check_policies(
@@ -122,24 +118,12 @@ def _nan_policy_result(
 ) -> BatchResult:
     """Invalid records get NaN and a message; the valid ones are valued together."""
     method_name = kw["method_name"]
-    valid_mask, messages = _collect_batch_param_errors(
-        method_name, [("n", n_arr, 0.0, True), ("d", d_arr, 0.0, False), ("ts", ts_arr, 0.0, False)]
-    )
     m_resolved = _resolve_batch_m(kw["m"], size, method_name)
-    overlong = _overlong_terms(n_arr, m_resolved) & valid_mask
-    if overlong.any():
-        found = dict(zip(np.flatnonzero(~valid_mask).tolist(), messages, strict=True))
-        for i in np.flatnonzero(overlong).tolist():
-            found[i] = str(
-                _too_many_payments(
-                    method_name, float(n_arr[i]), int(np.broadcast_to(m_resolved, size)[i]), f" at index {i}"
-                )
-            )
-        valid_mask = valid_mask & ~overlong
-        messages = [found[i] for i in sorted(found)]
+    faults = _term_faults(n_arr, d_arr, ts_arr, m_resolved, size)
+    valid_mask = np.ones(size, dtype=bool)
+    valid_mask[list(faults)] = False
     values = np.full(size, np.nan, dtype=np.float64)
     valid = np.flatnonzero(valid_mask).astype(np.int64)
-    invalid = np.flatnonzero(~valid_mask).astype(np.int64)
     if valid.size:
         # With every record valid, the valid subset is the batch itself: no gathering.
         every = valid.size == size
@@ -161,15 +145,7 @@ def _nan_policy_result(
             payment_timing=kw["payment_timing"],
             method_name=method_name,
         )
-    report = BatchErrorReport(
-        n_errors=int(invalid.size),
-        n_total=size,
-        valid_mask=valid_mask,
-        invalid_indices=invalid,
-        record_ids=_coerce_record_ids(record_ids, size)[invalid].tolist(),
-        messages=messages,
-    )
-    return BatchResult(values=values, errors=report)
+    return _batch_result(values, faults, record_ids, method_name)
 
 
 def annuity_batch_dispatch(

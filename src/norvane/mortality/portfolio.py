@@ -11,17 +11,11 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from .. import _kernels
-from .._helpers.policy_arrays import _benefits_array, _check_benefit_values
+from .._helpers.policy_arrays import _batch_result, _benefits_array, _check_benefit_values, _term_faults
 from ..base import _ALLOWED_PAYMENT_FREQUENCIES
 from ..helpers import (
-    _MAX_PAYMENTS,
-    BatchErrorReport,
     BatchResult,
-    _batch_param_invalid,
-    _batch_param_message,
-    _coerce_record_ids,
     _map_batch_n_none_to_inf,
-    _too_many_payments_text,
     _validate_record_ids_batch_only,
 )
 from ..helpers import _allowed_frequency as _allowed_frequency
@@ -101,12 +95,13 @@ def _table_codes(names: NDArray[Any], tables: Mapping[str, MortalityTable]) -> t
 
 
 def _faults(tables: Mapping[str, MortalityTable], cols: dict[str, Any], size: int, codes: F64) -> dict[int, list[str]]:
-    """Per-policy problems, by index (``codes``: each policy's table, NaN when unknown)."""
+    """Per-policy problems, by index (``codes``: each policy's table, NaN when unknown): its
+    table, its terms, its frequency and its ages, in that order."""
     faults: dict[int, list[str]] = {}
 
-    def add(mask: NDArray[np.bool_], text: Any) -> None:
-        for i in np.flatnonzero(np.broadcast_to(mask, (size,))).tolist():
-            faults.setdefault(i, []).append(text(i))
+    def add(found: dict[int, list[str]]) -> None:
+        for i, texts in found.items():
+            faults.setdefault(i, []).extend(texts)
 
     def at(values: NDArray[Any], i: int) -> Any:
         return values[min(i, values.size - 1)]
@@ -117,29 +112,24 @@ def _faults(tables: Mapping[str, MortalityTable], cols: dict[str, Any], size: in
         name = at(cols["table"], i)
         return f"'table' at index {i} is {'missing' if name is None else repr(str(name))}, not one of {known}"
 
-    add(np.isnan(codes), unknown_table)
-    n = cols["n"]
-    for name, values, allow_inf in (("n", n, True), ("d", cols["d"], False), ("ts", cols["ts"], False)):
-        add(
-            _batch_param_invalid(values, 0.0, allow_inf),
-            lambda i, nm=name, v=values: _batch_param_message(nm, i, at(v, i), 0.0),
-        )
+    add({i: [unknown_table(i)] for i in np.flatnonzero(np.broadcast_to(np.isnan(codes), (size,))).tolist()})
     m = cols["m"]
     allowed = _allowed_frequency(m)
-    add(~allowed, lambda i: f"'m' must be one of {_ALLOWED_PAYMENT_FREQUENCIES} at index {i}, got {int(at(m, i))!r}")
-    frequency = np.where(allowed, m, 1).astype(np.float64)
-    with np.errstate(invalid="ignore", over="ignore"):
-        add(
-            np.isfinite(n) & ~(n * frequency < _MAX_PAYMENTS),
-            lambda i: _too_many_payments_text(float(at(n, i)), int(at(frequency, i)), f" at index {i}"),
-        )
+    # A frequency refused on its own counts the payments at 1 a year, so that its term is judged once.
+    add(_term_faults(cols["n"], cols["d"], cols["ts"], np.where(allowed, m, 1), size))
+    add(
+        {
+            i: [f"'m' must be one of {_ALLOWED_PAYMENT_FREQUENCIES} at index {i}, got {int(at(m, i))!r}"]
+            for i in np.flatnonzero(np.broadcast_to(~allowed, (size,))).tolist()
+        }
+    )
     ts = np.where(np.isfinite(cols["ts"]), cols["ts"], 0.0)
     # Each policy's table bounds, gathered by code (unknown tables take the first's: they are invalid anyway).
     known_codes = np.where(np.isnan(codes), 0, codes).astype(np.intp)
     bounds = [np.take(column, known_codes) for column in np.array([t._bounds() for t in tables.values()]).T]
     age = np.broadcast_to(cols["age"], (size,))
-    for i, problem in _age_problems(age, np.broadcast_to(cols["select_age"], (size,)), ts, *bounds).items():
-        faults.setdefault(i, []).append(f"{problem} at index {i}")
+    ages = _age_problems(age, np.broadcast_to(cols["select_age"], (size,)), ts, *bounds)
+    add({i: [f"{problem} at index {i}"] for i, problem in ages.items()})
     return faults
 
 
@@ -303,15 +293,4 @@ def life_annuities(
         if faults:
             raise ValueError(f"[{_METHOD}] " + "; ".join(faults[min(faults)]))
         return values
-    invalid = np.array(sorted(faults), dtype=np.int64)
-    mask = np.ones(size, dtype=bool)
-    mask[invalid] = False
-    report = BatchErrorReport(
-        n_errors=int(invalid.size),
-        n_total=size,
-        valid_mask=mask,
-        invalid_indices=invalid,
-        record_ids=_coerce_record_ids(record_ids, size)[invalid].tolist(),
-        messages=[f"[{_METHOD}] " + "; ".join(faults[i]) for i in invalid.tolist()],
-    )
-    return BatchResult(values=values, errors=report)
+    return _batch_result(values, faults, record_ids, _METHOD)
