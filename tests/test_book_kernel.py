@@ -92,14 +92,18 @@ def test_whole_year_book_against_closed_forms(mode, dtype):
 
 
 @pytest.mark.parametrize("big", [2**51, 2**52 + 1, -(2**60)])
-def test_integer_columns_beyond_2_51_convert_exactly(big):
-    """64-bit integers from 2^51 on leave the vectorised conversion; each still reads as its double."""
-    n = np.array([3, 4, 5, 6], dtype=np.int64)
-    d = np.array([0, big, 1, 2], dtype=np.int64)
+def test_integer_columns_convert_exactly(big):
+    """64-bit integers read as their doubles, in the vectorised conversion and (from 2^51 on) out
+    of it; valuation times and deferments of thousands of years still value the same terms."""
+    n = np.array([3, 4, 5, 6, 7], dtype=np.int64)
+    d = np.array([0, big, 1, 2, 5000], dtype=np.int64)
+    ts = np.array([0, 0, 0, 1, 4999], dtype=np.int64)
     curve = InterestRate(0.03)
     if big < 0:
         for column in (d, d.astype(float)):
             with pytest.raises(ValueError, match="'d' must be >= 0.0 and finite at index 1"):
-                curve.ä(n=n, d=column)
+                curve.ä(n=n, d=column, ts=ts)
     else:
-        assert np.array_equal(curve.ä(n=n, d=d), curve.ä(n=n.astype(float), d=d.astype(float)))
+        values = curve.ä(n=n, d=d, ts=ts)
+        assert np.array_equal(values, curve.ä(n=n.astype(float), d=d.astype(float), ts=ts.astype(float)))
+        assert values[4] == curve.ä(n=7, d=1)  # one year of its deferment left
