@@ -89,6 +89,9 @@ def test_whole_year_book_against_closed_forms(mode, dtype):
     np.testing.assert_allclose(values, expected, rtol=0, atol=2e-10)
     if dtype is not np.float64:
         np.testing.assert_array_equal(values, InterestRate(i).ä(n=n, d=d, ts=ts, m=m))
+        for method in ("ä", "a"):  # every policy at time 0: integer columns take their own pass
+            at_start = getattr(InterestRate(i), method)(n=n.astype(dtype), d=d.astype(dtype), m=m)
+            np.testing.assert_array_equal(at_start, getattr(InterestRate(i), method)(n=n, d=d, m=m))
 
 
 @pytest.mark.parametrize("big", [2**51, 2**52 + 1, -(2**60)])

@@ -9,6 +9,7 @@
 #include <limits>
 #include <span>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -59,6 +60,13 @@ class Column {
     double operator[](std::size_t i) const { return values_[repeated_ ? 0 : i]; }
     // Whether every policy has the same value (one given for all).
     bool repeated() const { return repeated_ || values_.size == 1; }
+    // The values of policies i, i + 1, ... as the caller's array holds them,
+    // when that array holds one T per policy; null otherwise.
+    template <typename T>
+    const T* as(std::size_t i) const {
+        if (repeated_ || values_.type != type_of<T>()) return nullptr;
+        return static_cast<const T*>(values_.data) + i;
+    }
     // The values of policies i .. i + len - 1 (len <= kBlock): in place for
     // doubles, else converted into `scratch`.
     const double* block(std::size_t i, std::size_t len, Block& scratch) const {
@@ -80,6 +88,13 @@ class Column {
     }
 
   private:
+    template <typename T>
+    static constexpr BookColumn::Type type_of() {
+        if constexpr (std::is_same_v<T, std::int64_t>) return BookColumn::Type::Int64;
+        if constexpr (std::is_same_v<T, std::int32_t>) return BookColumn::Type::Int32;
+        if constexpr (std::is_same_v<T, float>) return BookColumn::Type::Float32;
+        return BookColumn::Type::Float64;
+    }
     BookColumn values_;
     bool repeated_ = false;
     Block block_{};

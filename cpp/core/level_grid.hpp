@@ -37,4 +37,12 @@ bool level_grid_block(const LevelGridView& g, const double* n, const double* d, 
                       const std::int64_t* base, const double* ends, const double* benefits, double* out,
                       std::size_t len);
 
+// The same for policies whose terms and deferments are whole years given as
+// integers, every one valued at the grid's start (a valuation time of 0) on
+// one grid: their points are integer arithmetic, and no column is converted.
+bool whole_years_block(const LevelGridView& g, const std::int64_t* n, const std::int64_t* d, const double* benefits,
+                       double* out, std::size_t len);
+bool whole_years_block(const LevelGridView& g, const std::int32_t* n, const std::int32_t* d, const double* benefits,
+                       double* out, std::size_t len);
+
 }  // namespace norvane::core

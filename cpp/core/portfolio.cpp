@@ -416,6 +416,22 @@ class BookValuer {
             if (std::isnan(out[i])) out[i] = unit_value(n[i], d[i], ts[i], recent) * benefits[i];
     }
 
+    // The same for terms and deferments of whole years given as integers,
+    // every policy valued at time 0 (no shift): their grid points are integer
+    // arithmetic. False, and nothing valued, when the pass does not apply
+    // (a column not of integers, or growth, or another mode).
+    template <typename Whole>
+    bool value_whole_years(const Whole* n, const Whole* d, const double* benefits, double* out, std::size_t len,
+                           RecentExact& recent) const {
+        if (!level_precision_ || !n || !d) return false;
+        if (whole_years_block(grid_view_, n, d, benefits, out, len))
+            for (std::size_t i = 0; i < len; ++i)
+                if (std::isnan(out[i]))
+                    out[i] =
+                        unit_value(static_cast<double>(n[i]), static_cast<double>(d[i]), 0.0, recent) * benefits[i];
+        return true;
+    }
+
   private:
     double rounded(double value) const { return round_scaled(value, scale_); }
 
@@ -494,6 +510,8 @@ void portfolio_values(const CurveArrays& curve, BookColumn n, BookColumn d, Book
     const Book book(n, d, ts, benefits, out.size());
     const BookValuer valuer(curve, terms, book_span(book, terms));
     std::atomic<bool> in_range{true};
+    // Every policy valued at time 0: integer columns of whole years need no conversion.
+    const bool at_start = book.ts.repeated() && book.ts[0] == 0.0;
     parallel_for(book.size, std::size_t{1} << 14, [&](std::size_t begin, std::size_t end) {
         RecentExact recent;
         Block n_scratch, d_scratch, ts_scratch, benefits_scratch;
@@ -505,6 +523,11 @@ void portfolio_values(const CurveArrays& curve, BookColumn n, BookColumn d, Book
                 in_range.store(false, std::memory_order_relaxed);
                 continue;
             }
+            if (at_start && (valuer.value_whole_years(book.n.as<std::int64_t>(i), book.d.as<std::int64_t>(i),
+                                                      benefits_block, out.data() + i, len, recent) ||
+                             valuer.value_whole_years(book.n.as<std::int32_t>(i), book.d.as<std::int32_t>(i),
+                                                      benefits_block, out.data() + i, len, recent)))
+                continue;
             valuer.value_block(book.n.block(i, len, n_scratch), book.d.block(i, len, d_scratch), ts_block,
                                benefits_block, out.data() + i, len, recent);
         }
