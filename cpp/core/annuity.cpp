@@ -235,28 +235,19 @@ double WoolhouseParts::continuous_tail(const PiecewiseTable& curve, const Annuit
 
 namespace {
 
-double woolhouse_value(const PiecewiseTable& curve, const Annuity& annuity, bool continuous) {
-    const WoolhouseParts parts = woolhouse_parts(annuity, continuous);
-    const double annual =
-        parts.annual(schedule_value(curve, parts.due), schedule_value(curve, parts.immediate), annuity.timing);
-    if (continuous) return annual + parts.continuous_tail(curve, annuity);
-    return annual + schedule_value(curve, parts.fraction);
-}
+// A certain annuity's pieces: closed forms per curve segment.
+struct CertainPieces {
+    const PiecewiseTable& curve;
+    double payments(const Schedule& s) const { return schedule_value(curve, s); }
+    double flow(const Annuity& annuity, double a, double b) const {
+        return continuous_value(curve, a, b, annuity.d, annuity.growth);
+    }
+};
 
 }  // namespace
 
 double annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode) {
-    switch (mode) {
-        case Mode::DiscretePrecision:
-            return schedule_value(curve, annuity.schedule());
-        case Mode::ContinuousPrecision:
-            return continuous_value(curve, annuity.d, annuity.d + annuity.n, annuity.d, annuity.growth);
-        case Mode::DiscreteSimplified:
-            return woolhouse_value(curve, annuity, false);
-        case Mode::ContinuousSimplified:
-            return woolhouse_value(curve, annuity, true);
-    }
-    return 0.0;
+    return value_in_mode(annuity, mode, CertainPieces{curve});
 }
 
 }  // namespace norvane::core

@@ -241,13 +241,31 @@ double continuous_value(const PiecewiseTable& curve, double a, double b, double 
 bool interval_values(const PiecewiseTable& curve, std::span<const double> starts, std::span<const double> ends,
                      std::span<double> out);
 
-// Present value (unrounded) with certain survival:
-// - DiscretePrecision: the exact sum over the schedule;
+// An annuity in a calculation mode, written once for certain annuities and
+// life annuities, from what values its pieces: `pieces.payments(s)` the
+// payments of a schedule, `pieces.flow(annuity, a, b)` payments flowing
+// continuously over [a, b] (growth years counted from the annuity's start):
+// - DiscretePrecision: the payments of the whole schedule;
 // - DiscreteSimplified: Woolhouse on the whole years plus the payments of the
 //   final fraction of a year valued exactly (m = 1 gives the exact sum);
-// - ContinuousPrecision: the integral of v(t) times growth over [d, d + n];
+// - ContinuousPrecision: the flow over [d, d + n];
 // - ContinuousSimplified: (ä + a) / 2 on the whole years plus the final
-//   fraction's integral.
+//   fraction's flow.
+// A certain annuity's pieces are closed forms; a life annuity's weigh each
+// payment by survival.
+template <typename Pieces>
+double value_in_mode(const Annuity& annuity, Mode mode, const Pieces& pieces) {
+    if (mode == Mode::DiscretePrecision) return pieces.payments(annuity.schedule());
+    if (mode == Mode::ContinuousPrecision) return pieces.flow(annuity, annuity.d, annuity.d + annuity.n);
+    const bool continuous = mode == Mode::ContinuousSimplified;
+    const WoolhouseParts parts = woolhouse_parts(annuity, continuous);
+    const double annual = parts.annual(pieces.payments(parts.due), pieces.payments(parts.immediate), annuity.timing);
+    if (!continuous) return annual + pieces.payments(parts.fraction);
+    return annual + pieces.flow(annuity, annuity.d + static_cast<double>(parts.due.count), annuity.d + annuity.n);
+}
+
+// Present value (unrounded) with certain survival (value_in_mode): payments
+// by schedule_value, flows by continuous_value.
 double annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode);
 
 }  // namespace norvane::core

@@ -494,15 +494,6 @@ double integral(const PiecewiseTable& curve, double a, double b, double origin, 
     return total;
 }
 
-double woolhouse_life_value(const PiecewiseTable& curve, const Annuity& annuity, bool continuous,
-                            const Status& status) {
-    const WoolhouseParts parts = woolhouse_parts(annuity, continuous);
-    const double annual = parts.annual(life_schedule_value(curve, parts.due, status),
-                                       life_schedule_value(curve, parts.immediate, status), annuity.timing);
-    if (!continuous) return annual + life_schedule_value(curve, parts.fraction, status);
-    const double start = annuity.d + static_cast<double>(parts.due.count);
-    return annual + integral(curve, start, annuity.d + annuity.n, annuity.d, annuity.growth, status, false);
-}
 
 // The periods of a schedule, [d + k/m, d + (k+1)/m] with the last one ending
 // with the term, that begin before `horizon`: later ones carry no survival, so
@@ -522,19 +513,25 @@ void for_each_period(const Annuity& annuity, double horizon, Fn fn) {
 
 }  // namespace
 
+namespace {
+
+// A life annuity's pieces: each payment weighted by survival (on the life's
+// grid where its payments fall on one), flows integrated against survival.
+struct LifePieces {
+    const PiecewiseTable& curve;
+    const Status& status;
+    GridCache* cache;
+    double payments(const Schedule& s) const { return life_discrete_value(curve, s, status, cache); }
+    double flow(const Annuity& annuity, double a, double b) const {
+        return integral(curve, a, b, annuity.d, annuity.growth, status, false);
+    }
+};
+
+}  // namespace
+
 double life_annuity_value(const PiecewiseTable& curve, const Annuity& annuity, Mode mode, const Status& status,
                           GridCache* cache) {
-    switch (mode) {
-        case Mode::DiscretePrecision:
-            return life_discrete_value(curve, annuity.schedule(), status, cache);
-        case Mode::DiscreteSimplified:
-            return woolhouse_life_value(curve, annuity, false, status);
-        case Mode::ContinuousPrecision:
-            return integral(curve, annuity.d, annuity.d + annuity.n, annuity.d, annuity.growth, status, false);
-        case Mode::ContinuousSimplified:
-            return woolhouse_life_value(curve, annuity, true, status);
-    }
-    return kNaN;
+    return value_in_mode(annuity, mode, LifePieces{curve, status, cache});
 }
 
 double life_amounts_value(const PiecewiseTable& curve, const Annuity& annuity, std::span<const double> amounts,
