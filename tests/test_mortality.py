@@ -292,3 +292,22 @@ def test_csv_value_semantics_and_pickling(tmp_path):
     path.write_text("age,qx\n60,0.1\n62,1\n")
     with pytest.raises(ValueError, match="62.0 follows 60.0"):
         MortalityTable.from_csv(path)
+
+
+@pytest.mark.parametrize(
+    "kwargs",
+    [
+        dict(n=5, gr=0.02, cashflow_amounts=[1.0] * 5),
+        dict(n=5, m=7),
+        dict(n=-1.0),
+        dict(n=5, d=float("nan")),
+        dict(n=1e16, m=12),
+    ],
+)
+def test_certain_and_life_calls_word_a_fault_alike(kwargs):
+    """One owner per input rule: the same fault gets the same message on both routes."""
+    with pytest.raises(ValueError) as certain:
+        FLAT.ä(**kwargs)
+    with pytest.raises(ValueError) as life:
+        CF_TABLE.life(40).ä(FLAT, **kwargs)
+    assert str(certain.value).split("] ", 1)[1] == str(life.value).split("] ", 1)[1]

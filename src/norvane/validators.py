@@ -14,6 +14,7 @@ from .helpers import (
     _PAYMENT_COUNT_TOL,
     _as_f64_safe,
     _check_frequency,
+    _has_growth_rate_param,
     _payment_count,
     _prefixed,
     _real_float,
@@ -287,3 +288,53 @@ def _resolve_gr(gr: Any, method_name: str = "") -> GrowthRate | None:
         return _as_growth_rate(gr)
     except (TypeError, ValueError) as exc:
         raise type(exc)(_prefixed(method_name, f"'gr': {exc}")) from None
+
+
+_GROWTH_WITH_AMOUNTS = (
+    "'gr' and 'cashflow_amounts' are mutually exclusive: 'cashflow_amounts' defines explicit "
+    "payment amounts, so 'gr' has no effect. Pass gr=None when using cashflow_amounts."
+)
+
+
+def _validate_annuity_call(
+    *,
+    ts: Any,
+    ts_integer: bool,
+    d: Any,
+    n: Any,
+    m: Any,
+    payment_timing: Any,
+    gr: Any,
+    cashflow_times: Any,
+    cashflow_amounts: Any,
+    calculation_mode: str,
+    method_name: str,
+) -> tuple[NDArray[np.float64] | None, NDArray[np.float64] | None]:
+    """The checks of one annuity call, certain or life, in their order: valuation time,
+    deferment and term; frequency and timing; the explicit schedule (whose times and amounts
+    are returned as arrays)."""
+    _validate_shift_deferment_and_duration(
+        ts=ts,
+        ts_integer=ts_integer,
+        d=d,
+        n=n,
+        cashflow_times=cashflow_times,
+        method_name=method_name,
+        has_growth_rate=_has_growth_rate_param(gr),
+    )
+    _validate_frequency_and_payment_timing(m=m, payment_timing=payment_timing, method_name=method_name)
+    return _validate_cashflow_inputs(
+        cashflow_times=cashflow_times,
+        cashflow_amounts=cashflow_amounts,
+        calculation_mode=calculation_mode,
+        m=m,
+        n=n,
+        method_name=method_name,
+        caller=Dispatcher.ANNUITY,
+    )
+
+
+def _refuse_growth_with_amounts(gr: Any, cashflow_amounts: Any, method_name: str) -> None:
+    """Explicit amounts fix every payment: a growth rate with them is refused, not ignored."""
+    if gr is not None and cashflow_amounts is not None:
+        raise ValueError(_prefixed(method_name, _GROWTH_WITH_AMOUNTS))

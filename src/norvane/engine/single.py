@@ -14,18 +14,11 @@ from ..helpers import (
     _MAX_PAYMENTS,
     _as_f64_safe,
     _cashflow_amounts_payment_skip,
-    _has_growth_rate_param,
     _prefixed,
     _too_many_payments,
 )
-from ..validators import (
-    _resolve_gr,
-    _validate_cashflow_inputs,
-    _validate_frequency_and_payment_timing,
-    _validate_shift_deferment_and_duration,
-)
+from ..validators import _refuse_growth_with_amounts, _resolve_gr, _validate_annuity_call
 from .annuity import _ANNUITY_CALCULATION_MODE_DISPATCH, _zero_flows
-from .base import Dispatcher
 
 
 def _aligned_explicit_schedule(
@@ -68,24 +61,18 @@ def annuity_dispatch(
     mode = self.calculation_mode
     config = self._config
     if validate:
-        _validate_shift_deferment_and_duration(
+        _validate_annuity_call(
             ts=ts,
             ts_integer=config.force_integer_ts,
             d=d,
             n=n,
-            cashflow_times=cashflow_times,
-            method_name=method_name,
-            has_growth_rate=_has_growth_rate_param(gr),
-        )
-        _validate_frequency_and_payment_timing(m=m, payment_timing=payment_timing, method_name=method_name)
-        _validate_cashflow_inputs(
+            m=m,
+            payment_timing=payment_timing,
+            gr=gr,
             cashflow_times=cashflow_times,
             cashflow_amounts=cashflow_amounts,
             calculation_mode=mode,
-            m=m,
-            n=n,
             method_name=method_name,
-            caller=Dispatcher.ANNUITY,
         )
     times = None if cashflow_times is None else _as_f64_safe(cashflow_times)
     amounts = None if cashflow_amounts is None else _as_f64_safe(cashflow_amounts)
@@ -100,14 +87,7 @@ def annuity_dispatch(
     payments_size, payments_frac = _kernels.payment_count(n_eff, frequency, meta.tolerance_eps)
 
     times, aligned = _aligned_explicit_schedule(method_name, times, amounts, d_value, ts_value)
-    if gr is not None and amounts is not None:
-        raise ValueError(
-            _prefixed(
-                method_name,
-                "'gr' and 'cashflow_amounts' are mutually exclusive: 'cashflow_amounts' defines explicit "
-                "payment amounts, so 'gr' has no effect. Pass gr=None when using cashflow_amounts.",
-            )
-        )
+    _refuse_growth_with_amounts(gr, amounts, method_name)
     growth = _resolve_gr(gr, method_name)
     if times is None and amounts is not None:
         skip = _cashflow_amounts_payment_skip(ts_value, n_eff, method_name, frequency, len(amounts), meta.tolerance_eps)

@@ -18,14 +18,8 @@ from numpy.typing import ArrayLike, NDArray
 from .. import _kernels
 from ..base import _ALLOWED_PAYMENT_FREQUENCIES
 from ..engine.annuity import _kernel_curve
-from ..engine.base import Dispatcher
 from ..helpers import _MAX_FLOAT64, _MAX_PAYMENTS, _real_float, _too_many_payments
-from ..validators import (
-    _resolve_gr,
-    _validate_cashflow_inputs,
-    _validate_frequency_and_payment_timing,
-    _validate_shift_deferment_and_duration,
-)
+from ..validators import _refuse_growth_with_amounts, _resolve_gr, _validate_annuity_call
 from ._rules import FractionalAgeLiteral, TableBase, _check_rule
 
 if TYPE_CHECKING:  # the tables module imports this one
@@ -107,30 +101,22 @@ class _Status:
         amounts = None
         plain = gr is None and cashflow_amounts is None and _plain_numbers(ts, d, n, m, config.force_integer_ts)
         if not plain:  # the shared validators word the messages
-            _validate_shift_deferment_and_duration(
+            _, amounts = _validate_annuity_call(
                 ts=ts,
                 ts_integer=config.force_integer_ts,
                 d=d,
                 n=n,
+                m=m,
+                payment_timing=timing,
+                gr=gr,
                 cashflow_times=None,
+                cashflow_amounts=cashflow_amounts,
+                calculation_mode=mode,
                 method_name=method_name,
-                has_growth_rate=gr is not None,
             )
-            _validate_frequency_and_payment_timing(m=m, payment_timing=timing, method_name=method_name)
-            if cashflow_amounts is not None:
-                if gr is not None:
-                    raise ValueError(f"[{method_name}] 'gr' and 'cashflow_amounts' are mutually exclusive.")
-                _, amounts = _validate_cashflow_inputs(
-                    cashflow_times=None,
-                    cashflow_amounts=cashflow_amounts,
-                    calculation_mode=mode,
-                    m=m,
-                    n=n,
-                    method_name=method_name,
-                    caller=Dispatcher.ANNUITY,
-                )
         if n is not None and math.isfinite(n) and not float(n) * int(m) < _MAX_PAYMENTS:
             raise _too_many_payments(method_name, float(n), int(m))
+        _refuse_growth_with_amounts(gr, cashflow_amounts, method_name)
         growth = _resolve_gr(gr, method_name)
         # The curve seen from ts, shifted and made native once through the curve's and the engine's caches.
         seen = _kernel_curve(curve._ir_shifted_for_ts(float(ts), curve._ts_shift_cache) if ts else curve)
