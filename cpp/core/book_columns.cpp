@@ -22,7 +22,8 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) bool small_to_doubl
     for (std::size_t k = 0; k < len; ++k) {
         const std::int64_t x = values[k];
         large |= static_cast<unsigned>((x >= kLimit) | (x < -kLimit));
-        out[k] = std::bit_cast<double>(x + magic) - kMagic;
+        // (Unsigned: the sum wraps around, with no undefined overflow, where it is not used.)
+        out[k] = std::bit_cast<double>(static_cast<std::uint64_t>(x) + static_cast<std::uint64_t>(magic)) - kMagic;
     }
     return large == 0;
 }

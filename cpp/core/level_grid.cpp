@@ -91,8 +91,10 @@ __attribute__((always_inline)) inline void whole_year_points(const LevelGridView
     const auto m = static_cast<std::int64_t>(g.m), timing = static_cast<std::int64_t>(g.timing);
     const auto points = static_cast<std::int64_t>(g.points);
     for (std::size_t i = 0; i < len; ++i) {
-        const std::int64_t from = static_cast<std::int64_t>(d[i]) * m + timing,
-                           to = from + static_cast<std::int64_t>(n[i]) * m;
+        // Terms and deferments are >= 0 (checked); beyond the grid they are off it, and taken at
+        // its length the products cannot overflow.
+        const std::int64_t years = std::min<std::int64_t>(n[i], points), wait = std::min<std::int64_t>(d[i], points);
+        const std::int64_t from = wait * m + timing, to = from + years * m;
         const bool usable = to < points;
         first[i] = usable ? from : 0;
         last[i] = usable ? to : 0;

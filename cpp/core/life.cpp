@@ -494,7 +494,6 @@ double integral(const PiecewiseTable& curve, double a, double b, double origin, 
     return total;
 }
 
-
 // The periods of a schedule, [d + k/m, d + (k+1)/m] with the last one ending
 // with the term, that begin before `horizon`: later ones carry no survival, so
 // the walk ends where the status does, however long the term.
