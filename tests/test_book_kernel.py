@@ -94,7 +94,7 @@ def test_whole_year_book_against_closed_forms(mode, dtype):
             np.testing.assert_array_equal(at_start, getattr(InterestRate(i), method)(n=n, d=d, m=m))
 
 
-@pytest.mark.parametrize("big", [2**51, 2**52 + 1, -(2**60)])
+@pytest.mark.parametrize("big", [2**51, 2**52 + 1, 2**63 - 1, -(2**60)])
 def test_integer_columns_convert_exactly(big):
     """64-bit integers read as their doubles, in the vectorised conversion and (from 2^51 on) out
     of it; valuation times and deferments of thousands of years still value the same terms."""
