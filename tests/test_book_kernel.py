@@ -109,4 +109,5 @@ def test_integer_columns_convert_exactly(big):
     else:
         values = curve.ä(n=n, d=d, ts=ts)
         assert np.array_equal(values, curve.ä(n=n.astype(float), d=d.astype(float), ts=ts.astype(float)))
+        assert np.array_equal(curve.ä(n=n, d=d), curve.ä(n=n.astype(float), d=d.astype(float)))  # all at time 0
         assert values[4] == curve.ä(n=7, d=1)  # one year of its deferment left
