@@ -402,3 +402,23 @@ def _batch_result(values: F64Array, faults: dict[int, list[str]], record_ids: An
         messages=[_prefixed(method_name, "; ".join(faults[i])) for i in invalid.tolist()],
     )
     return BatchResult(values=values, errors=report)
+
+
+def _book_columns(method_name: str, columns: dict[str, Any]) -> tuple[dict[str, np.ndarray], int]:
+    """A book's columns, each one-dimensional and of the book's length or of length 1 (one
+    value for every policy, kept single), and that length; columns of other lengths are
+    refused, naming every column's length."""
+    arrays = {name: np.asarray(values).reshape(-1) for name, values in columns.items()}
+    lengths = {name: (a.shape[0] if np.ndim(columns[name]) else 1) for name, a in arrays.items()}
+    # The book's length is its columns' (a single value sets none): an empty book is valued.
+    size = max((a.shape[0] for name, a in arrays.items() if np.ndim(columns[name])), default=1)
+    if any(length not in (size, 1) for length in lengths.values()):
+        given = ", ".join(f"{name}={length}" for name, length in lengths.items())
+        raise ValueError(
+            _prefixed(
+                method_name,
+                f"Incompatible batch lengths: {given}. "
+                "All arrays must share the same length or be length-1 (broadcast).",
+            )
+        )
+    return arrays, size

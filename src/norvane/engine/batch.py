@@ -17,6 +17,7 @@ from .._helpers.policy_arrays import (
     _KERNEL_DTYPES,
     _batch_result,
     _benefits_array,
+    _book_columns,
     _check_benefit_values,
     _overlong_terms,
     _policy_column,
@@ -26,7 +27,6 @@ from ..helpers import (
     _EMPTY_F64,
     BatchResult,
     _aggregate_flow_parts,
-    _arraylike_len_or_1,
     _as_f64_safe,
     _batch_m_for_nan_recurse,
     _check_batch_param,
@@ -86,24 +86,12 @@ def _check_policies(
 
 
 def _broadcast_policies(method_name: str, n: Any, d: Any, ts: Any) -> tuple[list[np.ndarray], int]:
-    """n (None entries: perpetuities), d and ts as float64 arrays of one length N."""
+    """n (None entries: perpetuities), d and ts as arrays of one length N."""
     columns = {"n": np.inf if n is None else _map_batch_n_none_to_inf(n), "d": d, "ts": ts}
-    arrays = [_policy_column(values, name, method_name) for name, values in columns.items()]
-    lengths = [_arraylike_len_or_1(a) for a in arrays]
-    size = max(lengths)
-    for i, length in enumerate(lengths):
-        arrays[i] = arrays[i].reshape(-1)
-        if length == 1 and size != 1:
-            arrays[i] = np.broadcast_to(arrays[i], (size,))
-        if arrays[i].shape[0] != size:
-            raise ValueError(
-                _prefixed(
-                    method_name,
-                    f"Incompatible batch lengths: n={lengths[0]}, d={lengths[1]}, ts={lengths[2]}. "
-                    "All arrays must share the same length or be length-1 (broadcast).",
-                )
-            )
-    return arrays, size
+    arrays, size = _book_columns(
+        method_name, {name: _policy_column(values, name, method_name) for name, values in columns.items()}
+    )
+    return [np.broadcast_to(a, (size,)) if a.shape[0] != size else a for a in arrays.values()], size
 
 
 def _nan_policy_result(

@@ -11,7 +11,13 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from .. import _kernels
-from .._helpers.policy_arrays import _batch_result, _benefits_array, _check_benefit_values, _term_faults
+from .._helpers.policy_arrays import (
+    _batch_result,
+    _benefits_array,
+    _book_columns,
+    _check_benefit_values,
+    _term_faults,
+)
 from ..base import _ALLOWED_PAYMENT_FREQUENCIES
 from ..helpers import (
     BatchResult,
@@ -31,17 +37,12 @@ _METHOD = "life_annuities"
 
 
 def _columns(method_name: str, **columns: Any) -> tuple[dict[str, Any], int]:
-    """Every column one-dimensional, of the book's length or of length 1 (a single value)."""
+    """Every column one-dimensional, of the book's length or of length 1 (a single value,
+    checked once)."""
     for name, values in columns.items():
         if np.ndim(values) > 1:
             raise ValueError(f"[{method_name}] '{name}' must be one-dimensional, got shape {np.shape(values)}.")
-    arrays = {name: np.asarray(values).reshape(-1) for name, values in columns.items()}
-    sizes = {name: a.shape[0] for name, a in arrays.items() if np.ndim(columns[name])}
-    size = max(sizes.values(), default=1)
-    if any(s != size and s != 1 for s in sizes.values()):
-        raise ValueError(f"[{method_name}] policy columns must share one length (or be single values), got {sizes}.")
-    # Single values stay single: they are checked once.
-    return arrays, size
+    return _book_columns(method_name, columns)
 
 
 def _table_names(table: Any) -> NDArray[Any]:
