@@ -311,3 +311,10 @@ def test_certain_and_life_calls_word_a_fault_alike(kwargs):
     with pytest.raises(ValueError) as life:
         CF_TABLE.life(40).ä(FLAT, **kwargs)
     assert str(certain.value).split("] ", 1)[1] == str(life.value).split("] ", 1)[1]
+
+
+def test_books_of_both_kinds_check_their_lengths_alike():
+    tables = {"M": bundled_table("makeham_20_120")}
+    with pytest.raises(ValueError, match=r"\[life_annuities\] Incompatible batch lengths: table=1, age=2, n=3, d=1"):
+        life_annuities(FLAT, tables, table="M", age=[60, 61], n=[1, 2, 3])
+    assert FLAT.ä(n=[]).shape == life_annuities(FLAT, tables, table="M", age=[]).shape == (0,)
