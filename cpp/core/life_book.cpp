@@ -36,8 +36,11 @@ template <std::size_t N>
 class KeyIndex {
   public:
     using Key = std::array<std::uint64_t, N>;
-    // Room for `expected` keys is reserved (address space only until used).
-    explicit KeyIndex(std::size_t expected) : slots_(1024, kEmpty) { keys_.reserve(expected); }
+    // Room for `expected` keys, so that the index never grows (a rehash of a
+    // million keys costs more than the slots).
+    explicit KeyIndex(std::size_t expected) : slots_(std::bit_ceil(2 * expected + 2), kEmpty) {
+        keys_.reserve(expected);
+    }
     // Fetch the slot where `key` would be looked up first into the cache (a
     // book's keys hash to slots far apart; fetched a block ahead, their
     // lookups do not wait on memory one by one).
@@ -66,8 +69,14 @@ class KeyIndex {
     std::size_t find(const Key& key) const {
         const std::size_t mask = slots_.size() - 1;
         std::size_t slot = hash(key) & mask;
-        while (slots_[slot] != kEmpty && keys_[slots_[slot]] != key) slot = (slot + 1) & mask;
+        while (slots_[slot] != kEmpty && !same(keys_[slots_[slot]], key)) slot = (slot + 1) & mask;
         return slot;
+    }
+    // Key equality inline, word by word (not a call to memcmp).
+    static bool same(const Key& a, const Key& b) {
+        for (std::size_t k = 0; k < N; ++k)
+            if (a[k] != b[k]) return false;
+        return true;
     }
     void grow() {
         slots_.assign(2 * slots_.size(), kEmpty);
