@@ -114,7 +114,8 @@ void value_group(const PiecewiseTable& curve, std::span<const double> ratios, co
     policy.m = static_cast<std::size_t>(p.m[first]);
     const double ts = p.ts[first], d = p.d[first];
     const auto annuity_of = [&](double n) { return life_policy_annuity(n, d, ts, status.horizon(), policy); };
-    const auto round = [&](double value) { return round_like_numpy(value, terms.decimals); };
+    const double scale = rounding_scale(terms.decimals);
+    const auto round = [scale](double value) { return round_scaled(value, scale); };
     // In the discrete precision mode a schedule on the grid is a difference of
     // the life's sums and any other is summed with the book's ratios (the same
     // numbers a single call computes); other modes as a single call values them.
@@ -593,10 +594,10 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
 }
 
 // The policies `rest` of a book (each valid) grouped by life, valuation
-// time, deferment and frequency, each group valued as one.
-void value_groups(const CurveArrays& curve, std::span<MortalityTable* const> tables,
-                  std::span<const FractionalAge> rules, const LifePolicies& p, const PolicyTerms& terms,
-                  std::span<const std::uint32_t> rest, std::span<double> out) {
+// time, deferment and frequency, each group valued as one, on one core.
+void value_part(const CurveArrays& curve, std::span<MortalityTable* const> tables, std::span<const FractionalAge> rules,
+                const LifePolicies& p, const PolicyTerms& terms, std::span<const std::uint32_t> rest,
+                std::span<double> out) {
     const std::size_t count = rest.size();
     // The other policies grouped by life, valuation time, deferment and
     // frequency (in one flat array, by group), and one discount table per
@@ -640,7 +641,7 @@ void value_groups(const CurveArrays& curve, std::span<MortalityTable* const> tab
     for (std::size_t g = 0; g < group_count; ++g) offsets[g + 1] += offsets[g];
     std::vector<std::uint32_t> members(count), filled(offsets.begin(), offsets.end() - 1);
     for (std::size_t r = 0; r < count; ++r) members[filled[group_id[r]]++] = rest[r];
-    // Survival paths once per (table, select age), before the threads share them.
+    // Survival paths once per (table, select age) of the part (a table builds each once, under its lock).
     std::vector<const SurvivalPath*> paths(group_count);
     std::vector<int> starts(group_count);
     for (std::size_t g = 0; g < group_count; ++g) {
@@ -661,15 +662,25 @@ void value_groups(const CurveArrays& curve, std::span<MortalityTable* const> tab
     const BookSums sums = terms.mode == Mode::DiscretePrecision
                               ? book_sums(p, lead, members, offsets, curves, group_curve, paths, starts, rules)
                               : BookSums{};
-    parallel_for(group_count, 64, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t g = begin; g < end; ++g) {
-            const std::span<std::uint32_t> group(members.data() + offsets[g], offsets[g + 1] - offsets[g]);
-            const auto table = static_cast<std::size_t>(p.table[lead[g]]);
-            value_group(curves[group_curve[g]], *group_ratios[g], sums.of(g), *paths[g], starts[g], rules[table], p,
-                        group, terms, out);
-        }
-    });
+    for (std::size_t g = 0; g < group_count; ++g) {
+        const std::span<std::uint32_t> group(members.data() + offsets[g], offsets[g + 1] - offsets[g]);
+        const auto table = static_cast<std::size_t>(p.table[lead[g]]);
+        value_group(curves[group_curve[g]], *group_ratios[g], sums.of(g), *paths[g], starts[g], rules[table], p, group,
+                    terms, out);
+    }
     for (const std::uint32_t i : rest) out[i] *= p.benefits[i];
+}
+
+// The same on all cores: the book split into one part per core, each grouped
+// and valued on its own (a policy whose duplicates lie in another part is
+// valued there once more, at most once a core), so that the grouping too
+// runs in parallel.
+void value_groups(const CurveArrays& curve, std::span<MortalityTable* const> tables,
+                  std::span<const FractionalAge> rules, const LifePolicies& p, const PolicyTerms& terms,
+                  std::span<const std::uint32_t> rest, std::span<double> out) {
+    parallel_for(rest.size(), std::size_t{1} << 10, [&](std::size_t begin, std::size_t end) {
+        value_part(curve, tables, rules, p, terms, rest.subspan(begin, end - begin), out);
+    });
 }
 
 }  // namespace
