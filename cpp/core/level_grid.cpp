@@ -15,12 +15,6 @@ namespace {
 constexpr double kTwo52 = 4503599627370496.0;
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
-// x as a 64-bit integer, for a whole number 0 <= x < 2^51: an addition and
-// a reinterpretation, which vectorise where a conversion may not.
-inline std::int64_t whole_index(double x) {
-    return std::bit_cast<std::int64_t>(x + kTwo52) - std::bit_cast<std::int64_t>(kTwo52);
-}
-
 // A policy's schedule as points of the grid: first and last payment (last
 // exclusive) and the valuation time, and whether the schedule is whole
 // periods on the grid, seen from a point of it, within `last_point`.

@@ -4,6 +4,7 @@
 // books each life's survival-weighted sums (one grid per life, laid end to end).
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -15,6 +16,13 @@ inline constexpr double kEpsilon = std::numeric_limits<double>::epsilon();
 // epsilon of the value (5 seen on a 40-segment curve); a value closer than
 // this margin to a rounding tie is recomputed the single call's way.
 inline constexpr double kTieMargin = 16.0 * kEpsilon;
+
+// x as a 64-bit integer, for a whole number 0 <= x < 2^51: an addition and
+// a reinterpretation, which vectorise where a conversion may not.
+inline std::int64_t whole_index(double x) {
+    constexpr double kTwo52 = 4503599627370496.0;
+    return std::bit_cast<std::int64_t>(x + kTwo52) - std::bit_cast<std::int64_t>(kTwo52);
+}
 
 // What the pass reads: the running sums of the grid's terms, each followed
 // by its compensation (PrefixSums::points), 1 / v at the grid's points (for

@@ -374,13 +374,6 @@ bool same_for_all(const Column& column, std::size_t count) {
     return true;
 }
 
-// x as a 64-bit integer, for a whole number 0 <= x < 2^51: an addition and
-// a reinterpretation, which vectorise where a conversion may not.
-inline std::int64_t whole_index(double x) {
-    constexpr double kTwo52 = 4503599627370496.0;
-    return std::bit_cast<std::int64_t>(x + kTwo52) - std::bit_cast<std::int64_t>(kTwo52);
-}
-
 // The slot of each policy of a block; returns the grid points the block's
 // schedules reach. Without branches, so that it vectorises; cloned for
 // AVX-512 and AVX2. The policies are valid (check_life_policies).
