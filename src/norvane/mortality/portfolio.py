@@ -186,8 +186,6 @@ class _LifeBook:
             tolerance_eps=self.tolerance_eps,
             decimals=self.decimals,
         )
-        if rows is not None and valued.size != rows.size:  # every column held one value
-            valued = np.broadcast_to(valued, rows.shape).copy()
         return valued
 
 
@@ -280,7 +278,8 @@ def life_annuities(
         valid[list(faults)] = False
         rows = np.flatnonzero(valid)
         values = np.full(size, np.nan)
-        values[rows] = book.value(codes, cols, rows)
+        if rows.size:  # (a book of single values has one policy: none left is nothing to value)
+            values[rows] = book.value(codes, cols, rows)
     else:
         valid, values = np.ones(size, dtype=bool), valued
     # A life at an age its table gives no chance of reaching has no value.
