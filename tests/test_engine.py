@@ -252,12 +252,12 @@ CONST = _kernels.Curve(np.array([I]), np.empty(0), np.empty(0))
 Q = np.array([0.1, 0.2, 1.0])  # ages 30 to 32
 TABLE = _kernels.LifeTable(30, Q, 0, 0, np.empty(0))
 LIFE = {"ts": 0.0, "d": 0.0, "n": 2.0, "m": 1, "timing": 0, "growth_kind": "level", "growth_rate": 0.0}
-LIFE |= {"amounts": None, "mode": "discrete_precision", "decimals": None, "tolerance_eps": 1e-12}
+LIFE |= {"amounts": None}
 BOOK = [np.zeros(1), np.array([30.0]), np.array([np.nan]), np.ones(1), np.zeros(1), np.zeros(1), np.ones(1)]
 
 
 def life_value(kind="annuity", lives=((TABLE, 30.0, np.nan, "udd"),), status="single", **kw):
-    return _kernels.life_value(kind, list(lives), status, CONST, **(LIFE | kw))
+    return _kernels.LifeStatus(status, list(lives)).value(kind, InterestRate(I), **(LIFE | kw))
 
 
 def life_book(column, value):

@@ -149,6 +149,26 @@ def test_curves_valuation_time_and_explicit_amounts():
     assert life.ä(CURVE, n=15, cashflow_amounts=amounts) == pytest.approx(100 * life.ä(CURVE, n=15, gr=0.02), abs=1e-7)
 
 
+@pytest.mark.parametrize(
+    "make, change",
+    [
+        (lambda: InterestRate(0.02), lambda ir: setattr(ir, "rate", 0.05)),
+        (lambda: InterestRate(terms=[3, 4, 5], rates=[0.02] * 4), lambda ir: setattr(ir, "rates", [0.05] * 4)),
+        (
+            lambda: InterestRate({"base": 0.02, "stress": 0.05}),
+            lambda ir: setattr(ir, "active_scenario", "stress"),
+        ),
+    ],
+)
+def test_a_changed_curve_values_lives_on_its_new_rates(make, change):
+    # Lives valued on a curve keep their running sums with it: a change must drop them.
+    life, curve = bundled_table("makeham_20_120").life(60), make()
+    calls = [lambda c: life.ä(c, m=12), lambda c: life.a(c, n=10, ts=2), lambda c: life.A(c, n=5)]
+    before = [call(curve) for call in calls]
+    change(curve)
+    assert [call(curve) for call in calls] == [call(InterestRate(0.05)) for call in calls] != before
+
+
 def test_portfolio_equals_single_lives_and_reports_errors():
     rng = np.random.default_rng(7)
     tables = {"M": bundled_table("makeham_20_120"), "F": bundled_table("makeham_13_110").scaled(0.8)}

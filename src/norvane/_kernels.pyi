@@ -90,24 +90,40 @@ class LifeTable:
         rule: str,  # "udd", "constant_force" or "balducci"
     ) -> NDArray[np.float64]: ...
 
-def life_value(
-    kind: Literal["annuity", "insurance", "endowment_insurance", "pure_endowment"],
-    lives: list[tuple[LifeTable, float, float, str]],
-    status: str,  # "single", "joint" or "last_survivor"
-    curve: Curve,
-    *,
-    ts: float,
-    d: float,
-    n: float,
-    m: int,
-    timing: int,
-    growth_kind: str,  # "level", "geometric" or "arithmetic"
-    growth_rate: float,
-    amounts: NDArray[np.float64] | None,
-    mode: str,
-    decimals: int | None,
-    tolerance_eps: float,
-) -> float: ...
+@disjoint_base
+class LifeStatus:
+    def __init__(
+        self,
+        kind: str,  # "single", "joint" or "last_survivor"
+        lives: list[tuple[LifeTable, float, float, str]],
+    ) -> None: ...
+    def value(
+        self,
+        kind: Literal["annuity", "insurance", "endowment_insurance", "pure_endowment"],
+        curve: Any,  # an InterestRate
+        *,
+        ts: float,
+        d: float,
+        n: float,
+        m: int,
+        timing: int,
+        growth_kind: str,  # "level", "geometric" or "arithmetic"
+        growth_rate: float,
+        amounts: NDArray[np.float64] | None,
+    ) -> float: ...
+    def plain_value(
+        self,
+        kind: Literal["annuity", "insurance", "endowment_insurance", "pure_endowment"],
+        curve: Any,
+        n: Any,
+        d: Any,
+        m: Any,
+        ts: Any,
+        gr: Any,
+        amounts: Any,
+        timing: int,
+    ) -> float | None: ...
+
 def life_portfolio(
     tables: list[LifeTable],
     rules: list[str],

@@ -141,6 +141,7 @@ VALID_TERM_UNITS: Final[tuple[TermUnit, ...]] = ("years", "months", "weeks", "da
 
 _DEFAULT_RATE_CACHE_MAXSIZE: Final = 1000
 _SHIFT_EPSILON: Final = 1e-12
+_native_curve: Any  # a capsule of the native curve functions, for norvane._kernels
 _DEFAULT_PERPETUITY_N_EFF: Final = 1000
 _MONTHS_PER_YEAR: Final = 12
 

@@ -5,6 +5,7 @@
 // whose functions are installed as the curve's dispatch methods.
 #include "interest_rates.hpp"
 
+#include "bindings/native_curve.hpp"
 #include "core/annuity.hpp"
 
 #include <algorithm>
@@ -40,13 +41,6 @@ bool is_none_or_default(const AnnuityArgs& a) {
     return a.gr.is_none() && a.cashflow_times.is_none() && a.cashflow_amounts.is_none() && a.benefits.is_none() &&
            a.t_output.is_none() && a.record_ids.is_none() && PyUnicode_Check(a.on_error.ptr()) &&
            PyUnicode_CompareWithASCIIString(a.on_error.ptr(), "raise") == 0 && !truthy(a.return_flows);
-}
-
-// The discount table of the curve seen from ts (the active scenario's).
-std::shared_ptr<const core::PiecewiseTable> shifted_table(nb::handle self_obj, InterestRate& self, double ts,
-                                                          double tolerance_eps) {
-    if (!core::is_shift(ts, tolerance_eps)) return valuation_table(active_curve(self));
-    return valuation_table(active_curve(nb::cast<InterestRate&>(shifted_for_ts(self_obj, ts, self[TsShiftCache]))));
 }
 
 // The curve's settings for a plain call: the cached ones while they hold.
@@ -88,41 +82,65 @@ bool own_entry(nb::handle mode_name) {
     return py.dispatch_table[mode_name].is(py.own_entries[mode_name]);
 }
 
+// The curve (its active scenario) seen from ts, with the object that holds
+// it alive (a shifted curve is kept by the curve's cache, but may be evicted).
+struct SeenCurve {
+    nb::object holder;
+    InterestRate* curve;
+};
+SeenCurve seen_from_ts(nb::handle self_obj, InterestRate& self, double ts, double tolerance_eps) {
+    if (!core::is_shift(ts, tolerance_eps)) return {nb::borrow(self_obj), &active_curve(self)};
+    nb::object shifted = shifted_for_ts(self_obj, ts, self[TsShiftCache]);
+    InterestRate* seen = &active_curve(nb::cast<InterestRate&>(shifted));
+    return {std::move(shifted), seen};
+}
+
+// The numbers of a call given as plain Python numbers within the checks'
+// bounds (n None: infinite), which the full path would accept unchanged;
+// none for anything it would convert, refuse or explain.
+std::optional<PlainNumbers> plain_numbers(nb::handle n, nb::handle d, nb::handle m, nb::handle ts,
+                                          const AnnuitySettings& settings) {
+    if (!PyLong_CheckExact(m.ptr())) return std::nullopt;
+    auto d_value = plain_number(d), ts_value = plain_number(ts);
+    std::optional<double> n_value = n.is_none() ? std::optional<double>(INFINITY) : plain_number(n);
+    if (!d_value || !ts_value || !n_value) return std::nullopt;
+    const long frequency = PyLong_AsLong(m.ptr());
+    if (frequency == -1 && PyErr_Occurred()) {
+        PyErr_Clear();
+        return std::nullopt;
+    }
+    if (!(core::finite_nonnegative(*d_value) && core::finite_nonnegative(*ts_value)) || !(*n_value >= 0.0) ||
+        !allowed_frequency(frequency))
+        return std::nullopt;
+    if (settings.force_integer_ts && std::floor(*ts_value) != *ts_value) return std::nullopt;
+    return PlainNumbers{*n_value, *d_value, *ts_value, static_cast<std::size_t>(frequency)};
+}
+
 // A single certain annuity with plain numbers, level payments and no explicit
 // schedule, valued with the engine's own native routine. Anything else,
 // including every input the validators would refuse, returns nothing and takes
 // the full path (which raises the proper message).
 std::optional<double> plain_annuity_value(nb::handle self_obj, int timing, const AnnuityArgs& a) {
-    if (!is_none_or_default(a) || !PyLong_CheckExact(a.m.ptr())) return std::nullopt;
-    auto d = plain_number(a.d), ts = plain_number(a.ts);
-    std::optional<double> n = a.n.is_none() ? std::optional<double>(INFINITY) : plain_number(a.n);
-    if (!d || !ts || !n) return std::nullopt;
-    const long m = PyLong_AsLong(a.m.ptr());
-    if (m == -1 && PyErr_Occurred()) {
-        PyErr_Clear();
-        return std::nullopt;
-    }
-    if (!(core::finite_nonnegative(*d) && core::finite_nonnegative(*ts)) || !(*n >= 0.0) || !allowed_frequency(m))
-        return std::nullopt;
+    if (!is_none_or_default(a)) return std::nullopt;
     InterestRate& self = nb::cast<InterestRate&>(self_obj);
     const AnnuitySettings& settings = annuity_settings(self);
-    if (settings.force_integer_ts && std::floor(*ts) != *ts) return std::nullopt;
-    if (!settings.mode || !own_entry(settings.mode_name)) return std::nullopt;
+    const std::optional<PlainNumbers> plain = plain_numbers(a.n, a.d, a.m, a.ts, settings);
+    if (!plain || !settings.mode || !own_entry(settings.mode_name)) return std::nullopt;
     core::PolicyTerms terms;
-    terms.m = static_cast<std::size_t>(m);
+    terms.m = plain->m;
     terms.timing = timing;
     terms.tolerance_eps = settings.tolerance_eps;
     terms.perpetuity_n_eff = settings.perpetuity_n_eff;
     terms.decimals = settings.decimals;
-    if (!core::countable(core::term_or_horizon(*n, terms), terms.m)) return std::nullopt;
-    const std::optional<core::Annuity> annuity = core::policy_annuity(*n, *d, *ts, terms);
+    if (!core::countable(core::term_or_horizon(plain->n, terms), terms.m)) return std::nullopt;
+    const std::optional<core::Annuity> annuity = core::policy_annuity(plain->n, plain->d, plain->ts, terms);
     if (!annuity) return 0.0;
     // Taken now: building a shifted curve runs Python, where another thread
     // may change the settings (and so the curve's kept copy of them).
     const core::Mode mode = *settings.mode;
     const double scale = settings.scale;
-    const auto table = shifted_table(self_obj, self, *ts, terms.tolerance_eps);
-    return core::round_scaled(core::annuity_value(*table, *annuity, mode), scale);
+    const SeenCurve seen = seen_from_ts(self_obj, self, plain->ts, terms.tolerance_eps);
+    return core::round_scaled(core::annuity_value(*valuation_table(*seen.curve), *annuity, mode), scale);
 }
 
 nb::object annuity(nb::handle self, const char* method_name, int timing, const AnnuityArgs& a) {
@@ -311,6 +329,56 @@ PyObject* annuity_call(PyObject* self, PyObject* const* args, Py_ssize_t positio
     }
 }
 
+// ---- the curve as norvane._kernels reads it -------------------------------------------
+
+NativeCurve native_curve(nb::handle self_obj, InterestRate& self, const AnnuitySettings& settings, double ts) {
+    NativeCurve view;
+    // Copied first: shifting the curve runs Python, which may change the settings.
+    view.mode = settings.mode;
+    view.decimals = settings.decimals;
+    view.scale = settings.scale;
+    view.tolerance_eps = settings.tolerance_eps;
+    view.force_integer_ts = settings.force_integer_ts;
+    const SeenCurve seen = seen_from_ts(self_obj, self, ts, view.tolerance_eps);
+    view.table = valuation_table(*seen.curve);  // first: a new table comes with no grids
+    view.grids = grids_of(*seen.curve);
+    return view;
+}
+
+InterestRate* curve_of(PyObject* curve) {
+    nb::handle h(curve);
+    return nb::isinstance<InterestRate>(h) ? nb::inst_ptr<InterestRate>(h) : nullptr;
+}
+
+int native_seen_from(PyObject* curve, double ts, NativeCurve* out) noexcept {
+    try {
+        InterestRate* self = curve_of(curve);
+        if (!self) return 0;
+        *out = native_curve(curve, *self, annuity_settings(*self), ts);
+        return 1;
+    } catch (...) {
+        restore_as_python_error();
+        return -1;
+    }
+}
+
+int native_plain_call(PyObject* curve, PyObject* n, PyObject* d, PyObject* m, PyObject* ts, PlainCall* out) noexcept {
+    try {
+        InterestRate* self = curve_of(curve);
+        if (!self) return 0;
+        const AnnuitySettings& settings = annuity_settings(*self);
+        const std::optional<PlainNumbers> plain = plain_numbers(n, d, m, ts, settings);
+        if (!plain) return 0;
+        *out = {*plain, native_curve(curve, *self, settings, plain->ts)};
+        return 1;
+    } catch (...) {
+        restore_as_python_error();
+        return -1;
+    }
+}
+
+const NativeCurveApi kNativeCurveApi{&native_seen_from, &native_plain_call};
+
 using FastCall = PyObject* (*)(PyObject*, PyObject* const*, Py_ssize_t, PyObject*);
 
 // A method of the curve class calling `call`, documented with its signature
@@ -335,6 +403,8 @@ void register_annuities(nb::module_& m, CurveClass& cls) {
     cls.attr("_annuity_dispatch") = engine("single").attr("annuity_dispatch");
     cls.attr("_annuity_batch_dispatch") = engine("batch").attr("annuity_batch_dispatch");
     cls.attr("_annuity_batch_financial") = engine("batch").attr("annuity_batch_financial");
+
+    m.attr("_native_curve") = nb::capsule(&kNativeCurveApi, kNativeCurveCapsule);
 
     const std::string common = "ts=0.0, d=0.0, n=None, m=1, gr=None, ";
     const std::string rest =

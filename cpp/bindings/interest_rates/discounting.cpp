@@ -106,6 +106,13 @@ nb::object ones_like(const Durations& d) {
 
 // ---- the native mirror ------------------------------------------------------
 
+// A new mirror, and no grids: the lives valued on the old one are not on it.
+void replace_table(InterestRate& ir, std::shared_ptr<const core::PiecewiseTable> table, std::array<nb::object, 3> key) {
+    ir.table = std::move(table);
+    ir.table_key = std::move(key);
+    ir.grids.reset();
+}
+
 std::shared_ptr<const core::PiecewiseTable> table_of(InterestRate& ir) {
     const nb::object& prefix = ir[PrefixProd];
     if (!ir.table || !ir.table_key[0].is(ir[Rates]) || !ir.table_key[1].is(ir[CumTerms]) ||
@@ -114,8 +121,8 @@ std::shared_ptr<const core::PiecewiseTable> table_of(InterestRate& ir) {
         std::span<const double> products = prefix.is_none() ? std::span<const double>() : f64_span(prefix);
         if (!core::rates_fit_terms(rates.size(), ends.size()))
             internal_error("Internal error: rates and terms have inconsistent lengths in discount_factor.");
-        ir.table = std::make_shared<const core::PiecewiseTable>(rates, ends, products);
-        ir.table_key = {ir[Rates], ir[CumTerms], prefix};
+        replace_table(ir, std::make_shared<const core::PiecewiseTable>(rates, ends, products),
+                      {ir[Rates], ir[CumTerms], prefix});
     }
     return ir.table;
 }
@@ -348,11 +355,17 @@ std::shared_ptr<const core::PiecewiseTable> valuation_table(InterestRate& ir) {
     }
     // A constant curve's table, kept while the rate slot holds the same float.
     if (!ir.table || !ir.table_key[0].is(ir[Rate])) {
-        ir.table =
-            std::make_shared<const core::PiecewiseTable>(core::discount_table({{to_double(ir[Rate], "rate")}, {}, {}}));
-        ir.table_key = {ir[Rate], nb::none(), nb::none()};
+        replace_table(
+            ir,
+            std::make_shared<const core::PiecewiseTable>(core::discount_table({{to_double(ir[Rate], "rate")}, {}, {}})),
+            {ir[Rate], nb::none(), nb::none()});
     }
     return ir.table;
+}
+
+std::shared_ptr<core::GridCache> grids_of(InterestRate& ir) {
+    if (!ir.grids) ir.grids = std::make_shared<core::GridCache>();
+    return ir.grids;
 }
 
 void register_discounting(nb::module_& m, CurveClass& cls) {

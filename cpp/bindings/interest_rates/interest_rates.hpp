@@ -6,6 +6,7 @@
 
 #include "core/annuity.hpp"
 #include "core/curve.hpp"
+#include "core/life.hpp"
 
 #include <array>
 #include <cstddef>
@@ -63,6 +64,8 @@ struct InterestRate {
     // in table_key) is replaced.
     std::shared_ptr<const core::PiecewiseTable> table;
     std::array<nb::object, 3> table_key;
+    // The grids of the lives valued on `table` (made on first use, dropped with it).
+    std::shared_ptr<core::GridCache> grids;
     // The constant rate as a double, log(1 + rate) and whether it passes the
     // rate checks, valid while the `rate` slot holds constant_key (floats are
     // immutable, so the checks need not run again for the same object).
@@ -142,6 +145,8 @@ nb::dict validation_report(InterestRate& ir);
 nb::object shifted_for_ts(nb::handle ir_obj, double ts, nb::handle cache);
 // The native discount table of a curve (prefix products rebuilt if dropped).
 std::shared_ptr<const core::PiecewiseTable> valuation_table(InterestRate& ir);
+// The grid cache of the lives valued on the curve's current table.
+std::shared_ptr<core::GridCache> grids_of(InterestRate& ir);
 nb::dict policy_flags(InterestRate& ir);
 
 // Expose each named slot of T as a read/write attribute, plus a __slots__

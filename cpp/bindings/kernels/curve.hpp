@@ -24,8 +24,6 @@ namespace nb = nanobind;
 
 struct Curve {
     core::PiecewiseTable table;
-    // The grids of single life calls on this curve (shared: a Curve may be copied).
-    std::shared_ptr<core::GridCache> grids = std::make_shared<core::GridCache>();
 };
 
 using InArray = nb::ndarray<const double, nb::ndim<1>, nb::c_contig, nb::device::cpu>;

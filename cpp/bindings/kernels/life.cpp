@@ -1,17 +1,22 @@
-// norvane._kernels, life contingencies: mortality tables, survival and life
-// values on a curve's arrays. Python validates and words the messages; these
-// bindings convert, guard against input that would crash, and call the core.
+// norvane._kernels, life contingencies: mortality tables, survival, life
+// values on a curve (read natively through the curve extension's capsule) and
+// life books on a curve's arrays. Python validates and words the messages;
+// these bindings convert, guard against input that would crash, and call the
+// core.
 #include <nanobind/nanobind.h>
 #include <nanobind/ndarray.h>
+#include <nanobind/stl/optional.h>
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/tuple.h>
 #include <nanobind/stl/vector.h>
 
+#include "bindings/native_curve.hpp"
 #include "core/life.hpp"
 #include "core/life_book.hpp"
 #include "curve.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -45,64 +50,131 @@ core::FractionalAge rule_of(const std::string& name) {
                                 "'");
 }
 
+// Why a life aged `age` at inception is not one of its table at ts.
+[[noreturn]] void refuse_life(core::LifeAt::Fault fault, double age, double ts) {
+    if (fault == core::LifeAt::NotFinite) throw std::invalid_argument("ages and times must be finite");
+    if (fault == core::LifeAt::SelectAgeOutOfRange) throw std::invalid_argument("ages must be finite");
+    std::ostringstream reached;
+    reached << age + ts;  // shortest form: an age of 1e308 is not 309 digits
+    throw std::invalid_argument("nobody in the table reaches age " + reached.str());
+}
+
 // A life of `table` aged `age` at inception, seen at ts.
 core::LifeOnPath life_of(core::MortalityTable& table, double age, double select_age, double ts,
                          core::FractionalAge rule) {
     const core::LifeAt at = core::life_at(table, age, select_age, ts, rule);
-    if (at.fault == core::LifeAt::NotFinite) throw std::invalid_argument("ages and times must be finite");
-    if (at.fault == core::LifeAt::SelectAgeOutOfRange) throw std::invalid_argument("ages must be finite");
-    if (at.fault == core::LifeAt::Unreached) {
-        std::ostringstream reached;
-        reached << age + ts;  // shortest form: an age of 1e308 is not 309 digits
-        throw std::invalid_argument("nobody in the table reaches age " + reached.str());
-    }
+    if (at.fault != core::LifeAt::None) refuse_life(at.fault, age, ts);
     return at.life;
 }
 
-using LifeArgs = std::tuple<core::MortalityTable*, double, double, std::string>;
+using LifeArgs = std::tuple<nb::object, double, double, std::string>;
 
-core::Status status_of(const std::vector<LifeArgs>& lives, const std::string& kind, double ts) {
-    const auto status_kind = core::status_named(kind, lives.size());
-    if (!status_kind)
-        throw std::invalid_argument("a status is 'single' with one life or 'joint'/'last_survivor' with two");
-    core::LifeOnPath on_path[2]{};
-    for (std::size_t i = 0; i < lives.size(); ++i) {
-        auto& [table, age, select_age, rule] = lives[i];
-        if (!table) throw std::invalid_argument("a life needs a table");
-        const core::FractionalAge fractional_age = rule_of(rule);
-        on_path[i] = life_of(*table, age, select_age, ts, fractional_age);
+// The lives of a Life or a JointLife as the core reads them, kept with the
+// Python tables that own them, so that a call reads them without conversion.
+class LifeStatus {
+  public:
+    LifeStatus(const std::string& kind, const std::vector<LifeArgs>& lives) {
+        const auto status_kind = core::status_named(kind, lives.size());
+        if (!status_kind)
+            throw std::invalid_argument("a status is 'single' with one life or 'joint'/'last_survivor' with two");
+        kind_ = *status_kind;
+        count_ = lives.size();
+        for (std::size_t i = 0; i < count_; ++i) {
+            const auto& [owner, age, select_age, rule] = lives[i];
+            core::MortalityTable* table = nb::cast<core::MortalityTable*>(owner);
+            if (!table) throw std::invalid_argument("a life needs a table");
+            lives_[i] = {table, age, select_age, rule_of(rule)};
+            owners_[i] = owner;
+        }
     }
-    return core::Status::of(*status_kind, {on_path, lives.size()});
+
+    // The status seen at ts, its lives that much older; or the first life
+    // that is not one of its table then, and why.
+    struct Seen {
+        core::Status status;
+        core::LifeAt::Fault fault = core::LifeAt::None;
+        double age = 0.0;  // at inception, of the life refused
+    };
+    Seen at(double ts) const {
+        core::LifeOnPath on_path[2]{};
+        for (std::size_t i = 0; i < count_; ++i) {
+            const Member& life = lives_[i];
+            const core::LifeAt seen = core::life_at(*life.table, life.age, life.select_age, ts, life.rule);
+            if (seen.fault != core::LifeAt::None) return {core::Status{}, seen.fault, life.age};
+            on_path[i] = seen.life;
+        }
+        return {core::Status::of(kind_, {on_path, count_})};
+    }
+
+  private:
+    struct Member {
+        core::MortalityTable* table;
+        double age, select_age;
+        core::FractionalAge rule;
+    };
+    core::Status::Kind kind_ = core::Status::Single;
+    std::size_t count_ = 0;
+    Member lives_[2]{};
+    nb::object owners_[2];  // the tables' Python objects, which own them
+};
+
+// The curve extension's functions for reading a curve (imported on first use:
+// that extension imports this one as it loads).
+const bindings::NativeCurveApi& native_curves() {
+    static std::atomic<const bindings::NativeCurveApi*> api{nullptr};
+    const bindings::NativeCurveApi* known = api.load(std::memory_order_acquire);
+    if (!known) {
+        known = static_cast<const bindings::NativeCurveApi*>(PyCapsule_Import(bindings::kNativeCurveCapsule, 0));
+        if (!known) throw nb::python_error();
+        api.store(known, std::memory_order_release);
+    }
+    return *known;
+}
+
+bindings::NativeCurve curve_seen_from(nb::handle curve, double ts) {
+    bindings::NativeCurve view;
+    const int found = native_curves().seen_from(curve.ptr(), ts, &view);
+    if (found < 0) throw nb::python_error();
+    if (found == 0) throw nb::type_error("curve must be an InterestRate");
+    if (!view.mode) throw std::invalid_argument("the curve's calculation mode is not one the engine knows");
+    return view;
 }
 
 struct LifeCall {
     double ts, d, n;
     std::size_t m;
     int timing;
-    std::string growth_kind;
-    double growth_rate;
-    std::string mode;
-    double tolerance_eps;
+    core::Growth growth;
 };
 
-double life_value(const std::string& kind, const bindings::Curve& curve, const core::Status& status, const LifeCall& c,
-                  const double* amounts, std::size_t amounts_size) {
-    const core::Mode mode = mode_of(c.mode);
-    const auto benefit = core::life_benefit_named(kind);
-    if (!benefit) throw std::invalid_argument("unknown life value '" + kind + "'");
+// The value of `benefit` on the curve as `view` reads it, unrounded.
+core::LifeValue life_value(core::LifeBenefit benefit, const bindings::NativeCurve& view, const core::Status& status,
+                           const LifeCall& c, std::optional<std::span<const double>> amounts) {
     // A pure endowment has no payments to grow.
-    const core::Growth growth =
-        *benefit == core::LifeBenefit::PureEndowment ? core::Growth{} : growth_of(c.growth_kind, c.growth_rate);
-    const core::PolicyTerms terms{c.m, c.timing, growth, mode, c.tolerance_eps, 0.0, 0};
-    const auto given = amounts ? std::optional<std::span<const double>>({amounts, amounts_size}) : std::nullopt;
+    const core::Growth growth = benefit == core::LifeBenefit::PureEndowment ? core::Growth{} : c.growth;
+    const core::PolicyTerms terms{c.m, c.timing, growth, *view.mode, view.tolerance_eps, 0.0, 0};
+    return core::life_benefit_value(benefit, *view.table, status, c.ts, c.d, c.n, terms, amounts, view.grids.get());
+}
+
+// A value called with plain numbers, level payments and no amounts, valued
+// with no Python in between; none for any other call, and for any call the
+// full path refuses (which words the message).
+std::optional<double> plain_value(const LifeStatus& status, core::LifeBenefit benefit, nb::handle curve, nb::handle n,
+                                  nb::handle d, nb::handle m, nb::handle ts, nb::handle gr, nb::handle amounts,
+                                  int timing) {
+    if (!gr.is_none() || !amounts.is_none()) return std::nullopt;
+    bindings::PlainCall call;
+    const int plain = native_curves().plain_call(curve.ptr(), n.ptr(), d.ptr(), m.ptr(), ts.ptr(), &call);
+    if (plain < 0) PyErr_Clear();  // the full path raises it again, worded
+    if (plain <= 0 || !call.curve.mode) return std::nullopt;
+    const bindings::PlainNumbers& p = call.numbers;
+    if (std::isfinite(p.n) && !core::countable(p.n, p.m)) return std::nullopt;
+    const LifeStatus::Seen seen = status.at(p.ts);
+    if (seen.fault != core::LifeAt::None) return std::nullopt;
     const core::LifeValue value =
-        core::life_benefit_value(*benefit, curve.table, status, c.ts, c.d, c.n, terms, given, curve.grids.get());
-    if (value.fault == core::LifeValue::Uncountable)
-        throw std::invalid_argument("a term must be >= 0 with fewer than 2**53 payments");
-    if (value.fault == core::LifeValue::AmountCount)
-        throw std::invalid_argument("'cashflow_amounts' holds " + std::to_string(amounts_size) + " amounts for " +
-                                    std::to_string(value.payments) + " payments");
-    return value.value;
+        life_value(benefit, call.curve, seen.status, {p.ts, p.d, p.n, p.m, timing, {}}, std::nullopt);
+    if (value.fault != core::LifeValue::None) return std::nullopt;
+    return core::round_scaled(value.value, call.curve.scale);
 }
 
 // A table column given as texts: (rows, width) UTF-32 code points, as NumPy holds fixed-width strings.
@@ -181,32 +253,51 @@ void register_life(nb::module_& m) {
             nb::arg("ages"), nb::arg("select_ages"), nb::arg("durations"), nb::arg("rule"),
             "t_p_x for each (age, select age (NaN: none), duration).");
 
-    m.def(
-        "life_value",
-        [](const std::string& kind, const std::vector<LifeArgs>& lives, const std::string& status_kind,
-           const bindings::Curve& curve, double ts, double d, double n, std::size_t m_, int timing,
-           const std::string& growth_kind, double growth_rate, nb::object amounts, const std::string& mode,
-           nb::object decimals, double tolerance_eps) {
-            if (m_ == 0 || (timing != 0 && timing != 1)) throw std::invalid_argument("m >= 1 and timing 0 or 1");
-            if (!(core::finite_nonnegative(ts) && core::finite_nonnegative(d) && n >= 0.0))
-                throw std::invalid_argument("ts and d must be finite and >= 0, n >= 0");
-            const core::Status status = status_of(lives, status_kind, ts);
-            const LifeCall call{ts, d, n, m_, timing, growth_kind, growth_rate, mode, tolerance_eps};
-            double value;
-            if (amounts.is_none()) {
-                value = life_value(kind, curve, status, call, nullptr, 0);
-            } else {
-                const auto given = nb::cast<InArray>(amounts);
-                value = life_value(kind, curve, status, call, given.data(), given.shape(0));
-            }
-            return decimals.is_none() ? value : core::round_like_numpy(value, nb::cast<int>(decimals));
-        },
-        nb::arg("kind"), nb::arg("lives"), nb::arg("status"), nb::arg("curve"), nb::kw_only(), nb::arg("ts"),
-        nb::arg("d"), nb::arg("n"), nb::arg("m"), nb::arg("timing"), nb::arg("growth_kind"), nb::arg("growth_rate"),
-        nb::arg("amounts").none(), nb::arg("mode"), nb::arg("decimals").none(), nb::arg("tolerance_eps"),
-        "A life-contingent value ('annuity', 'insurance', 'endowment_insurance' or 'pure_endowment') of one life "
-        "or two ('joint', 'last_survivor') on `curve` seen from the valuation time ts; lives are (table, age at "
-        "inception, select age or NaN, rule).");
+    nb::class_<LifeStatus>(m, "LifeStatus",
+                           "The lives of a status ('single' with one, 'joint' or 'last_survivor' with two) as "
+                           "(table, age at inception, select age or NaN, fractional-age rule).")
+        .def(nb::init<const std::string&, const std::vector<LifeArgs>&>(), nb::arg("kind"), nb::arg("lives"))
+        .def(
+            "value",
+            [](const LifeStatus& self, const std::string& kind, nb::handle curve, double ts, double d, double n,
+               std::size_t m_, int timing, const std::string& growth_kind, double growth_rate, nb::object amounts) {
+                if (m_ == 0 || (timing != 0 && timing != 1)) throw std::invalid_argument("m >= 1 and timing 0 or 1");
+                if (!(core::finite_nonnegative(ts) && core::finite_nonnegative(d) && n >= 0.0))
+                    throw std::invalid_argument("ts and d must be finite and >= 0, n >= 0");
+                const auto benefit = core::life_benefit_named(kind);
+                if (!benefit) throw std::invalid_argument("unknown life value '" + kind + "'");
+                const LifeStatus::Seen seen = self.at(ts);
+                if (seen.fault != core::LifeAt::None) refuse_life(seen.fault, seen.age, ts);
+                const bindings::NativeCurve view = curve_seen_from(curve, ts);
+                const LifeCall call{ts, d, n, m_, timing, growth_of(growth_kind, growth_rate)};
+                std::optional<InArray> given;
+                if (!amounts.is_none()) given = nb::cast<InArray>(amounts);
+                const core::LifeValue value =
+                    life_value(*benefit, view, seen.status, call,
+                               given ? std::optional<std::span<const double>>(span_of(*given)) : std::nullopt);
+                if (value.fault == core::LifeValue::Uncountable)
+                    throw std::invalid_argument("a term must be >= 0 with fewer than 2**53 payments");
+                if (value.fault == core::LifeValue::AmountCount)
+                    throw std::invalid_argument("'cashflow_amounts' holds " + std::to_string(given->shape(0)) +
+                                                " amounts for " + std::to_string(value.payments) + " payments");
+                return core::round_scaled(value.value, view.scale);
+            },
+            nb::arg("kind"), nb::arg("curve"), nb::kw_only(), nb::arg("ts"), nb::arg("d"), nb::arg("n"), nb::arg("m"),
+            nb::arg("timing"), nb::arg("growth_kind"), nb::arg("growth_rate"), nb::arg("amounts").none(),
+            "A life-contingent value ('annuity', 'insurance', 'endowment_insurance' or 'pure_endowment') on "
+            "`curve` (an InterestRate) seen from the valuation time ts, rounded as the curve's annuities.")
+        .def(
+            "plain_value",
+            [](const LifeStatus& self, const std::string& kind, nb::handle curve, nb::handle n, nb::handle d,
+               nb::handle m_, nb::handle ts, nb::handle gr, nb::handle amounts, int timing) -> std::optional<double> {
+                const auto benefit = core::life_benefit_named(kind);
+                if (!benefit) throw std::invalid_argument("unknown life value '" + kind + "'");
+                return plain_value(self, *benefit, curve, n, d, m_, ts, gr, amounts, timing);
+            },
+            nb::arg("kind"), nb::arg("curve"), nb::arg("n").none(), nb::arg("d").none(), nb::arg("m").none(),
+            nb::arg("ts").none(), nb::arg("gr").none(), nb::arg("amounts").none(), nb::arg("timing"),
+            "As `value`, for a call given in plain numbers (n None: for life) with level payments and no amounts; "
+            "None for any other call (the full path checks it and words what it refuses).");
 
     m.def(
         "life_portfolio",

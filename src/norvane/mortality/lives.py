@@ -16,9 +16,7 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from .. import _kernels
-from ..base import _ALLOWED_PAYMENT_FREQUENCIES
-from ..engine.annuity import _kernel_curve
-from ..helpers import _MAX_FLOAT64, _MAX_PAYMENTS, _real_float, _too_many_payments
+from ..helpers import _MAX_PAYMENTS, _real_float, _too_many_payments
 from ..validators import _refuse_growth_with_amounts, _resolve_gr, _validate_annuity_call
 from ._rules import FractionalAgeLiteral, TableBase, _check_rule
 
@@ -55,29 +53,11 @@ def _curve_arrays(curve: Any, method_name: str) -> tuple[F64, F64, F64]:
     return leaf._rates, leaf._terms, leaf._cum_terms
 
 
-def _plain_numbers(ts: Any, d: Any, n: Any, m: Any, ts_integer: bool) -> bool:
-    """Whether the call's numbers are plain Python numbers in range (nothing to word)."""
-    # Compared with the largest float, not infinity: an integer beyond it is no plain number.
-    return (
-        type(ts) in (float, int)
-        and type(d) in (float, int)
-        and 0.0 <= ts <= _MAX_FLOAT64
-        and 0.0 <= d <= _MAX_FLOAT64
-        and (n is None or (type(n) in (float, int) and (0.0 <= n <= _MAX_FLOAT64 or n == math.inf)))
-        and type(m) is int
-        and m in _ALLOWED_PAYMENT_FREQUENCIES
-        and not (ts_integer and ts != int(ts))
-    )
-
-
 class _Status:
     """What a life and a pair of lives share: their values on a curve."""
 
     __slots__ = ()
-    _status_kind: str = "single"
-
-    def _lives(self) -> list[LifeArgs]:
-        raise NotImplementedError
+    _native: _kernels.LifeStatus
 
     def _unreached(self, ts: float) -> str:
         """What takes a life of the status beyond its table at ``ts`` ("" when nothing does)."""
@@ -86,7 +66,7 @@ class _Status:
     def _value(
         self,
         kind: Literal["annuity", "insurance", "endowment_insurance", "pure_endowment"],
-        method_name: str,
+        name: str,
         curve: Any,
         n: Any,
         d: Any,
@@ -96,36 +76,31 @@ class _Status:
         gr: Any = None,
         cashflow_amounts: Any = None,
     ) -> float:
+        """The full path of a call the native plain path declined: every
+        check worded by the shared validators, then the native value."""
+        method_name = f"{type(self).__name__}.{name}"
         config = _checked_curve(curve, method_name)._config
-        mode = curve.calculation_mode
-        amounts = None
-        plain = gr is None and cashflow_amounts is None and _plain_numbers(ts, d, n, m, config.force_integer_ts)
-        if not plain:  # the shared validators word the messages
-            _, amounts = _validate_annuity_call(
-                ts=ts,
-                ts_integer=config.force_integer_ts,
-                d=d,
-                n=n,
-                m=m,
-                payment_timing=timing,
-                gr=gr,
-                cashflow_times=None,
-                cashflow_amounts=cashflow_amounts,
-                calculation_mode=mode,
-                method_name=method_name,
-            )
+        _, amounts = _validate_annuity_call(
+            ts=ts,
+            ts_integer=config.force_integer_ts,
+            d=d,
+            n=n,
+            m=m,
+            payment_timing=timing,
+            gr=gr,
+            cashflow_times=None,
+            cashflow_amounts=cashflow_amounts,
+            calculation_mode=curve.calculation_mode,
+            method_name=method_name,
+        )
         if n is not None and math.isfinite(n) and not float(n) * int(m) < _MAX_PAYMENTS:
             raise _too_many_payments(method_name, float(n), int(m))
         _refuse_growth_with_amounts(gr, cashflow_amounts, method_name)
         growth = _resolve_gr(gr, method_name)
-        # The curve seen from ts, shifted and made native once through the curve's and the engine's caches.
-        seen = _kernel_curve(curve._ir_shifted_for_ts(float(ts), curve._ts_shift_cache) if ts else curve)
         try:
-            value = _kernels.life_value(
+            value = self._native.value(
                 kind,
-                self._lives(),
-                self._status_kind,
-                seen,
+                curve,
                 ts=float(ts),
                 d=float(d),
                 n=math.inf if n is None else float(n),
@@ -134,9 +109,6 @@ class _Status:
                 growth_kind="level" if growth is None else growth.kind,
                 growth_rate=0.0 if growth is None else float(growth.rate),
                 amounts=None if amounts is None else np.ascontiguousarray(amounts, dtype=np.float64),
-                mode=mode,
-                decimals=config.decimals.annuities,
-                tolerance_eps=curve._meta.tolerance_eps,
             )
         except ValueError as exc:  # a life the valuation time takes beyond its table
             raise ValueError(f"[{method_name}] {self._unreached(float(ts)) or exc}.") from None
@@ -172,7 +144,8 @@ class _Status:
         cashflow_amounts : array-like, optional
             One amount per payment of the full schedule (needs a finite ``n``).
         """
-        return self._value("annuity", f"{type(self).__name__}.ä", curve, n, d, m, ts, 0, gr, cashflow_amounts)
+        value = self._native.plain_value("annuity", curve, n, d, m, ts, gr, cashflow_amounts, 0)
+        return self._value("annuity", "ä", curve, n, d, m, ts, 0, gr, cashflow_amounts) if value is None else value
 
     def a(
         self,
@@ -185,7 +158,8 @@ class _Status:
         cashflow_amounts: ArrayLike | None = None,
     ) -> float:
         """Life annuity-immediate (payments at the end of each period); parameters as :meth:`ä`."""
-        return self._value("annuity", f"{type(self).__name__}.a", curve, n, d, m, ts, 1, gr, cashflow_amounts)
+        value = self._native.plain_value("annuity", curve, n, d, m, ts, gr, cashflow_amounts, 1)
+        return self._value("annuity", "a", curve, n, d, m, ts, 1, gr, cashflow_amounts) if value is None else value
 
     def A(self, curve: Any, n: float | None = None, d: float = 0.0, m: int = 1, ts: float = 0.0) -> float:
         """Insurance of 1 on death: whole life (A_x) or term n (A¹_x:n), deferred d.
@@ -193,20 +167,22 @@ class _Status:
         Paid at the end of the 1/m-year period of death in the discrete modes,
         at the moment of death in the continuous modes.
         """
-        return self._value("insurance", f"{type(self).__name__}.A", curve, n, d, m, ts)
+        value = self._native.plain_value("insurance", curve, n, d, m, ts, None, None, 0)
+        return self._value("insurance", "A", curve, n, d, m, ts) if value is None else value
 
     def A_endowment(self, curve: Any, n: float, d: float = 0.0, m: int = 1, ts: float = 0.0) -> float:
         """Endowment insurance A_x:n: 1 on death within n years, or 1 at n on survival."""
-        method_name = f"{type(self).__name__}.A_endowment"
-        _real_float(n, "n", method_name)
-        return self._value("endowment_insurance", method_name, curve, n, d, m, ts)
+        _real_float(n, "n", f"{type(self).__name__}.A_endowment")
+        value = self._native.plain_value("endowment_insurance", curve, n, d, m, ts, None, None, 0)
+        return self._value("endowment_insurance", "A_endowment", curve, n, d, m, ts) if value is None else value
 
     def E(self, curve: Any, n: float, ts: float = 0.0) -> float:
         """Pure endowment nE_x: 1 paid n years after inception if the status survives."""
         method_name = f"{type(self).__name__}.E"
         if not math.isfinite(_real_float(n, "n", method_name)):
             raise ValueError(f"[{method_name}] 'n' must be finite, got {n!r}.")
-        return self._value("pure_endowment", method_name, curve, n, 0.0, 1, ts)
+        value = self._native.plain_value("pure_endowment", curve, n, 0.0, 1, ts, None, None, 0)
+        return self._value("pure_endowment", "E", curve, n, 0.0, 1, ts) if value is None else value
 
 
 class Life(_Status):
@@ -224,7 +200,7 @@ class Life(_Status):
         Fractional-age rule (default: the table's).
     """
 
-    __slots__ = ("table", "age", "select_age", "fractional_age")
+    __slots__ = ("table", "age", "select_age", "fractional_age", "_native")
 
     table: MortalityTable
     age: float
@@ -253,10 +229,12 @@ class Life(_Status):
         set_(self, "age", x)
         set_(self, "select_age", None if select_age is None else int(selected))
         set_(self, "fractional_age", rule)
+        set_(self, "_native", _kernels.LifeStatus("single", [self._args()]))
 
-    def _lives(self) -> list[LifeArgs]:
+    def _args(self) -> LifeArgs:
+        """The life as the native status reads it."""
         select = math.nan if self.select_age is None else float(self.select_age)
-        return [(self.table._native, self.age, select, self.fractional_age)]
+        return (self.table._native, self.age, select, self.fractional_age)
 
     def _unreached(self, ts: float) -> str:
         select = math.nan if self.select_age is None else float(self.select_age)
@@ -298,7 +276,7 @@ class JointLife(_Status):
     ``"last_survivor"`` status (while either lives). Both are alive at the
     valuation time."""
 
-    __slots__ = ("x", "y", "status")
+    __slots__ = ("x", "y", "status", "_native")
 
     x: Life
     y: Life
@@ -313,13 +291,7 @@ class JointLife(_Status):
         set_(self, "x", x)
         set_(self, "y", y)
         set_(self, "status", status)
-
-    @property
-    def _status_kind(self) -> str:  # type: ignore[override]
-        return self.status
-
-    def _lives(self) -> list[LifeArgs]:
-        return self.x._lives() + self.y._lives()
+        set_(self, "_native", _kernels.LifeStatus(status, [x._args(), y._args()]))
 
     def _unreached(self, ts: float) -> str:
         return self.x._unreached(ts) or self.y._unreached(ts)
