@@ -1,6 +1,7 @@
 #include "core/book_columns.hpp"
 
 #include <bit>
+#include <type_traits>
 
 namespace norvane::core {
 
@@ -33,7 +34,46 @@ __attribute__((always_inline)) inline void cast(const T* __restrict values, std:
     for (std::size_t k = 0; k < len; ++k) out[k] = static_cast<double>(values[k]);
 }
 
+// Whether every value is a whole number in [0, 2^31), each converted into
+// out (one that is not converts to anything: the answer is false). Without
+// branches, so that it vectorises.
+template <typename T>
+__attribute__((always_inline)) inline bool whole(const T* __restrict values, std::size_t len,
+                                                 std::int32_t* __restrict out) {
+    constexpr std::int64_t kLimit = std::int64_t{1} << 31;
+    unsigned other = 0;
+    for (std::size_t k = 0; k < len; ++k) {
+        const T x = values[k];
+        if constexpr (std::is_integral_v<T>) {
+            // Negative numbers are large as unsigned ones.
+            other |= static_cast<unsigned>(static_cast<std::uint64_t>(x) >= static_cast<std::uint64_t>(kLimit));
+            out[k] = static_cast<std::int32_t>(x);
+        } else {
+            // Out of range (or NaN) converts 0, which differs from x.
+            const auto integer = static_cast<std::int32_t>((x >= T{0}) & (x < static_cast<T>(kLimit)) ? x : T{0});
+            other |= static_cast<unsigned>(static_cast<T>(integer) != x);
+            out[k] = integer;
+        }
+    }
+    return other == 0;
+}
+
 }  // namespace
+
+__attribute__((target_clones("avx512f", "avx2", "default"))) bool to_whole(const double* values, std::size_t len,
+                                                                           std::int32_t* out) {
+    return whole(values, len, out);
+}
+
+__attribute__((target_clones("avx512f", "avx2", "default"))) bool to_whole(const float* values, std::size_t len,
+                                                                           std::int32_t* out) {
+    return whole(values, len, out);
+}
+
+__attribute__((target_clones("avx512f", "avx2", "default"))) bool to_whole(const std::int64_t* values, std::size_t len,
+                                                                           std::int32_t* out) {
+    return whole(values, len, out);
+}
 
 void to_doubles(const std::int64_t* values, std::size_t len, double* out) {
     if (!small_to_doubles(values, len, out)) cast(values, len, out);

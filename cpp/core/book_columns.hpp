@@ -43,12 +43,19 @@ struct BookColumn {
 
 inline constexpr std::size_t kBlock = 256;  // policies read together
 using Block = std::array<double, kBlock>;
+using WholeBlock = std::array<std::int32_t, kBlock>;
 
 // values[0 .. len) as doubles into out, vectorised (the integers exactly,
 // as static_cast<double> converts them).
 void to_doubles(const std::int64_t* values, std::size_t len, double* out);
 void to_doubles(const std::int32_t* values, std::size_t len, double* out);
 void to_doubles(const float* values, std::size_t len, double* out);
+
+// values[0 .. len) as 32-bit integers into out, when every one is a whole
+// number in [0, 2^31); false (out unspecified) otherwise. Vectorised.
+bool to_whole(const double* values, std::size_t len, std::int32_t* out);
+bool to_whole(const float* values, std::size_t len, std::int32_t* out);
+bool to_whole(const std::int64_t* values, std::size_t len, std::int32_t* out);
 
 // One input of a book: a value per policy, or one value for every policy.
 class Column {
@@ -85,6 +92,27 @@ class Column {
                 break;
         }
         return scratch.data();
+    }
+    // The same as whole numbers in [0, 2^31) (a column of int32 is read in
+    // place, its values known >= 0 by the book's checks); null when some
+    // value of the block is not one.
+    const std::int32_t* whole_block(std::size_t i, std::size_t len, WholeBlock& scratch) const {
+        if (repeated_) return to_whole(block_.data(), len, scratch.data()) ? scratch.data() : nullptr;
+        bool whole = true;
+        switch (values_.type) {
+            case BookColumn::Type::Int32:
+                return static_cast<const std::int32_t*>(values_.data) + i;
+            case BookColumn::Type::Float64:
+                whole = to_whole(static_cast<const double*>(values_.data) + i, len, scratch.data());
+                break;
+            case BookColumn::Type::Float32:
+                whole = to_whole(static_cast<const float*>(values_.data) + i, len, scratch.data());
+                break;
+            case BookColumn::Type::Int64:
+                whole = to_whole(static_cast<const std::int64_t*>(values_.data) + i, len, scratch.data());
+                break;
+        }
+        return whole ? scratch.data() : nullptr;
     }
 
   private:

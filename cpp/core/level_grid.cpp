@@ -76,37 +76,21 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) void laid_out_grid_
 
 // The grid points of a block of policies of whole years on one grid, all
 // seen from its start: first payment d m + timing, last n m later.
-template <typename Whole>
-__attribute__((always_inline)) inline void whole_year_points(const LevelGridView& g, const Whole* __restrict n,
-                                                             const Whole* __restrict d, std::int64_t* __restrict first,
-                                                             std::int64_t* __restrict last,
-                                                             std::int64_t* __restrict seen, double* __restrict on_grid,
-                                                             std::size_t len) {
+__attribute__((target_clones("avx512f", "avx2", "default"))) void whole_year_points(
+    const LevelGridView& g, const std::int32_t* __restrict n, const std::int32_t* __restrict d,
+    std::int64_t* __restrict first, std::int64_t* __restrict last, std::int64_t* __restrict seen,
+    double* __restrict on_grid, std::size_t len) {
     const auto m = static_cast<std::int64_t>(g.m), timing = static_cast<std::int64_t>(g.timing);
     const auto points = static_cast<std::int64_t>(g.points);
     for (std::size_t i = 0; i < len; ++i) {
-        // Terms and deferments are >= 0 (checked); beyond the grid they are off it, and taken at
-        // its length the products cannot overflow.
-        const std::int64_t years = std::min<std::int64_t>(n[i], points), wait = std::min<std::int64_t>(d[i], points);
-        const std::int64_t from = wait * m + timing, to = from + years * m;
+        // Terms and deferments are >= 0 (checked) and below 2^31: the products cannot overflow.
+        const std::int64_t from = std::int64_t{d[i]} * m + timing, to = from + std::int64_t{n[i]} * m;
         const bool usable = to < points;
         first[i] = usable ? from : 0;
         last[i] = usable ? to : 0;
         seen[i] = 0;
         on_grid[i] = usable ? 1.0 : 0.0;
     }
-}
-__attribute__((target_clones("avx512f", "avx2", "default"))) void whole_year_points_of(
-    const LevelGridView& g, const std::int64_t* __restrict n, const std::int64_t* __restrict d,
-    std::int64_t* __restrict first, std::int64_t* __restrict last, std::int64_t* __restrict seen,
-    double* __restrict on_grid, std::size_t len) {
-    whole_year_points(g, n, d, first, last, seen, on_grid, len);
-}
-__attribute__((target_clones("avx512f", "avx2", "default"))) void whole_year_points_of(
-    const LevelGridView& g, const std::int32_t* __restrict n, const std::int32_t* __restrict d,
-    std::int64_t* __restrict first, std::int64_t* __restrict last, std::int64_t* __restrict seen,
-    double* __restrict on_grid, std::size_t len) {
-    whole_year_points(g, n, d, first, last, seen, on_grid, len);
 }
 
 // out[i] = the rounded unit value of policy i times benefits[i], from the
@@ -154,29 +138,22 @@ bool level_grid_block(const LevelGridView& g, const double* n, const double* d, 
     return level_grid_values(g, ts, benefits, first.data(), last.data(), seen.data(), on_grid.data(), out, len);
 }
 
-namespace {
-
-template <typename Whole>
-bool whole_years(const LevelGridView& g, const Whole* n, const Whole* d, const double* benefits, double* out,
-                 std::size_t len) {
+bool whole_years_block(const LevelGridView& g, const std::int32_t* n, const std::int32_t* d, const double* benefits,
+                       double* out, std::size_t len) {
     static constexpr std::array<double, kBlock> kAtStart{};
     std::array<std::int64_t, kBlock> first, last, seen;
     std::array<double, kBlock> on_grid;
-    whole_year_points_of(g, n, d, first.data(), last.data(), seen.data(), on_grid.data(), len);
+    whole_year_points(g, n, d, first.data(), last.data(), seen.data(), on_grid.data(), len);
     return level_grid_values(g, kAtStart.data(), benefits, first.data(), last.data(), seen.data(), on_grid.data(), out,
                              len);
 }
 
-}  // namespace
-
-bool whole_years_block(const LevelGridView& g, const std::int64_t* n, const std::int64_t* d, const double* benefits,
-                       double* out, std::size_t len) {
-    return whole_years(g, n, d, benefits, out, len);
-}
-
-bool whole_years_block(const LevelGridView& g, const std::int32_t* n, const std::int32_t* d, const double* benefits,
-                       double* out, std::size_t len) {
-    return whole_years(g, n, d, benefits, out, len);
+__attribute__((target_clones("avx512f", "avx2", "default"))) void whole_year_lookup(
+    const WholeYearValues& values, const std::int32_t* __restrict n, const std::int32_t* __restrict d,
+    const double* __restrict benefits, double* __restrict out, std::size_t len) {
+    const double* __restrict unit = values.values;
+    const std::int32_t width = values.width;
+    for (std::size_t i = 0; i < len; ++i) out[i] = unit[d[i] * width + n[i]] * benefits[i];
 }
 
 }  // namespace norvane::core

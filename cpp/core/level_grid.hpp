@@ -45,12 +45,22 @@ bool level_grid_block(const LevelGridView& g, const double* n, const double* d, 
                       const std::int64_t* base, const double* ends, const double* benefits, double* out,
                       std::size_t len);
 
-// The same for policies whose terms and deferments are whole years given as
-// integers, every one valued at the grid's start (a valuation time of 0) on
-// one grid: their points are integer arithmetic, and no column is converted.
-bool whole_years_block(const LevelGridView& g, const std::int64_t* n, const std::int64_t* d, const double* benefits,
-                       double* out, std::size_t len);
+// The same for policies whose terms and deferments are whole years (below
+// 2^31), every one valued at the grid's start (a valuation time of 0) on one
+// grid: their points are integer arithmetic.
 bool whole_years_block(const LevelGridView& g, const std::int32_t* n, const std::int32_t* d, const double* benefits,
                        double* out, std::size_t len);
+
+// The rounded unit value, at time 0, of every policy of whole years with
+// d + n < width: values[d * width + n].
+struct WholeYearValues {
+    const double* values = nullptr;
+    std::int32_t width = 0;
+};
+// out[i] = its unit value times benefits[i], for policies whose d[i] + n[i]
+// lie in the table (the caller knows they do): one read of a small table a
+// policy, where a book's policies are many and its distinct terms few.
+void whole_year_lookup(const WholeYearValues& values, const std::int32_t* n, const std::int32_t* d,
+                       const double* benefits, double* out, std::size_t len);
 
 }  // namespace norvane::core

@@ -287,6 +287,37 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) ChunkSpan chunk_spa
     return {span, out_of_range == 0};
 }
 
+// The same for terms and deferments given as integers, read in place: a
+// term is in range below `term_limit` (the least with too many payments),
+// any deferment >= 0 is (counted at most 2^53, where no grid reaches).
+template <typename Whole>
+__attribute__((always_inline)) inline ChunkSpan whole_chunk_span(const Whole* __restrict n, const Whole* __restrict d,
+                                                                 std::size_t len, std::uint64_t term_limit) {
+    constexpr std::int64_t kFar = std::int64_t{1} << 53;
+    std::int64_t span = 0;
+    unsigned out_of_range = 0;
+    for (std::size_t i = 0; i < len; ++i) {
+        const std::int64_t term = n[i], wait = d[i];
+        // Negative numbers are large as unsigned ones.
+        out_of_range |= static_cast<unsigned>((static_cast<std::uint64_t>(term) >= term_limit) | (wait < 0));
+        const std::int64_t end = std::min(wait, kFar) + std::min(term, kFar);
+        span = span > end ? span : end;
+    }
+    return {static_cast<double>(span), out_of_range == 0};
+}
+__attribute__((target_clones("avx512f", "avx2", "default"))) ChunkSpan chunk_span(const std::int64_t* n,
+                                                                                  const std::int64_t* d,
+                                                                                  std::size_t len,
+                                                                                  std::uint64_t term_limit) {
+    return whole_chunk_span(n, d, len, term_limit);
+}
+__attribute__((target_clones("avx512f", "avx2", "default"))) ChunkSpan chunk_span(const std::int32_t* n,
+                                                                                  const std::int32_t* d,
+                                                                                  std::size_t len,
+                                                                                  std::uint64_t term_limit) {
+    return whole_chunk_span(n, d, len, term_limit);
+}
+
 // Whether every value of x is finite and >= 0; vectorised as above.
 __attribute__((target_clones("avx512f", "avx2", "default"))) bool all_finite_nonnegative(const double* __restrict x,
                                                                                          std::size_t len) {
@@ -307,6 +338,8 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) bool all_finite_non
 // times and benefits are checked block by block as they are valued.
 double book_span(const Book& book, const PolicyTerms& terms) {
     require_countable(terms.perpetuity_n_eff, terms.m);
+    // The least whole term with 2^53 payments or more.
+    const auto term_limit = static_cast<std::uint64_t>(std::ceil(kMaxPayments / static_cast<double>(terms.m)));
     std::vector<double> spans(std::max(1u, std::thread::hardware_concurrency()), 0.0);
     std::vector<char> in_range(spans.size(), 1);
     std::atomic<std::size_t> next{0};
@@ -315,8 +348,15 @@ double book_span(const Book& book, const PolicyTerms& terms) {
         Block n_scratch, d_scratch;
         for (std::size_t i = begin; i < end; i += kBlock) {
             const std::size_t len = std::min(kBlock, end - i);
-            const ChunkSpan chunk = chunk_span(book.n.block(i, len, n_scratch), book.d.block(i, len, d_scratch), len,
-                                               static_cast<double>(terms.m), terms.perpetuity_n_eff);
+            ChunkSpan chunk;
+            if (const auto *n64 = book.n.as<std::int64_t>(i), *d64 = book.d.as<std::int64_t>(i); n64 && d64) {
+                chunk = chunk_span(n64, d64, len, term_limit);
+            } else if (const auto* n32 = book.n.as<std::int32_t>(i), *d32 = book.d.as<std::int32_t>(i); n32 && d32) {
+                chunk = chunk_span(n32, d32, len, term_limit);
+            } else {
+                chunk = chunk_span(book.n.block(i, len, n_scratch), book.d.block(i, len, d_scratch), len,
+                                   static_cast<double>(terms.m), terms.perpetuity_n_eff);
+            }
             all = {std::max(all.span, chunk.span), all.in_range && chunk.in_range};
         }
         const std::size_t slot = next++;
@@ -383,7 +423,8 @@ class RecentExact {
 
 class BookValuer {
   public:
-    BookValuer(const CurveArrays& curve, const PolicyTerms& terms, double span)
+    // `at_start`: how many policies the book values at time 0 (all or none).
+    BookValuer(const CurveArrays& curve, const PolicyTerms& terms, double span, std::size_t at_start)
         : curve_(curve),
           terms_(terms),
           table_(discount_table(curve)),
@@ -400,6 +441,7 @@ class BookValuer {
                           static_cast<double>(terms.timing),
                           terms.tolerance_eps,
                           scale_};
+        tabulate_whole_years(span, at_start);
     }
 
     // The values of a block of at most kBlock policies (times their
@@ -416,14 +458,17 @@ class BookValuer {
             if (std::isnan(out[i])) out[i] = unit_value(n[i], d[i], ts[i], recent) * benefits[i];
     }
 
-    // The same for terms and deferments of whole years given as integers,
-    // every policy valued at time 0 (no shift): their grid points are integer
-    // arithmetic. False, and nothing valued, when the pass does not apply
-    // (a column not of integers, or growth, or another mode).
-    template <typename Whole>
-    bool value_whole_years(const Whole* n, const Whole* d, const double* benefits, double* out, std::size_t len,
-                           RecentExact& recent) const {
-        if (!level_precision_ || !n || !d) return false;
+    // The same for terms and deferments of whole years (below 2^31), every
+    // policy valued at time 0 (no shift): their grid points are integer
+    // arithmetic, or their values one read of the book's table. False, and
+    // nothing valued, when the pass does not apply (growth, another mode).
+    bool value_whole_years(const std::int32_t* n, const std::int32_t* d, const double* benefits, double* out,
+                           std::size_t len, RecentExact& recent) const {
+        if (!level_precision_) return false;
+        if (!whole_year_values_.empty()) {
+            whole_year_lookup({whole_year_values_.data(), whole_years_width_}, n, d, benefits, out, len);
+            return true;
+        }
         if (whole_years_block(grid_view_, n, d, benefits, out, len))
             for (std::size_t i = 0; i < len; ++i)
                 if (std::isnan(out[i]))
@@ -434,6 +479,33 @@ class BookValuer {
 
   private:
     double rounded(double value) const { return round_scaled(value, scale_); }
+
+    // A book of many policies valued at time 0, whose whole-year terms and
+    // deferments (d + n within the span) are few: each (d, n) valued once,
+    // where it pays (a quarter of a value a policy at most).
+    void tabulate_whole_years(double span, std::size_t policies) {
+        const double width = std::floor(span) + 1.0;
+        if (!level_precision_ || !(4.0 * width * width <= static_cast<double>(policies))) return;
+        const auto w = static_cast<std::int32_t>(width);
+        std::vector<double> values(static_cast<std::size_t>(w) * static_cast<std::size_t>(w));
+        static const std::array<double, kBlock> kUnits = [] {
+            std::array<double, kBlock> units;
+            units.fill(1.0);
+            return units;
+        }();
+        WholeBlock n, d;
+        RecentExact recent;
+        for (std::int32_t deferment = 0; deferment < w; ++deferment) {
+            d.fill(deferment);
+            for (std::int32_t term = 0; term < w - deferment; term += static_cast<std::int32_t>(kBlock)) {
+                const auto len = static_cast<std::size_t>(std::min<std::int32_t>(kBlock, w - deferment - term));
+                for (std::size_t k = 0; k < len; ++k) n[k] = term + static_cast<std::int32_t>(k);
+                value_whole_years(n.data(), d.data(), kUnits.data(), &values[deferment * w + term], len, recent);
+            }
+        }
+        whole_year_values_ = std::move(values);
+        whole_years_width_ = w;
+    }
 
     // The rounded unit value of one policy, equal to the value on the curve
     // shifted to ts. Policies on the grid, and off it the closed form on the
@@ -501,6 +573,8 @@ class BookValuer {
     double scale_;
     bool level_precision_;
     LevelGridView grid_view_{};
+    std::vector<double> whole_year_values_;  // see tabulate_whole_years
+    std::int32_t whole_years_width_ = 0;
 };
 
 }  // namespace
@@ -508,26 +582,32 @@ class BookValuer {
 void portfolio_values(const CurveArrays& curve, BookColumn n, BookColumn d, BookColumn ts,
                       std::span<const double> benefits, const PolicyTerms& terms, std::span<double> out) {
     const Book book(n, d, ts, benefits, out.size());
-    const BookValuer valuer(curve, terms, book_span(book, terms));
-    std::atomic<bool> in_range{true};
-    // Every policy valued at time 0: integer columns of whole years need no conversion.
+    // Every policy valued at time 0: terms and deferments of whole years take the integer pass.
     const bool at_start = book.ts.repeated() && book.ts[0] == 0.0;
+    const BookValuer valuer(curve, terms, book_span(book, terms), at_start ? book.size : 0);
+    // A column of one value is checked once, the others block by block.
+    const auto checked_once = [&](const Column& column) { return column.repeated() && finite_nonnegative(column[0]); };
+    const bool ts_checked = checked_once(book.ts), benefits_checked = checked_once(book.benefits);
+    std::atomic<bool> in_range{true};
     parallel_for(book.size, std::size_t{1} << 14, [&](std::size_t begin, std::size_t end) {
         RecentExact recent;
         Block n_scratch, d_scratch, ts_scratch, benefits_scratch;
+        WholeBlock n_whole, d_whole;
         for (std::size_t i = begin; i < end; i += kBlock) {
             const std::size_t len = std::min(kBlock, end - i);
             const double *ts_block = book.ts.block(i, len, ts_scratch),
                          *benefits_block = book.benefits.block(i, len, benefits_scratch);
-            if (!all_finite_nonnegative(ts_block, len) || !all_finite_nonnegative(benefits_block, len)) {
+            if (!(ts_checked || all_finite_nonnegative(ts_block, len)) ||
+                !(benefits_checked || all_finite_nonnegative(benefits_block, len))) {
                 in_range.store(false, std::memory_order_relaxed);
                 continue;
             }
-            if (at_start && (valuer.value_whole_years(book.n.as<std::int64_t>(i), book.d.as<std::int64_t>(i),
-                                                      benefits_block, out.data() + i, len, recent) ||
-                             valuer.value_whole_years(book.n.as<std::int32_t>(i), book.d.as<std::int32_t>(i),
-                                                      benefits_block, out.data() + i, len, recent)))
-                continue;
+            if (at_start) {
+                const std::int32_t *n_years = book.n.whole_block(i, len, n_whole),
+                                   *d_years = n_years ? book.d.whole_block(i, len, d_whole) : nullptr;
+                if (d_years && valuer.value_whole_years(n_years, d_years, benefits_block, out.data() + i, len, recent))
+                    continue;
+            }
             valuer.value_block(book.n.block(i, len, n_scratch), book.d.block(i, len, d_scratch), ts_block,
                                benefits_block, out.data() + i, len, recent);
         }
