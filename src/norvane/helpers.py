@@ -24,10 +24,10 @@ from __future__ import annotations
 from ._helpers.conversion import _EMPTY_F64, _MAX_FLOAT64, _as_f64_safe, _finalize_scalar_or_array, _is_finite_f64_array
 from ._helpers.flows import (
     _aggregate_flow_parts,
-    _finalize_batch_unit_pv_with_benefits,
     _group_batch_m_gr_indices,
     _has_growth_rate_param,
 )
+from ._helpers.flows import _rounded_times_benefits as _rounded_times_benefits
 from ._helpers.payments import _MAX_PAYMENTS as _MAX_PAYMENTS
 from ._helpers.payments import _PAYMENT_COUNT_TOL as _PAYMENT_COUNT_TOL
 from ._helpers.payments import _cashflow_amounts_payment_skip, _payment_count
@@ -36,7 +36,6 @@ from ._helpers.payments import _too_many_payments_text as _too_many_payments_tex
 from ._helpers.policy_arrays import _allowed_frequency as _allowed_frequency
 from ._helpers.policy_arrays import (
     _arraylike_len_or_1,
-    _batch_m_for_nan_recurse,
     _check_batch_param,
     _coerce_record_ids,
     _map_batch_n_none_to_inf,
@@ -46,6 +45,7 @@ from ._helpers.policy_arrays import (
 from ._helpers.policy_arrays import _batch_param_invalid as _batch_param_invalid
 from ._helpers.policy_arrays import _batch_param_message as _batch_param_message
 from ._helpers.policy_arrays import _check_frequency as _check_frequency
+from ._helpers.policy_arrays import _frequencies_of_rows as _frequencies_of_rows
 from ._helpers.policy_arrays import _integer_array as _integer_array
 from ._helpers.policy_arrays import _policy_column as _policy_column
 from ._helpers.results import BatchErrorReport, BatchResult
@@ -93,6 +93,10 @@ __all__ = [
     "_validate_scalar_numeric",
     "_validate_t_output",
 ]
+
+# Names the extension's frame fixes, kept for it; the code calls them by what they do.
+_finalize_batch_unit_pv_with_benefits = _rounded_times_benefits
+_batch_m_for_nan_recurse = _frequencies_of_rows
 
 # The result types are shown, pickled and documented as members of this module.
 BatchErrorReport.__module__ = BatchResult.__module__ = __name__

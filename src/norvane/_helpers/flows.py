@@ -131,9 +131,7 @@ def _group_batch_m_gr_indices(
     ]
 
 
-def _finalize_batch_unit_pv_with_benefits(
-    unit_pv: Any, benefits_arr: F64Array | None, decimals: int | None
-) -> F64Array:
+def _rounded_times_benefits(unit_pv: Any, benefits_arr: F64Array | None, decimals: int | None) -> F64Array:
     """Round unit present values to ``decimals``, then weight them by benefits.
 
     Rounding first makes a batch value equal to the (rounded) scalar value

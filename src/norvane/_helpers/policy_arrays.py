@@ -180,7 +180,7 @@ def _resolve_batch_m(m: Any, N: int, method_name: str) -> int | NDArray[np.int64
     return np.ascontiguousarray(arr)
 
 
-def _batch_m_for_nan_recurse(m: Any, valid_idx: NDArray[np.int64]) -> Any:
+def _frequencies_of_rows(m: Any, valid_idx: NDArray[np.int64]) -> Any:
     """Payment frequency of the valid subset of an ``on_error="nan"`` batch.
 
     Parameters

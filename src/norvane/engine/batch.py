@@ -28,13 +28,13 @@ from ..helpers import (
     BatchResult,
     _aggregate_flow_parts,
     _as_f64_safe,
-    _batch_m_for_nan_recurse,
     _check_batch_param,
-    _finalize_batch_unit_pv_with_benefits,
+    _frequencies_of_rows,
     _group_batch_m_gr_indices,
     _map_batch_n_none_to_inf,
     _prefixed,
     _resolve_batch_m,
+    _rounded_times_benefits,
     _too_many_payments,
 )
 from ..validators import (
@@ -121,7 +121,7 @@ def _nan_policy_result(
             n=subset(n_arr),
             d=subset(d_arr),
             ts=subset(ts_arr),
-            m=m_resolved if every else _batch_m_for_nan_recurse(m_resolved, valid),
+            m=m_resolved if every else _frequencies_of_rows(m_resolved, valid),
             gr=kw["gr"] if every else _growth_subset(kw["gr"], valid),
             cashflow_times=kw["cashflow_times"],
             cashflow_amounts=kw["cashflow_amounts"],
@@ -356,7 +356,7 @@ def annuity_batch_financial(
 
     if not return_flows:
         unit = np.array([value_group(k, False) for k in range(rows.shape[0])], dtype=np.float64)
-        return _finalize_batch_unit_pv_with_benefits(unit[inverse], benefits_arr, decimals)
+        return _rounded_times_benefits(unit[inverse], benefits_arr, decimals)
     woolhouse = mode not in _PRECISION_MODES and cashflow_times is None and cashflow_amounts is None
     parts = []
     for k in range(rows.shape[0]):
