@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <limits>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <numeric>
 #include <optional>
@@ -437,7 +438,8 @@ SlotsInUse slots_in_use(std::span<MortalityTable* const> tables, const BookTable
 // (survival has ended there, or no policy reaches further); -1 for a slot
 // without a grid.
 struct LaidOut {
-    std::vector<double> points, ends;  // points: as PrefixSums::points
+    std::unique_ptr<double[]> points;  // as PrefixSums::points, each slot's copied in whole (so not zeroed first)
+    std::vector<double> ends;
     std::vector<std::int64_t> base;
 };
 
@@ -452,12 +454,12 @@ LaidOut lay_out(const std::vector<std::optional<LifeGrid>>& grids) {
         laid.ends[slot] = static_cast<double>(grids[slot]->sums().size());
         total += grids[slot]->sums().size() + 1;
     }
-    laid.points.resize(2 * total);
+    if (total == 0) return laid;
+    laid.points.reset(new double[2 * total]);
     for (std::size_t slot = 0; slot < grids.size(); ++slot) {
         if (!grids[slot]) continue;
         const PrefixSums& sums = grids[slot]->sums();
-        std::copy_n(sums.points(), 2 * (sums.size() + 1),
-                    laid.points.begin() + 2 * static_cast<std::ptrdiff_t>(laid.base[slot]));
+        std::copy_n(sums.points(), 2 * (sums.size() + 1), laid.points.get() + 2 * laid.base[slot]);
     }
     return laid;
 }
@@ -527,14 +529,14 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
     });
     const LaidOut laid = lay_out(grids);
     std::vector<std::uint32_t> rest;
-    if (laid.points.empty()) {  // no policy at a whole age anybody reaches
+    if (!laid.points) {  // no policy at a whole age anybody reaches
         rest.resize(p.size);
         std::iota(rest.begin(), rest.end(), 0u);
         return rest;
     }
     static constexpr Block kZeros{};
     static constexpr double kOne[] = {1.0};
-    const LevelGridView view{laid.points.data(),
+    const LevelGridView view{laid.points.get(),
                              kOne,
                              kInfinity,
                              m,

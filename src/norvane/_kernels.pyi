@@ -122,6 +122,7 @@ class LifeStatus:
         gr: Any,
         amounts: Any,
         timing: int,
+        /,
     ) -> float | None: ...
 
 def life_portfolio(

@@ -177,6 +177,51 @@ std::optional<double> plain_value(const LifeStatus& status, core::LifeBenefit be
     return core::round_scaled(value.value, call.curve.scale);
 }
 
+// LifeStatus.plain_value(kind, curve, n, d, m, ts, gr, amounts, timing): the
+// call of every single life value, so a plain fastcall method (positional
+// arguments, None accepted where a call passes it), which the interpreter
+// calls without a general binding's argument matching.
+PyObject* plain_value_call(PyObject* self, PyObject* const* args, Py_ssize_t count) noexcept {
+    try {
+        if (count != 9) {
+            PyErr_Format(PyExc_TypeError, "plain_value() takes 9 positional arguments but %zd were given", count);
+            return nullptr;
+        }
+        Py_ssize_t size = 0;
+        const char* kind = PyUnicode_Check(args[0]) ? PyUnicode_AsUTF8AndSize(args[0], &size) : nullptr;
+        const auto benefit = kind ? core::life_benefit_named({kind, static_cast<std::size_t>(size)}) : std::nullopt;
+        const long timing = PyLong_Check(args[8]) ? PyLong_AsLong(args[8]) : -1;
+        if (!benefit || (timing != 0 && timing != 1)) {
+            PyErr_Clear();
+            PyErr_SetString(PyExc_ValueError, "plain_value() needs a life value's kind and a timing of 0 or 1");
+            return nullptr;
+        }
+        const LifeStatus& status = *nb::inst_ptr<LifeStatus>(self);
+        const std::optional<double> value = plain_value(status, *benefit, args[1], args[2], args[3], args[4], args[5],
+                                                        args[6], args[7], static_cast<int>(timing));
+        if (!value) Py_RETURN_NONE;
+        return PyFloat_FromDouble(*value);
+    } catch (nb::python_error& e) {
+        e.restore();
+    } catch (const std::exception& e) {
+        PyErr_SetString(PyExc_RuntimeError, e.what());
+    }
+    return nullptr;
+}
+
+void add_plain_value(nb::class_<LifeStatus>& cls) {
+    // Static: a method definition must outlive its class.
+    static PyMethodDef def{"plain_value", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(plain_value_call)),
+                           METH_FASTCALL,
+                           "plain_value($self, kind, curve, n, d, m, ts, gr, amounts, timing, /)\n--\n\n"
+                           "As `value`, for a call given in plain numbers (n None: for life) with level payments "
+                           "and no amounts; None for any other call (the full path checks it and words what it "
+                           "refuses)."};
+    nb::object method = nb::steal(PyDescr_NewMethod(reinterpret_cast<PyTypeObject*>(cls.ptr()), &def));
+    if (!method) throw nb::python_error();
+    cls.attr("plain_value") = method;
+}
+
 // A table column given as texts: (rows, width) UTF-32 code points, as NumPy holds fixed-width strings.
 using TextArray = nb::ndarray<nb::ro, const std::uint32_t, nb::ndim<2>, nb::c_contig, nb::device::cpu>;
 
@@ -253,51 +298,43 @@ void register_life(nb::module_& m) {
             nb::arg("ages"), nb::arg("select_ages"), nb::arg("durations"), nb::arg("rule"),
             "t_p_x for each (age, select age (NaN: none), duration).");
 
-    nb::class_<LifeStatus>(m, "LifeStatus",
-                           "The lives of a status ('single' with one, 'joint' or 'last_survivor' with two) as "
-                           "(table, age at inception, select age or NaN, fractional-age rule).")
-        .def(nb::init<const std::string&, const std::vector<LifeArgs>&>(), nb::arg("kind"), nb::arg("lives"))
-        .def(
-            "value",
-            [](const LifeStatus& self, const std::string& kind, nb::handle curve, double ts, double d, double n,
-               std::size_t m_, int timing, const std::string& growth_kind, double growth_rate, nb::object amounts) {
-                if (m_ == 0 || (timing != 0 && timing != 1)) throw std::invalid_argument("m >= 1 and timing 0 or 1");
-                if (!(core::finite_nonnegative(ts) && core::finite_nonnegative(d) && n >= 0.0))
-                    throw std::invalid_argument("ts and d must be finite and >= 0, n >= 0");
-                const auto benefit = core::life_benefit_named(kind);
-                if (!benefit) throw std::invalid_argument("unknown life value '" + kind + "'");
-                const LifeStatus::Seen seen = self.at(ts);
-                if (seen.fault != core::LifeAt::None) refuse_life(seen.fault, seen.age, ts);
-                const bindings::NativeCurve view = curve_seen_from(curve, ts);
-                const LifeCall call{ts, d, n, m_, timing, growth_of(growth_kind, growth_rate)};
-                std::optional<InArray> given;
-                if (!amounts.is_none()) given = nb::cast<InArray>(amounts);
-                const core::LifeValue value =
-                    life_value(*benefit, view, seen.status, call,
-                               given ? std::optional<std::span<const double>>(span_of(*given)) : std::nullopt);
-                if (value.fault == core::LifeValue::Uncountable)
-                    throw std::invalid_argument("a term must be >= 0 with fewer than 2**53 payments");
-                if (value.fault == core::LifeValue::AmountCount)
-                    throw std::invalid_argument("'cashflow_amounts' holds " + std::to_string(given->shape(0)) +
-                                                " amounts for " + std::to_string(value.payments) + " payments");
-                return core::round_scaled(value.value, view.scale);
-            },
-            nb::arg("kind"), nb::arg("curve"), nb::kw_only(), nb::arg("ts"), nb::arg("d"), nb::arg("n"), nb::arg("m"),
-            nb::arg("timing"), nb::arg("growth_kind"), nb::arg("growth_rate"), nb::arg("amounts").none(),
-            "A life-contingent value ('annuity', 'insurance', 'endowment_insurance' or 'pure_endowment') on "
-            "`curve` (an InterestRate) seen from the valuation time ts, rounded as the curve's annuities.")
-        .def(
-            "plain_value",
-            [](const LifeStatus& self, const std::string& kind, nb::handle curve, nb::handle n, nb::handle d,
-               nb::handle m_, nb::handle ts, nb::handle gr, nb::handle amounts, int timing) -> std::optional<double> {
-                const auto benefit = core::life_benefit_named(kind);
-                if (!benefit) throw std::invalid_argument("unknown life value '" + kind + "'");
-                return plain_value(self, *benefit, curve, n, d, m_, ts, gr, amounts, timing);
-            },
-            nb::arg("kind"), nb::arg("curve"), nb::arg("n").none(), nb::arg("d").none(), nb::arg("m").none(),
-            nb::arg("ts").none(), nb::arg("gr").none(), nb::arg("amounts").none(), nb::arg("timing"),
-            "As `value`, for a call given in plain numbers (n None: for life) with level payments and no amounts; "
-            "None for any other call (the full path checks it and words what it refuses).");
+    auto status_class =
+        nb::class_<LifeStatus>(m, "LifeStatus",
+                               "The lives of a status ('single' with one, 'joint' or 'last_survivor' with two) as "
+                               "(table, age at inception, select age or NaN, fractional-age rule).")
+            .def(nb::init<const std::string&, const std::vector<LifeArgs>&>(), nb::arg("kind"), nb::arg("lives"))
+            .def(
+                "value",
+                [](const LifeStatus& self, const std::string& kind, nb::handle curve, double ts, double d, double n,
+                   std::size_t m_, int timing, const std::string& growth_kind, double growth_rate, nb::object amounts) {
+                    if (m_ == 0 || (timing != 0 && timing != 1))
+                        throw std::invalid_argument("m >= 1 and timing 0 or 1");
+                    if (!(core::finite_nonnegative(ts) && core::finite_nonnegative(d) && n >= 0.0))
+                        throw std::invalid_argument("ts and d must be finite and >= 0, n >= 0");
+                    const auto benefit = core::life_benefit_named(kind);
+                    if (!benefit) throw std::invalid_argument("unknown life value '" + kind + "'");
+                    const LifeStatus::Seen seen = self.at(ts);
+                    if (seen.fault != core::LifeAt::None) refuse_life(seen.fault, seen.age, ts);
+                    const bindings::NativeCurve view = curve_seen_from(curve, ts);
+                    const LifeCall call{ts, d, n, m_, timing, growth_of(growth_kind, growth_rate)};
+                    std::optional<InArray> given;
+                    if (!amounts.is_none()) given = nb::cast<InArray>(amounts);
+                    const core::LifeValue value =
+                        life_value(*benefit, view, seen.status, call,
+                                   given ? std::optional<std::span<const double>>(span_of(*given)) : std::nullopt);
+                    if (value.fault == core::LifeValue::Uncountable)
+                        throw std::invalid_argument("a term must be >= 0 with fewer than 2**53 payments");
+                    if (value.fault == core::LifeValue::AmountCount)
+                        throw std::invalid_argument("'cashflow_amounts' holds " + std::to_string(given->shape(0)) +
+                                                    " amounts for " + std::to_string(value.payments) + " payments");
+                    return core::round_scaled(value.value, view.scale);
+                },
+                nb::arg("kind"), nb::arg("curve"), nb::kw_only(), nb::arg("ts"), nb::arg("d"), nb::arg("n"),
+                nb::arg("m"), nb::arg("timing"), nb::arg("growth_kind"), nb::arg("growth_rate"),
+                nb::arg("amounts").none(),
+                "A life-contingent value ('annuity', 'insurance', 'endowment_insurance' or 'pure_endowment') on "
+                "`curve` (an InterestRate) seen from the valuation time ts, rounded as the curve's annuities.");
+    add_plain_value(status_class);
 
     m.def(
         "life_portfolio",
