@@ -302,14 +302,16 @@ struct BlockColumns {
 // cloned for AVX-512 and AVX2.
 __attribute__((target_clones("avx512f", "avx2", "default"))) bool block_in_range(const BlockColumns& c,
                                                                                  std::size_t len) {
+    // The columns as local pointers, so that their loads are contiguous vector loads.
+    const double* __restrict age = c.age, * __restrict select_age = c.select_age, * __restrict frequency = c.m, * __restrict term = c.n, * __restrict deferment = c.d, * __restrict at = c.ts, * __restrict first_age = c.first, * __restrict end_age = c.end;
     unsigned bad = 0;
 #pragma omp simd reduction(| : bad)
     for (std::size_t k = 0; k < len; ++k) {
-        const double x = c.age[k], s = c.select_age[k], f = c.m[k], n = c.n[k], ts = c.ts[k], first = c.first[k];
+        const double x = age[k], s = select_age[k], f = frequency[k], n = term[k], ts = at[k], first = first_age[k];
         const bool no_select = s != s;  // NaN
         const bool in_range = (f >= 1.0) & (f <= 365.0) & (f == std::floor(f)) & age_in_range(x) &
-                              finite_nonnegative(ts) & finite_nonnegative(c.d[k]) & (n >= 0.0) &
-                              ((n == kInfinity) | (n * f < kMaxPayments)) & (x + ts < c.end[k]) & (x >= first) &
+                              finite_nonnegative(ts) & finite_nonnegative(deferment[k]) & (n >= 0.0) &
+                              ((n == kInfinity) | (n * f < kMaxPayments)) & (x + ts < end_age[k]) & (x >= first) &
                               (no_select | ((s == std::floor(s)) & (s <= x) & (s >= first) & age_in_range(s)));
         bad |= static_cast<unsigned>(!in_range);
     }
@@ -406,8 +408,10 @@ struct SlotsInUse {
     LifeBookFault fault;
 };
 
+// Each policy's slot is left in `slots` (a whole number, as a double), for
+// the valuation pass to read where its value will be written.
 SlotsInUse slots_in_use(std::span<MortalityTable* const> tables, const BookTables& named, const LifePolicies& p,
-                        double ts, double m) {
+                        double ts, double m, std::span<double> slots) {
     SlotsInUse in_use;
     in_use.used.assign(named.slots(), 0);
     FirstFault first(tables, named, p);
@@ -422,7 +426,10 @@ SlotsInUse slots_in_use(std::span<MortalityTable* const> tables, const BookTable
             const BlockColumns block = read_block(named, p, i, len, scratch);
             if (!first.in_range(i, len, block)) return;
             reach = std::max(reach, block_slots(block, named.none, ts, m, slot.data(), len));
-            for (std::size_t k = 0; k < len; ++k) used[static_cast<std::size_t>(slot[k])] = 1;
+            for (std::size_t k = 0; k < len; ++k) {
+                used[static_cast<std::size_t>(slot[k])] = 1;
+                slots[i + k] = static_cast<double>(slot[k]);
+            }
         }
         const std::lock_guard<std::mutex> lock(merge);
         in_use.reach = std::max(in_use.reach, reach);
@@ -547,14 +554,14 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
     policy.m = frequency;
     std::atomic<bool> left{false};
     parallel_for(p.size, std::size_t{1} << 14, [&](std::size_t begin, std::size_t end) {
-        std::array<Block, 10> scratch;
-        Block benefit_block, term_left, deferment_left, ends;
+        Block n_block, d_block, benefit_block, term_left, deferment_left, ends;
         std::array<std::int64_t, kBlock> slot, base;
         for (std::size_t i = begin; i < end; i += kBlock) {
             const std::size_t len = std::min(kBlock, end - i);
-            const BlockColumns block = read_block(named, p, i, len, scratch);
-            const double *n = block.n, *d = block.d, *benefit = p.benefits.block(i, len, benefit_block);
-            block_slots(block, named.none, ts, m, slot.data(), len);
+            const double *n = p.n.block(i, len, n_block), *d = p.d.block(i, len, d_block),
+                         *benefit = p.benefits.block(i, len, benefit_block);
+            // The slots slots_in_use left where the values go.
+            for (std::size_t k = 0; k < len; ++k) slot[k] = whole_index(unit[i + k]);
             block_on_grids(laid, slot.data(), n, d, ts, term_left.data(), deferment_left.data(), base.data(),
                            ends.data(), len);
             if (!level_grid_block(view, term_left.data(), deferment_left.data(), kZeros.data(), base.data(),
@@ -687,7 +694,7 @@ LifeBookFault life_portfolio_values(const CurveArrays& curve, std::vector<Mortal
     if (const auto route = whole_age_route(p, terms)) {
         const auto [ts, m] = *route;
         const BookTables named(tables);
-        const SlotsInUse in_use = slots_in_use(tables, named, p, ts, m);
+        const SlotsInUse in_use = slots_in_use(tables, named, p, ts, m, out);
         if (in_use.fault.kind != LifeBookFault::None) return in_use.fault;
         rest = value_whole_ages(curve, tables, rules, p, terms, ts, m, named, in_use, out);
     } else {
