@@ -91,13 +91,17 @@ def test_whole_year_book_against_closed_forms(mode, dtype):
         np.testing.assert_array_equal(values, InterestRate(i).ä(n=n, d=d, ts=ts, m=m))
 
 
-@pytest.mark.parametrize("dtype", [np.float64, np.int64, np.int32, np.float32])
+@pytest.mark.parametrize(
+    "dtype, fraction",
+    [(np.float64, 0.0), (np.int64, 0.0), (np.int32, 0.0), (np.float32, 0.0), (np.float64, 0.25), (np.float32, 0.5)],
+)
 @pytest.mark.parametrize("method", ["ä", "a"])
-def test_book_at_time_0_equals_its_single_calls(dtype, method):
+def test_book_at_time_0_equals_its_single_calls(dtype, fraction, method):
     """A book valued at time 0 whose whole-year terms and deferments are few (each pair valued
-    once for the book) still values every policy as its single call, on a piecewise curve."""
+    once for the book) still values every policy as its single call, on a piecewise curve; a
+    term with a fraction of a year among them is valued as its own."""
     rng = np.random.default_rng(7)
-    n, d = rng.integers(0, 12, 4000), rng.integers(0, 5, 4000)
+    n, d = rng.integers(0, 12, 4000) + fraction * (rng.random(4000) < 0.01), rng.integers(0, 5, 4000)
     benefits = rng.uniform(0.0, 1e4, 4000).round(2)
     value = getattr(InterestRate(terms=[1.5, 2, 3], rates=[0.01, 0.03, -0.01, 0.02]), method)
     book = value(n=n.astype(dtype), d=d.astype(dtype), m=4, benefits=benefits)
