@@ -6,6 +6,7 @@ pairs of lives, and books of life annuities valued natively.
 >>> life.ä(curve, n=10, m=12)  # doctest: +SKIP
 """
 
+from .improvement import GenerationalTable, ImprovementScale
 from .laws import BUNDLED_TABLES, MakehamLaw, bundled_table, constant_force, gompertz, makeham
 from .lives import JointLife, Life
 from .portfolio import life_annuities
@@ -14,6 +15,8 @@ from .tables import FractionalAgeLiteral, MortalityTable
 __all__ = [
     "BUNDLED_TABLES",
     "FractionalAgeLiteral",
+    "GenerationalTable",
+    "ImprovementScale",
     "JointLife",
     "Life",
     "MakehamLaw",

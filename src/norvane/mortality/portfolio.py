@@ -27,8 +27,11 @@ from ..helpers import (
 from ..helpers import _allowed_frequency as _allowed_frequency
 from ..helpers import _integer_array as _integer_array
 from ..helpers import _policy_column as _policy_column
+from .improvement import GenerationalTable
 from .lives import _curve_arrays
 from .tables import MortalityTable, _age_problems
+
+Table = MortalityTable | GenerationalTable
 
 __all__ = ["life_annuities"]
 
@@ -67,7 +70,7 @@ def _frequencies(m: Any) -> NDArray[Any]:
     return _integer_array(m, _METHOD, "m")
 
 
-def _table_codes(names: NDArray[Any], tables: Mapping[str, MortalityTable]) -> tuple[F64, list[str]]:
+def _table_codes(names: NDArray[Any], tables: Mapping[str, Table]) -> tuple[F64, list[str]]:
     """Index of each policy's table in ``tables`` (NaN: unknown or missing), and the known names."""
     known = list(tables)
     if names.dtype.kind == "U" and names.size:
@@ -95,7 +98,7 @@ def _table_codes(names: NDArray[Any], tables: Mapping[str, MortalityTable]) -> t
     return np.array(found, dtype=np.float64), known
 
 
-def _faults(tables: Mapping[str, MortalityTable], cols: dict[str, Any], size: int, codes: F64) -> dict[int, list[str]]:
+def _faults(tables: Mapping[str, Table], cols: dict[str, Any], size: int, codes: F64) -> dict[int, list[str]]:
     """Per-policy problems, by index (``codes``: each policy's table, NaN when unknown): its
     table, its terms, its frequency and its ages, in that order."""
     faults: dict[int, list[str]] = {}
@@ -124,14 +127,60 @@ def _faults(tables: Mapping[str, MortalityTable], cols: dict[str, Any], size: in
             for i in np.flatnonzero(np.broadcast_to(~allowed, (size,))).tolist()
         }
     )
+    generational = np.array([isinstance(t, GenerationalTable) for t in tables.values()])
+    known_codes = np.where(np.isnan(codes), 0, codes).astype(np.intp)
+    needs_year = np.broadcast_to(generational[known_codes] & ~np.isnan(codes), (size,))
+    bad_years = np.flatnonzero(needs_year & ~_whole_years(cols["year"], size)).tolist()
+    add({i: [_year_fault(cols["year"], i)] for i in bad_years})
     ts = np.where(np.isfinite(cols["ts"]), cols["ts"], 0.0)
     # Each policy's table bounds, gathered by code (unknown tables take the first's: they are invalid anyway).
-    known_codes = np.where(np.isnan(codes), 0, codes).astype(np.intp)
-    bounds = [np.take(column, known_codes) for column in np.array([t._bounds() for t in tables.values()]).T]
+    bounds = [np.take(column, known_codes) for column in np.array([_base(t)._bounds() for t in tables.values()]).T]
     age = np.broadcast_to(cols["age"], (size,))
     ages = _age_problems(age, np.broadcast_to(cols["select_age"], (size,)), ts, *bounds)
     add({i: [f"{problem} at index {i}"] for i, problem in ages.items()})
     return faults
+
+
+def _base(table: Table) -> MortalityTable:
+    """The table whose ages a policy's must fit (a generational table's are its base's)."""
+    return table.base if isinstance(table, GenerationalTable) else table
+
+
+_YEAR_LIMIT = 100_000.0
+
+
+def _whole_years(year: NDArray[Any], size: int) -> NDArray[np.bool_]:
+    """Whether each policy's calendar year is a whole year within +-100,000."""
+    return np.broadcast_to((year == np.floor(year)) & (np.abs(year) <= _YEAR_LIMIT), (size,))
+
+
+def _year_fault(year: NDArray[Any], i: int) -> str:
+    value = year[min(i, year.size - 1)]
+    if np.isnan(value):
+        return f"'year' is needed for a generational table at index {i}"
+    return f"'year' must be a whole calendar year within +-100000 at index {i}, got {float(value)!r}"
+
+
+def _cohort_codes(tables: list[Table], codes: F64, cols: dict[str, Any], size: int) -> tuple[list[Table], F64]:
+    """Each generational table's policies moved to the tables of their cohorts (born in
+    ``year - floor(age)``), appended to ``tables``; the tables and the policies' new codes.
+    A policy whose cohort is no year stays on its table, whose slot holds the base's rates
+    (so the kernel refuses it as that table's policy)."""
+    expanded: list[Table] = list(tables)
+    moved = np.array(np.broadcast_to(codes, (size,)))
+    age, year = (np.broadcast_to(cols[k], (size,)) for k in ("age", "year"))
+    for index, table in enumerate(tables):
+        if not isinstance(table, GenerationalTable):
+            continue
+        rows = np.flatnonzero(moved == index)
+        born = year[rows] - np.floor(age[rows])
+        rows, born = rows[np.abs(born) <= 2 * _YEAR_LIMIT], born[np.abs(born) <= 2 * _YEAR_LIMIT]
+        if not rows.size:
+            continue
+        cohorts, which = np.unique(born.astype(np.int64), return_inverse=True)
+        moved[rows] = len(expanded) + which.reshape(-1)
+        expanded += [table.cohort(int(c)) for c in cohorts]
+    return expanded, moved
 
 
 def _texts(names: NDArray[Any]) -> NDArray[np.uint32] | None:
@@ -144,10 +193,10 @@ def _texts(names: NDArray[Any]) -> NDArray[np.uint32] | None:
 class _LifeBook:
     """What the kernel needs besides the policies: the curve's arrays, the tables and the settings."""
 
-    def __init__(self, curve: Any, tables: Mapping[str, MortalityTable], timing: str, weights: Any, size: int):
+    def __init__(self, curve: Any, tables: Mapping[str, Table], timing: str, weights: Any, size: int):
         self.rates, self.terms, self.ends = _curve_arrays(curve, _METHOD)
-        self.tables = [t._native for t in tables.values()]
-        self.rules = [t.fractional_age for t in tables.values()]
+        self.listed = list(tables.values())
+        self.generational = any(isinstance(t, GenerationalTable) for t in self.listed)
         self.names = [[ord(c) for c in name] for name in tables]
         self.timing = 0 if timing == "due" else 1
         self.mode: str = curve.calculation_mode
@@ -157,7 +206,12 @@ class _LifeBook:
 
     def value(self, table: NDArray[Any], cols: dict[str, Any], rows: NDArray[np.intp] | None) -> F64:
         """Values of the policies ``rows`` (None: all), whose tables are ``table`` (texts as
-        ``_texts`` gives them, or indices); the kernel refuses a policy out of range."""
+        ``_texts`` gives them, or indices; NaN for the policies left out); the kernel refuses
+        a policy out of range."""
+        tables, names = self.listed, self.names
+        if self.generational:  # (indices: texts name no cohort)
+            tables, table = _cohort_codes(tables, table, cols, self.size)
+            names = names + [[]] * (len(tables) - len(names))
 
         def column(values: Any) -> NDArray[Any]:
             # Columns are read as they are: one value (or a broadcast one) stands for every policy.
@@ -167,9 +221,10 @@ class _LifeBook:
             return values if rows is None or values.shape[0] == 1 else np.ascontiguousarray(values[rows])
 
         valued: F64 = _kernels.life_portfolio(
-            self.tables,
-            self.rules,
-            self.names,
+            # A generational table's own slot (none of its policies with a cohort) holds its base.
+            [_base(t)._native for t in tables],
+            [t.fractional_age for t in tables],
+            names,
             self.rates,
             self.terms,
             self.ends,
@@ -191,7 +246,7 @@ class _LifeBook:
 
 def life_annuities(
     curve: Any,
-    tables: Mapping[str, MortalityTable],
+    tables: Mapping[str, MortalityTable | GenerationalTable],
     *,
     table: ArrayLike,
     age: ArrayLike,
@@ -201,6 +256,7 @@ def life_annuities(
     m: ArrayLike = 1,
     benefits: ArrayLike | None = None,
     select_age: ArrayLike | None = None,
+    year: ArrayLike | None = None,
     timing: Literal["due", "immediate"] = "due",
     on_error: Literal["raise", "nan"] = "raise",
     record_ids: Any = None,
@@ -224,6 +280,9 @@ def life_annuities(
         Annual amount per policy (default 1).
     select_age : array-like, optional
         Age at selection (NaN: the integer part of the age).
+    year : array-like of int, optional
+        Calendar year in which each life has its ``age`` (needed for the
+        policies of a :class:`GenerationalTable`: each follows its cohort).
     timing : {"due", "immediate"}
     on_error : {"raise", "nan"}
         "nan" values the valid policies and returns a ``BatchResult`` whose
@@ -241,8 +300,10 @@ def life_annuities(
         raise ValueError(f"[{_METHOD}] 'on_error' must be 'raise' or 'nan', got {on_error!r}.")
     if not (isinstance(timing, str) and timing in ("due", "immediate")):
         raise ValueError(f"[{_METHOD}] 'timing' must be 'due' or 'immediate', got {timing!r}.")
-    if not isinstance(tables, Mapping) or not tables or not all(isinstance(t, MortalityTable) for t in tables.values()):
-        raise TypeError(f"[{_METHOD}] 'tables' must be a non-empty mapping of names to MortalityTable objects.")
+    if not isinstance(tables, Mapping) or not tables or not all(isinstance(t, Table) for t in tables.values()):
+        raise TypeError(
+            f"[{_METHOD}] 'tables' must be a non-empty mapping of names to MortalityTable or GenerationalTable objects."
+        )
     cols, size = _columns(
         _METHOD,
         table=_table_names(table),
@@ -252,6 +313,7 @@ def life_annuities(
         ts=_policy_column(ts, "ts", _METHOD),
         m=_frequencies(m),
         select_age=_policy_column(np.nan if select_age is None else select_age, "select_age", _METHOD),
+        year=_policy_column(np.nan if year is None else year, "year", _METHOD),
     )
     # Read by the kernel as they are (no copy): the book is valued before this call returns.
     weights = _benefits_array(benefits, size, _METHOD)
@@ -260,11 +322,15 @@ def life_annuities(
     book = _LifeBook(curve, tables, timing, weights, size)
     # The kernel checks every policy itself and matches texts to the tables' names; the
     # per-policy faults are worded only when it refuses one.
-    texts = _texts(cols["table"])
+    texts = None if book.generational else _texts(cols["table"])
     table = texts if texts is not None else _table_codes(cols["table"], tables)[0]
     faults: dict[int, list[str]] = {}
     valued = None
-    if (texts is not None or not np.isnan(table).any()) and _allowed_frequency(cols["m"]).all():
+    if (
+        (texts is not None or not np.isnan(table).any())
+        and _allowed_frequency(cols["m"]).all()
+        and (not book.generational or _whole_years(cols["year"], size).all())
+    ):
         try:
             valued = book.value(table, cols, None)
         except ValueError:
@@ -279,7 +345,7 @@ def life_annuities(
         rows = np.flatnonzero(valid)
         values = np.full(size, np.nan)
         if rows.size:  # (a book of single values has one policy: none left is nothing to value)
-            values[rows] = book.value(codes, cols, rows)
+            values[rows] = book.value(np.where(valid, codes, np.nan), cols, rows)
     else:
         valid, values = np.ones(size, dtype=bool), valued
     # A life at an age its table gives no chance of reaching has no value.

@@ -18,6 +18,8 @@ from .lives import Life
 if TYPE_CHECKING:
     from collections.abc import Callable
 
+    from .improvement import GenerationalTable, ImprovementScale
+
 __all__ = ["FractionalAgeLiteral", "MortalityTable"]
 
 _EMPTY = np.empty(0, dtype=np.float64)
@@ -312,6 +314,13 @@ class MortalityTable(TableBase):
         return self._derived(
             self._first_age, self._qx, self._select, self._select_first_age, _check_rule(rule, "MortalityTable")
         )
+
+    def with_improvement(self, scale: ImprovementScale | float, base_year: int) -> GenerationalTable:
+        """This table as the rates of ``base_year``, improving over calendar time by ``scale``
+        (an :class:`ImprovementScale`, or one rate for every age and year)."""
+        from .improvement import GenerationalTable
+
+        return GenerationalTable(self, scale, base_year)
 
     # ------------------------------------------------------------ survival
 
