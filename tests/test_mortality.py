@@ -67,6 +67,37 @@ def test_constant_force_is_a_certain_annuity_at_the_adjusted_rate():
         assert life.A(FLAT, n=10) == pytest.approx(MU / force * -math.expm1(-force * 10), abs=TOL)
 
 
+@pytest.mark.parametrize("rule", ["udd", "constant_force"])
+def test_life_expectancy_closed_forms(rule):
+    """Constant force to age 100, where q = 1: e_60 = sum of e^(-mu k) for k = 1 .. 40; the
+    complete one adds the integral within each year: 1/2 a year alive under UDD, and under
+    constant force (1 - e^(-40 mu)) / mu with nothing lived in the closing year."""
+    life = CF_TABLE.life(60, fractional_age=rule)
+    curtate = math.fsum(math.exp(-MU * k) for k in range(1, 41))
+    complete = curtate + 0.5 if rule == "udd" else -math.expm1(-40 * MU) / MU
+    assert life.expectancy("curtate") == pytest.approx(curtate, abs=1e-12)
+    assert life.expectancy() == pytest.approx(complete, abs=1e-12)
+    # Seen 5 years on, alive: the life of age 65.
+    assert life.expectancy(ts=5) == pytest.approx(CF_TABLE.life(65, fractional_age=rule).expectancy(), abs=1e-12)
+    x, y = bundled_table("makeham_20_120").life(63), bundled_table("makeham_13_110").life(58.5)
+    for kind in ("complete", "curtate"):
+        joint, last = (JointLife(x, y, status=s).expectancy(kind) for s in ("joint", "last_survivor"))
+        assert joint + last == pytest.approx(x.expectancy(kind) + y.expectancy(kind), abs=1e-11)
+
+
+@pytest.mark.parametrize(
+    "call, message",
+    [
+        (lambda life: life.expectancy("mean"), "'kind' must be 'complete' or 'curtate', got 'mean'"),
+        (lambda life: life.expectancy(ts=-1.0), "'ts' must be >= 0.0 and finite, got -1.0"),
+        (lambda life: life.expectancy(ts=50.0), "beyond the table's last age 100"),
+    ],
+)
+def test_life_expectancy_refuses_what_it_cannot_value(call, message):
+    with pytest.raises(ValueError, match=re.escape("[Life.expectancy] ") + ".*" + re.escape(message)):
+        call(CF_TABLE.life(60))
+
+
 @pytest.mark.parametrize("mode", MODES)
 def test_recursion_pure_endowment_and_two_lives(mode):
     table = bundled_table("makeham_20_120")

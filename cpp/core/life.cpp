@@ -604,6 +604,15 @@ LifeValue life_benefit_value(LifeBenefit benefit, const PiecewiseTable& curve, c
             life_amounts_value(curve, *annuity, amounts->subspan(full - annuity->payments_size), terms.mode, status)};
 }
 
+double life_expectancy(const Status& status, bool complete) {
+    static const PiecewiseTable kNoInterest = discount_table({{0.0}, {}, {}});
+    PolicyTerms terms;
+    terms.mode = complete ? Mode::ContinuousPrecision : Mode::DiscretePrecision;
+    const double whole_life =
+        life_benefit_value(LifeBenefit::Annuity, kNoInterest, status, 0.0, 0.0, PiecewiseTable::kInfinity, terms).value;
+    return complete ? whole_life : whole_life - 1.0;
+}
+
 bool age_fits(const MortalityTable& table, double age, double select_age, double ts) {
     const double first = table.first_age(), select = select_age_of(age, select_age);
     if (!(age + ts < table.end_age())) return false;  // beyond the last age at ts

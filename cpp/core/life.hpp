@@ -291,6 +291,13 @@ LifeValue life_benefit_value(LifeBenefit benefit, const PiecewiseTable& curve, c
                              double d, double n, PolicyTerms terms,
                              std::optional<std::span<const double>> amounts = std::nullopt, GridCache* cache = nullptr);
 
+// The expected future lifetime of a status seen at its valuation time: the
+// curtate one (whole years lived, the sum of kpx over k >= 1) or the
+// complete one (the integral of tpx). They are the whole-life annuity-due
+// (m = 1) less 1 and the continuous annuity, at no interest: the same sums
+// and integrals as every life value.
+double life_expectancy(const Status& status, bool complete);
+
 // Whether a life aged `age` at inception (selected at `select_age`, NaN: at
 // the integer part of its age) is an age of `table` at ts: not younger than
 // the table (or its select row), not beyond its last age at ts, and selected

@@ -111,6 +111,7 @@ class LifeStatus:
         growth_rate: float,
         amounts: NDArray[np.float64] | None,
     ) -> float: ...
+    def expectancy(self, complete: bool, ts: float) -> float: ...
     def plain_value(
         self,
         kind: Literal["annuity", "insurance", "endowment_insurance", "pure_endowment"],

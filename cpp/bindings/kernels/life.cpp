@@ -333,7 +333,18 @@ void register_life(nb::module_& m) {
                 nb::arg("m"), nb::arg("timing"), nb::arg("growth_kind"), nb::arg("growth_rate"),
                 nb::arg("amounts").none(),
                 "A life-contingent value ('annuity', 'insurance', 'endowment_insurance' or 'pure_endowment') on "
-                "`curve` (an InterestRate) seen from the valuation time ts, rounded as the curve's annuities.");
+                "`curve` (an InterestRate) seen from the valuation time ts, rounded as the curve's annuities.")
+            .def(
+                "expectancy",
+                [](const LifeStatus& self, bool complete, double ts) {
+                    if (!core::finite_nonnegative(ts)) throw std::invalid_argument("ts must be finite and >= 0");
+                    const LifeStatus::Seen seen = self.at(ts);
+                    if (seen.fault != core::LifeAt::None) refuse_life(seen.fault, seen.age, ts);
+                    return core::life_expectancy(seen.status, complete);
+                },
+                nb::arg("complete"), nb::arg("ts"),
+                "Expected future lifetime of the status seen at ts: complete (the integral of tpx) or curtate (the "
+                "sum of kpx over k >= 1).");
     add_plain_value(status_class);
 
     m.def(

@@ -161,6 +161,21 @@ class _Status:
         value = self._native.plain_value("annuity", curve, n, d, m, ts, gr, cashflow_amounts, 1)
         return self._value("annuity", "a", curve, n, d, m, ts, 1, gr, cashflow_amounts) if value is None else value
 
+    def expectancy(self, kind: Literal["complete", "curtate"] = "complete", ts: float = 0.0) -> float:
+        """Expected future lifetime of the status seen at ``ts`` (its lives then ``ts`` years
+        older and alive): ``"complete"``, the integral of tpx (e̊), or ``"curtate"``, the
+        whole years lived, the sum of kpx over k >= 1 (e)."""
+        method_name = f"{type(self).__name__}.expectancy"
+        if not (isinstance(kind, str) and kind in ("complete", "curtate")):
+            raise ValueError(f"[{method_name}] 'kind' must be 'complete' or 'curtate', got {kind!r}.")
+        at = _real_float(ts, "ts", method_name)
+        if not (math.isfinite(at) and at >= 0.0):
+            raise ValueError(f"[{method_name}] 'ts' must be >= 0.0 and finite, got {at!r}.")
+        try:
+            return self._native.expectancy(kind == "complete", at)
+        except ValueError as exc:  # a life the valuation time takes beyond its table
+            raise ValueError(f"[{method_name}] {self._unreached(at) or exc}.") from None
+
     def A(self, curve: Any, n: float | None = None, d: float = 0.0, m: int = 1, ts: float = 0.0) -> float:
         """Insurance of 1 on death: whole life (A_x) or term n (A¹_x:n), deferred d.
 
