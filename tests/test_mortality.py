@@ -98,6 +98,79 @@ def test_life_expectancy_refuses_what_it_cannot_value(call, message):
         call(CF_TABLE.life(60))
 
 
+@pytest.mark.parametrize("gr", [None, 0.02])
+@pytest.mark.parametrize("guarantee, n", [(0.0, None), (5.0, None), (10.0, 25.0), (30.0, 12.0)])
+def test_guaranteed_annuity_is_certain_then_life(guarantee, n, gr):
+    """Annual due, by brute force here: the payment j years after the deferment is
+    (1 + g)^j v^(d+j) times 1 in the guaranteed years, else the survival to d + j."""
+    table, d = bundled_table("makeham_20_120"), 2.0
+    life = table.life(60.5)
+    last = int(table.last_age - 60.5 - d) + 1 if n is None else int(n)
+    want = math.fsum(
+        (1 + (gr or 0.0)) ** j * CURVE.vn(d + j) * (1.0 if j < guarantee else float(life.tpx(d + j)))
+        for j in range(last)
+    )
+    assert life.ä(CURVE, n=n, d=d, gr=gr, guarantee=guarantee) == pytest.approx(want, abs=2e-10)
+    if guarantee == 0.0:
+        assert life.ä(CURVE, n=n, d=d, gr=gr, guarantee=guarantee) == life.ä(CURVE, n=n, d=d, gr=gr)
+
+
+@pytest.mark.parametrize(
+    "kwargs, message",
+    [
+        ({"guarantee": -1.0}, "'guarantee' must be >= 0.0 and finite, got -1.0"),
+        ({"guarantee": math.nan}, "'guarantee' must be >= 0.0 and finite, got nan"),
+        ({"guarantee": 5.0, "n": 10.0, "cashflow_amounts": np.ones(10)}, "cannot be combined with 'cashflow_amounts'"),
+        ({"guarantee": 2.5}, "must be a whole number of payment periods (1/1 year), got 2.5"),
+        (
+            {"guarantee": 2.5, "m": 2, "gr": 0.02},
+            "needs geometric growth and whole years, got geometric growth and 2.5",
+        ),
+        ({"guarantee": 5.0, "d": -1.0}, "'d'"),
+    ],
+)
+def test_guarantee_refusals_are_named(kwargs, message):
+    with pytest.raises(ValueError, match=re.escape("[Life.ä] ") + ".*" + re.escape(message)):
+        CF_TABLE.life(60).ä(FLAT, **kwargs)
+
+
+def test_guaranteed_book_equals_its_single_calls():
+    table = bundled_table("makeham_20_120")
+    rng = np.random.default_rng(2)
+    size = 300
+    age = rng.integers(40, 95, size) + 0.5 * (rng.random(size) < 0.3)
+    n = np.where(rng.random(size) < 0.3, np.inf, rng.integers(1, 30, size).astype(float))
+    d, ts, k = (rng.integers(0, top, size).astype(float) for top in (5, 3, 12))
+    benefits = rng.uniform(1.0, 100.0, size).round(2)
+    for timing, method in (("due", "ä"), ("immediate", "a")):
+        book = life_annuities(
+            CURVE,
+            {"M": table},
+            table="M",
+            age=age,
+            n=n,
+            d=d,
+            ts=ts,
+            m=12,
+            guarantee=k,
+            benefits=benefits,
+            timing=timing,
+        )
+        for i in range(size):
+            term = None if math.isinf(n[i]) else n[i]
+            single = getattr(table.life(age[i]), method)(CURVE, n=term, d=d[i], ts=ts[i], m=12, guarantee=k[i])
+            assert book[i] == single * benefits[i]
+    k[3], n[5] = -1.0, -2.0  # each policy's own fault, worded with its given values; the others valued
+    result = life_annuities(CURVE, {"M": table}, table="M", age=age, n=n, d=d, m=12, guarantee=k, on_error="nan")
+    assert result.errors.invalid_indices.tolist() == [3, 5]
+    assert (
+        "'guarantee' must be >= 0.0, finite and a whole number of payment periods at index 3, got -1.0"
+        in (result.errors.messages[0])
+    )
+    assert "'n' must be >= 0.0 and finite at index 5, got -2.0" in result.errors.messages[1]
+    assert np.isnan(result.values).sum() == 2
+
+
 @pytest.mark.parametrize("mode", MODES)
 def test_recursion_pure_endowment_and_two_lives(mode):
     table = bundled_table("makeham_20_120")

@@ -123,6 +123,7 @@ class _Status:
         ts: float = 0.0,
         gr: Any = None,
         cashflow_amounts: ArrayLike | None = None,
+        guarantee: float = 0.0,
     ) -> float:
         """Life annuity-due of 1 a year payable ``m`` times a year while the status survives.
 
@@ -143,7 +144,13 @@ class _Status:
             Annual growth of the payments.
         cashflow_amounts : array-like, optional
             One amount per payment of the full schedule (needs a finite ``n``).
+        guarantee : float
+            Years from the first payment paid whatever happens (within the
+            term), a whole number of payment periods: the certain annuity of
+            those years plus the life annuity deferred by them, ä_k + k|ä_x.
         """
+        if type(guarantee) is not float or guarantee:  # (the default 0.0 costs a plain call nothing)
+            return self._guaranteed(0, "ä", curve, n, d, m, ts, gr, cashflow_amounts, guarantee)
         value = self._native.plain_value("annuity", curve, n, d, m, ts, gr, cashflow_amounts, 0)
         return self._value("annuity", "ä", curve, n, d, m, ts, 0, gr, cashflow_amounts) if value is None else value
 
@@ -156,10 +163,59 @@ class _Status:
         ts: float = 0.0,
         gr: Any = None,
         cashflow_amounts: ArrayLike | None = None,
+        guarantee: float = 0.0,
     ) -> float:
         """Life annuity-immediate (payments at the end of each period); parameters as :meth:`ä`."""
+        if type(guarantee) is not float or guarantee:  # (the default 0.0 costs a plain call nothing)
+            return self._guaranteed(1, "a", curve, n, d, m, ts, gr, cashflow_amounts, guarantee)
         value = self._native.plain_value("annuity", curve, n, d, m, ts, gr, cashflow_amounts, 1)
         return self._value("annuity", "a", curve, n, d, m, ts, 1, gr, cashflow_amounts) if value is None else value
+
+    def _guaranteed(
+        self, timing: int, name: str, curve: Any, n: Any, d: Any, m: Any, ts: Any, gr: Any, amounts: Any, guarantee: Any
+    ) -> float:
+        """The annuity whose first ``guarantee`` years of payments are certain: the curve's
+        certain annuity of those years plus this status's annuity deferred by them, each
+        valued as its own call; their sum is rounded like an annuity."""
+        method_name = f"{type(self).__name__}.{name}"
+        k = _real_float(guarantee, "guarantee", method_name)
+        if not (math.isfinite(k) and k >= 0.0):
+            raise ValueError(f"[{method_name}] 'guarantee' must be >= 0.0 and finite, got {k!r}.")
+        if amounts is not None:
+            raise ValueError(f"[{method_name}] 'guarantee' cannot be combined with 'cashflow_amounts'.")
+        config = _checked_curve(curve, method_name)._config
+        _validate_annuity_call(
+            ts=ts,
+            ts_integer=config.force_integer_ts,
+            d=d,
+            n=n,
+            m=m,
+            payment_timing=timing,
+            gr=gr,
+            cashflow_times=None,
+            cashflow_amounts=None,
+            calculation_mode=curve.calculation_mode,
+            method_name=method_name,
+        )
+        # The deferred part's payments must fall where the schedule's do.
+        if k * int(m) != math.floor(k * int(m)):
+            raise ValueError(
+                f"[{method_name}] 'guarantee' must be a whole number of payment periods (1/{int(m)} year), got {k!r}."
+            )
+        growth = _resolve_gr(gr, method_name)
+        # Growth steps count from the first payment: the deferred part's restart k years on.
+        if growth is not None and not (growth.kind == "geometric" and k == math.floor(k)):
+            raise ValueError(
+                f"[{method_name}] a guarantee of growing payments needs geometric growth and whole years, "
+                f"got {growth.kind} growth and {k!r} years."
+            )
+        term = math.inf if n is None else float(n)
+        certain = getattr(curve, name)(n=min(k, term), d=float(d), m=m, ts=ts, gr=gr)
+        later = getattr(self, name)(
+            curve, n=None if n is None else max(term - k, 0.0), d=float(d) + k, m=m, ts=ts, gr=gr
+        )
+        grown = 1.0 if growth is None else (1.0 + float(growth.rate)) ** k
+        return _kernels.round_value(certain + grown * later, config.decimals.annuities)
 
     def expectancy(self, kind: Literal["complete", "curtate"] = "complete", ts: float = 0.0) -> float:
         """Expected future lifetime of the status seen at ``ts`` (its lives then ``ts`` years

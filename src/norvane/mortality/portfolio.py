@@ -244,6 +244,99 @@ class _LifeBook:
         return valued
 
 
+def _refuse(faults: dict[int, list[str]]) -> None:
+    raise ValueError(f"[{_METHOD}] " + "; ".join(faults[min(faults)]))
+
+
+def _value_book(
+    curve: Any,
+    tables: Mapping[str, Table],
+    cols: dict[str, Any],
+    size: int,
+    weights: Any,
+    timing: str,
+    stop_at_fault: bool,
+) -> tuple[F64, dict[int, list[str]]]:
+    """The values of a book (NaN for its invalid policies) and each invalid one's faults;
+    ``stop_at_fault``: refuse the book at its first fault instead of valuing the rest."""
+    book = _LifeBook(curve, tables, timing, weights, size)
+    # The kernel checks every policy itself and matches texts to the tables' names; the
+    # per-policy faults are worded only when it refuses one.
+    texts = None if book.generational else _texts(cols["table"])
+    table = texts if texts is not None else _table_codes(cols["table"], tables)[0]
+    faults: dict[int, list[str]] = {}
+    valued = None
+    if (
+        (texts is not None or not np.isnan(table).any())
+        and _allowed_frequency(cols["m"]).all()
+        and (not book.generational or _whole_years(cols["year"], size).all())
+    ):
+        try:
+            valued = book.value(table, cols, None)
+        except ValueError:
+            valued = None
+    if valued is None:
+        codes = _table_codes(cols["table"], tables)[0]
+        faults = _faults(tables, cols, size, codes)
+        if faults and stop_at_fault:
+            _refuse(faults)
+        valid = np.ones(size, dtype=bool)
+        valid[list(faults)] = False
+        rows = np.flatnonzero(valid)
+        values = np.full(size, np.nan)
+        if rows.size:  # (a book of single values has one policy: none left is nothing to value)
+            values[rows] = book.value(np.where(valid, codes, np.nan), cols, rows)
+    else:
+        valid, values = np.ones(size, dtype=bool), valued
+    # A life at an age its table gives no chance of reaching has no value.
+    unreached = np.flatnonzero(valid & np.isnan(values)).tolist() if values.size and np.isnan(values.min()) else []
+    if unreached:
+        names, ages, times = (np.broadcast_to(cols[k], (size,)) for k in ("table", "age", "ts"))
+        for i in unreached:
+            reached = float(ages[i] + times[i])
+            faults[i] = [f"nobody in table {str(names[i])!r} survives to age {reached!r} at index {i}"]
+    return values, faults
+
+
+def _guaranteed_book(
+    curve: Any,
+    tables: Mapping[str, Table],
+    cols: dict[str, Any],
+    size: int,
+    weights: Any,
+    timing: str,
+    stop_at_fault: bool,
+) -> tuple[F64, dict[int, list[str]]]:
+    """As ``_value_book`` for a book whose first ``guarantee`` years of payments are certain:
+    each policy's life annuity deferred by them plus the curve's certain annuity of those
+    years, unit values added and rounded, then times the benefits, as a single call does."""
+    n, d, ts, m, k = (np.broadcast_to(cols[c], (size,)) for c in ("n", "d", "ts", "m", "guarantee"))
+    # A policy whose terms are at fault keeps them, so that they are worded as given.
+    at_fault = np.zeros(size, dtype=bool)
+    at_fault[list(_term_faults(n, d, ts, np.where(_allowed_frequency(m), m, 1), size))] = True
+    periods = k * np.where(_allowed_frequency(m), m, 1)
+    kept = np.isfinite(k) & (k >= 0.0) & (periods == np.floor(periods))
+    years = np.where(kept & ~at_fault, k, 0.0)
+    later_terms = {**cols, "n": np.maximum(n - years, 0.0, where=n >= 0.0, out=np.array(n)), "d": d + years}
+    later, faults = _value_book(curve, tables, later_terms, size, None, timing, False)
+    for i in np.flatnonzero(~kept).tolist():
+        faults.setdefault(i, []).append(
+            f"'guarantee' must be >= 0.0, finite and a whole number of payment periods at index {i}, "
+            f"got {float(k[i])!r}"
+        )
+    if faults and stop_at_fault:
+        _refuse(faults)
+    valid = ~np.isnan(later) & kept
+    certain = (curve.ä if timing == "due" else curve.a)(
+        n=np.where(valid, np.minimum(years, n), 0.0),
+        d=np.where(valid, d, 0.0),
+        ts=np.where(valid, ts, 0.0),
+        m=np.where(valid, m, 1),
+    )
+    units = _kernels.round_values(np.where(valid, certain + later, np.nan), curve._config.decimals.annuities)
+    return (units if weights is None else units * weights), faults
+
+
 def life_annuities(
     curve: Any,
     tables: Mapping[str, MortalityTable | GenerationalTable],
@@ -257,6 +350,7 @@ def life_annuities(
     benefits: ArrayLike | None = None,
     select_age: ArrayLike | None = None,
     year: ArrayLike | None = None,
+    guarantee: ArrayLike | None = None,
     timing: Literal["due", "immediate"] = "due",
     on_error: Literal["raise", "nan"] = "raise",
     record_ids: Any = None,
@@ -283,6 +377,9 @@ def life_annuities(
     year : array-like of int, optional
         Calendar year in which each life has its ``age`` (needed for the
         policies of a :class:`GenerationalTable`: each follows its cohort).
+    guarantee : array-like, optional
+        Years from the first payment paid whatever happens (within the
+        term), as :meth:`Life.ä`'s ``guarantee``.
     timing : {"due", "immediate"}
     on_error : {"raise", "nan"}
         "nan" values the valid policies and returns a ``BatchResult`` whose
@@ -314,49 +411,16 @@ def life_annuities(
         m=_frequencies(m),
         select_age=_policy_column(np.nan if select_age is None else select_age, "select_age", _METHOD),
         year=_policy_column(np.nan if year is None else year, "year", _METHOD),
+        guarantee=_policy_column(0.0 if guarantee is None else guarantee, "guarantee", _METHOD),
     )
     # Read by the kernel as they are (no copy): the book is valued before this call returns.
     weights = _benefits_array(benefits, size, _METHOD)
     _check_benefit_values(weights, _METHOD)
     _validate_record_ids_batch_only(record_ids, True, size, _METHOD)
-    book = _LifeBook(curve, tables, timing, weights, size)
-    # The kernel checks every policy itself and matches texts to the tables' names; the
-    # per-policy faults are worded only when it refuses one.
-    texts = None if book.generational else _texts(cols["table"])
-    table = texts if texts is not None else _table_codes(cols["table"], tables)[0]
-    faults: dict[int, list[str]] = {}
-    valued = None
-    if (
-        (texts is not None or not np.isnan(table).any())
-        and _allowed_frequency(cols["m"]).all()
-        and (not book.generational or _whole_years(cols["year"], size).all())
-    ):
-        try:
-            valued = book.value(table, cols, None)
-        except ValueError:
-            valued = None
-    if valued is None:
-        codes = _table_codes(cols["table"], tables)[0]
-        faults = _faults(tables, cols, size, codes)
-        if faults and on_error == "raise":
-            raise ValueError(f"[{_METHOD}] " + "; ".join(faults[min(faults)]))
-        valid = np.ones(size, dtype=bool)
-        valid[list(faults)] = False
-        rows = np.flatnonzero(valid)
-        values = np.full(size, np.nan)
-        if rows.size:  # (a book of single values has one policy: none left is nothing to value)
-            values[rows] = book.value(np.where(valid, codes, np.nan), cols, rows)
-    else:
-        valid, values = np.ones(size, dtype=bool), valued
-    # A life at an age its table gives no chance of reaching has no value.
-    unreached = np.flatnonzero(valid & np.isnan(values)).tolist() if values.size and np.isnan(values.min()) else []
-    if unreached:
-        names, ages, times = (np.broadcast_to(cols[k], (size,)) for k in ("table", "age", "ts"))
-        for i in unreached:
-            reached = float(ages[i] + times[i])
-            faults[i] = [f"nobody in table {str(names[i])!r} survives to age {reached!r} at index {i}"]
+    value_book = _value_book if guarantee is None else _guaranteed_book
+    values, faults = value_book(curve, tables, cols, size, weights, timing, on_error == "raise")
     if on_error == "raise":
         if faults:
-            raise ValueError(f"[{_METHOD}] " + "; ".join(faults[min(faults)]))
+            _refuse(faults)
         return values
     return _batch_result(values, faults, record_ids, _METHOD)
