@@ -83,3 +83,27 @@ def test_bad_tables_are_refused_and_the_bundled_default_applies(tables, error):
     with pytest.raises(error):
         value_book({"age": [65]}, CURVE, tables=tables)
     assert value_book({"age": [65]}, CURVE).present_value[0] == life("M20", 65)
+
+
+def test_generational_and_guaranteed_records():
+    """Records on a generational table follow the cohort of their "year"; a "guarantee" makes its
+    first years of payments certain; each record as its single call, or its own message."""
+    generational = bundled_table("makeham_20_120").with_improvement(0.01, base_year=2020)
+    book = {
+        "age": [65, 65, 70, None, 60],
+        "year": [2025, None, 2030, 2025, 2021],
+        "table": ["G", "G", "M20", None, "G"],
+        "guarantee": [5, None, 10, None, 2.5],
+        "term": [None, None, 15, 10, None],
+        "frequency": [12, 12, 1, 1, 1],
+    }
+    result = value_book(book, CURVE, tables={"G": generational, "M20": TABLES["M20"]})
+    assert result.present_value[0] == generational.life(65, year=2025).ä(CURVE, m=12, guarantee=5)
+    assert result.present_value[2] == life("M20", 70, n=15, guarantee=10)
+    assert list(result.error) == [
+        None,
+        "year is needed for a generational table",
+        None,
+        "year is given without an age, got 2025",
+        "guarantee must be >= 0.0, finite and a whole number of payment periods, got 2.5",
+    ]

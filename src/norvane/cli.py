@@ -74,6 +74,9 @@ policy columns (CSV header or Parquet column names, any case; other columns are 
              (makeham_20_120, makeham_13_110); empty = the first --mortality table,
              or makeham_20_120 without --mortality
   select_age age at selection on a select table; empty = the integer part of the age
+  year       calendar year in which the life has its age (needed on a generational table)
+  guarantee  years of payments made whatever happens, a whole number of payment periods;
+             default 0
 
 Invalid records do not stop a run: they get no value (NaN) and a message in the
 output's "error" column. Exit status: 0 when the run completed (even with invalid

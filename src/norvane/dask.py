@@ -2,8 +2,8 @@
 
 A book of policies too large for one machine is a Dask DataFrame with the
 policy columns of the command line ("id", "term", "deferment", "shift",
-"frequency", "timing", "growth", "benefit", and "age", "table", "select_age"
-for life annuities; "term" or "age" is required). Each partition is valued in
+"frequency", "timing", "growth", "benefit", and "age", "table", "select_age",
+"year", "guarantee" for life annuities; "term" or "age" is required). Each partition is valued in
 its worker exactly as a single process values it, so the numbers are the same;
 the curve and the mortality tables travel to the workers once, each as one key
 of the task graph.
@@ -32,7 +32,7 @@ import numpy as np
 import pandas as pd
 
 from .config import Config
-from .mortality import MortalityTable
+from .mortality import GenerationalTable, MortalityTable
 from .portfolio import (
     Policies,
     book_flows,
@@ -76,7 +76,7 @@ def _value_partition(
     settings: dict[str, Any],
     with_errors: bool,
     carry: Sequence[str],
-    tables: Mapping[str, MortalityTable] | None,
+    tables: Mapping[str, MortalityTable | GenerationalTable] | None,
 ) -> pd.DataFrame:
     with _SETTINGS_LOCK, Config().override(**settings):
         values = value_book(frame, curve, mode=settings["calculation_mode"], tables=tables)
@@ -99,7 +99,7 @@ def value_policies(
     mode: str | None = None,
     with_errors: bool = False,
     carry: Sequence[str] = (),
-    tables: Mapping[str, MortalityTable] | None = None,
+    tables: Mapping[str, MortalityTable | GenerationalTable] | None = None,
 ) -> dd.Series | dd.DataFrame:
     """Present values of a Dask DataFrame of policies, partition by partition.
 

@@ -5,7 +5,8 @@ A book is a table with the policy columns "id", "term", "deferment", "shift",
 required): a CSV or Parquet file, a directory of Parquet files, a pandas or polars
 DataFrame, a pyarrow Table, RecordBatchReader or Dataset, or a dict of columns.
 A record with an "age" is a life annuity on the mortality table its "table" cell names
-(selected at its "select_age"); one without is a certain annuity. Records that cannot be
+(selected at its "select_age"; in its "year" on a generational table; with its first
+"guarantee" years of payments certain); one without is a certain annuity. Records that cannot be
 valued carry a message instead of stopping the run.
 
 >>> from norvane.interest_rates import InterestRate
@@ -29,7 +30,7 @@ import numpy as np
 import pyarrow as pa
 
 from ..config import Config
-from ..mortality import MortalityTable
+from ..mortality import GenerationalTable, MortalityTable
 from . import _arrow
 from ._arguments import checked_curve, checked_mode, checked_path, checked_progress
 from ._exact import exact_sum, rounded
@@ -202,7 +203,7 @@ class _Values:
         return self.array
 
 
-Tables = Mapping[str, MortalityTable]
+Tables = Mapping[str, MortalityTable | GenerationalTable]
 
 
 def valued_blocks(
@@ -265,7 +266,7 @@ def value_book(
         Calculation mode; default ``Config().calculation_mode``.
     progress : bool or None, default False
         Draw a progress bar on stderr; None draws it when stderr is a terminal.
-    tables : mapping of str to MortalityTable, optional
+    tables : mapping of str to MortalityTable or GenerationalTable, optional
         The tables that "table" cells name (e.g. by sex), beside the bundled tables by their
         names. Records with an age and no "table" cell follow the first of them, or the
         bundled DEFAULT_TABLE when none is given.

@@ -19,10 +19,10 @@ from numpy.typing import NDArray
 from ..base import _ALLOWED_PAYMENT_FREQUENCIES
 from . import _arrow
 
-# The last three make a record a life annuity (it has an age) on the table its "table" cell names.
+# The last five make a record a life annuity (it has an age) on the table its "table" cell names.
 POLICY_COLUMNS = (
     *("id", "term", "deferment", "shift", "frequency", "timing", "growth", "benefit"),
-    *("age", "table", "select_age"),
+    *("age", "table", "select_age", "year", "guarantee"),
 )
 
 # Number texts that Arrow's cast reads exactly as float() does; other texts (1_000, ...) go to
@@ -53,6 +53,8 @@ class Policies:
     age: np.ndarray  # NaN for certain annuities
     table: np.ndarray  # object: the table's name, "" for the book's default table
     select_age: np.ndarray  # NaN: selected at the integer part of the age
+    year: np.ndarray  # calendar year of the age (for generational tables); NaN: none given
+    guarantee: np.ndarray  # years of payments certain, 0 without
     life: np.ndarray  # bool: an age is given, the record is valued life-contingently
     errors: np.ndarray  # object: first defect of each record, None when it can be valued
     clean: np.ndarray  # bool: no defect
@@ -315,6 +317,11 @@ def policies_from_batch(
     # Without its age a life record would pass for a certain annuity: refuse it.
     found.note(~life & has_table, lambda i: f"table is given without an age, got {_shown(raw_table, i)}")
     found.note(~life & has_select, lambda i: f"select_age is given without an age, got {_shown(raw_select, i)}")
+    raw_year, raw_guarantee = column("year"), column("guarantee")
+    year, has_year = _numbers(raw_year, count, math.nan, "year", found)
+    guarantee, has_guarantee = _numbers(raw_guarantee, count, 0.0, "guarantee", found)
+    found.note(~life & has_year, lambda i: f"year is given without an age, got {_shown(raw_year, i)}")
+    found.note(~life & has_guarantee, lambda i: f"guarantee is given without an age, got {_shown(raw_guarantee, i)}")
     found.note(
         life & has_growth,
         lambda i: f"growth is not available for life annuities (the record has an age), got {_shown(raw_growth, i)}",
@@ -331,6 +338,8 @@ def policies_from_batch(
         age,
         table,
         select_age,
+        year,
+        guarantee,
         life,
         found.messages,
         found.clean,

@@ -35,6 +35,8 @@ _PARAMETER_COLUMNS = {
     "age": "age",
     "table": "table",
     "select_age": "select_age",
+    "year": "year",
+    "guarantee": "guarantee",
 }
 
 
@@ -89,6 +91,8 @@ def _life_values(curve: Any, tables: BookTables, due: bool, pf: Policies, rows: 
         m=pf.frequency[rows],
         benefits=pf.benefit[rows],
         select_age=pf.select_age[rows],
+        year=pf.year[rows],
+        guarantee=pf.guarantee[rows],
         timing="due" if due else "immediate",
         on_error="nan",
     )
