@@ -13,7 +13,15 @@ from reference import MODES, PRECISION, makeham_l
 
 from norvane.config import Config
 from norvane.interest_rates import InterestRate
-from norvane.mortality import JointLife, MortalityTable, bundled_table, constant_force, life_annuities, makeham
+from norvane.mortality import (
+    JointLife,
+    MortalityTable,
+    TwoLives,
+    bundled_table,
+    constant_force,
+    life_annuities,
+    makeham,
+)
 
 RULES = ["udd", "constant_force", "balducci"]
 TOL = 1e-9  # values are rounded to 10 decimals
@@ -169,6 +177,43 @@ def test_guaranteed_book_equals_its_single_calls():
     )
     assert "'n' must be >= 0.0 and finite at index 5, got -2.0" in result.errors.messages[1]
     assert np.isnan(result.values).sum() == 2
+
+
+@pytest.mark.parametrize(
+    "both, x_alone, y_alone",
+    [(1.0, 1.0, 0.6), (1.0, 0.0, 0.0), (1.0, 1.0, 1.0), (0.0, 0.0, 1.0), (2.0, 0.5, 1.5)],
+)
+def test_two_lives_pay_by_who_is_alive(both, x_alone, y_alone):
+    """Annual due for life, by brute force here: at year k, v^k times the rule's amount
+    weighted by the chances that both, only x or only y are alive (independent lives)."""
+    x, y = bundled_table("makeham_20_120").life(66), bundled_table("makeham_13_110").life(61.5)
+    years = np.arange(0, 60)
+    px, py = x.tpx(years), y.tpx(years)
+    paid = both * px * py + x_alone * px * (1 - py) + y_alone * py * (1 - px)
+    want = math.fsum(CURVE.vn(years) * paid)
+    pension = TwoLives(x, y, both=both, x_alone=x_alone, y_alone=y_alone)
+    assert pension.ä(CURVE) == pytest.approx(want, abs=1e-9)
+    assert pension.a(CURVE, n=10, m=4) == pytest.approx(
+        x_alone * x.a(CURVE, n=10, m=4)
+        + y_alone * y.a(CURVE, n=10, m=4)
+        + (both - x_alone - y_alone) * JointLife(x, y).a(CURVE, n=10, m=4),
+        abs=1e-9,
+    )
+    assert pickle.loads(pickle.dumps(pension)) == pension
+
+
+@pytest.mark.parametrize(
+    "build, error, message",
+    [
+        (lambda x: TwoLives(x, 65.0), TypeError, "'x' and 'y' must be Life objects"),
+        (lambda x: TwoLives(x, x, y_alone=math.nan), ValueError, "'y_alone' must be finite, got nan"),
+        (lambda x: TwoLives(x, x, both="1"), TypeError, "'both'"),
+        (lambda x: TwoLives(x, x).ä(0.03), TypeError, "'curve' must be an InterestRate"),
+    ],
+)
+def test_two_lives_refuse_what_they_cannot_value(build, error, message):
+    with pytest.raises(error, match=re.escape(message)):
+        build(CF_TABLE.life(60))
 
 
 @pytest.mark.parametrize("mode", MODES)

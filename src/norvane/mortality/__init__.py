@@ -8,7 +8,7 @@ pairs of lives, and books of life annuities valued natively.
 
 from .improvement import GenerationalTable, ImprovementScale
 from .laws import BUNDLED_TABLES, MakehamLaw, bundled_table, constant_force, gompertz, makeham
-from .lives import JointLife, Life
+from .lives import JointLife, Life, TwoLives
 from .portfolio import life_annuities
 from .tables import FractionalAgeLiteral, MortalityTable
 
@@ -21,6 +21,7 @@ __all__ = [
     "Life",
     "MakehamLaw",
     "MortalityTable",
+    "TwoLives",
     "bundled_table",
     "constant_force",
     "gompertz",

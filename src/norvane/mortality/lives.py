@@ -23,7 +23,7 @@ from ._rules import FractionalAgeLiteral, TableBase, _check_rule
 if TYPE_CHECKING:  # the tables module imports this one
     from .tables import MortalityTable
 
-__all__ = ["JointLife", "Life"]
+__all__ = ["JointLife", "Life", "TwoLives"]
 
 F64 = NDArray[np.float64]
 _EMPTY = np.empty(0, dtype=np.float64)
@@ -387,3 +387,76 @@ class JointLife(_Status):
 
 def _joint_life(x: Life, y: Life, status: Any) -> JointLife:
     return JointLife(x, y, status=status)
+
+
+class TwoLives:
+    """An annuity on two independent lives paying by who is alive: ``both`` a year while both
+    live, ``x_alone`` to x surviving y, ``y_alone`` to y surviving x. That covers the joint life
+    annuity (1, 0, 0), the last survivor's (1, 1, 1), the reversionary annuity to y (0, 0, 1)
+    and a pension with 60 % to the spouse (1, 1, 0.6). Both lives are alive at the valuation
+    time; each may be on a table of its own.
+
+    Its value is x_alone ä_x + y_alone ä_y + (both - x_alone - y_alone) ä_xy, each annuity
+    valued as its own call, the sum rounded like an annuity.
+    """
+
+    __slots__ = ("x", "y", "both", "x_alone", "y_alone")
+
+    x: Life
+    y: Life
+    both: float
+    x_alone: float
+    y_alone: float
+
+    def __init__(self, x: Life, y: Life, *, both: float = 1.0, x_alone: float = 1.0, y_alone: float = 1.0) -> None:
+        if not (isinstance(x, Life) and isinstance(y, Life)):
+            raise TypeError("[TwoLives] 'x' and 'y' must be Life objects.")
+        set_ = object.__setattr__
+        set_(self, "x", x)
+        set_(self, "y", y)
+        for name, amount in (("both", both), ("x_alone", x_alone), ("y_alone", y_alone)):
+            value = _real_float(amount, name, "TwoLives")
+            if not math.isfinite(value):
+                raise ValueError(f"[TwoLives] '{name}' must be finite, got {value!r}.")
+            set_(self, name, value)
+
+    def _value(self, name: str, curve: Any, kw: dict[str, Any]) -> float:
+        joint = JointLife(self.x, self.y)
+        parts = [(self.x_alone, self.x), (self.y_alone, self.y), (self.both - self.x_alone - self.y_alone, joint)]
+        total = math.fsum(weight * getattr(status, name)(curve, **kw) for weight, status in parts if weight)
+        return _kernels.round_value(total, _checked_curve(curve, f"TwoLives.{name}")._config.decimals.annuities)
+
+    def ä(
+        self, curve: Any, n: float | None = None, d: float = 0.0, m: int = 1, ts: float = 0.0, gr: Any = None
+    ) -> float:
+        """The annuity-due of the payment rule; parameters as :meth:`Life.ä`."""
+        return self._value("ä", curve, {"n": n, "d": d, "m": m, "ts": ts, "gr": gr})
+
+    def a(
+        self, curve: Any, n: float | None = None, d: float = 0.0, m: int = 1, ts: float = 0.0, gr: Any = None
+    ) -> float:
+        """The annuity-immediate of the payment rule; parameters as :meth:`Life.ä`."""
+        return self._value("a", curve, {"n": n, "d": d, "m": m, "ts": ts, "gr": gr})
+
+    def __setattr__(self, name: str, value: Any) -> None:
+        raise AttributeError("TwoLives is immutable.")
+
+    def __eq__(self, other: object) -> bool:
+        if not isinstance(other, TwoLives):
+            return NotImplemented
+        return self.__reduce__() == other.__reduce__()
+
+    def __hash__(self) -> int:
+        return hash(self.__reduce__()[1])
+
+    def __reduce__(self) -> tuple[Any, ...]:
+        return (_two_lives, (self.x, self.y, self.both, self.x_alone, self.y_alone))
+
+    def __repr__(self) -> str:
+        return (
+            f"TwoLives({self.x!r}, {self.y!r}, both={self.both:g}, x_alone={self.x_alone:g}, y_alone={self.y_alone:g})"
+        )
+
+
+def _two_lives(x: Life, y: Life, both: float, x_alone: float, y_alone: float) -> TwoLives:
+    return TwoLives(x, y, both=both, x_alone=x_alone, y_alone=y_alone)
