@@ -265,7 +265,16 @@ def life_book(column, value):
     cols[column][0] = value
     args = (np.array([I]), np.empty(0), np.empty(0), *cols, None)
     return _kernels.life_portfolio(
-        [TABLE], ["udd"], [[ord("T")]], *args, timing=0, mode="discrete_precision", tolerance_eps=0.0, decimals=10
+        [TABLE],
+        ["udd"],
+        [[ord("T")]],
+        *args,
+        timing=0,
+        growth_kind="level",
+        growth_rate=0.0,
+        mode="discrete_precision",
+        tolerance_eps=0.0,
+        decimals=10,
     )
 
 

@@ -12,6 +12,7 @@ from hypothesis import strategies as st
 from reference import MODES, PRECISION, makeham_l
 
 from norvane.config import Config
+from norvane.growth_rates import GrowthRate
 from norvane.interest_rates import InterestRate
 from norvane.mortality import (
     JointLife,
@@ -142,7 +143,10 @@ def test_guarantee_refusals_are_named(kwargs, message):
         CF_TABLE.life(60).ä(FLAT, **kwargs)
 
 
-def test_guaranteed_book_equals_its_single_calls():
+@pytest.mark.parametrize("gr", [None, 0.02, GrowthRate(0.01, "arithmetic")])
+def test_guaranteed_book_equals_its_single_calls(gr):
+    """Indexed and guaranteed books, every policy its single call (an arithmetic indexation
+    cannot carry a guarantee: those policies are refused, each with its message)."""
     table = bundled_table("makeham_20_120")
     rng = np.random.default_rng(2)
     size = 300
@@ -150,24 +154,22 @@ def test_guaranteed_book_equals_its_single_calls():
     n = np.where(rng.random(size) < 0.3, np.inf, rng.integers(1, 30, size).astype(float))
     d, ts, k = (rng.integers(0, top, size).astype(float) for top in (5, 3, 12))
     benefits = rng.uniform(1.0, 100.0, size).round(2)
+    arithmetic = isinstance(gr, GrowthRate)
+    columns = {"table": "M", "age": age, "n": n, "d": d, "ts": ts, "m": 12, "gr": gr, "guarantee": k}
     for timing, method in (("due", "ä"), ("immediate", "a")):
-        book = life_annuities(
-            CURVE,
-            {"M": table},
-            table="M",
-            age=age,
-            n=n,
-            d=d,
-            ts=ts,
-            m=12,
-            guarantee=k,
-            benefits=benefits,
-            timing=timing,
-        )
+        book = life_annuities(CURVE, {"M": table}, **columns, benefits=benefits, timing=timing, on_error="nan")
         for i in range(size):
             term = None if math.isinf(n[i]) else n[i]
-            single = getattr(table.life(age[i]), method)(CURVE, n=term, d=d[i], ts=ts[i], m=12, guarantee=k[i])
-            assert book[i] == single * benefits[i]
+            value = getattr(table.life(age[i]), method)
+            if arithmetic and k[i]:
+                assert math.isnan(book.values[i])
+                with pytest.raises(ValueError, match="needs geometric growth and whole years"):
+                    value(CURVE, n=term, d=d[i], ts=ts[i], m=12, gr=gr, guarantee=k[i])
+                continue
+            single = value(CURVE, n=term, d=d[i], ts=ts[i], m=12, gr=gr, guarantee=k[i])
+            assert book.values[i] == single * benefits[i]
+    if arithmetic:
+        return
     k[3], n[5] = -1.0, -2.0  # each policy's own fault, worded with its given values; the others valued
     result = life_annuities(CURVE, {"M": table}, table="M", age=age, n=n, d=d, m=12, guarantee=k, on_error="nan")
     assert result.errors.invalid_indices.tolist() == [3, 5]

@@ -497,7 +497,8 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) void block_on_grids
 // one whole valuation time and one frequency for every policy (at a time
 // between birthdays a life is valued year by year, on CurveSums).
 std::optional<std::pair<double, double>> whole_age_route(const LifePolicies& p, const PolicyTerms& terms) {
-    if (terms.mode != Mode::DiscretePrecision || p.size == 0) return std::nullopt;
+    // Level payments only: the grids' sums weigh every payment alike.
+    if (terms.mode != Mode::DiscretePrecision || terms.growth.kind != Growth::Level || p.size == 0) return std::nullopt;
     if (!same_for_all(p.ts, p.size) || !same_for_all(p.m, p.size)) return std::nullopt;
     const double ts = p.ts[0];
     if (ts != std::floor(ts)) return std::nullopt;

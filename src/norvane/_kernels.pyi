@@ -143,6 +143,8 @@ def life_portfolio(
     benefits: NDArray[np.float64] | NDArray[np.float32] | NDArray[np.int64] | NDArray[np.int32] | None,
     *,
     timing: int,
+    growth_kind: str,  # "level", "geometric" or "arithmetic"
+    growth_rate: float,
     mode: str,
     tolerance_eps: float,
     decimals: int,

@@ -352,8 +352,8 @@ void register_life(nb::module_& m) {
         [](std::vector<core::MortalityTable*> tables, const std::vector<std::string>& rule_names,
            const std::vector<std::vector<std::uint32_t>>& names, InArray rates, InArray terms, InArray ends,
            nb::object table, RealArray age, RealArray select_age, RealArray n, RealArray d, RealArray ts,
-           RealArray frequency, nb::object benefits, int timing, const std::string& mode, double tolerance_eps,
-           int decimals) {
+           RealArray frequency, nb::object benefits, int timing, const std::string& growth_kind, double growth_rate,
+           const std::string& mode, double tolerance_eps, int decimals) {
             if (tables.size() != rule_names.size() || tables.size() != names.size() || tables.empty())
                 throw std::invalid_argument("one rule and one name per table, at least one table");
             if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
@@ -374,7 +374,8 @@ void register_life(nb::module_& m) {
             const core::LifePolicies policies(size, table_column_of(table, names, size), column_of(age),
                                               column_of(select_age), column_of(n), column_of(d), column_of(ts),
                                               column_of(frequency), weights);
-            const core::PolicyTerms p{1, timing, core::Growth{}, mode_of(mode), tolerance_eps, 0.0, decimals};
+            const core::PolicyTerms p{1,   timing,  growth_of(growth_kind, growth_rate), mode_of(mode), tolerance_eps,
+                                      0.0, decimals};
             const core::CurveArrays curve = arrays_of(rates, terms, ends);
             auto [array, out] = new_array(size);
             core::LifeBookFault fault;
@@ -390,8 +391,8 @@ void register_life(nb::module_& m) {
         },
         nb::arg("tables"), nb::arg("rules"), nb::arg("names"), nb::arg("rates"), nb::arg("terms"), nb::arg("ends"),
         nb::arg("table"), nb::arg("age"), nb::arg("select_age"), nb::arg("n"), nb::arg("d"), nb::arg("ts"),
-        nb::arg("m"), nb::arg("benefits").none(), nb::kw_only(), nb::arg("timing"), nb::arg("mode"),
-        nb::arg("tolerance_eps"), nb::arg("decimals"),
+        nb::arg("m"), nb::arg("benefits").none(), nb::kw_only(), nb::arg("timing"), nb::arg("growth_kind"),
+        nb::arg("growth_rate"), nb::arg("mode"), nb::arg("tolerance_eps"), nb::arg("decimals"),
         "Rounded life annuity values of a portfolio (times the benefits). Columns hold one value per policy or one "
         "for all; `table` holds table indices, or fixed-width texts as a (rows, width) array of UTF-32 code points "
         "matched against `names` (each table's name as code points).");

@@ -204,7 +204,7 @@ class _Status:
             )
         growth = _resolve_gr(gr, method_name)
         # Growth steps count from the first payment: the deferred part's restart k years on.
-        if growth is not None and not (growth.kind == "geometric" and k == math.floor(k)):
+        if growth is not None and k and not (growth.kind == "geometric" and k == math.floor(k)):
             raise ValueError(
                 f"[{method_name}] a guarantee of growing payments needs geometric growth and whole years, "
                 f"got {growth.kind} growth and {k!r} years."

@@ -27,6 +27,7 @@ from ..helpers import (
 from ..helpers import _allowed_frequency as _allowed_frequency
 from ..helpers import _integer_array as _integer_array
 from ..helpers import _policy_column as _policy_column
+from ..validators import _resolve_gr
 from .improvement import GenerationalTable
 from .lives import _curve_arrays
 from .tables import MortalityTable, _age_problems
@@ -193,12 +194,14 @@ def _texts(names: NDArray[Any]) -> NDArray[np.uint32] | None:
 class _LifeBook:
     """What the kernel needs besides the policies: the curve's arrays, the tables and the settings."""
 
-    def __init__(self, curve: Any, tables: Mapping[str, Table], timing: str, weights: Any, size: int):
+    def __init__(self, curve: Any, tables: Mapping[str, Table], timing: str, growth: Any, weights: Any, size: int):
         self.rates, self.terms, self.ends = _curve_arrays(curve, _METHOD)
         self.listed = list(tables.values())
         self.generational = any(isinstance(t, GenerationalTable) for t in self.listed)
         self.names = [[ord(c) for c in name] for name in tables]
         self.timing = 0 if timing == "due" else 1
+        self.growth_kind: str = "level" if growth is None else growth.kind
+        self.growth_rate = 0.0 if growth is None else float(growth.rate)
         self.mode: str = curve.calculation_mode
         self.tolerance_eps: float = curve._meta.tolerance_eps
         self.decimals: int = curve._config.decimals.annuities
@@ -237,6 +240,8 @@ class _LifeBook:
             column(cols["m"]),
             None if self.weights is None else column(self.weights),
             timing=self.timing,
+            growth_kind=self.growth_kind,
+            growth_rate=self.growth_rate,
             mode=self.mode,
             tolerance_eps=self.tolerance_eps,
             decimals=self.decimals,
@@ -255,11 +260,12 @@ def _value_book(
     size: int,
     weights: Any,
     timing: str,
+    growth: Any,
     stop_at_fault: bool,
 ) -> tuple[F64, dict[int, list[str]]]:
     """The values of a book (NaN for its invalid policies) and each invalid one's faults;
     ``stop_at_fault``: refuse the book at its first fault instead of valuing the rest."""
-    book = _LifeBook(curve, tables, timing, weights, size)
+    book = _LifeBook(curve, tables, timing, growth, weights, size)
     # The kernel checks every policy itself and matches texts to the tables' names; the
     # per-policy faults are worded only when it refuses one.
     texts = None if book.generational else _texts(cols["table"])
@@ -305,6 +311,7 @@ def _guaranteed_book(
     size: int,
     weights: Any,
     timing: str,
+    growth: Any,
     stop_at_fault: bool,
 ) -> tuple[F64, dict[int, list[str]]]:
     """As ``_value_book`` for a book whose first ``guarantee`` years of payments are certain:
@@ -316,14 +323,23 @@ def _guaranteed_book(
     at_fault[list(_term_faults(n, d, ts, np.where(_allowed_frequency(m), m, 1), size))] = True
     periods = k * np.where(_allowed_frequency(m), m, 1)
     kept = np.isfinite(k) & (k >= 0.0) & (periods == np.floor(periods))
-    years = np.where(kept & ~at_fault, k, 0.0)
+    # Growth steps count from the first payment: the deferred part's restart k years on.
+    geometric = growth is not None and growth.kind == "geometric"
+    steps = (growth is None) | (k == 0.0) | (geometric & (k == np.floor(k)))
+    years = np.where(kept & steps & ~at_fault, k, 0.0)
     later_terms = {**cols, "n": np.maximum(n - years, 0.0, where=n >= 0.0, out=np.array(n)), "d": d + years}
-    later, faults = _value_book(curve, tables, later_terms, size, None, timing, False)
+    later, faults = _value_book(curve, tables, later_terms, size, None, timing, growth, False)
     for i in np.flatnonzero(~kept).tolist():
         faults.setdefault(i, []).append(
             f"'guarantee' must be >= 0.0, finite and a whole number of payment periods at index {i}, "
             f"got {float(k[i])!r}"
         )
+    for i in np.flatnonzero(kept & ~steps).tolist():
+        faults.setdefault(i, []).append(
+            f"a guarantee of growing payments needs geometric growth and whole years at index {i}, "
+            f"got {growth.kind} growth and {float(k[i])!r} years"
+        )
+    kept &= steps
     if faults and stop_at_fault:
         _refuse(faults)
     valid = ~np.isnan(later) & kept
@@ -332,8 +348,10 @@ def _guaranteed_book(
         d=np.where(valid, d, 0.0),
         ts=np.where(valid, ts, 0.0),
         m=np.where(valid, m, 1),
+        gr=growth,
     )
-    units = _kernels.round_values(np.where(valid, certain + later, np.nan), curve._config.decimals.annuities)
+    grown = 1.0 if growth is None else (1.0 + float(growth.rate)) ** years
+    units = _kernels.round_values(np.where(valid, certain + grown * later, np.nan), curve._config.decimals.annuities)
     return (units if weights is None else units * weights), faults
 
 
@@ -349,6 +367,7 @@ def life_annuities(
     m: ArrayLike = 1,
     benefits: ArrayLike | None = None,
     select_age: ArrayLike | None = None,
+    gr: Any = None,
     year: ArrayLike | None = None,
     guarantee: ArrayLike | None = None,
     timing: Literal["due", "immediate"] = "due",
@@ -374,6 +393,8 @@ def life_annuities(
         Annual amount per policy (default 1).
     select_age : array-like, optional
         Age at selection (NaN: the integer part of the age).
+    gr : GrowthRate or float, optional
+        Annual growth of every policy's payments (a float: geometric).
     year : array-like of int, optional
         Calendar year in which each life has its ``age`` (needed for the
         policies of a :class:`GenerationalTable`: each follows its cohort).
@@ -418,7 +439,8 @@ def life_annuities(
     _check_benefit_values(weights, _METHOD)
     _validate_record_ids_batch_only(record_ids, True, size, _METHOD)
     value_book = _value_book if guarantee is None else _guaranteed_book
-    values, faults = value_book(curve, tables, cols, size, weights, timing, on_error == "raise")
+    growth = _resolve_gr(gr, _METHOD)
+    values, faults = value_book(curve, tables, cols, size, weights, timing, growth, on_error == "raise")
     if on_error == "raise":
         if faults:
             _refuse(faults)
