@@ -322,10 +322,6 @@ def policies_from_batch(
     guarantee, has_guarantee = _numbers(raw_guarantee, count, 0.0, "guarantee", found)
     found.note(~life & has_year, lambda i: f"year is given without an age, got {_shown(raw_year, i)}")
     found.note(~life & has_guarantee, lambda i: f"guarantee is given without an age, got {_shown(raw_guarantee, i)}")
-    found.note(
-        life & has_growth,
-        lambda i: f"growth is not available for life annuities (the record has an age), got {_shown(raw_growth, i)}",
-    )
     return Policies(
         ids,
         term,

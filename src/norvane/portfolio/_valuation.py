@@ -78,7 +78,8 @@ def _certain_values(method: Callable[..., Any], pf: Policies, rows: np.ndarray) 
     return method(**_arguments(pf, rows), on_error="nan")
 
 
-def _life_values(curve: Any, tables: BookTables, due: bool, pf: Policies, rows: np.ndarray) -> Any:
+def _life_values(curve: Any, tables: BookTables, due: bool, growth: float, pf: Policies, rows: np.ndarray) -> Any:
+    """Life records sharing a timing and a growth rate (NaN: level), in one batch call."""
     names = pf.table[rows]
     return life_annuities(
         curve,
@@ -91,6 +92,7 @@ def _life_values(curve: Any, tables: BookTables, due: bool, pf: Policies, rows: 
         m=pf.frequency[rows],
         benefits=pf.benefit[rows],
         select_age=pf.select_age[rows],
+        gr=None if np.isnan(growth) else growth,
         year=pf.year[rows],
         guarantee=pf.guarantee[rows],
         timing="due" if due else "immediate",
@@ -137,8 +139,10 @@ def value_policies(
             if len(rows):
                 _value_rows(partial(_certain_values, method), pf, rows, out)
             rows = np.flatnonzero(usable & pf.life)
-            if len(rows):
-                _value_rows(partial(_life_values, curve, tables or book_tables(), due), pf, rows, out)
+            # A life batch has one growth rate: one call per rate held.
+            for growth in np.unique(pf.growth[rows]):  # (NaN, level, comes once)
+                same = rows[(pf.growth[rows] == growth) | (np.isnan(growth) & np.isnan(pf.growth[rows]))]
+                _value_rows(partial(_life_values, curve, tables or book_tables(), due, growth), pf, same, out)
     return out.values, out.errors, out.valid
 
 
