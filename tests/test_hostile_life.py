@@ -121,6 +121,7 @@ MORTALITY_CALLS = {
 @example(x=Decimal("NaN"), y=65).via("decimal.InvalidOperation from a law's table")
 @example(x=12, y=10**400).via("a message that names neither the method nor the argument")
 @example(x=2.0**64, y=-0.0).via("gompertz: a RuntimeWarning where B is 0 and c is huge")
+@example(x=[[1.0, 2.0], [3.0]], y=0.0).via("tpx: a ragged list taken for a broadcast failure, worded by NumPy")
 def test_mortality_functions(name, x, y):
     assume(name != "MortalityTable.tpx" or _pairs(x, y))  # an open fault, see below
     call, returns = MORTALITY_CALLS[name]

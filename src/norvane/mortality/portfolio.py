@@ -49,6 +49,14 @@ def _columns(method_name: str, **columns: Any) -> tuple[dict[str, Any], int]:
     return _book_columns(method_name, columns)
 
 
+def _rank(values: Any, name: str) -> int:
+    """The number of dimensions of a column as given; a ragged list is refused by name."""
+    try:
+        return int(np.ndim(values))
+    except ValueError:
+        raise ValueError(f"[{_METHOD}] '{name}' must be one-dimensional, got a ragged nested sequence.") from None
+
+
 def _table_names(table: Any) -> NDArray[Any]:
     """The table column as an array whose missing cells (None, NaN, pd.NA, masked) are None."""
     if hasattr(table, "to_numpy") and not isinstance(table, np.ndarray):  # pandas: NA and NaN become None
@@ -58,15 +66,17 @@ def _table_names(table: Any) -> NDArray[Any]:
         names: NDArray[Any] = np.array(ma.getdata(table), dtype=object)
         names[ma.getmaskarray(table)] = None
         return names
+    _rank(table, "table")
     return np.asarray(table)
 
 
 def _frequencies(m: Any) -> NDArray[Any]:
     """The payment frequencies as integers (booleans, also inside lists, are refused); one
     frequency for all policies stays a single value."""
-    if np.ndim(m) > 1:
+    rank = _rank(m, "m")
+    if rank > 1:
         return np.asarray(m)  # refused by the column check with the other columns
-    if np.ndim(m) == 0:
+    if rank == 0:
         return np.asarray(_integer_array([m], _METHOD, "m")[0])
     return _integer_array(m, _METHOD, "m")
 

@@ -346,12 +346,12 @@ class MortalityTable(TableBase):
         rule = self._fractional_age if fractional_age is None else _check_rule(fractional_age, "MortalityTable.tpx")
         method = "MortalityTable.tpx"
         select = np.nan if select_age is None else _named_f64(select_age, "select_age", method)
+        # Converted first: a ragged input is refused by name, not taken for a broadcast failure.
+        converted = (_named_f64(age, "age", method), _named_f64(t, "t", method), select)
         try:
-            ages, durations, selects = np.broadcast_arrays(
-                _named_f64(age, "age", method), _named_f64(t, "t", method), select
-            )
+            ages, durations, selects = np.broadcast_arrays(*converted)
         except ValueError:
-            shapes = [np.shape(age), np.shape(t), np.shape(select)]
+            shapes = [np.shape(values) for values in converted]
             raise ValueError(
                 f"[{method}] 'age', 't' and 'select_age' must broadcast together, got shapes {shapes}."
             ) from None
