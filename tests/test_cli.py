@@ -346,3 +346,45 @@ def test_help_lists_commands_and_policy_columns(capsys):
     assert main(["--help"]) == 0
     text = capsys.readouterr().out
     assert all(word in text for word in ("value", "curve", "flows", "perpetuity", "deferment", "growth"))
+
+
+MARKET = "maturity,value,scenario\n1,0.02,base\n2,0.024,base\n5,0.03,base\n1,0.03,up\n2,0.034,up\n5,0.04,up\n"
+
+
+@pytest.mark.parametrize(
+    "kind, extra, price",
+    [
+        ("zero", [], lambda t, r: (1 + r) ** -t),
+        ("zero", ["--compounding", "continuous"], lambda t, r: np.exp(-r * t)),
+        ("smith-wilson", ["--ufr", "0.042"], lambda t, r: (1 + r) ** -t),
+    ],
+)
+def test_curve_build_writes_a_curve_through_its_inputs(tmp_path, kind, extra, price):
+    (tmp_path / "market.csv").write_text(MARKET)
+    out = tmp_path / "curve.json"
+    args = ["curve", "build", str(tmp_path / "market.csv"), "--output", str(out), "--kind", kind, *extra]
+    assert main([*args, "--plot", str(tmp_path / "rates.png")]) == 0
+    curve = InterestRate.from_export(out.read_text())
+    assert list(curve.scenarios) == ["base", "up"] and (tmp_path / "rates.png").stat().st_size > 0
+    t = np.array([1.0, 2.0, 5.0])
+    for name, rates in (("base", [0.02, 0.024, 0.03]), ("up", [0.03, 0.034, 0.04])):
+        curve.active_scenario = name
+        # The export keeps six decimals of each segment's rate: the inputs to about 1e-6 a year.
+        assert (np.abs(curve.vn(t) / price(t, np.array(rates)) - 1) <= 1e-6 * t).all()
+
+
+@pytest.mark.parametrize(
+    "text, extra, message",
+    [
+        ("maturity,rate\n1,0.02\n", [], "needs the columns 'maturity' and 'value'"),
+        ("maturity,value\n1,abc\n", [], "'maturity' and 'value' must hold numbers"),
+        ("maturity,value\n2,0.02\n1,0.03\n", [], "'maturities' must be finite, > 0 and increasing"),
+        ("maturity,value,scenario\n1,0.02,a\n2,0.02,b\n", [], "every scenario must give the same maturities"),
+        ("maturity,value\n1,0.02\n", ["--kind", "smith-wilson"], "needs --ufr"),
+    ],
+)
+def test_curve_build_refuses_unusable_inputs(tmp_path, capsys, text, extra, message):
+    (tmp_path / "market.csv").write_text(text)
+    out = tmp_path / "curve.json"
+    assert main(["curve", "build", str(tmp_path / "market.csv"), "--output", str(out), *extra]) == 2
+    assert message in capsys.readouterr().err and not out.exists()

@@ -33,6 +33,16 @@ def test_readme_examples(tmp_path, monkeypatch):
     certain = pytest.approx(1000 * (1 - v**10) / (1 - v), rel=1e-10)
     first = [12000 * male.life(67).ä(flat, m=12), 6000 * male.rated(-3).life(61.5).ä(flat, n=20, m=12), certain]
     assert ns["life_values"].present_value.tolist() == first
+    # Pension forms: the guarantee's and the reversion's compositions, the scheme's single calls.
+    member, spouse = ns["member"], ns["spouse"]
+    guaranteed = flat.ä(n=5, m=12, gr=0.02) + 1.02**5 * member.ä(flat, d=5, m=12, gr=0.02)
+    assert ns["pension"] == pytest.approx(guaranteed, abs=1e-9)
+    joint = ns["JointLife"](member, spouse).ä(flat, m=12)
+    assert ns["with_reversion"] == pytest.approx(member.ä(flat, m=12) + 0.6 * (spouse.ä(flat, m=12) - joint), abs=1e-9)
+    assert ns["scheme"][0] == 12000 * ns["pension"]
+    # Market curves: exact at the published rates; key-rate DV01s add up to the DV01.
+    np.testing.assert_allclose(ns["zero_rates"](ns["market"], ns["tenors"]), ns["published"], rtol=1e-12)
+    assert ns["risk"].key_rate_dv01.sum() == pytest.approx(ns["risk"].dv01, rel=1e-12)
     monkeypatch.chdir(tmp_path)  # the command line example, on the bundled tables written as CSV
     Path("lives.csv").write_text(re.search(r"```csv\n(.*?)```", text, re.S).group(1))
     table_csv(male, "male.csv")

@@ -338,6 +338,108 @@ def run_curve(args: argparse.Namespace) -> int:
     return EXIT_OK
 
 
+MARKET_KINDS = {
+    "zero": "zero-coupon rates",
+    "discount": "discount factors",
+    "forward": "forward rates (each from the previous maturity)",
+    "par": "par swap rates",
+    "smith-wilson": "Smith-Wilson through zero-coupon or par swap rates (--instruments)",
+}
+
+
+def _market_inputs(path: Path) -> dict[str, tuple[np.ndarray, np.ndarray]]:
+    """(maturities, values) of a market-data CSV, by scenario ("" without a scenario column)."""
+    import pyarrow as pa
+    from pyarrow import csv
+
+    try:
+        frame = csv.read_csv(path)
+    except (OSError, pa.ArrowInvalid, UnicodeDecodeError) as exc:
+        raise InputError(f"{path}: not a readable CSV file ({exc})") from None
+    columns = {name.lower(): column for name, column in zip(frame.column_names, frame.columns)}
+    if "maturity" not in columns or "value" not in columns:
+        raise InputError(f"{path}: needs the columns 'maturity' and 'value', got {frame.column_names}")
+    try:
+        maturity, value = (columns[k].cast(pa.float64()).to_numpy(zero_copy_only=False) for k in ("maturity", "value"))
+    except (pa.ArrowInvalid, pa.ArrowNotImplementedError):
+        raise InputError(f"{path}: 'maturity' and 'value' must hold numbers") from None
+    names = columns["scenario"].cast(pa.string()).to_pylist() if "scenario" in columns else [""] * len(maturity)
+    scenarios: dict[str, tuple[np.ndarray, np.ndarray]] = {}
+    for name in dict.fromkeys(names):
+        rows = np.array([n == name for n in names])
+        scenarios[str(name)] = (maturity[rows], value[rows])
+    return scenarios
+
+
+def run_curve_build(args: argparse.Namespace) -> int:
+    from . import curves
+
+    inputs = _market_inputs(args.inputs)
+    build = {
+        "zero": lambda t, v: curves.from_zero_rates(t, v, compounding=args.compounding),
+        "discount": curves.from_discount_factors,
+        "forward": curves.from_forward_rates,
+        "par": lambda t, v: curves.bootstrap_par_swaps(t, v, frequency=args.frequency),
+        "smith-wilson": lambda t, v: curves.smith_wilson(
+            t, v, ufr=args.ufr, alpha=args.alpha, instruments=args.instruments, frequency=args.frequency
+        ),
+    }[args.kind]
+    if args.kind == "smith-wilson" and args.ufr is None:
+        raise InputError("--kind smith-wilson needs --ufr, the ultimate forward rate (e.g. 0.042)")
+    maturities = {tuple(t) for t, _ in inputs.values()}
+    try:
+        if len(inputs) == 1:
+            curve = build(*next(iter(inputs.values())))
+        elif len(maturities) == 1:  # scenarios of the same maturities: one container
+            t = np.array(next(iter(maturities)))
+            built = {name: build(t, v) for name, (_, v) in inputs.items()}
+            from .interest_rates import InterestRate
+
+            curve = InterestRate({name: (c.terms, c.rates) for name, c in built.items()})
+        else:
+            raise InputError(f"{args.inputs}: every scenario must give the same maturities")
+    except (TypeError, ValueError) as exc:
+        raise InputError(f"{args.inputs}: {exc}") from None
+    try:
+        with atomic_path(args.output) as written:
+            written.write_text(curve.export("json"), encoding="utf-8")
+    except OSError as exc:
+        raise InputError(f"cannot write {args.output}: {exc}") from None
+    print(
+        f"{MARKET_KINDS[args.kind]} from {args.inputs}: {_curve_form(curve)} written to {args.output} "
+        "(its export keeps six decimals of each segment's rate)"
+    )
+    if args.plot is not None:
+        _plot_market_curve(curve, args.horizon, args.plot, f"{args.kind} curve from {args.inputs.name}")
+    return EXIT_OK
+
+
+def _plot_market_curve(curve: Any, horizon: float, path: Path, title: str) -> None:
+    """Zero and one-year forward rates of each scenario of a built curve."""
+    from . import curves
+
+    Figure = _require_matplotlib()
+    if not 0 < horizon < math.inf:
+        raise InputError(f"--horizon must be a positive number of years, got {horizon}")
+    t = np.linspace(horizon / 600, horizon, 600)
+    fig = Figure(figsize=(8, 6), dpi=100, layout="constrained")
+    zero_panel, forward_panel = fig.subplots(2, 1, sharex=True)
+    for name in list(curve.scenarios) or [""]:
+        if name:
+            curve.active_scenario = name
+        zero_panel.plot(t, curves.zero_rates(curve, t), label=name or None)
+        forward_panel.plot(t, curves.forward_rates(curve, t, t + 1.0), label=name or None)
+    for ax, heading in ((zero_panel, "zero rate (annual)"), (forward_panel, "one-year forward rate")):
+        ax.set_title(heading)
+        ax.grid(True, alpha=0.3)
+        if curve.scenarios:
+            ax.legend()
+    forward_panel.set_xlabel("years")
+    fig.suptitle(title)
+    _save(fig, path)
+    print(f"plot written to {path}")
+
+
 def _save(fig, path: Path) -> None:
     try:
         with atomic_path(path) as written:  # keeps the suffix, which sets the format
@@ -504,6 +606,30 @@ def build_parser() -> argparse.ArgumentParser:
     )
     curve.add_argument("--horizon", type=float, default=60.0, metavar="YEARS", help="plot up to this time (default 60)")
     curve.set_defaults(run=run_curve)
+    curve_commands = curve.add_subparsers(dest="curve_command", metavar="build")
+    build = curve_commands.add_parser(
+        "build",
+        help="build a curve from market data",
+        description="Build a curve from a CSV of market inputs (columns 'maturity' and 'value', and "
+        "'scenario' for a scenario container) and write its export (JSON).",
+    )
+    build.add_argument("inputs", type=Path, metavar="MARKET.csv", help="the market inputs")
+    build.add_argument("--output", type=Path, required=True, metavar="CURVE.json", help="the curve's export")
+    build.add_argument("--kind", choices=list(MARKET_KINDS), default="zero", help="what the values are (default zero)")
+    build.add_argument(
+        "--compounding",
+        type=lambda x: x if x in ("annual", "continuous") else int(x),
+        default="annual",
+        metavar="{annual,continuous,N}",
+        help="of zero rates: annual (default), continuous or N times a year",
+    )
+    build.add_argument("--frequency", type=int, default=1, choices=(1, 2, 4), help="swap payments a year (default 1)")
+    build.add_argument("--ufr", type=float, metavar="R", help="Smith-Wilson's ultimate forward rate, e.g. 0.042")
+    build.add_argument("--alpha", type=float, metavar="A", help="Smith-Wilson's alpha (default: calibrated)")
+    build.add_argument("--instruments", choices=("zero", "swap"), default="zero", help="Smith-Wilson's inputs")
+    build.add_argument("--plot", type=Path, metavar="FILE.png", help="plot zero and forward rates (needs matplotlib)")
+    build.add_argument("--horizon", type=float, default=60.0, metavar="YEARS", help="plot up to this time (default 60)")
+    build.set_defaults(run=run_curve_build)
 
     flows = commands.add_parser(
         "flows",
