@@ -11,12 +11,13 @@ from pathlib import Path
 
 import numpy as np
 import pytest
-from hostile import LOOSE, SETTINGS, check, decimal_nan, engine_call, hostile, unaligned
+from hostile import FLAT, LOOSE, SETTINGS, STRICT, check, decimal_nan, engine_call, hostile, unaligned
 from hypothesis import assume, example, given, settings
 from hypothesis import strategies as st
 from pyarrow import ArrowException
 from reference import MODES
 
+from norvane import curves
 from norvane.cli import main
 from norvane.config import Config
 from norvane.growth_rates import GrowthRate
@@ -24,6 +25,7 @@ from norvane.helpers import BatchResult
 from norvane.interest_rates import InterestRate, _interest_rate_shifted_for_ts, _woolhouse_flows_to_grid
 from norvane.interest_rates import _InterestRateMeta as Meta
 from norvane.portfolio import BookValues, InputError, value_book
+from norvane.risk import Sensitivities, sensitivities
 
 # NumPy warns when extreme values overflow in its casts and powers (an inf follows, as IEEE says);
 # that is its arithmetic on the caller's numbers, not a fault of ours.
@@ -177,6 +179,41 @@ def test_module_functions(name, x, y):
     # An empty scenario dict ends in StopIteration by design: there is no first scenario.
     allowed = LOOSE + (StopIteration,) if name.startswith("InterestRate(") else LOOSE
     check(call, (x, y), returns, allowed)
+
+
+# Curves from market data and sensitivities, checked strictly: a usable value or a named refusal.
+MARKET_CALLS = {
+    "from_zero_rates": (lambda x, y: curves.from_zero_rates(x, y), InterestRate),
+    "from_zero_rates compounding": (
+        lambda x, y: curves.from_zero_rates([1.0, 2.0], [0.01, y], compounding=x),
+        InterestRate,
+    ),
+    "from_discount_factors": (lambda x, y: curves.from_discount_factors([1.0, 2.0], x), InterestRate),
+    "from_forward_rates": (lambda x, y: curves.from_forward_rates(x, y), InterestRate),
+    "bootstrap_par_swaps": (lambda x, y: curves.bootstrap_par_swaps([1, 2, 5], x, frequency=y), InterestRate),
+    "smith_wilson": (lambda x, y: curves.smith_wilson([1, 2, 5], x, ufr=y), InterestRate),
+    "smith_wilson alpha, horizon": (
+        lambda x, y: curves.smith_wilson([1, 5], [0.01, 0.02], ufr=0.04, alpha=x, horizon=y),
+        InterestRate,
+    ),
+    "zero, forward and par rates": (
+        lambda x, y: (curves.zero_rates(FLAT, x), curves.forward_rates(FLAT, x, y), curves.par_rates(FLAT, x)),
+        tuple,
+    ),
+    "sensitivities": (lambda x, y: sensitivities(FLAT, x, y), Sensitivities),
+    "sensitivities key tenors": (
+        lambda x, y: sensitivities(FLAT, [1.0, 2.0], [5.0, 105.0], key_tenors=x),
+        Sensitivities,
+    ),
+}
+
+
+@pytest.mark.parametrize("name", sorted(MARKET_CALLS))
+@SETTINGS
+@given(x=hostile, y=hostile)
+def test_market_functions(name, x, y):
+    call, returns = MARKET_CALLS[name]
+    check(call, (x, y), returns, STRICT, "[")
 
 
 CONFIG_FIELDS = ("days_per_year", "weeks_per_year", "calculation_mode", "force_integer_ts", "decimals")

@@ -49,6 +49,8 @@ SELECT = MortalityTable(Q, first_age=20, select=np.column_stack([0.6 * Q[:60], 0
 LIFE, TABLES, NUMBER = TABLE.life(65), {"t": TABLE, "s": SELECT}, (float, np.ndarray)
 LIVES, TABLE_OF_Q = partial(life_annuities, FLAT, TABLES), partial(MortalityTable, Q, first_age=20)
 ARRAYS, L31, L65_5 = (np.ndarray, BatchResult), TABLE.life(31), partial(TABLE.life, 65.5)
+GENERATIONAL = TABLE.with_improvement(0.01, 2020)
+GENERATIONAL_BOOK = partial(life_annuities, FLAT, {"g": GENERATIONAL, "t": TABLE}, table=["g", "t"])
 STATUSES = {
     "life": LIFE,
     "select life": SELECT.life(40.5, select_age=35, fractional_age="constant_force"),
@@ -107,6 +109,20 @@ MORTALITY_CALLS = {
     ),
     "life_annuities tables, curve": (lambda x, y: life_annuities(y, {"t": x}, table="t", age=65), np.ndarray),
     "life_annuities tables mapping": (lambda x, y: life_annuities(FLAT, x, table=y, age=65), np.ndarray),
+    "life_annuities year, guarantee": (lambda x, y: GENERATIONAL_BOOK(age=[65, 70], year=x, guarantee=y), np.ndarray),
+    "life_annuities gr": (lambda x, y: LIVES(table="t", age=65, m=12, gr=x, guarantee=y), np.ndarray),
+    "ImprovementScale": (lambda x, y: nvm.ImprovementScale(x, first_age=y), nvm.ImprovementScale),
+    "ImprovementScale by year": (
+        lambda x, y: nvm.ImprovementScale([[0.01, 0.02]], first_age=20, first_year=x, long_term_rate=y),
+        nvm.ImprovementScale,
+    ),
+    "with_improvement": (lambda x, y: TABLE.with_improvement(x, y), nvm.GenerationalTable),
+    "GenerationalTable life, period": (lambda x, y: (GENERATIONAL.life(x, year=y), GENERATIONAL.period(y)), tuple),
+    "GenerationalTable cohort, tpx": (lambda x, y: (GENERATIONAL.cohort(x), GENERATIONAL.tpx(70, y, year=x)), tuple),
+    "Life.expectancy": (lambda x, y: LIFE.expectancy(x, ts=y), float),
+    "Life.ä guarantee": (lambda x, y: LIFE.ä(FLAT, m=12, gr=y, guarantee=x), float),
+    "TwoLives": (lambda x, y: nvm.TwoLives(LIFE, x, both=y).ä(FLAT), float),
+    "TwoLives amounts": (lambda x, y: nvm.TwoLives(LIFE, LIFE, x_alone=x, y_alone=y).a(FLAT, n=10), float),
 }
 
 

@@ -38,6 +38,7 @@ __all__ = [
 F64 = NDArray[np.float64]
 Compounding = Literal["annual", "continuous"] | int
 _PAYMENTS_PER_YEAR = (1, 2, 4)
+_MAX_POINTS = 10**6  # of a tabulated Smith-Wilson curve
 
 
 # ------------------------------------------------------------------------ inputs
@@ -65,26 +66,43 @@ def _scenarios(build: Callable[[Any], InterestRate], inputs: Any) -> InterestRat
     return InterestRate({name: (curve.terms, curve.rates) for name, curve in built.items()})
 
 
+def _curve(terms: F64, forwards: F64, method: str) -> InterestRate:
+    """The curve of these segment rates, the last continuing; refused in the builder's name."""
+    try:
+        return InterestRate(terms=terms, rates=np.append(forwards, forwards[-1]))
+    except (TypeError, ValueError) as exc:
+        raise ValueError(f"[{method}] {exc}") from None
+
+
 def _from_prices(maturities: F64, prices: F64, method: str) -> InterestRate:
     """The curve whose discount factors at ``maturities`` are ``prices``: the annual forward
     rate of each segment between them, the last continuing."""
     if not (prices > 0.0).all():
         raise ValueError(f"[{method}] discount factors must be > 0, got {prices.tolist()}.")
     terms = np.diff(maturities, prepend=0.0)
-    forwards = np.expm1(np.log(np.concatenate(([1.0], prices[:-1])) / prices) / terms)
-    return InterestRate(terms=terms, rates=np.append(forwards, forwards[-1]))
+    with np.errstate(over="ignore", divide="ignore", invalid="ignore"):  # beyond floats: refused by the curve
+        forwards = np.expm1(np.log(np.concatenate(([1.0], prices[:-1])) / prices) / terms)
+    return _curve(terms, forwards, method)
 
 
-def _prices_of_zero_rates(maturities: F64, rates: F64, compounding: Compounding, method: str) -> F64:
-    if compounding == "annual":
-        return (1.0 + rates) ** -maturities
-    if compounding == "continuous":
-        return np.exp(-rates * maturities)
-    if isinstance(compounding, (int, np.integer)) and not isinstance(compounding, bool) and compounding > 0:
-        return (1.0 + rates / compounding) ** (-compounding * maturities)
+def _periods(compounding: Any, method: str) -> int | None:
+    """Compounding periods a year of a zero rate (None: continuous)."""
+    if isinstance(compounding, str) and compounding in ("annual", "continuous"):
+        return 1 if compounding == "annual" else None
+    if isinstance(compounding, (int, np.integer)) and not isinstance(compounding, bool) and 0 < compounding <= 10**6:
+        return int(compounding)
     raise ValueError(
         f"[{method}] 'compounding' must be 'annual', 'continuous' or a number of periods a year, got {compounding!r}."
     )
+
+
+def _prices_of_zero_rates(maturities: F64, rates: F64, compounding: Compounding, method: str) -> F64:
+    periods = _periods(compounding, method)
+    with np.errstate(over="ignore", invalid="ignore", divide="ignore"):  # beyond floats: refused by the curve
+        if periods is None:
+            return np.exp(-rates * maturities)
+        out: F64 = np.exp(-periods * maturities * np.log1p(rates / periods))
+    return out
 
 
 # ------------------------------------------------------------------------ builders
@@ -119,14 +137,15 @@ def from_forward_rates(maturities: ArrayLike, rates: ArrayLike | Mapping[str, Ar
     t = _maturities(maturities, method)
 
     def build(values: Any) -> InterestRate:
-        forwards = _values(values, t.size, "rates", method)
-        return InterestRate(terms=np.diff(t, prepend=0.0), rates=np.append(forwards, forwards[-1]))
+        return _curve(np.diff(t, prepend=0.0), _values(values, t.size, "rates", method), method)
 
     return _scenarios(build, rates)
 
 
 def _payment_times(maturity: float, frequency: int, method: str) -> F64:
     count = maturity * frequency
+    if count > _MAX_POINTS:
+        raise ValueError(f"[{method}] a swap may hold at most {_MAX_POINTS} payments, got maturity {maturity!r}.")
     if count != round(count):
         raise ValueError(
             f"[{method}] a swap paying {frequency} times a year needs a maturity of whole periods, got {maturity!r}."
@@ -135,7 +154,11 @@ def _payment_times(maturity: float, frequency: int, method: str) -> F64:
 
 
 def _frequency(frequency: Any, method: str) -> int:
-    if isinstance(frequency, bool) or frequency not in _PAYMENTS_PER_YEAR:
+    if (
+        not isinstance(frequency, (int, np.integer))
+        or isinstance(frequency, bool)
+        or frequency not in _PAYMENTS_PER_YEAR
+    ):
         raise ValueError(f"[{method}] 'frequency' must be one of {_PAYMENTS_PER_YEAR}, got {frequency!r}.")
     return int(frequency)
 
@@ -159,20 +182,47 @@ def bootstrap_par_swaps(
             earlier = times[times <= start]
             later = times[times > start]
             fixed_known = float(np.sum(np.exp(_log_prices(t[:i], log_prices[:i], earlier)))) / per_year
-            # Unknown: x = log(1 + forward) of (start, T]; later payments are priced e^(known - x (t - start)).
-            x = math.log1p(rate)
-            for _ in range(100):
-                discounts = np.exp(known - x * (later - start))
-                residual = rate * (fixed_known + discounts.sum() / per_year) + discounts[-1] - 1.0
-                slope = -rate * float(np.sum((later - start) * discounts)) / per_year - (T - start) * discounts[-1]
-                step = residual / slope
-                x -= step
-                if abs(step) < 1e-15 * max(1.0, abs(x)):
-                    break
+            x = _swap_segment(float(rate), per_year, fixed_known, known, later - start, float(T), method)
             log_prices[i] = known - x * (T - start)
         return _from_prices(t, np.exp(log_prices), method)
 
     return _scenarios(build, par_rates)
+
+
+def _swap_segment(
+    rate: float, per_year: int, fixed_known: float, known: float, spans: F64, T: float, method: str
+) -> float:
+    """log(1 + f) of the forward f of the segment a par swap ends: the root of the swap's price
+    less 1, with its later payments ``spans`` years into the segment priced e^(known - x span).
+    The price falls as x rises: the root is bracketed, then found by Newton's steps kept inside
+    the bracket (bisection where a step would leave it), to 1e-15."""
+
+    def gap(x: float) -> tuple[float, float]:
+        with np.errstate(over="ignore", invalid="ignore"):
+            discounts = np.exp(known - x * spans)
+            value = rate * (fixed_known + discounts.sum() / per_year) + discounts[-1] - 1.0
+            slope = -rate * float(np.sum(spans * discounts)) / per_year - spans[-1] * discounts[-1]
+        return float(value), float(slope)
+
+    low, high = -1.0, 1.0
+    while not gap(high)[0] < 0.0 or not gap(low)[0] > 0.0:
+        low, high = 2.0 * low, 2.0 * high
+        if high > 1e4:
+            raise ValueError(f"[{method}] no curve reprices the par swap of maturity {T!r} at {rate!r}.")
+    x = min(max(math.log1p(rate) if rate > -1.0 else 0.0, low), high)
+    for _ in range(500):
+        value, slope = gap(x)
+        if value > 0.0:
+            low = x
+        else:
+            high = x
+        following = x - value / slope if slope < 0.0 and math.isfinite(value / slope) else math.nan
+        if not low < following < high:
+            following = 0.5 * (low + high)
+        if abs(following - x) <= 1e-15 * max(1.0, abs(x)):
+            return following
+        x = following
+    return x
 
 
 def _log_prices(maturities: F64, log_prices: F64, times: F64) -> F64:
@@ -203,14 +253,21 @@ class _SmithWilson:
         self.dates, self.cash, self.values, self.omega = dates, cash, values, omega
 
     def weights(self, alpha: float) -> F64:
-        w = _wilson(self.dates, self.dates, alpha, self.omega)
-        gap = self.values - self.cash @ np.exp(-self.omega * self.dates)
-        solved: F64 = self.cash.T @ np.linalg.solve(self.cash @ w @ self.cash.T, gap)
+        with np.errstate(all="ignore"):  # a system beyond floats is refused below
+            w = _wilson(self.dates, self.dates, alpha, self.omega)
+            gap = self.values - self.cash @ np.exp(-self.omega * self.dates)
+            try:
+                solved: F64 = self.cash.T @ np.linalg.solve(self.cash @ w @ self.cash.T, gap)
+            except np.linalg.LinAlgError:
+                solved = np.full(self.dates.size, np.nan)
+        if not np.isfinite(solved).all():
+            raise ValueError(f"[smith_wilson] no Smith-Wilson curve fits these inputs with alpha {alpha!r}.")
         return solved
 
     def log_prices(self, times: F64, alpha: float, weights: F64) -> F64:
-        prices = np.exp(-self.omega * times) + _wilson(times, self.dates, alpha, self.omega) @ weights
-        return np.log(prices)
+        with np.errstate(all="ignore"):  # a price that is not positive is refused by the curve
+            prices = np.exp(-self.omega * times) + _wilson(times, self.dates, alpha, self.omega) @ weights
+            return np.log(prices)
 
     def forward_gap(self, at: float, alpha: float) -> float:
         """|f(at) - omega|: the forward intensity's distance from the ultimate one."""
@@ -244,12 +301,25 @@ def smith_wilson(
     """
     method = "smith_wilson"
     t = _maturities(maturities, method)
-    omega = math.log1p(_real_float(ufr, "ufr", method))
+    ultimate = _real_float(ufr, "ufr", method)
+    if not (math.isfinite(ultimate) and ultimate > -1.0):
+        raise ValueError(f"[{method}] 'ufr' must be a finite rate above -1, got {ultimate!r}.")
+    omega = math.log1p(ultimate)
     adjust = _real_float(spread, "spread", method)
+    if not math.isfinite(adjust):
+        raise ValueError(f"[{method}] 'spread' must be finite, got {adjust!r}.")
+    if alpha is not None and not (math.isfinite(_real_float(alpha, "alpha", method)) and alpha > 0.0):
+        raise ValueError(f"[{method}] 'alpha' must be finite and > 0, got {alpha!r}.")
+    if not (math.isfinite(_real_float(tolerance, "tolerance", method)) and tolerance > 0.0):
+        raise ValueError(f"[{method}] 'tolerance' must be finite and > 0, got {tolerance!r}.")
     far = _real_float(horizon, "horizon", method)
     grid_step = _real_float(step, "step", method)
     if not (math.isfinite(far) and far >= t[-1] and math.isfinite(grid_step) and 0.0 < grid_step <= far):
         raise ValueError(f"[{method}] 'horizon' must reach the last maturity and 'step' lie in (0, horizon].")
+    if far / grid_step > _MAX_POINTS:
+        raise ValueError(
+            f"[{method}] 'horizon' / 'step' must be at most {_MAX_POINTS} points, got {far / grid_step:g}."
+        )
     point = (
         max(t[-1] + 40.0, 60.0)
         if convergence_maturity is None
@@ -303,30 +373,49 @@ def _calibrated(fitted: _SmithWilson, point: float, tolerance: float) -> float:
 # ------------------------------------------------------------------------ rates read back
 
 
+def _log_discounts(curve: InterestRate, times: F64, method: str) -> F64:
+    """log v at ``times``, refused where the discount factor is beyond floats (0 or infinite)."""
+    with np.errstate(divide="ignore"):
+        out: F64 = np.log(np.asarray(curve.vn(times), dtype=np.float64))
+    if not np.isfinite(out).all():
+        raise ValueError(f"[{method}] the curve's discount factors at these times are beyond the float range.")
+    return out
+
+
+def _times(values: ArrayLike, name: str, method: str, least: float = 0.0) -> F64:
+    t = np.asarray(_named_f64(values, name, method), dtype=np.float64)
+    if not (np.isfinite(t).all() and (t > least).all()):
+        raise ValueError(f"[{method}] '{name}' must be finite and > {least:g}.")
+    return t
+
+
 def zero_rates(curve: InterestRate, maturities: ArrayLike, *, compounding: Compounding = "annual") -> F64:
     """Zero-coupon rates of ``curve`` at ``maturities`` (> 0)."""
     method = "zero_rates"
-    t = np.asarray(_named_f64(maturities, "maturities", method), dtype=np.float64)
-    if not (t > 0.0).all():
-        raise ValueError(f"[{method}] 'maturities' must be > 0.")
-    log_price = np.log(np.asarray(curve.vn(t), dtype=np.float64))
-    if compounding == "continuous":
+    t = _times(maturities, "maturities", method)
+    periods = _periods(compounding, method)
+    log_price = _log_discounts(curve, t, method)
+    if periods is None:
         return -log_price / t
-    per_year = 1 if compounding == "annual" else compounding
-    if isinstance(per_year, bool) or not (isinstance(per_year, (int, np.integer)) and per_year > 0):
-        raise ValueError(f"[{method}] 'compounding' must be 'annual', 'continuous' or a number of periods a year.")
-    out: F64 = per_year * np.expm1(-log_price / (per_year * t))
+    out: F64 = periods * np.expm1(-log_price / (periods * t))
     return out
 
 
 def forward_rates(curve: InterestRate, starts: ArrayLike, ends: ArrayLike) -> F64:
     """Annual forward rates of ``curve`` from each start to its end (> start)."""
     method = "forward_rates"
-    a = np.asarray(_named_f64(starts, "starts", method), dtype=np.float64)
-    b = np.asarray(_named_f64(ends, "ends", method), dtype=np.float64)
-    if not (a >= 0.0).all() or not (b > a).all():
+    a = _times(starts, "starts", method, least=-math.inf)
+    b = _times(ends, "ends", method, least=-math.inf)
+    try:
+        later = bool(np.all(b > a)) and bool(np.all(a >= 0.0))
+    except ValueError:  # shapes that do not broadcast
+        later = False
+    if not later:
         raise ValueError(f"[{method}] each end must follow its start, and starts be >= 0.")
-    out: F64 = np.expm1((np.log(curve.vn(a)) - np.log(curve.vn(b))) / (b - a))
+    with np.errstate(over="ignore"):
+        out: F64 = np.expm1((_log_discounts(curve, a, method) - _log_discounts(curve, b, method)) / (b - a))
+    if not np.isfinite(out).all():
+        raise ValueError(f"[{method}] these forward rates are beyond the float range.")
     return out
 
 
@@ -334,7 +423,7 @@ def par_rates(curve: InterestRate, maturities: ArrayLike, *, frequency: int = 1)
     """Par swap rates of ``curve``: fixed legs paid ``frequency`` times a year (1, 2 or 4)."""
     method = "par_rates"
     per_year = _frequency(frequency, method)
-    t = np.asarray(_named_f64(maturities, "maturities", method), dtype=np.float64).reshape(-1)
+    t = _times(maturities, "maturities", method).reshape(-1)
     out = np.empty(t.size)
     for i, T in enumerate(t):
         times = _payment_times(float(T), per_year, method)

@@ -26,6 +26,7 @@ pv_i = a_i (1 + z(t_i))^-t_i,
 
 from __future__ import annotations
 
+import math
 from dataclasses import dataclass
 from typing import Any
 
@@ -96,24 +97,36 @@ def sensitivities(
     v = np.asarray(curve.vn(t), dtype=np.float64)
     pv = a * v
     value = float(pv.sum())
-    # 1 + z(t); a flow paid now moves with no rate (its terms below are 0 whatever this is).
-    growth = v ** (-1.0 / np.where(t > 0.0, t, 1.0))
-    slope = t * pv / growth  # -dpv/dz at each flow
-    dv01 = float(slope.sum()) * BASIS_POINT
+    if not (math.isfinite(value) and value != 0.0):
+        raise ValueError(f"[{method}] the flows' present value is {value!r}: durations need a finite one, not 0.")
     starts, ends, rates = _segments(curve)
-    # Years each flow spends in each segment, times its rate's effect on the flow.
-    spent = np.clip(np.minimum(t[None, :], ends[:, None]) - starts[:, None], 0.0, None)
-    segment_dv01 = (spent * pv[None, :]).sum(axis=1) / (1.0 + rates) * BASIS_POINT
+    # Computed whole, then checked: a value near the float range can overflow its sensitivities.
+    with np.errstate(all="ignore"):
+        # 1 + z(t); a flow paid now moves with no rate (its terms below are 0 whatever this is).
+        growth = v ** (-1.0 / np.where(t > 0.0, t, 1.0))
+        slope = t * pv / growth  # -dpv/dz at each flow
+        # Years each flow spends in each segment, times its rate's effect on the flow.
+        spent = np.clip(np.minimum(t[None, :], ends[:, None]) - starts[:, None], 0.0, None)
+        numbers = {
+            "macaulay_duration": float((t * pv).sum()) / value,
+            "dv01": float(slope.sum()) * BASIS_POINT,
+            "convexity": float((t * (t + 1.0) * pv / growth**2).sum()) / value,
+            "key_rate_dv01": key_rate_weights(tenors, t) @ slope * BASIS_POINT,
+            "segment_dv01": (spent * pv[None, :]).sum(axis=1) / (1.0 + rates) * BASIS_POINT,
+        }
+    if not all(np.isfinite(x).all() for x in numbers.values()):
+        raise ValueError(f"[{method}] the flows' sensitivities exceed the float range.")
+    dv01, segment_dv01 = numbers["dv01"], numbers["segment_dv01"]
     effective = float(segment_dv01.sum())
     return Sensitivities(
         present_value=value,
-        macaulay_duration=float((t * pv).sum()) / value,
+        macaulay_duration=numbers["macaulay_duration"],
         modified_duration=dv01 / BASIS_POINT / value,
         effective_duration=effective / BASIS_POINT / value,
-        convexity=float((t * (t + 1.0) * pv / growth**2).sum()) / value,
+        convexity=numbers["convexity"],
         dv01=dv01,
         key_tenors=tenors,
-        key_rate_dv01=key_rate_weights(tenors, t) @ slope * BASIS_POINT,
+        key_rate_dv01=numbers["key_rate_dv01"],
         segment_ends=ends,
         segment_dv01=segment_dv01,
     )

@@ -167,7 +167,7 @@ def _as_scale(scale: Any, method_name: str) -> ImprovementScale:
         return scale
     if isinstance(scale, (bool, np.bool_)) or not isinstance(scale, (int, float, np.integer, np.floating)):
         raise TypeError(f"[{method_name}] 'scale' must be an ImprovementScale or one rate, got {type(scale).__name__}.")
-    return ImprovementScale(float(scale))
+    return ImprovementScale(_real_float(scale, "scale", method_name))
 
 
 class GenerationalTable:
@@ -255,7 +255,11 @@ class GenerationalTable:
         x = _real_float(age, "age", method_name)
         if not math.isfinite(x):
             raise ValueError(f"[{method_name}] 'age' must be finite, got {x!r}.")
-        return self.cohort(_year(year, "year", method_name) - math.floor(x))
+        y = _year(year, "year", method_name)
+        born = y - math.floor(x)
+        if not -_YEAR_RANGE <= born <= _YEAR_RANGE:
+            raise ValueError(f"[{method_name}] a life aged {x!r} in {y} was born in no year within +-{_YEAR_RANGE}.")
+        return self.cohort(born)
 
     def life(
         self,

@@ -214,8 +214,11 @@ class _Status:
         later = getattr(self, name)(
             curve, n=None if n is None else max(term - k, 0.0), d=float(d) + k, m=m, ts=ts, gr=gr
         )
-        grown = 1.0 if growth is None else (1.0 + float(growth.rate)) ** k
-        return _kernels.round_value(certain + grown * later, config.decimals.annuities)
+        log_grown = 0.0 if growth is None else k * math.log1p(float(growth.rate))
+        value = certain + math.exp(log_grown) * later if log_grown < 709.0 else math.inf
+        if not math.isfinite(value):
+            raise ValueError(f"[{method_name}] the payments' growth over the guarantee exceeds the float range.")
+        return _kernels.round_value(value, config.decimals.annuities)
 
     def expectancy(self, kind: Literal["complete", "curtate"] = "complete", ts: float = 0.0) -> float:
         """Expected future lifetime of the status seen at ``ts`` (its lives then ``ts`` years
@@ -423,8 +426,11 @@ class TwoLives:
     def _value(self, name: str, curve: Any, kw: dict[str, Any]) -> float:
         joint = JointLife(self.x, self.y)
         parts = [(self.x_alone, self.x), (self.y_alone, self.y), (self.both - self.x_alone - self.y_alone, joint)]
-        total = math.fsum(weight * getattr(status, name)(curve, **kw) for weight, status in parts if weight)
-        return _kernels.round_value(total, _checked_curve(curve, f"TwoLives.{name}")._config.decimals.annuities)
+        method_name = f"TwoLives.{name}"
+        terms = [weight * getattr(status, name)(curve, **kw) for weight, status in parts if weight]
+        if not all(math.isfinite(term) for term in terms):
+            raise ValueError(f"[{method_name}] the payment rule's value exceeds the float range.")
+        return _kernels.round_value(math.fsum(terms), _checked_curve(curve, method_name)._config.decimals.annuities)
 
     def ä(
         self, curve: Any, n: float | None = None, d: float = 0.0, m: int = 1, ts: float = 0.0, gr: Any = None

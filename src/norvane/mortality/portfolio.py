@@ -331,8 +331,9 @@ def _guaranteed_book(
     # A policy whose terms are at fault keeps them, so that they are worded as given.
     at_fault = np.zeros(size, dtype=bool)
     at_fault[list(_term_faults(n, d, ts, np.where(_allowed_frequency(m), m, 1), size))] = True
-    periods = k * np.where(_allowed_frequency(m), m, 1)
-    kept = np.isfinite(k) & (k >= 0.0) & (periods == np.floor(periods))
+    with np.errstate(over="ignore", invalid="ignore"):  # a guarantee beyond the float range is refused
+        periods = k * np.where(_allowed_frequency(m), m, 1)
+    kept = np.isfinite(periods) & (k >= 0.0) & (periods == np.floor(periods))
     # Growth steps count from the first payment: the deferred part's restart k years on.
     geometric = growth is not None and growth.kind == "geometric"
     steps = (growth is None) | (k == 0.0) | (geometric & (k == np.floor(k)))
@@ -360,8 +361,14 @@ def _guaranteed_book(
         m=np.where(valid, m, 1),
         gr=growth,
     )
-    grown = 1.0 if growth is None else (1.0 + float(growth.rate)) ** years
-    units = _kernels.round_values(np.where(valid, certain + grown * later, np.nan), curve._config.decimals.annuities)
+    with np.errstate(over="ignore", invalid="ignore"):  # beyond the float range: refused below
+        grown = 1.0 if growth is None else np.exp(years * math.log1p(float(growth.rate)))
+        units = certain + grown * later
+    for i in np.flatnonzero(valid & ~np.isfinite(units)).tolist():
+        faults.setdefault(i, []).append(f"the payments' growth over the guarantee exceeds the float range at index {i}")
+    if faults and stop_at_fault:
+        _refuse(faults)
+    units = _kernels.round_values(np.where(valid & np.isfinite(units), units, np.nan), curve._config.decimals.annuities)
     return (units if weights is None else units * weights), faults
 
 

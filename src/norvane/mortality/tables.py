@@ -360,12 +360,15 @@ class MortalityTable(TableBase):
         bad = np.flatnonzero(~(flat_t >= 0.0))
         if bad.size:
             raise ValueError(f"[MortalityTable.tpx] 't' must be >= 0, got {float(flat_t[bad[0]])!r}.")
-        out = self._native.survival(
-            np.ascontiguousarray(ages, dtype=np.float64).reshape(-1),
-            np.ascontiguousarray(selects, dtype=np.float64).reshape(-1),
-            flat_t,
-            rule,
-        ).reshape(ages.shape)
+        try:
+            out = self._native.survival(
+                np.ascontiguousarray(ages, dtype=np.float64).reshape(-1),
+                np.ascontiguousarray(selects, dtype=np.float64).reshape(-1),
+                flat_t,
+                rule,
+            ).reshape(ages.shape)
+        except ValueError as exc:  # an age of the table that nobody reaches (its earlier q are 1)
+            raise ValueError(f"[{method}] {exc}.") from None
         return float(out) if out.ndim == 0 else out
 
     def _bounds(self) -> tuple[float, float, float, float]:
