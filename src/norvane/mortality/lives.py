@@ -63,6 +63,27 @@ class _Status:
         """What takes a life of the status beyond its table at ``ts`` ("" when nothing does)."""
         raise NotImplementedError
 
+    @staticmethod
+    def _validated(
+        method_name: str, curve: Any, n: Any, d: Any, m: Any, ts: Any, timing: int, gr: Any, amounts: Any
+    ) -> Any:
+        """The shared validators' checks of a call, in their order and words; the explicit
+        amounts as an array (None without)."""
+        _, checked = _validate_annuity_call(
+            ts=ts,
+            ts_integer=_checked_curve(curve, method_name)._config.force_integer_ts,
+            d=d,
+            n=n,
+            m=m,
+            payment_timing=timing,
+            gr=gr,
+            cashflow_times=None,
+            cashflow_amounts=amounts,
+            calculation_mode=curve.calculation_mode,
+            method_name=method_name,
+        )
+        return checked
+
     def _value(
         self,
         kind: Literal["annuity", "insurance", "endowment_insurance", "pure_endowment"],
@@ -79,20 +100,7 @@ class _Status:
         """The full path of a call the native plain path declined: every
         check worded by the shared validators, then the native value."""
         method_name = f"{type(self).__name__}.{name}"
-        config = _checked_curve(curve, method_name)._config
-        _, amounts = _validate_annuity_call(
-            ts=ts,
-            ts_integer=config.force_integer_ts,
-            d=d,
-            n=n,
-            m=m,
-            payment_timing=timing,
-            gr=gr,
-            cashflow_times=None,
-            cashflow_amounts=cashflow_amounts,
-            calculation_mode=curve.calculation_mode,
-            method_name=method_name,
-        )
+        amounts = self._validated(method_name, curve, n, d, m, ts, timing, gr, cashflow_amounts)
         if n is not None and math.isfinite(n) and not float(n) * int(m) < _MAX_PAYMENTS:
             raise _too_many_payments(method_name, float(n), int(m))
         _refuse_growth_with_amounts(gr, cashflow_amounts, method_name)
@@ -183,20 +191,7 @@ class _Status:
             raise ValueError(f"[{method_name}] 'guarantee' must be >= 0.0 and finite, got {k!r}.")
         if amounts is not None:
             raise ValueError(f"[{method_name}] 'guarantee' cannot be combined with 'cashflow_amounts'.")
-        config = _checked_curve(curve, method_name)._config
-        _validate_annuity_call(
-            ts=ts,
-            ts_integer=config.force_integer_ts,
-            d=d,
-            n=n,
-            m=m,
-            payment_timing=timing,
-            gr=gr,
-            cashflow_times=None,
-            cashflow_amounts=None,
-            calculation_mode=curve.calculation_mode,
-            method_name=method_name,
-        )
+        self._validated(method_name, curve, n, d, m, ts, timing, gr, None)
         # The deferred part's payments must fall where the schedule's do.
         if k * int(m) != math.floor(k * int(m)):
             raise ValueError(
@@ -218,7 +213,7 @@ class _Status:
         value = certain + math.exp(log_grown) * later if log_grown < 709.0 else math.inf
         if not math.isfinite(value):
             raise ValueError(f"[{method_name}] the payments' growth over the guarantee exceeds the float range.")
-        return _kernels.round_value(value, config.decimals.annuities)
+        return _kernels.round_value(value, curve._config.decimals.annuities)
 
     def expectancy(self, kind: Literal["complete", "curtate"] = "complete", ts: float = 0.0) -> float:
         """Expected future lifetime of the status seen at ``ts`` (its lives then ``ts`` years

@@ -5,7 +5,7 @@ from __future__ import annotations
 import math
 import sys
 from collections.abc import Mapping
-from typing import Any, Literal
+from typing import Any, Literal, NamedTuple
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -263,18 +263,22 @@ def _refuse(faults: dict[int, list[str]]) -> None:
     raise ValueError(f"[{_METHOD}] " + "; ".join(faults[min(faults)]))
 
 
-def _value_book(
-    curve: Any,
-    tables: Mapping[str, Table],
-    cols: dict[str, Any],
-    size: int,
-    weights: Any,
-    timing: str,
-    growth: Any,
-    stop_at_fault: bool,
-) -> tuple[F64, dict[int, list[str]]]:
+class _Book(NamedTuple):
+    """A book as the valuations below take it: its columns checked, its terms resolved."""
+
+    curve: Any
+    tables: Mapping[str, Table]
+    cols: dict[str, Any]
+    size: int
+    weights: Any
+    timing: str
+    growth: Any
+
+
+def _value_book(given: _Book, stop_at_fault: bool) -> tuple[F64, dict[int, list[str]]]:
     """The values of a book (NaN for its invalid policies) and each invalid one's faults;
     ``stop_at_fault``: refuse the book at its first fault instead of valuing the rest."""
+    curve, tables, cols, size, weights, timing, growth = given
     book = _LifeBook(curve, tables, timing, growth, weights, size)
     # The kernel checks every policy itself and matches texts to the tables' names; the
     # per-policy faults are worded only when it refuses one.
@@ -314,19 +318,11 @@ def _value_book(
     return values, faults
 
 
-def _guaranteed_book(
-    curve: Any,
-    tables: Mapping[str, Table],
-    cols: dict[str, Any],
-    size: int,
-    weights: Any,
-    timing: str,
-    growth: Any,
-    stop_at_fault: bool,
-) -> tuple[F64, dict[int, list[str]]]:
+def _guaranteed_book(given: _Book, stop_at_fault: bool) -> tuple[F64, dict[int, list[str]]]:
     """As ``_value_book`` for a book whose first ``guarantee`` years of payments are certain:
     each policy's life annuity deferred by them plus the curve's certain annuity of those
     years, unit values added and rounded, then times the benefits, as a single call does."""
+    curve, tables, cols, size, weights, timing, growth = given
     n, d, ts, m, k = (np.broadcast_to(cols[c], (size,)) for c in ("n", "d", "ts", "m", "guarantee"))
     # A policy whose terms are at fault keeps them, so that they are worded as given.
     at_fault = np.zeros(size, dtype=bool)
@@ -339,7 +335,7 @@ def _guaranteed_book(
     steps = (growth is None) | (k == 0.0) | (geometric & (k == np.floor(k)))
     years = np.where(kept & steps & ~at_fault, k, 0.0)
     later_terms = {**cols, "n": np.maximum(n - years, 0.0, where=n >= 0.0, out=np.array(n)), "d": d + years}
-    later, faults = _value_book(curve, tables, later_terms, size, None, timing, growth, False)
+    later, faults = _value_book(given._replace(cols=later_terms, weights=None), False)
     for i in np.flatnonzero(~kept).tolist():
         faults.setdefault(i, []).append(
             f"'guarantee' must be >= 0.0, finite and a whole number of payment periods at index {i}, "
@@ -457,7 +453,7 @@ def life_annuities(
     _validate_record_ids_batch_only(record_ids, True, size, _METHOD)
     value_book = _value_book if guarantee is None else _guaranteed_book
     growth = _resolve_gr(gr, _METHOD)
-    values, faults = value_book(curve, tables, cols, size, weights, timing, growth, on_error == "raise")
+    values, faults = value_book(_Book(curve, tables, cols, size, weights, timing, growth), on_error == "raise")
     if on_error == "raise":
         if faults:
             _refuse(faults)
