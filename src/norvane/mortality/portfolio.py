@@ -188,9 +188,14 @@ def _cohort_codes(tables: list[Table], codes: F64, cols: dict[str, Any], size: i
         rows, born = rows[np.abs(born) <= 2 * _YEAR_LIMIT], born[np.abs(born) <= 2 * _YEAR_LIMIT]
         if not rows.size:
             continue
-        cohorts, which = np.unique(born.astype(np.int64), return_inverse=True)
-        moved[rows] = len(expanded) + which.reshape(-1)
-        expanded += [table.cohort(int(c)) for c in cohorts]
+        # Birth years are few and close together: numbered by a table over their range, not sorted.
+        years = born.astype(np.int64)
+        first = int(years.min())
+        present = np.zeros(int(years.max()) - first + 1, dtype=bool)
+        present[years - first] = True
+        number = np.cumsum(present) - 1
+        moved[rows] = len(expanded) + number[years - first]
+        expanded += [table.cohort(first + int(offset)) for offset in np.flatnonzero(present)]
     return expanded, moved
 
 
