@@ -400,19 +400,23 @@ def test_whole_age_book_equals_single_calls_in_the_last_digits_kept():
         dict(age=110.0, n=30.0),  # beyond the table's last age: the grid's sums stop growing
         dict(age=60.5),  # between birthdays: the general route
         dict(table="M", select_age=58.0),  # selected earlier: the general route
+        dict(d=2.1),  # a deferment off the payment grid: the general route
+        dict(d=2.1, n=np.inf),
     ],
 )
-def test_whole_age_book_routes_agree_with_single_calls(policy):
+@pytest.mark.parametrize("gr", [None, 0.02])  # indexed: the grids weigh each year's growth
+def test_whole_age_book_routes_agree_with_single_calls(policy, gr):
     tables = {"M": bundled_table("makeham_20_120"), "F": bundled_table("makeham_13_110")}
     book = dict(table=["F", "M", "F"], age=[40.0, 61.0, 75.0], n=[10.0, 20.0, 5.0], select_age=[np.nan] * 3)
+    book["d"] = [0.0, 2.0, 1.0]
     for column, value in policy.items():
         book[column][1] = value
-    values = life_annuities(CURVE, tables, **book, d=[0, 2, 1], m=4)
+    values = life_annuities(CURVE, tables, **book, m=4, gr=gr)
     for k, name in enumerate(book["table"]):
         select = book["select_age"][k]
         life = tables[name].life(book["age"][k], select_age=None if np.isnan(select) else select)
         n = book["n"][k]
-        assert values[k] == life.ä(CURVE, n=None if np.isinf(n) else n, d=[0, 2, 1][k], m=4)
+        assert values[k] == life.ä(CURVE, n=None if np.isinf(n) else n, d=book["d"][k], m=4, gr=gr)
 
 
 @pytest.mark.parametrize(

@@ -99,9 +99,9 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) void whole_year_poi
 // tie. Returns whether any is NaN. Vectorised as above (gathers included);
 // the IEEE operations are the same in every clone.
 __attribute__((target_clones("avx512f", "avx2", "default"))) bool level_grid_values(
-    const LevelGridView& g, const double* __restrict ts, const double* __restrict benefits,
-    const std::int64_t* __restrict first, const std::int64_t* __restrict last, const std::int64_t* __restrict seen,
-    const double* __restrict on_grid, double* __restrict out, std::size_t len) {
+    const LevelGridView& g, const double* __restrict ts, const double* __restrict grown,
+    const double* __restrict benefits, const std::int64_t* __restrict first, const std::int64_t* __restrict last,
+    const std::int64_t* __restrict seen, const double* __restrict on_grid, double* __restrict out, std::size_t len) {
     const double per_payment = 1.0 / g.m, tolerance = g.tolerance, scale = g.scale;
     const double *sums = g.sums, *accumulations = g.accumulations;
     unsigned left = 0;
@@ -109,9 +109,10 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) bool level_grid_val
         const std::int64_t a = 2 * first[i], b = 2 * last[i];
         const double sum_a = sums[a], sum_b = sums[b];
         const double value = ((sum_b - sum_a) + (sums[b + 1] - sums[a + 1])) * per_payment;
-        const double accumulation = accumulations[seen[i]], per_divisor = ts[i] > tolerance ? accumulation : 1.0;
+        const double accumulation = accumulations[seen[i]];
+        const double per_divisor = (ts[i] > tolerance ? accumulation : 1.0) * grown[i];
         const double magnitude = std::abs(sum_b - sum_a) + kEpsilon * (std::abs(sum_a) + std::abs(sum_b));
-        const double error = kTieMargin * (std::abs(value) + magnitude * per_payment) * per_divisor;
+        const double error = g.margin * (std::abs(value) + magnitude * per_payment) * per_divisor;
         // near_rounding_tie and round_scaled, without their branches.
         const double scaled = value * per_divisor * scale;
         const double from_half = std::abs(scaled - std::floor(scaled) - 0.5);
@@ -126,16 +127,23 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) bool level_grid_val
 
 }  // namespace
 
+constexpr std::array<double, kBlock> kUnits = [] {
+    std::array<double, kBlock> units{};
+    units.fill(1.0);
+    return units;
+}();
+
 bool level_grid_block(const LevelGridView& g, const double* n, const double* d, const double* ts,
-                      const std::int64_t* base, const double* ends, const double* benefits, double* out,
-                      std::size_t len) {
+                      const std::int64_t* base, const double* ends, const double* grown, const double* benefits,
+                      double* out, std::size_t len) {
     std::array<std::int64_t, kBlock> first, last, seen;
     std::array<double, kBlock> on_grid;
     if (base)
         laid_out_grid_points(g, n, d, ts, base, ends, first.data(), last.data(), seen.data(), on_grid.data(), len);
     else
         level_grid_points(g, n, d, ts, first.data(), last.data(), seen.data(), on_grid.data(), len);
-    return level_grid_values(g, ts, benefits, first.data(), last.data(), seen.data(), on_grid.data(), out, len);
+    return level_grid_values(g, ts, grown ? grown : kUnits.data(), benefits, first.data(), last.data(), seen.data(),
+                             on_grid.data(), out, len);
 }
 
 bool whole_years_block(const LevelGridView& g, const std::int32_t* n, const std::int32_t* d, const double* benefits,
@@ -144,8 +152,8 @@ bool whole_years_block(const LevelGridView& g, const std::int32_t* n, const std:
     std::array<std::int64_t, kBlock> first, last, seen;
     std::array<double, kBlock> on_grid;
     whole_year_points(g, n, d, first.data(), last.data(), seen.data(), on_grid.data(), len);
-    return level_grid_values(g, kAtStart.data(), benefits, first.data(), last.data(), seen.data(), on_grid.data(), out,
-                             len);
+    return level_grid_values(g, kAtStart.data(), kUnits.data(), benefits, first.data(), last.data(), seen.data(),
+                             on_grid.data(), out, len);
 }
 
 __attribute__((target_clones("avx512f", "avx2", "default"))) void whole_year_lookup(

@@ -30,7 +30,13 @@ inline std::int64_t whole_index(double x) {
 struct LevelGridView {
     const double *sums = nullptr, *accumulations = nullptr;
     double points = 0.0, m = 1.0, timing = 0.0, tolerance = 0.0, scale = 1.0;
+    // The distance from a rounding tie within which a value is recomputed the
+    // single call's way: wider for growing payments, which a single call sums
+    // one by one over growing terms.
+    double margin = kTieMargin;
 };
+// The margin of a grid of growing terms.
+inline constexpr double kGrownTieMargin = 256.0 * kEpsilon;
 
 // The values of a block of at most kBlock policies whose schedules are
 // whole periods on the grid (term n, deferment d, valuation time ts):
@@ -40,10 +46,12 @@ struct LevelGridView {
 // rounding tie, is left NaN for its caller to value; returns whether any is.
 // Policy i's grid starts at base[i] in the sums, and its terms are 0 after
 // its point ends[i], so later payments add nothing (both null: one grid for
-// all, the policies beyond its points off it).
+// all, the policies beyond its points off it). A grid of growing terms is
+// read times grown[i], the growth its point 0 is ahead of the policy's first
+// payment (null: level terms, 1).
 bool level_grid_block(const LevelGridView& g, const double* n, const double* d, const double* ts,
-                      const std::int64_t* base, const double* ends, const double* benefits, double* out,
-                      std::size_t len);
+                      const std::int64_t* base, const double* ends, const double* grown, const double* benefits,
+                      double* out, std::size_t len);
 
 // The same for policies whose terms and deferments are whole years (below
 // 2^31), every one valued at the grid's start (a valuation time of 0) on one

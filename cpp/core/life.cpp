@@ -340,7 +340,8 @@ namespace {
 // discount factor steps by the segment's ratio from an exact factor at each
 // segment's first point, survival is refreshed at birthdays.
 template <typename Ages>
-void build_grid(const PiecewiseTable& curve, std::size_t m, Ages& ages, std::size_t points, PrefixSums& sums) {
+void build_grid(const PiecewiseTable& curve, std::size_t m, Ages& ages, std::size_t points, PrefixSums& sums,
+                const Growth& growth = {}, int timing = 0) {
     const double step = 1.0 / static_cast<double>(m);
     double segment_end = -PiecewiseTable::kInfinity, v = 0.0, ratio = 0.0;
     std::size_t j = 0;
@@ -353,7 +354,10 @@ void build_grid(const PiecewiseTable& curve, std::size_t m, Ages& ages, std::siz
             v = curve.discount(t);
         }
         if (t >= ages.birthday()) ages.refresh(t);
-        const double term = weighted(ages.at(t), v);
+        double term = weighted(ages.at(t), v);
+        // Growing payments: the payment at point k is in year (k - timing) / m of a schedule starting at 0.
+        if (growth.kind != Growth::Level && k >= static_cast<std::size_t>(timing))
+            term *= growth.factor((k - static_cast<std::size_t>(timing)) / m);
         v *= ratio;
         return term;
     });
@@ -361,16 +365,17 @@ void build_grid(const PiecewiseTable& curve, std::size_t m, Ages& ages, std::siz
 
 }  // namespace
 
-LifeGrid::LifeGrid(const PiecewiseTable& curve, const Status& status, std::size_t m, std::size_t size) {
+LifeGrid::LifeGrid(const PiecewiseTable& curve, const Status& status, std::size_t m, std::size_t size,
+                   const Growth& growth, int timing) {
     // Beyond the horizon every term is 0: the sums stop growing there.
     const double alive = std::ceil(status.horizon() * static_cast<double>(m)) + 1.0;
     const std::size_t points = alive < static_cast<double>(size) ? static_cast<std::size_t>(alive) : size;
     if (status.lives[0].rule == FractionalAge::Uniform) {
         UniformYear ages(status.lives[0]);
-        build_grid(curve, m, ages, points, sums_);
+        build_grid(curve, m, ages, points, sums_, growth, timing);
     } else {
         StatusYear ages(status);
-        build_grid(curve, m, ages, points, sums_);
+        build_grid(curve, m, ages, points, sums_, growth, timing);
     }
 }
 

@@ -169,7 +169,12 @@ double life_partial_value(const PiecewiseTable& curve, const Schedule& s, const 
 class LifeGrid {
   public:
     // The sums over the grid points [0, size) (no further than survival lasts).
-    LifeGrid(const PiecewiseTable& curve, const Status& status, std::size_t m, std::size_t size);
+    // With geometric `growth`, the term at point k also grows by its year
+    // (k - timing) / m, as the payments of a schedule starting at point 0 do:
+    // a schedule starting s whole years in then reads the sums divided by the
+    // growth of those s years (the books' pass; single calls grow payment by payment).
+    LifeGrid(const PiecewiseTable& curve, const Status& status, std::size_t m, std::size_t size,
+             const Growth& growth = {}, int timing = 0);
     // The grid point of `s`'s first regular payment: none when `s` is not a
     // level schedule of one life on the grid (then it is summed payment by payment).
     static std::optional<std::size_t> first_point(const Schedule& s, const Status& status) {

@@ -269,10 +269,25 @@ struct BookTables {
 // Each policy's table's first age, end age and first slot, from the table
 // it names (+inf, -inf and the slot of none for a name or number that is
 // no table). Table by table (a book names few), without branches or
-// gathers, so that it vectorises; cloned for AVX-512 and AVX2.
+// gathers, so that it vectorises; cloned for AVX-512 and AVX2. A book of
+// many tables (a generational table's cohorts) gathers by number instead.
+void gather_tables(const BookTables& tables, const double* table, double* first, double* end, double* base,
+                   std::size_t len) {
+    const double count = static_cast<double>(tables.base.size());
+    for (std::size_t k = 0; k < len; ++k) {
+        const double code = table[k];
+        const bool named = code >= 0.0 && code < count && code == std::floor(code);
+        const auto t = static_cast<std::size_t>(named ? code : 0.0);
+        first[k] = named ? tables.first[t] : kInfinity;
+        end[k] = named ? tables.end[t] : -kInfinity;
+        base[k] = named ? tables.base[t] : tables.none;
+    }
+}
+inline constexpr std::size_t kTablesCompared = 8;  // beyond: gathered
 __attribute__((target_clones("avx512f", "avx2", "default"))) void block_tables(
     const BookTables& tables, const double* __restrict table, double* __restrict first, double* __restrict end,
     double* __restrict base, std::size_t len) {
+    if (tables.base.size() > kTablesCompared) return gather_tables(tables, table, first, end, base, len);
     for (std::size_t k = 0; k < len; ++k) {
         first[k] = kInfinity;
         end[k] = -kInfinity;
@@ -474,22 +489,47 @@ LaidOut lay_out(const std::vector<std::optional<LifeGrid>>& grids) {
 // Each policy of a block seen from the valuation time ts, where its life's
 // grid starts: the term and deferment left, the start of its slot's grid and
 // the point where that grid's terms end; a policy of a slot without a grid
-// is off every grid (an infinite term). Without branches, so that it
+// is off every grid (an infinite term). A policy for life runs a year past
+// its grid's end (every period begun alive, and the terms after survival are
+// 0), so that it is valued in the pass too. Without branches, so that it
 // vectorises; cloned for AVX-512 and AVX2.
 __attribute__((target_clones("avx512f", "avx2", "default"))) void block_on_grids(
     const LaidOut& laid, const std::int64_t* __restrict slot, const double* __restrict n, const double* __restrict d,
-    double ts, double* __restrict term, double* __restrict deferment, std::int64_t* __restrict base,
+    double ts, double m, double* __restrict term, double* __restrict deferment, std::int64_t* __restrict base,
     double* __restrict ends, std::size_t len) {
     const double* grid_end = laid.ends.data();
     const std::int64_t* grid_base = laid.base.data();
     for (std::size_t k = 0; k < len; ++k) {
         const TermAtValuation at = term_at_valuation(n[k], d[k], ts);
         const double end = grid_end[slot[k]];
-        term[k] = end >= 0.0 ? at.term : kInfinity;
+        const double for_life = at.deferment + end / m + 1.0;
+        term[k] = end >= 0.0 ? (at.term < kInfinity ? at.term : for_life) : kInfinity;
         deferment[k] = at.deferment;
         base[k] = grid_base[slot[k]];
         ends[k] = end;
     }
+}
+
+// Growing payments on the grids: each policy's grid is read divided by the
+// growth of the whole years before its first payment; a policy starting
+// between whole years is off the grids (its term infinite).
+inline constexpr double kMaxLogGrowth = 5.0;
+__attribute__((target_clones("avx512f", "avx2", "default"))) void growth_of_starts(double log_growth,
+                                                                                   const double* __restrict deferment,
+                                                                                   double* __restrict term,
+                                                                                   double* __restrict grown,
+                                                                                   std::size_t len) {
+    for (std::size_t k = 0; k < len; ++k) {
+        const double years = deferment[k];
+        term[k] = years == std::floor(years) ? term[k] : kInfinity;
+        grown[k] = std::exp(-years * log_growth);
+    }
+}
+
+// The schedule with level payments (where its payments fall is the same).
+inline Schedule level(Schedule s) {
+    s.growth = Growth{};
+    return s;
 }
 
 // The valuation time and frequency of a book whose policies at whole ages
@@ -497,8 +537,10 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) void block_on_grids
 // one whole valuation time and one frequency for every policy (at a time
 // between birthdays a life is valued year by year, on CurveSums).
 std::optional<std::pair<double, double>> whole_age_route(const LifePolicies& p, const PolicyTerms& terms) {
-    // Level payments only: the grids' sums weigh every payment alike.
-    if (terms.mode != Mode::DiscretePrecision || terms.growth.kind != Growth::Level || p.size == 0) return std::nullopt;
+    // Level or geometric payments: the grids weigh each payment by its year
+    // (an arithmetic growth's years are not a common factor).
+    if (terms.mode != Mode::DiscretePrecision || terms.growth.kind == Growth::Arithmetic || p.size == 0)
+        return std::nullopt;
     if (!same_for_all(p.ts, p.size) || !same_for_all(p.m, p.size)) return std::nullopt;
     const double ts = p.ts[0];
     if (ts != std::floor(ts)) return std::nullopt;
@@ -528,20 +570,30 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
             if (life) statuses[slot] = Status{Status::Single, {*life, *life}};
         }
     }
+    std::vector<std::uint32_t> rest;
+    const auto everything = [&] {
+        rest.resize(p.size);
+        std::iota(rest.begin(), rest.end(), 0u);
+        return rest;
+    };
+    // Growing payments: the grids weigh payment k by its growth (1 + g)^(k / m) from the
+    // grid's start, kept within e^5 of 1 (else the general route values the book).
+    const bool grows = terms.growth.kind == Growth::Geometric;
+    const double log_growth = grows ? std::log1p(terms.growth.rate) : 0.0;
+    double longest = 0.0;  // the years the grids run: to the end of survival, or of the longest schedule
+    for (const auto& status : statuses)
+        if (status) longest = std::max(longest, std::min(status->horizon(), in_use.reach / m));
+    if (!(std::abs(log_growth) * longest <= kMaxLogGrowth)) return everything();
     std::vector<std::optional<LifeGrid>> grids(statuses.size());
     const auto frequency = static_cast<std::size_t>(m);
     const auto reach = static_cast<std::size_t>(std::min(in_use.reach, 0x1p52));
     parallel_for(grids.size(), 8, [&](std::size_t begin, std::size_t end) {
         for (std::size_t slot = begin; slot < end; ++slot)
-            if (statuses[slot]) grids[slot].emplace(seen, *statuses[slot], frequency, reach);
+            if (statuses[slot])
+                grids[slot].emplace(seen, *statuses[slot], frequency, reach, terms.growth, terms.timing);
     });
     const LaidOut laid = lay_out(grids);
-    std::vector<std::uint32_t> rest;
-    if (!laid.points) {  // no policy at a whole age anybody reaches
-        rest.resize(p.size);
-        std::iota(rest.begin(), rest.end(), 0u);
-        return rest;
-    }
+    if (!laid.points) return everything();  // no policy at a whole age anybody reaches
     static constexpr Block kZeros{};
     static constexpr double kOne[] = {1.0};
     const LevelGridView view{laid.points.get(),
@@ -550,12 +602,13 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
                              m,
                              static_cast<double>(terms.timing),
                              terms.tolerance_eps,
-                             rounding_scale(terms.decimals)};
+                             rounding_scale(terms.decimals),
+                             grows ? kGrownTieMargin : kTieMargin};
     PolicyTerms policy = terms;
     policy.m = frequency;
     std::atomic<bool> left{false};
     parallel_for(p.size, std::size_t{1} << 14, [&](std::size_t begin, std::size_t end) {
-        Block n_block, d_block, benefit_block, term_left, deferment_left, ends;
+        Block n_block, d_block, benefit_block, term_left, deferment_left, ends, grown;
         std::array<std::int64_t, kBlock> slot, base;
         for (std::size_t i = begin; i < end; i += kBlock) {
             const std::size_t len = std::min(kBlock, end - i);
@@ -563,30 +616,46 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
                          *benefit = p.benefits.block(i, len, benefit_block);
             // The slots slots_in_use left where the values go.
             for (std::size_t k = 0; k < len; ++k) slot[k] = whole_index(unit[i + k]);
-            block_on_grids(laid, slot.data(), n, d, ts, term_left.data(), deferment_left.data(), base.data(),
+            block_on_grids(laid, slot.data(), n, d, ts, m, term_left.data(), deferment_left.data(), base.data(),
                            ends.data(), len);
+            if (grows) growth_of_starts(log_growth, deferment_left.data(), term_left.data(), grown.data(), len);
             if (!level_grid_block(view, term_left.data(), deferment_left.data(), kZeros.data(), base.data(),
-                                  ends.data(), benefit, unit.data() + i, len))
+                                  ends.data(), grows ? grown.data() : nullptr, benefit, unit.data() + i, len))
                 continue;
             // Off the vectorised pass (a term for life, a pro-rata payment, a
             // rounding tie): the single call's route on the same grid; a
-            // policy of no grid is left to the general route.
+            // policy of no grid, or whose payments are off it, is left to the
+            // general route.
             for (std::size_t k = 0; k < len; ++k) {
                 if (!std::isnan(unit[i + k])) continue;
                 const auto& grid = grids[static_cast<std::size_t>(slot[k])];
-                if (!grid) {
-                    left.store(true, std::memory_order_relaxed);
-                    continue;
-                }
-                const Status& status = *statuses[static_cast<std::size_t>(slot[k])];
-                const auto annuity = life_policy_annuity(n[k], d[k], ts, status.horizon(), policy);
-                if (!annuity) {
+                const Status* status = grid ? &*statuses[static_cast<std::size_t>(slot[k])] : nullptr;
+                const auto annuity =
+                    status ? life_policy_annuity(n[k], d[k], ts, status->horizon(), policy) : std::nullopt;
+                if (status && !annuity) {
                     unit[i + k] = 0.0;
                     continue;
                 }
-                const Schedule s = annuity->schedule();
-                if (const auto first = LifeGrid::first_point(s))
-                    unit[i + k] = round_scaled(grid->value(seen, s, status, *first), view.scale) * benefit[k];
+                const Schedule s = annuity ? annuity->schedule() : Schedule{};
+                const auto first = annuity ? LifeGrid::first_point(level(s)) : std::nullopt;
+                if (!first || (grows && s.start != std::floor(s.start))) {
+                    left.store(true, std::memory_order_relaxed);
+                    continue;
+                }
+                if (!grows) {
+                    unit[i + k] = round_scaled(grid->value(seen, s, *status, *first), view.scale) * benefit[k];
+                    continue;
+                }
+                // The grid's growth runs from its start, the schedule's from its own: divided out. A
+                // value within a few epsilon of a rounding tie is left to the payment-by-payment route.
+                const double value = grid->regular(s, *first) * std::exp(-s.start * log_growth) +
+                                     (s.has_partial ? life_partial_value(seen, s, *status) : 0.0);
+                const double scaled = value * view.scale;
+                if (!(std::abs(scaled - std::floor(scaled) - 0.5) > kGrownTieMargin * std::abs(scaled))) {
+                    left.store(true, std::memory_order_relaxed);
+                    continue;
+                }
+                unit[i + k] = round_scaled(value, view.scale) * benefit[k];
             }
         }
     });

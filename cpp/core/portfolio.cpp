@@ -450,7 +450,7 @@ class BookValuer {
     void value_block(const double* n, const double* d, const double* ts, const double* benefits, double* out,
                      std::size_t len, RecentExact& recent) const {
         if (level_precision_) {
-            if (!level_grid_block(grid_view_, n, d, ts, nullptr, nullptr, benefits, out, len)) return;
+            if (!level_grid_block(grid_view_, n, d, ts, nullptr, nullptr, nullptr, benefits, out, len)) return;
         } else {
             std::fill(out, out + len, std::numeric_limits<double>::quiet_NaN());
         }
