@@ -95,10 +95,12 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) void whole_year_poi
 
 // out[i] = the rounded unit value of policy i times benefits[i], from the
 // running sums at its first and last payment and 1 / v at its valuation
-// time; NaN off the grid, or within the value's error margin of a rounding
-// tie. Returns whether any is NaN. Vectorised as above (gathers included);
-// the IEEE operations are the same in every clone.
-__attribute__((target_clones("avx512f", "avx2", "default"))) bool level_grid_values(
+// time (and, on a grid of growing terms, times grown[i]); NaN off the grid,
+// or within the value's error margin of a rounding tie. Returns whether any
+// is NaN. Vectorised as above (gathers included); the IEEE operations are
+// the same in every clone.
+template <bool Grown>
+__attribute__((always_inline)) inline bool grid_values(
     const LevelGridView& g, const double* __restrict ts, const double* __restrict grown,
     const double* __restrict benefits, const std::int64_t* __restrict first, const std::int64_t* __restrict last,
     const std::int64_t* __restrict seen, const double* __restrict on_grid, double* __restrict out, std::size_t len) {
@@ -110,7 +112,8 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) bool level_grid_val
         const double sum_a = sums[a], sum_b = sums[b];
         const double value = ((sum_b - sum_a) + (sums[b + 1] - sums[a + 1])) * per_payment;
         const double accumulation = accumulations[seen[i]];
-        const double per_divisor = (ts[i] > tolerance ? accumulation : 1.0) * grown[i];
+        double per_divisor = ts[i] > tolerance ? accumulation : 1.0;
+        if constexpr (Grown) per_divisor *= grown[i];
         const double magnitude = std::abs(sum_b - sum_a) + kEpsilon * (std::abs(sum_a) + std::abs(sum_b));
         const double error = g.margin * (std::abs(value) + magnitude * per_payment) * per_divisor;
         // near_rounding_tie and round_scaled, without their branches.
@@ -124,14 +127,18 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) bool level_grid_val
     }
     return left != 0;
 }
+__attribute__((target_clones("avx512f", "avx2", "default"))) bool level_grid_values(
+    const LevelGridView& g, const double* ts, const double* benefits, const std::int64_t* first,
+    const std::int64_t* last, const std::int64_t* seen, const double* on_grid, double* out, std::size_t len) {
+    return grid_values<false>(g, ts, nullptr, benefits, first, last, seen, on_grid, out, len);
+}
+__attribute__((target_clones("avx512f", "avx2", "default"))) bool grown_grid_values(
+    const LevelGridView& g, const double* ts, const double* grown, const double* benefits, const std::int64_t* first,
+    const std::int64_t* last, const std::int64_t* seen, const double* on_grid, double* out, std::size_t len) {
+    return grid_values<true>(g, ts, grown, benefits, first, last, seen, on_grid, out, len);
+}
 
 }  // namespace
-
-constexpr std::array<double, kBlock> kUnits = [] {
-    std::array<double, kBlock> units{};
-    units.fill(1.0);
-    return units;
-}();
 
 bool level_grid_block(const LevelGridView& g, const double* n, const double* d, const double* ts,
                       const std::int64_t* base, const double* ends, const double* grown, const double* benefits,
@@ -142,8 +149,10 @@ bool level_grid_block(const LevelGridView& g, const double* n, const double* d, 
         laid_out_grid_points(g, n, d, ts, base, ends, first.data(), last.data(), seen.data(), on_grid.data(), len);
     else
         level_grid_points(g, n, d, ts, first.data(), last.data(), seen.data(), on_grid.data(), len);
-    return level_grid_values(g, ts, grown ? grown : kUnits.data(), benefits, first.data(), last.data(), seen.data(),
-                             on_grid.data(), out, len);
+    if (grown)
+        return grown_grid_values(g, ts, grown, benefits, first.data(), last.data(), seen.data(), on_grid.data(), out,
+                                 len);
+    return level_grid_values(g, ts, benefits, first.data(), last.data(), seen.data(), on_grid.data(), out, len);
 }
 
 bool whole_years_block(const LevelGridView& g, const std::int32_t* n, const std::int32_t* d, const double* benefits,
@@ -152,8 +161,8 @@ bool whole_years_block(const LevelGridView& g, const std::int32_t* n, const std:
     std::array<std::int64_t, kBlock> first, last, seen;
     std::array<double, kBlock> on_grid;
     whole_year_points(g, n, d, first.data(), last.data(), seen.data(), on_grid.data(), len);
-    return level_grid_values(g, kAtStart.data(), kUnits.data(), benefits, first.data(), last.data(), seen.data(),
-                             on_grid.data(), out, len);
+    return level_grid_values(g, kAtStart.data(), benefits, first.data(), last.data(), seen.data(), on_grid.data(), out,
+                             len);
 }
 
 __attribute__((target_clones("avx512f", "avx2", "default"))) void whole_year_lookup(
