@@ -347,8 +347,9 @@ MARKET_KINDS = {
 }
 
 
-def _market_inputs(path: Path) -> dict[str, tuple[np.ndarray, np.ndarray]]:
-    """(maturities, values) of a market-data CSV, by scenario ("" without a scenario column)."""
+def _market_inputs(path: Path) -> tuple[np.ndarray, Any]:
+    """The maturities of a market-data CSV and its values: one array, or one per scenario (a
+    mapping, as the curve builders take scenarios) when it has a scenario column."""
     import pyarrow as pa
     from pyarrow import csv
 
@@ -363,12 +364,14 @@ def _market_inputs(path: Path) -> dict[str, tuple[np.ndarray, np.ndarray]]:
         maturity, value = (columns[k].cast(pa.float64()).to_numpy(zero_copy_only=False) for k in ("maturity", "value"))
     except (pa.ArrowInvalid, pa.ArrowNotImplementedError):
         raise InputError(f"{path}: 'maturity' and 'value' must hold numbers") from None
-    names = columns["scenario"].cast(pa.string()).to_pylist() if "scenario" in columns else [""] * len(maturity)
-    scenarios: dict[str, tuple[np.ndarray, np.ndarray]] = {}
-    for name in dict.fromkeys(names):
-        rows = np.array([n == name for n in names])
-        scenarios[str(name)] = (maturity[rows], value[rows])
-    return scenarios
+    if "scenario" not in columns:
+        return maturity, value
+    names = np.array(columns["scenario"].cast(pa.string()).to_pylist(), dtype=object)
+    scenarios = {str(name): names == name for name in dict.fromkeys(names)}
+    first = next(iter(scenarios.values()))
+    if any(not np.array_equal(maturity[rows], maturity[first]) for rows in scenarios.values()):
+        raise InputError(f"{path}: every scenario must give the same maturities")
+    return maturity[first], {name: value[rows] for name, rows in scenarios.items()}
 
 
 def run_curve_build(args: argparse.Namespace) -> int:
@@ -386,18 +389,8 @@ def run_curve_build(args: argparse.Namespace) -> int:
     }[args.kind]
     if args.kind == "smith-wilson" and args.ufr is None:
         raise InputError("--kind smith-wilson needs --ufr, the ultimate forward rate (e.g. 0.042)")
-    maturities = {tuple(t) for t, _ in inputs.values()}
     try:
-        if len(inputs) == 1:
-            curve = build(*next(iter(inputs.values())))
-        elif len(maturities) == 1:  # scenarios of the same maturities: one container
-            t = np.array(next(iter(maturities)))
-            built = {name: build(t, v) for name, (_, v) in inputs.items()}
-            from .interest_rates import InterestRate
-
-            curve = InterestRate({name: (c.terms, c.rates) for name, c in built.items()})
-        else:
-            raise InputError(f"{args.inputs}: every scenario must give the same maturities")
+        curve = build(*inputs)  # a mapping of scenarios builds a container
     except (TypeError, ValueError) as exc:
         raise InputError(f"{args.inputs}: {exc}") from None
     try:
