@@ -252,6 +252,44 @@ class MortalityTable(TableBase):
             closing_age=closing_age,
         )
 
+    @classmethod
+    def from_xtbml(
+        cls,
+        path: str | os.PathLike[str],
+        *,
+        table: int | tuple[int, int] | None = None,
+        fractional_age: FractionalAgeLiteral = "udd",
+        closing_age: int | None = None,
+    ) -> MortalityTable:
+        """Read a table in the Society of Actuaries' XTbML (the XML of mort.soa.org).
+
+        A file holds one or more ``Table`` elements: an ultimate table (q by
+        age) or a select table (q_[x]+t by select age x and duration t + 1).
+        ``table`` (None) takes the file's only ultimate table, or its select
+        table with its ultimate table; an index (from 0, in file order) takes
+        that ultimate table alone, a pair (select, ultimate) those two.
+
+        Each table's ``ScalingFactor`` s says its values are rates times
+        10**s (3 for rates per mille; absent means 0): q = value / 10**s.
+
+        The select period is the duration axis's length. A select row that
+        ends early is completed from the ultimate rates at the attained ages.
+        Where the ultimate table starts after the first select age (published
+        so when it starts where the first select period ends), its missing
+        ages are reached on select rates only and take the select year's q_[x].
+        """
+        from ._xtbml import read_xtbml
+
+        q, first, select, select_first = read_xtbml(path, table)
+        return cls(
+            q,
+            first_age=first,
+            select=select,
+            select_first_age=select_first,
+            fractional_age=fractional_age,
+            closing_age=closing_age,
+        )
+
     # ------------------------------------------------------------ properties
 
     @property
