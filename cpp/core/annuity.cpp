@@ -220,12 +220,6 @@ WoolhouseParts woolhouse_parts(const Annuity& annuity, bool continuous) {
     return parts;
 }
 
-double WoolhouseParts::annual(double due_value, double immediate_value, int timing) const {
-    const double c = weight;
-    return timing == 0 ? weighted(1.0 - c, due_value) + weighted(c, immediate_value)
-                       : weighted(c, due_value) + weighted(1.0 - c, immediate_value);
-}
-
 double WoolhouseParts::continuous_tail(const PiecewiseTable& curve, const Annuity& annuity) const {
     const double start = annuity.d + static_cast<double>(due.count);
     return continuous_value(curve, start, annuity.d + annuity.n, annuity.d, annuity.growth);
@@ -238,7 +232,7 @@ namespace {
 // A certain annuity's pieces: closed forms per curve segment.
 struct CertainPieces {
     const PiecewiseTable& curve;
-    double payments(const Schedule& s) const { return schedule_value(curve, s); }
+    double payments(const Schedule& s, double w) const { return weighted(w, schedule_value(curve, s)); }
     double flow(const Annuity& annuity, double a, double b) const {
         return continuous_value(curve, a, b, annuity.d, annuity.growth);
     }

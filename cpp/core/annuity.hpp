@@ -181,8 +181,18 @@ struct WoolhouseParts {
     Schedule due, immediate, fraction;
     double weight;
 
+    // The weights of the annual `due` and `immediate` payments in an annuity of this timing.
+    struct Weights {
+        double due, immediate;
+    };
+    Weights weights(int timing) const {
+        return timing == 0 ? Weights{1.0 - weight, weight} : Weights{weight, 1.0 - weight};
+    }
     // The weighted annual payments, given the values of `due` and `immediate`.
-    double annual(double due_value, double immediate_value, int timing) const;
+    double annual(double due_value, double immediate_value, int timing) const {
+        const Weights w = weights(timing);
+        return weighted(w.due, due_value) + weighted(w.immediate, immediate_value);
+    }
     // The continuous modes' final fraction of a year: the integral from the
     // end of the whole years to the end of the term.
     double continuous_tail(const PiecewiseTable& curve, const Annuity& annuity) const;
@@ -242,8 +252,9 @@ bool interval_values(const PiecewiseTable& curve, std::span<const double> starts
                      std::span<double> out);
 
 // An annuity in a calculation mode, written once for certain annuities and
-// life annuities, from what values its pieces: `pieces.payments(s)` the
-// payments of a schedule, `pieces.flow(annuity, a, b)` payments flowing
+// life annuities, from what values its pieces: `pieces.payments(s, w)` the
+// payments of a schedule weighted by w (a weight of exactly 0 adds nothing),
+// `pieces.flow(annuity, a, b)` payments flowing
 // continuously over [a, b] (growth years counted from the annuity's start):
 // - DiscretePrecision: the payments of the whole schedule;
 // - DiscreteSimplified: Woolhouse on the whole years plus the payments of the
@@ -252,15 +263,17 @@ bool interval_values(const PiecewiseTable& curve, std::span<const double> starts
 // - ContinuousSimplified: (ä + a) / 2 on the whole years plus the final
 //   fraction's flow.
 // A certain annuity's pieces are closed forms; a life annuity's weigh each
-// payment by survival.
+// payment by survival; the expected flows' pieces put each payment in its
+// time bucket.
 template <typename Pieces>
 double value_in_mode(const Annuity& annuity, Mode mode, const Pieces& pieces) {
-    if (mode == Mode::DiscretePrecision) return pieces.payments(annuity.schedule());
+    if (mode == Mode::DiscretePrecision) return pieces.payments(annuity.schedule(), 1.0);
     if (mode == Mode::ContinuousPrecision) return pieces.flow(annuity, annuity.d, annuity.d + annuity.n);
     const bool continuous = mode == Mode::ContinuousSimplified;
     const WoolhouseParts parts = woolhouse_parts(annuity, continuous);
-    const double annual = parts.annual(pieces.payments(parts.due), pieces.payments(parts.immediate), annuity.timing);
-    if (!continuous) return annual + pieces.payments(parts.fraction);
+    const WoolhouseParts::Weights w = parts.weights(annuity.timing);
+    const double annual = pieces.payments(parts.due, w.due) + pieces.payments(parts.immediate, w.immediate);
+    if (!continuous) return annual + pieces.payments(parts.fraction, 1.0);
     return annual + pieces.flow(annuity, annuity.d + static_cast<double>(parts.due.count), annuity.d + annuity.n);
 }
 

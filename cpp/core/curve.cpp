@@ -318,4 +318,9 @@ CurveArrays shifted(const CurveArrays& curve, double ts, double eps) {
     return out;
 }
 
+const PiecewiseTable& no_interest() {
+    static const PiecewiseTable table = discount_table({{0.0}, {}, {}});
+    return table;
+}
+
 }  // namespace norvane::core

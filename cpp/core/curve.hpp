@@ -205,6 +205,10 @@ CurveArraysFault check_curve_arrays(std::span<const double> rates, std::span<con
 // own prefix products, so that discount factors agree with it exactly.
 PiecewiseTable discount_table(const CurveArrays& curve);
 
+// A curve of no interest (every discount factor 1): what undiscounted
+// amounts are valued on.
+const PiecewiseTable& no_interest();
+
 // The curve seen from time ts > 0: the first ts years cut away. The segment
 // holding ts keeps its remainder, unless that is within `eps` (a ts on a
 // boundary drops the segment ending there); at or past the last end only the

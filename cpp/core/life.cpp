@@ -468,12 +468,8 @@ std::shared_ptr<const CurveSums> GridCache::curve_sums(const PiecewiseTable& cur
     return kept;
 }
 
-namespace {
-
-// Integral of v(t) survival(t) growth(t) over [a, b], with the integrand also
-// multiplied by the force of interest when `by_force`.
-double integral(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth,
-                const Status& status, bool by_force) {
+double survival_integral(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth,
+                         const Status& status, bool by_force) {
     b = std::min(b, status.horizon());
     if (!(b > a)) return 0.0;
     const GaussLegendre& gl = gauss_legendre();
@@ -499,24 +495,6 @@ double integral(const PiecewiseTable& curve, double a, double b, double origin, 
     return total;
 }
 
-// The periods of a schedule, [d + k/m, d + (k+1)/m] with the last one ending
-// with the term, that begin before `horizon`: later ones carry no survival, so
-// the walk ends where the status does, however long the term.
-template <typename Fn>
-void for_each_period(const Annuity& annuity, double horizon, Fn fn) {
-    Annuity due = annuity, immediate = annuity;
-    due.timing = 0;
-    immediate.timing = 1;
-    const Schedule starts = due.schedule(), ends = immediate.schedule();
-    for (std::size_t i = 0; i < starts.size(); ++i) {
-        const double start = starts.payment_time(i);
-        if (!(start < horizon)) return;
-        fn(i, start, ends.payment_time(i));
-    }
-}
-
-}  // namespace
-
 namespace {
 
 // A life annuity's pieces: each payment weighted by survival (on the life's
@@ -525,9 +503,11 @@ struct LifePieces {
     const PiecewiseTable& curve;
     const Status& status;
     GridCache* cache;
-    double payments(const Schedule& s) const { return life_discrete_value(curve, s, status, cache); }
+    double payments(const Schedule& s, double w) const {
+        return weighted(w, life_discrete_value(curve, s, status, cache));
+    }
     double flow(const Annuity& annuity, double a, double b) const {
-        return integral(curve, a, b, annuity.d, annuity.growth, status, false);
+        return survival_integral(curve, a, b, annuity.d, annuity.growth, status, false);
     }
 };
 
@@ -550,7 +530,8 @@ double life_amounts_value(const PiecewiseTable& curve, const Annuity& annuity, s
     }
     const Growth level;
     for_each_period(annuity, status.horizon(), [&](std::size_t i, double start, double end) {
-        if (end > start) total += amounts[i] / (end - start) * integral(curve, start, end, start, level, status, false);
+        if (end > start)
+            total += amounts[i] / (end - start) * survival_integral(curve, start, end, start, level, status, false);
     });
     return total;
 }
@@ -562,7 +543,7 @@ double life_insurance_value(const PiecewiseTable& curve, const Annuity& periods,
         // integral of S dv, and dv = -delta v dt.
         const double end = std::min(b, status.horizon());
         return weighted(status.at(a), curve.discount(a)) - weighted(status.at(end), curve.discount(end)) -
-               integral(curve, a, b, a, Growth{}, status, true);
+               survival_integral(curve, a, b, a, Growth{}, status, true);
     }
     double total = 0.0;
     for_each_period(periods, status.horizon(), [&](std::size_t, double start, double end) {
@@ -583,38 +564,41 @@ std::optional<LifeBenefit> life_benefit_named(std::string_view name) {
     return std::nullopt;
 }
 
+namespace {
+
+// A policy's parts valued: what life_benefit_value composes.
+struct ValueParts {
+    const PiecewiseTable& curve;
+    const Status& status;
+    const PolicyTerms& terms;
+    std::optional<std::span<const double>> amounts;
+    GridCache* cache;
+
+    LifeValue annuity(const Annuity& annuity, double term) const {
+        if (!amounts) return {LifeValue::None, life_annuity_value(curve, annuity, terms.mode, status, cache)};
+        const std::size_t full = payment_count(term, terms.m, terms.tolerance_eps).size;
+        if (amounts->size() != full) return {LifeValue::AmountCount, 0.0, full};
+        return {LifeValue::None,
+                life_amounts_value(curve, annuity, amounts->subspan(full - annuity.payments_size), terms.mode, status)};
+    }
+    double insurance(const Annuity& periods) const { return life_insurance_value(curve, periods, terms.mode, status); }
+    double endowment(double t) const { return pure_endowment_value(curve, t, status); }
+};
+
+}  // namespace
+
 LifeValue life_benefit_value(LifeBenefit benefit, const PiecewiseTable& curve, const Status& status, double ts,
                              double d, double n, PolicyTerms terms, std::optional<std::span<const double>> amounts,
                              GridCache* cache) {
-    if (benefit == LifeBenefit::PureEndowment) {
-        const double t = d + n - ts;
-        return {LifeValue::None, t < 0.0 ? 0.0 : pure_endowment_value(curve, t, status)};
-    }
-    const bool insurance = benefit != LifeBenefit::Annuity;
-    if (insurance) terms.timing = 1;
-    const double horizon = status.horizon();
-    const double term = life_term(n, d, ts, horizon, terms.m);
-    if (!countable(term > 0.0 ? term : 0.0, terms.m)) return {LifeValue::Uncountable};
-    const auto annuity = life_policy_annuity(n, d, ts, horizon, terms);
-    if (!annuity) return {};
-    if (insurance) {
-        const double death = life_insurance_value(curve, *annuity, terms.mode, status);
-        if (benefit == LifeBenefit::Insurance || std::isinf(n)) return {LifeValue::None, death};
-        return {LifeValue::None, death + pure_endowment_value(curve, annuity->d + annuity->n, status)};
-    }
-    if (!amounts) return {LifeValue::None, life_annuity_value(curve, *annuity, terms.mode, status, cache)};
-    const std::size_t full = payment_count(term, terms.m, terms.tolerance_eps).size;
-    if (amounts->size() != full) return {LifeValue::AmountCount, 0.0, full};
-    return {LifeValue::None,
-            life_amounts_value(curve, *annuity, amounts->subspan(full - annuity->payments_size), terms.mode, status)};
+    return life_benefit(benefit, status, ts, d, n, terms, ValueParts{curve, status, terms, amounts, cache});
 }
 
 double life_expectancy(const Status& status, bool complete) {
-    static const PiecewiseTable kNoInterest = discount_table({{0.0}, {}, {}});
     PolicyTerms terms;
     terms.mode = complete ? Mode::ContinuousPrecision : Mode::DiscretePrecision;
     const double whole_life =
-        life_benefit_value(LifeBenefit::Annuity, kNoInterest, status, 0.0, 0.0, PiecewiseTable::kInfinity, terms).value;
+        life_benefit_value(LifeBenefit::Annuity, no_interest(), status, 0.0, 0.0, PiecewiseTable::kInfinity, terms)
+            .value;
     return complete ? whole_life : whole_life - 1.0;
 }
 

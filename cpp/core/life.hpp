@@ -239,6 +239,29 @@ class GridCache {
     std::map<std::size_t, std::shared_ptr<const CurveSums>> sums_;
 };
 
+// Integral of v(t) survival(t) growth(t) over [a, b] (growth years counted
+// from `origin`), with the integrand also multiplied by the force of interest
+// when `by_force`: exactly per piece between segment ends, birthdays and
+// growth years, by 12-point Gauss-Legendre.
+double survival_integral(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth,
+                         const Status& status, bool by_force);
+
+// The periods of a schedule, [d + k/m, d + (k+1)/m] with the last one ending
+// with the term, that begin before `horizon`: later ones carry no survival, so
+// the walk ends where the status does, however long the term.
+template <typename Fn>
+void for_each_period(const Annuity& annuity, double horizon, Fn fn) {
+    Annuity due = annuity, immediate = annuity;
+    due.timing = 0;
+    immediate.timing = 1;
+    const Schedule starts = due.schedule(), ends = immediate.schedule();
+    for (std::size_t i = 0; i < starts.size(); ++i) {
+        const double start = starts.payment_time(i);
+        if (!(start < horizon)) return;
+        fn(i, start, ends.payment_time(i));
+    }
+}
+
 // A schedule in the discrete precision mode, the way the single call and the
 // book both value it: a level schedule of one life on the grid from CurveSums
 // or a LifeGrid (as CurveSums::applies says), any other payment by payment.
@@ -328,6 +351,33 @@ inline std::optional<Annuity> life_policy_annuity(double n, double d, double ts,
     const double term = life_term(n, d, ts, horizon, terms.m);
     if (!(term > 0.0)) return std::nullopt;
     return policy_annuity(term, d, ts, terms);
+}
+
+// What a policy on a status pays (as life_benefit_value), composed once from
+// its parts for every use of it, its value and its expected flows:
+// `parts.annuity(annuity, term)` a life annuity (a LifeValue; `term` from
+// inception), `parts.insurance(periods)` 1 on death within the periods,
+// `parts.endowment(t)` 1 on survival to t.
+template <typename Parts>
+LifeValue life_benefit(LifeBenefit benefit, const Status& status, double ts, double d, double n, PolicyTerms terms,
+                       const Parts& parts) {
+    if (benefit == LifeBenefit::PureEndowment) {
+        const double t = d + n - ts;
+        return {LifeValue::None, t < 0.0 ? 0.0 : parts.endowment(t)};
+    }
+    const bool insurance = benefit != LifeBenefit::Annuity;
+    if (insurance) terms.timing = 1;
+    const double horizon = status.horizon();
+    const double term = life_term(n, d, ts, horizon, terms.m);
+    if (!countable(term > 0.0 ? term : 0.0, terms.m)) return {LifeValue::Uncountable};
+    const auto annuity = life_policy_annuity(n, d, ts, horizon, terms);
+    if (!annuity) return {};
+    if (insurance) {
+        const double death = parts.insurance(*annuity);
+        if (benefit == LifeBenefit::Insurance || std::isinf(n)) return {LifeValue::None, death};
+        return {LifeValue::None, death + parts.endowment(annuity->d + annuity->n)};
+    }
+    return parts.annuity(*annuity, term);
 }
 
 }  // namespace norvane::core

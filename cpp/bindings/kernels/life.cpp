@@ -6,11 +6,13 @@
 #include <nanobind/nanobind.h>
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/optional.h>
+#include <nanobind/stl/pair.h>
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/tuple.h>
 #include <nanobind/stl/vector.h>
 
 #include "bindings/native_curve.hpp"
+#include "core/flows.hpp"
 #include "core/life.hpp"
 #include "core/life_book.hpp"
 #include "curve.hpp"
@@ -240,6 +242,45 @@ core::TableColumn table_column_of(nb::handle table, const std::vector<std::vecto
     return core::TableColumn(text.data(), text.shape(1), text.shape(0), size, named);
 }
 
+// Refuses a book at its first fault.
+void refuse_book(core::LifeBookFault fault) {
+    if (fault.kind == core::LifeBookFault::SelectAge)
+        throw std::invalid_argument("invalid select age at index " + std::to_string(fault.index));
+    if (fault.kind == core::LifeBookFault::Policy)
+        throw std::invalid_argument("invalid policy at index " + std::to_string(fault.index));
+}
+
+// One fractional-age rule and one name per table.
+std::vector<core::FractionalAge> rules_of(const std::vector<core::MortalityTable*>& tables,
+                                          const std::vector<std::string>& rule_names,
+                                          const std::vector<std::vector<std::uint32_t>>& names) {
+    if (tables.size() != rule_names.size() || tables.size() != names.size())
+        throw std::invalid_argument("one rule and one name per table");
+    std::vector<core::FractionalAge> rules;
+    for (const auto& name : rule_names) rules.push_back(rule_of(name));
+    return rules;
+}
+
+// A book's columns; its size is that of its columns of other than one value
+// (`more`: the lengths of further columns read with it).
+core::LifePolicies book_of(nb::handle table, const std::vector<std::vector<std::uint32_t>>& names, RealArray age,
+                           RealArray select_age, RealArray n, RealArray d, RealArray ts, RealArray frequency,
+                           nb::handle benefits, std::initializer_list<std::size_t> more) {
+    const core::BookColumn weights = benefits.is_none() ? core::BookColumn{} : column_of(nb::cast<RealArray>(benefits));
+    std::vector<std::size_t> lengths = {
+        age.shape(0), select_age.shape(0), n.shape(0),           d.shape(0),
+        ts.shape(0),  frequency.shape(0),  table_rows_of(table), benefits.is_none() ? 1 : weights.size};
+    lengths.insert(lengths.end(), more);
+    std::size_t size = 1;
+    for (const std::size_t rows : lengths)
+        if (rows != 1) size = rows;
+    for (const std::size_t rows : lengths)
+        if (rows != size && rows != 1)
+            throw std::invalid_argument("policy columns must have one length or hold one value");
+    return core::LifePolicies(size, table_column_of(table, names, size), column_of(age), column_of(select_age),
+                              column_of(n), column_of(d), column_of(ts), column_of(frequency), weights);
+}
+
 }  // namespace
 
 void register_life(nb::module_& m) {
@@ -354,26 +395,12 @@ void register_life(nb::module_& m) {
            nb::object table, RealArray age, RealArray select_age, RealArray n, RealArray d, RealArray ts,
            RealArray frequency, nb::object benefits, int timing, const std::string& growth_kind, double growth_rate,
            const std::string& mode, double tolerance_eps, int decimals) {
-            if (tables.size() != rule_names.size() || tables.size() != names.size() || tables.empty())
-                throw std::invalid_argument("one rule and one name per table, at least one table");
+            if (tables.empty()) throw std::invalid_argument("at least one table");
+            const std::vector<core::FractionalAge> rules = rules_of(tables, rule_names, names);
             if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
-            std::vector<core::FractionalAge> rules;
-            for (const auto& name : rule_names) rules.push_back(rule_of(name));
-            const core::BookColumn weights =
-                benefits.is_none() ? core::BookColumn{} : column_of(nb::cast<RealArray>(benefits));
-            // The book's size is that of its columns of other than one value.
-            const std::size_t lengths[] = {
-                age.shape(0), select_age.shape(0), n.shape(0),           d.shape(0),
-                ts.shape(0),  frequency.shape(0),  table_rows_of(table), benefits.is_none() ? 1 : weights.size};
-            std::size_t size = 1;
-            for (const std::size_t rows : lengths)
-                if (rows != 1) size = rows;
-            for (const std::size_t rows : lengths)
-                if (rows != size && rows != 1)
-                    throw std::invalid_argument("policy columns must have one length or hold one value");
-            const core::LifePolicies policies(size, table_column_of(table, names, size), column_of(age),
-                                              column_of(select_age), column_of(n), column_of(d), column_of(ts),
-                                              column_of(frequency), weights);
+            const core::LifePolicies policies =
+                book_of(table, names, age, select_age, n, d, ts, frequency, benefits, {});
+            const std::size_t size = policies.size;
             const core::PolicyTerms p{1,   timing,  growth_of(growth_kind, growth_rate), mode_of(mode), tolerance_eps,
                                       0.0, decimals};
             const core::CurveArrays curve = arrays_of(rates, terms, ends);
@@ -383,10 +410,7 @@ void register_life(nb::module_& m) {
                 nb::gil_scoped_release release;
                 fault = core::life_portfolio_values(curve, tables, rules, policies, p, out);
             }
-            if (fault.kind == core::LifeBookFault::SelectAge)
-                throw std::invalid_argument("invalid select age at index " + std::to_string(fault.index));
-            if (fault.kind == core::LifeBookFault::Policy)
-                throw std::invalid_argument("invalid policy at index " + std::to_string(fault.index));
+            refuse_book(fault);
             return array;
         },
         nb::arg("tables"), nb::arg("rules"), nb::arg("names"), nb::arg("rates"), nb::arg("terms"), nb::arg("ends"),
@@ -396,4 +420,51 @@ void register_life(nb::module_& m) {
         "Rounded life annuity values of a portfolio (times the benefits). Columns hold one value per policy or one "
         "for all; `table` holds table indices, or fixed-width texts as a (rows, width) array of UTF-32 code points "
         "matched against `names` (each table's name as code points).");
+
+    m.def(
+        "book_flows",
+        [](std::vector<core::MortalityTable*> tables, const std::vector<std::string>& rule_names,
+           const std::vector<std::vector<std::uint32_t>>& names, InArray rates, InArray terms, InArray ends,
+           nb::object table, RealArray age, RealArray select_age, RealArray n, RealArray d, RealArray ts,
+           RealArray frequency, nb::object benefits, RealArray group, std::size_t groups, InArray bucket_ends,
+           const std::string& benefit, int timing, const std::string& growth_kind, double growth_rate,
+           const std::string& mode, double tolerance_eps, double perpetuity_n_eff) {
+            const std::vector<core::FractionalAge> rules = rules_of(tables, rule_names, names);
+            if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
+            const auto kind = core::life_benefit_named(benefit);
+            if (!kind || (tables.empty() && *kind != core::LifeBenefit::Annuity))
+                throw std::invalid_argument(
+                    "a benefit is 'annuity' (the one of a certain policy), 'insurance', "
+                    "'endowment_insurance' or 'pure_endowment'");
+            const std::span<const double> bucket_span = span_of(bucket_ends);
+            if (bucket_span.empty() || !std::is_sorted(bucket_span.begin(), bucket_span.end()) ||
+                !std::all_of(bucket_span.begin(), bucket_span.end(), [](double t) { return std::isfinite(t); }))
+                throw std::invalid_argument("bucket ends must be finite and ascending, at least one");
+            if (groups == 0) throw std::invalid_argument("at least one group");
+            const core::LifePolicies policies =
+                book_of(table, names, age, select_age, n, d, ts, frequency, benefits, {group.shape(0)});
+            const core::Column group_column(column_of(group), policies.size);
+            for (std::size_t i = 0; i < policies.size; ++i)
+                if (!(group_column[i] >= 0.0 && group_column[i] < static_cast<double>(groups) &&
+                      group_column[i] == std::floor(group_column[i])))
+                    throw std::invalid_argument("group at index " + std::to_string(i) + " is not a group number");
+            if (!tables.empty()) refuse_book(core::check_life_policies(tables, policies));
+            const core::PolicyTerms p{
+                1, timing, growth_of(growth_kind, growth_rate), mode_of(mode), tolerance_eps, perpetuity_n_eff};
+            const core::CurveArrays curve = arrays_of(rates, terms, ends);
+            core::FlowBuckets out(bucket_span, groups);
+            {
+                nb::gil_scoped_release release;
+                core::book_flows(curve, tables, rules, policies, group_column, *kind, p, out);
+            }
+            return std::make_pair(to_array({out.expected().begin(), out.expected().end()}),
+                                  to_array({out.discounted().begin(), out.discounted().end()}));
+        },
+        nb::arg("tables"), nb::arg("rules"), nb::arg("names"), nb::arg("rates"), nb::arg("terms"), nb::arg("ends"),
+        nb::arg("table"), nb::arg("age"), nb::arg("select_age"), nb::arg("n"), nb::arg("d"), nb::arg("ts"),
+        nb::arg("m"), nb::arg("benefits").none(), nb::arg("group"), nb::arg("groups"), nb::arg("bucket_ends"),
+        nb::kw_only(), nb::arg("benefit"), nb::arg("timing"), nb::arg("growth_kind"), nb::arg("growth_rate"),
+        nb::arg("mode"), nb::arg("tolerance_eps"), nb::arg("perpetuity_n_eff"),
+        "Expected and discounted flows of a book (each times its benefit) per group and time bucket, flat "
+        "(group by group). Without tables every policy is a certain annuity; the others must be valid policies.");
 }

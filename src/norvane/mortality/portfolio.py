@@ -222,10 +222,9 @@ class _LifeBook:
         self.decimals: int = curve._config.decimals.annuities
         self.weights, self.size = weights, size
 
-    def value(self, table: NDArray[Any], cols: dict[str, Any], rows: NDArray[np.intp] | None) -> F64:
-        """Values of the policies ``rows`` (None: all), whose tables are ``table`` (texts as
-        ``_texts`` gives them, or indices; NaN for the policies left out); the kernel refuses
-        a policy out of range."""
+    def _arguments(self, table: NDArray[Any], cols: dict[str, Any], rows: NDArray[np.intp] | None) -> list[Any]:
+        """The kernel's tables and columns for the policies ``rows`` (None: all), whose tables
+        are ``table`` (texts as ``_texts`` gives them, or indices; NaN for the policies left out)."""
         tables, names = self.listed, self.names
         if self.generational:  # (indices: texts name no cohort)
             tables, table = _cohort_codes(tables, table, cols, self.size)
@@ -238,7 +237,7 @@ class _LifeBook:
                 values = values[:1]
             return values if rows is None or values.shape[0] == 1 else np.ascontiguousarray(values[rows])
 
-        valued: F64 = _kernels.life_portfolio(
+        return [
             # A generational table's own slot (none of its policies with a cohort) holds its base.
             [_base(t)._native for t in tables],
             [t.fractional_age for t in tables],
@@ -254,6 +253,12 @@ class _LifeBook:
             column(cols["ts"]),
             column(cols["m"]),
             None if self.weights is None else column(self.weights),
+        ]
+
+    def value(self, table: NDArray[Any], cols: dict[str, Any], rows: NDArray[np.intp] | None) -> F64:
+        """Values of the policies ``rows`` (as ``_arguments``); the kernel refuses a policy out of range."""
+        valued: F64 = _kernels.life_portfolio(
+            *self._arguments(table, cols, rows),
             timing=self.timing,
             growth_kind=self.growth_kind,
             growth_rate=self.growth_rate,
@@ -323,11 +328,21 @@ def _value_book(given: _Book, stop_at_fault: bool) -> tuple[F64, dict[int, list[
     return values, faults
 
 
-def _guaranteed_book(given: _Book, stop_at_fault: bool) -> tuple[F64, dict[int, list[str]]]:
-    """As ``_value_book`` for a book whose first ``guarantee`` years of payments are certain:
-    each policy's life annuity deferred by them plus the curve's certain annuity of those
-    years, unit values added and rounded, then times the benefits, as a single call does."""
-    curve, tables, cols, size, weights, timing, growth = given
+class _GuaranteeSplit(NamedTuple):
+    """A guaranteed book split in two: the certain payments of the first ``years`` of each
+    policy (0 where its guarantee is refused), and the life annuity deferred by them."""
+
+    years: F64
+    later_terms: dict[str, Any]
+    kept: NDArray[np.bool_]  # a guarantee of whole payment periods
+    steps: NDArray[np.bool_]  # whose growth steps the deferred part can continue
+
+    def grown(self, growth: Any) -> Any:
+        """The growth of the payments over the guarantee, by which the deferred part is scaled."""
+        return 1.0 if growth is None else np.exp(self.years * math.log1p(float(growth.rate)))
+
+
+def _guarantee_split(cols: dict[str, Any], size: int, growth: Any) -> _GuaranteeSplit:
     n, d, ts, m, k = (np.broadcast_to(cols[c], (size,)) for c in ("n", "d", "ts", "m", "guarantee"))
     # A policy whose terms are at fault keeps them, so that they are worded as given.
     at_fault = np.zeros(size, dtype=bool)
@@ -340,7 +355,18 @@ def _guaranteed_book(given: _Book, stop_at_fault: bool) -> tuple[F64, dict[int, 
     steps = (growth is None) | (k == 0.0) | (geometric & (k == np.floor(k)))
     years = np.where(kept & steps & ~at_fault, k, 0.0)
     later_terms = {**cols, "n": np.maximum(n - years, 0.0, where=n >= 0.0, out=np.array(n)), "d": d + years}
-    later, faults = _value_book(given._replace(cols=later_terms, weights=None), False)
+    return _GuaranteeSplit(years, later_terms, kept, steps)
+
+
+def _guaranteed_book(given: _Book, stop_at_fault: bool) -> tuple[F64, dict[int, list[str]]]:
+    """As ``_value_book`` for a book whose first ``guarantee`` years of payments are certain:
+    each policy's life annuity deferred by them plus the curve's certain annuity of those
+    years, unit values added and rounded, then times the benefits, as a single call does."""
+    curve, tables, cols, size, weights, timing, growth = given
+    split = _guarantee_split(cols, size, growth)
+    n, d, ts, m, k = (np.broadcast_to(cols[c], (size,)) for c in ("n", "d", "ts", "m", "guarantee"))
+    kept, steps, years = split.kept, split.steps, split.years
+    later, faults = _value_book(given._replace(cols=split.later_terms, weights=None), False)
     for i in np.flatnonzero(~kept).tolist():
         faults.setdefault(i, []).append(
             f"'guarantee' must be >= 0.0, finite and a whole number of payment periods at index {i}, "
@@ -363,8 +389,7 @@ def _guaranteed_book(given: _Book, stop_at_fault: bool) -> tuple[F64, dict[int, 
         gr=growth,
     )
     with np.errstate(over="ignore", invalid="ignore"):  # beyond the float range: refused below
-        grown = 1.0 if growth is None else np.exp(years * math.log1p(float(growth.rate)))
-        units = certain + grown * later
+        units = certain + split.grown(growth) * later
     for i in np.flatnonzero(valid & ~np.isfinite(units)).tolist():
         faults.setdefault(i, []).append(f"the payments' growth over the guarantee exceeds the float range at index {i}")
     if faults and stop_at_fault:

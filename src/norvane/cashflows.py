@@ -1,0 +1,331 @@
+"""Expected cash flows of policies and books, by time bucket.
+
+A policy's expected payment at time t is what it pays then times the chance
+that it pays (survival for a life annuity, the chance of dying in the period
+for an insurance); its discounted flow also carries the curve's discount
+factor, so a policy's discounted flows add up to its present value. Flows
+are gathered in time buckets measured from each policy's valuation time,
+in total or by a column, by the same native composition that values the
+policies, so a certain annuity is a life annuity whose survival is 1.
+
+>>> from norvane.mortality import bundled_table
+>>> flows = expected_flows(curve, {"M": bundled_table("makeham_20_120")},
+...                        table="M", age=[65, 70], m=12)  # doctest: +SKIP
+>>> flows.discounted.sum()  # the book's present value  # doctest: +SKIP
+"""
+
+from __future__ import annotations
+
+import math
+from collections.abc import Mapping
+from dataclasses import dataclass
+from typing import TYPE_CHECKING, Any, Literal
+
+import numpy as np
+from numpy.typing import ArrayLike, NDArray
+
+from . import _kernels
+from ._helpers.policy_arrays import _benefits_array, _check_benefit_values, _term_faults
+from .base import _ALLOWED_PAYMENT_FREQUENCIES
+from .helpers import _allowed_frequency, _map_batch_n_none_to_inf, _policy_column, _real_float
+from .mortality.lives import _curve_arrays
+from .mortality.portfolio import (
+    Table,
+    _base,
+    _columns,
+    _faults,
+    _frequencies,
+    _guarantee_split,
+    _LifeBook,
+    _table_codes,
+    _table_names,
+)
+from .validators import _resolve_gr
+
+if TYPE_CHECKING:
+    import pyarrow as pa
+
+__all__ = ["CashFlows", "expected_flows", "bucket_ends"]
+
+F64 = NDArray[np.float64]
+_METHOD = "expected_flows"
+_BENEFITS = ("annuity", "insurance", "endowment_insurance", "pure_endowment")
+# The longest horizon a bucket grid is built for, and the most buckets.
+MAX_HORIZON = 10_000.0
+MAX_BUCKETS = 10_000_000
+
+
+@dataclass(frozen=True, eq=False)
+class CashFlows:
+    """Expected flows by time bucket, in total or by group.
+
+    Attributes
+    ----------
+    bucket_ends : ndarray, shape (buckets,)
+        Each bucket holds the flows after the previous end up to its own
+        end, in years from each policy's valuation time (the first from 0;
+        the last also holds every later flow).
+    expected, discounted : ndarray, shape (groups, buckets)
+        Expected payments undiscounted and discounted to the valuation time.
+    groups : tuple
+        The label of each row (``(None,)`` without a grouping column).
+    """
+
+    bucket_ends: F64
+    expected: F64
+    discounted: F64
+    groups: tuple[Any, ...] = (None,)
+
+    @property
+    def total_expected(self) -> F64:
+        """Expected payments per bucket, all groups together."""
+        out: F64 = self.expected.sum(axis=0)
+        return out
+
+    @property
+    def total_discounted(self) -> F64:
+        """Discounted payments per bucket, all groups together."""
+        out: F64 = self.discounted.sum(axis=0)
+        return out
+
+    @property
+    def present_value(self) -> float:
+        """The sum of the discounted flows: the book's present value."""
+        return math.fsum(self.discounted.ravel().tolist())
+
+    def __add__(self, other: CashFlows) -> CashFlows:
+        """Flows of two books on the same buckets, groups of the same label added."""
+        if not isinstance(other, CashFlows):
+            return NotImplemented
+        if not np.array_equal(self.bucket_ends, other.bucket_ends):
+            raise ValueError("[CashFlows] only flows on the same buckets can be added.")
+        labels = list(dict.fromkeys(self.groups + other.groups))
+        expected = np.zeros((len(labels), self.bucket_ends.size))
+        discounted = np.zeros_like(expected)
+        for flows in (self, other):
+            rows = [labels.index(label) for label in flows.groups]
+            np.add.at(expected, rows, flows.expected)
+            np.add.at(discounted, rows, flows.discounted)
+        return CashFlows(self.bucket_ends, expected, discounted, tuple(labels))
+
+    def to_arrow(self, by: str = "group") -> pa.Table:
+        """One row per group and bucket: ``by`` (when grouped), "bucket_start", "bucket_end",
+        "expected" and "discounted"."""
+        import pyarrow as pa
+
+        buckets = self.bucket_ends.size
+        starts = np.concatenate([[0.0], self.bucket_ends[:-1]])
+        columns: dict[str, Any] = {}
+        if self.groups != (None,):
+            columns[by] = pa.array(np.repeat(np.array(self.groups, dtype=object), buckets).tolist())
+        columns["bucket_start"] = np.tile(starts, len(self.groups))
+        columns["bucket_end"] = np.tile(self.bucket_ends, len(self.groups))
+        columns["expected"] = self.expected.ravel()
+        columns["discounted"] = self.discounted.ravel()
+        return pa.table(columns)
+
+
+def bucket_ends(buckets: Any, horizon: float) -> F64:
+    """The ends of the buckets: "annual" (1, 2, ..., horizon), "monthly" (1/12, 2/12, ...) or
+    the given ends (finite, strictly increasing, the first > 0)."""
+    if isinstance(buckets, str):
+        per_year = {"annual": 1, "monthly": 12}.get(buckets)
+        if per_year is None:
+            raise ValueError(f"[{_METHOD}] 'buckets' must be 'annual', 'monthly' or bucket ends, got {buckets!r}.")
+        count = math.ceil(horizon * per_year - 1e-9)
+        if count > MAX_BUCKETS:
+            raise ValueError(f"[{_METHOD}] {count} buckets are more than {MAX_BUCKETS}.")
+        return np.arange(1, max(count, 1) + 1, dtype=np.float64) / per_year
+    ends = np.array(_policy_column(buckets, "buckets", _METHOD), dtype=np.float64).reshape(-1)
+    if not (ends.size and np.isfinite(ends).all() and ends[0] > 0.0 and (np.diff(ends) > 0.0).all()):
+        raise ValueError(f"[{_METHOD}] bucket ends must be finite and strictly increasing from above 0, at least one.")
+    return ends
+
+
+def _group_codes(by: Any, size: int) -> tuple[F64, tuple[Any, ...]]:
+    """Each policy's group number and the groups' labels (sorted)."""
+    if by is None:
+        return np.zeros(1), (None,)
+    labels = np.asarray(by.to_numpy() if hasattr(by, "to_numpy") else by)
+    if labels.ndim != 1 or labels.shape[0] not in (1, size):
+        raise ValueError(f"[{_METHOD}] 'by' must hold one label per policy, got shape {labels.shape}.")
+    try:
+        found, codes = np.unique(labels, return_inverse=True)
+    except TypeError:  # labels that do not sort (mixed types): in order of appearance
+        index: dict[Any, int] = {}
+        codes = np.array([index.setdefault(label, len(index)) for label in labels.tolist()])
+        found = np.array(list(index), dtype=object)
+    return codes.astype(np.float64).reshape(-1), tuple(found.tolist())
+
+
+def _default_horizon(cols: dict[str, Any], tables: list[Table] | None, codes: F64) -> float:
+    """The last time a policy can pay, from its valuation time (a perpetuity's: 100 years)."""
+    n, d, ts = (np.asarray(cols[c], dtype=np.float64) for c in ("n", "d", "ts"))
+    ends = np.maximum(d, ts) + np.where(np.isfinite(n), n - np.maximum(ts - d, 0.0), np.inf) - ts
+    if tables is not None:
+        last = np.array([_base(t).last_age + 1.0 for t in tables])
+        alive = last[codes.astype(np.intp)] - (np.asarray(cols["age"], dtype=np.float64) + ts)
+        ends = np.minimum(ends, np.maximum(d - ts, 0.0) + alive)
+    finite = ends[np.isfinite(ends)]
+    last_end = float(finite.max()) if finite.size else 0.0
+    return min(MAX_HORIZON, max(1.0, last_end, 100.0 if (~np.isfinite(ends)).any() else 0.0))
+
+
+class _Gathering:
+    """The flows of a book's parts (certain and life legs), gathered on one grid."""
+
+    def __init__(self, curve: Any, ends: F64, group: F64, groups: int, timing: str, growth: Any):
+        self.curve, self.ends, self.group, self.groups = curve, ends, group, groups
+        self.rates, self.terms, self.curve_ends = _curve_arrays(curve, _METHOD)
+        self.settings: dict[str, Any] = dict(
+            timing=0 if timing == "due" else 1,
+            growth_kind="level" if growth is None else growth.kind,
+            growth_rate=0.0 if growth is None else float(growth.rate),
+            mode=curve.calculation_mode,
+            tolerance_eps=curve._meta.tolerance_eps,
+            perpetuity_n_eff=float(curve._meta.perpetuity_n_eff),
+        )
+        self.expected = np.zeros(groups * ends.size)
+        self.discounted = np.zeros(groups * ends.size)
+
+    def add(self, arguments: list[Any], benefit: str = "annuity") -> None:
+        expected, discounted = _kernels.book_flows(
+            *[*arguments, self.group, self.groups, self.ends], benefit=benefit, **self.settings
+        )
+        self.expected += expected
+        self.discounted += discounted
+
+    def certain(self, cols: dict[str, Any], weights: Any) -> None:
+        one = np.zeros(1)
+        arguments: list[Any] = [[], [], [], self.rates, self.terms, self.curve_ends, one, one, one]
+        self.add(arguments + [cols[c] for c in ("n", "d", "ts", "m")] + [weights])
+
+    def result(self, labels: tuple[Any, ...]) -> CashFlows:
+        shape = (self.groups, self.ends.size)
+        return CashFlows(self.ends, self.expected.reshape(shape), self.discounted.reshape(shape), labels)
+
+
+def expected_flows(
+    curve: Any,
+    tables: Mapping[str, Table] | None = None,
+    *,
+    table: ArrayLike | None = None,
+    age: ArrayLike | None = None,
+    n: Any = None,
+    d: ArrayLike = 0.0,
+    ts: ArrayLike = 0.0,
+    m: ArrayLike = 1,
+    benefits: ArrayLike | None = None,
+    select_age: ArrayLike | None = None,
+    gr: Any = None,
+    year: ArrayLike | None = None,
+    guarantee: ArrayLike | None = None,
+    timing: Literal["due", "immediate"] = "due",
+    benefit: Literal["annuity", "insurance", "endowment_insurance", "pure_endowment"] = "annuity",
+    buckets: Any = "annual",
+    horizon: float | None = None,
+    by: ArrayLike | None = None,
+) -> CashFlows:
+    """Expected and discounted cash flows of a book, by time bucket.
+
+    The columns are those of :func:`norvane.mortality.life_annuities` (one
+    element per policy, or one value for all). Without ``tables`` the
+    policies are certain annuities (``n`` None or inf: a perpetuity, over
+    the curve's perpetuity horizon); with ``tables`` each pays ``benefit``
+    on the life its ``table``, ``age`` (and ``select_age``, ``year``) give.
+
+    Parameters
+    ----------
+    benefit : {"annuity", "insurance", "endowment_insurance", "pure_endowment"}
+        What a life policy pays: the annuity, 1 at the end of the 1/m period
+        of death within the term (the moment of death in the continuous
+        modes), that and 1 on survival to the end of a finite term, or 1 on
+        survival to the end of the deferment and term.
+    buckets : {"annual", "monthly"} or array-like
+        The buckets' grid up to ``horizon``, or the bucket ends themselves.
+    horizon : float, optional
+        Years the annual or monthly grid covers (default: up to the last
+        payment any policy can make, 100 years with perpetuities); later
+        flows go to the last bucket.
+    by : array-like, optional
+        A label per policy (a table, a product): the flows per label.
+
+    Returns
+    -------
+    CashFlows
+        Expected and discounted flows, shape (groups, buckets). Each
+        policy's discounted flows add up to its present value (unrounded,
+        times its benefit) in every calculation mode: in the Woolhouse
+        modes the annual payments carry their weights.
+    """
+    if not (isinstance(timing, str) and timing in ("due", "immediate")):
+        raise ValueError(f"[{_METHOD}] 'timing' must be 'due' or 'immediate', got {timing!r}.")
+    if not (isinstance(benefit, str) and benefit in _BENEFITS):
+        raise ValueError(f"[{_METHOD}] 'benefit' must be one of {_BENEFITS}, got {benefit!r}.")
+    if tables is not None and (
+        not isinstance(tables, Mapping) or not tables or not all(isinstance(t, Table) for t in tables.values())
+    ):
+        raise TypeError(
+            f"[{_METHOD}] 'tables' must be a non-empty mapping of names to MortalityTable or GenerationalTable objects."
+        )
+    if tables is None and (benefit != "annuity" or table is not None or age is not None):
+        raise ValueError(f"[{_METHOD}] a book without tables is of certain annuities: give 'tables' for lives.")
+    life = tables is not None
+    cols, size = _columns(
+        _METHOD,
+        table=_table_names(table if life else ""),
+        age=_policy_column(age if life else 0.0, "age", _METHOD),
+        n=_policy_column(_map_batch_n_none_to_inf(n), "n", _METHOD),
+        d=_policy_column(d, "d", _METHOD),
+        ts=_policy_column(ts, "ts", _METHOD),
+        m=_frequencies(m),
+        select_age=_policy_column(np.nan if select_age is None else select_age, "select_age", _METHOD),
+        year=_policy_column(np.nan if year is None else year, "year", _METHOD),
+        guarantee=_policy_column(0.0 if guarantee is None else guarantee, "guarantee", _METHOD),
+    )
+    weights = _benefits_array(benefits, size, _METHOD)
+    _check_benefit_values(weights, _METHOD)
+    growth = _resolve_gr(gr, _METHOD)
+    group, labels = _group_codes(by, size)
+    if life:
+        assert tables is not None
+        codes = _table_codes(cols["table"], tables)[0]
+        faults = _faults(tables, cols, size, codes)
+    else:
+        codes = np.zeros(1)
+        faults = _term_faults(cols["n"], cols["d"], cols["ts"], cols["m"], size)
+        refused = np.flatnonzero(np.broadcast_to(~_allowed_frequency(cols["m"]), (size,))).tolist()
+        for i in refused:
+            faults.setdefault(i, []).append(f"'m' must be one of {_ALLOWED_PAYMENT_FREQUENCIES} at index {i}")
+    if faults:
+        _refuse_flows(faults)
+    if horizon is None:
+        listed = None if tables is None else list(tables.values())
+        span = _default_horizon(cols, listed, np.broadcast_to(codes, (size,)))
+    else:
+        span = _real_float(horizon, "horizon", _METHOD)
+        if not 0.0 < span <= MAX_HORIZON:
+            raise ValueError(f"[{_METHOD}] 'horizon' must be > 0 and at most {MAX_HORIZON:g} years, got {span!r}.")
+    gathering = _Gathering(curve, bucket_ends(buckets, span), group, len(labels), timing, growth)
+    if not life:
+        gathering.certain(cols, weights)
+        return gathering.result(labels)
+    assert tables is not None
+    book = _LifeBook(curve, tables, timing, growth, weights, size)
+    if guarantee is None or benefit != "annuity":
+        gathering.add(book._arguments(codes, cols, None), benefit)
+        return gathering.result(labels)
+    # A guarantee: its years certain, the life annuity deferred by them and scaled by their growth.
+    split = _guarantee_split(cols, size, growth)
+    refused = np.flatnonzero(~(split.kept & split.steps)).tolist()
+    if refused:
+        _refuse_flows({i: [f"'guarantee' cannot be valued at index {i}"] for i in refused})
+    n_all = np.broadcast_to(cols["n"], (size,))
+    gathering.certain({**cols, "n": np.minimum(split.years, n_all)}, weights)
+    later = _LifeBook(curve, tables, timing, growth, split.grown(growth) * (1.0 if weights is None else weights), size)
+    gathering.add(later._arguments(codes, split.later_terms, None))
+    return gathering.result(labels)
+
+
+def _refuse_flows(faults: dict[int, list[str]]) -> None:
+    raise ValueError(f"[{_METHOD}] " + "; ".join(faults[min(faults)]))
