@@ -191,11 +191,25 @@ FLOW_BOOK = [
             {"id": "p", "term": "", "benefit": "5"},
             {"id": "g", "term": "9", "shift": "2", "growth": "0.03", "benefit": "7"},
         ],
+        [  # lives for life, on the default and a named table, one indexed and guaranteed
+            {"id": "l", "term": "", "frequency": "12", "benefit": "900", "age": "70.5"},
+            {
+                "id": "m",
+                "term": "",
+                "growth": "0.02",
+                "benefit": "40",
+                "age": "60",
+                "table": "makeham_13_110",
+                "guarantee": "5",
+                "shift": "1",
+            },
+        ],
     ],
-    ids=["level", "perp-growth"],
+    ids=["level", "perp-growth", "lives"],
 )
 def test_flows_total_equals_value_total(tmp_path, capsys, mode, extra):
-    book = write_csv(tmp_path / "book.csv", FLOW_BOOK + extra + [{"id": "bad", "term": "-1"}])
+    columns = COLUMNS + ["age", "table", "guarantee"]
+    book = write_csv(tmp_path / "book.csv", FLOW_BOOK + extra + [{"id": "bad", "term": "-1"}], columns)
     common = ["--portfolio", str(book), "--rate", "0.03", "--mode", mode]
     assert main(["value", *common, "--quiet", "--output", str(tmp_path / "v.csv")]) == 0
     assert main(["flows", *common, "--output", str(tmp_path / "f.csv")]) == 0
@@ -205,9 +219,14 @@ def test_flows_total_equals_value_total(tmp_path, capsys, mode, extra):
     pv = math.fsum(float(r["pv_cf"]) for r in flows)
     assert pv == pytest.approx(math.fsum(v for v in values if not math.isnan(v)), rel=1e-6)
     assert re.search(rf"total .* {pv:,.2f}\n", printed) and re.search(r"skipped \(invalid\)\s+1\n", printed)
-    # The last payment: deferment 3 + term 12; perpetuities extend the grid to 100 years.
-    assert [int(r["year"]) for r in flows] == list(range(1, 101 if extra else 16))
-    if not extra:  # level payments from inception: the undiscounted total is benefit x term
+    # The last payment: deferment 3 + term 12; perpetuities extend the grid to 100 years; the life
+    # aged 70.5 can live to the end of its table at 121.
+    lives = any("age" in record for record in extra)
+    years = 51 if lives else 100 if extra else 15
+    assert [int(r["year"]) for r in flows] == list(range(1, years + 1))
+    if lives:
+        assert "perpetuities" not in printed and re.search(r"of which life annuities\s+2\n", printed)
+    elif not extra:  # level payments from inception: the undiscounted total is benefit x term
         total_cf = math.fsum(float(r["expected_cf"]) for r in flows)
         assert total_cf == pytest.approx(sum(float(p["benefit"]) * float(p["term"]) for p in FLOW_BOOK))
     else:

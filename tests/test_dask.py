@@ -241,3 +241,22 @@ def test_life_records_and_their_tables_reach_the_workers(client):
     assert np.array_equal(result["present_value"], single.present_value, equal_nan=True)
     assert result["error"].isna().tolist() == [True, True, True, False]
     assert result["present_value"][1] == tables["M"].life(65).ä(CURVE, n=10)
+
+
+def test_policy_flows_of_lives_add_up_to_their_values(client):
+    table = bundled_table("makeham_13_110")
+    frame = pd.DataFrame(
+        {
+            "id": [f"L{i}" for i in range(6)],
+            "term": [np.nan, 10, np.nan, 20, np.nan, 5],
+            "benefit": [100.0, 50.0, 70.0, 10.0, 30.0, 5.0],
+            "age": [65, 40.5, np.nan, 70, 80, np.nan],
+            "table": ["own", "", "", "own", "own", ""],
+        }
+    )
+    frame.loc[2, "term"] = 12  # a certain annuity among the lives
+    policies = dd.from_pandas(frame, npartitions=2)
+    flows = policy_flows(policies, CURVE, tables={"own": table})
+    values = value_book(frame, CURVE, tables={"own": table}).present_value
+    assert flows["total_pv"] == pytest.approx(math.fsum(values), rel=1e-10) and flows["invalid"] == 0
+    assert len(flows["year"]) == 111 - 65  # the life aged 65 for life may live to the end of its table at 111

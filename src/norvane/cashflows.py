@@ -45,7 +45,7 @@ from .validators import _resolve_gr
 if TYPE_CHECKING:
     import pyarrow as pa
 
-__all__ = ["CashFlows", "expected_flows", "bucket_ends"]
+__all__ = ["CashFlows", "bucket_ends", "expected_flows", "payment_ends"]
 
 F64 = NDArray[np.float64]
 _METHOD = "expected_flows"
@@ -158,14 +158,22 @@ def _group_codes(by: Any, size: int) -> tuple[F64, tuple[Any, ...]]:
     return codes.astype(np.float64).reshape(-1), tuple(found.tolist())
 
 
+def payment_ends(n: Any, d: Any, ts: Any, alive: Any = np.inf) -> F64:
+    """When each policy pays last, in years from its valuation time (inf: a perpetuity):
+    the end of its term, or of the ``alive`` years its life can still live after ts."""
+    n, d, ts = (np.asarray(x, dtype=np.float64) for x in (n, d, ts))
+    ahead = np.maximum(d - ts, 0.0)
+    with np.errstate(invalid="ignore"):  # inf - inf: a perpetuity
+        return np.minimum(ahead + np.maximum(n - np.maximum(ts - d, 0.0), 0.0), ahead + np.asarray(alive))
+
+
 def _default_horizon(cols: dict[str, Any], tables: list[Table] | None, codes: F64) -> float:
     """The last time a policy can pay, from its valuation time (a perpetuity's: 100 years)."""
-    n, d, ts = (np.asarray(cols[c], dtype=np.float64) for c in ("n", "d", "ts"))
-    ends = np.maximum(d, ts) + np.where(np.isfinite(n), n - np.maximum(ts - d, 0.0), np.inf) - ts
+    alive: Any = np.inf
     if tables is not None:
         last = np.array([_base(t).last_age + 1.0 for t in tables])
-        alive = last[codes.astype(np.intp)] - (np.asarray(cols["age"], dtype=np.float64) + ts)
-        ends = np.minimum(ends, np.maximum(d - ts, 0.0) + alive)
+        alive = last[codes.astype(np.intp)] - (np.asarray(cols["age"], dtype=np.float64) + cols["ts"])
+    ends = payment_ends(cols["n"], cols["d"], cols["ts"], alive)
     finite = ends[np.isfinite(ends)]
     last_end = float(finite.max()) if finite.size else 0.0
     return min(MAX_HORIZON, max(1.0, last_end, 100.0 if (~np.isfinite(ends)).any() else 0.0))

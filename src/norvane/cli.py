@@ -33,6 +33,7 @@ from .portfolio import (
     BookSummary,
     InputError,
     book_flows,
+    book_tables,
     check_output,
     flow_years,
     last_payment_year,
@@ -448,14 +449,15 @@ def run_flows(args: argparse.Namespace) -> int:
     curve, curve_label = load_curve(args.curve, args.rate)
     mode = args.mode or Config().calculation_mode
     book = open_book(args.portfolio or SAMPLE_PORTFOLIO)
-    blocks = [(block.policies, block.valid) for block in valued_blocks(book, curve, mode)]
+    tables = book_tables(load_tables(args.mortality))
+    blocks = [(block.policies, block.valid) for block in valued_blocks(book, curve, mode, tables=tables.tables)]
     count = sum(len(pf) for pf, _ in blocks)
     invalid = sum(int((~valid).sum()) for _, valid in blocks)
     life = sum(int((valid & pf.life).sum()) for pf, valid in blocks)
 
-    last, perpetuities = last_payment_year(blocks)
+    last, perpetuities = last_payment_year(blocks, tables)
     years = flow_years(last, perpetuities, args.horizon)
-    flows = book_flows(curve, blocks, mode, years)
+    flows = book_flows(curve, blocks, mode, years, tables)
     total = math.fsum(flows["pv_cf"].tolist())
 
     print("norvane cash flows")
@@ -465,8 +467,8 @@ def run_flows(args: argparse.Namespace) -> int:
             ("curve", curve_label),
             ("mode", mode),
             ("policies", f"{count:,}"),
+            ("of which life annuities", f"{life:,}"),
             ("skipped (invalid)", f"{invalid:,}"),
-            *([("skipped (life annuities)", f"{life:,}")] if life else []),
         ]
     )
     gathered = perpetuities or last > years
@@ -541,6 +543,14 @@ def build_parser() -> argparse.ArgumentParser:
     book_options.add_argument(
         "--mode", choices=_CALCULATION_MODES, help=f"calculation mode (default {Config().calculation_mode})"
     )
+    book_options.add_argument(
+        "--mortality",
+        action="append",
+        metavar="NAME=FILE.csv",
+        help="a mortality table that the 'table' column names: a CSV file with columns age and qx "
+        "(select_0, select_1, ... for a select table), or a bundled table's name alone; repeatable, "
+        "the first is the default for records with an age and no table",
+    )
 
     value = commands.add_parser(
         "value",
@@ -555,14 +565,6 @@ def build_parser() -> argparse.ArgumentParser:
         type=Path,
         metavar="FILE",
         help="write id, present_value and error per policy (.csv, .csv.gz or .parquet)",
-    )
-    value.add_argument(
-        "--mortality",
-        action="append",
-        metavar="NAME=FILE.csv",
-        help="a mortality table that the 'table' column names: a CSV file with columns age and qx "
-        "(select_0, select_1, ... for a select table), or a bundled table's name alone; repeatable, "
-        "the first is the default for records with an age and no table",
     )
     value.add_argument("--quiet", action="store_true", help="print a one-line summary only")
     value.add_argument(
@@ -630,14 +632,15 @@ def build_parser() -> argparse.ArgumentParser:
         formatter_class=raw,
         epilog=POLICY_COLUMNS,
         help="aggregated expected and discounted cash flows of a portfolio by year",
-        description="Aggregate the portfolio's expected cash flows and their present values on a yearly "
-        "grid after the valuation time. Invalid records are skipped and counted.",
+        description="Aggregate the portfolio's expected cash flows (certain and life annuities, each "
+        "payment weighted by the chance it is made) and their present values on a yearly grid after "
+        "the valuation time. Invalid records are skipped and counted.",
     )
     flows.add_argument(
         "--horizon",
         type=float,
         metavar="YEARS",
-        help="last year of the grid (default: the last payment year of the finite policies, "
+        help="last year of the grid (default: the last payment year, a life's when its table ends, "
         f"at least {PERPETUITY_YEARS} with perpetuities; later flows are shown in the last year)",
     )
     flows.add_argument(

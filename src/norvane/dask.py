@@ -34,6 +34,7 @@ import pandas as pd
 from .config import Config
 from .mortality import GenerationalTable, MortalityTable
 from .portfolio import (
+    BookTables,
     Policies,
     book_flows,
     book_tables,
@@ -63,10 +64,12 @@ def _settings(mode: str | None) -> dict[str, Any]:
     }
 
 
-def _blocks(frame: pd.DataFrame, curve: Any, settings: dict[str, Any]) -> list[tuple[Policies, np.ndarray]]:
+def _blocks(
+    frame: pd.DataFrame, curve: Any, settings: dict[str, Any], tables: BookTables
+) -> list[tuple[Policies, np.ndarray]]:
     """The partition's policies and which of them are valid, under the caller's settings."""
     with _SETTINGS_LOCK, Config().override(**settings):
-        blocks = valued_blocks(open_book(frame, "partition"), curve, settings["calculation_mode"])
+        blocks = valued_blocks(open_book(frame, "partition"), curve, settings["calculation_mode"], tables=tables.tables)
         return [(block.policies, block.valid) for block in blocks]
 
 
@@ -141,16 +144,20 @@ def value_policies(
     return result if (with_errors or carry) else result["present_value"]
 
 
-def _partition_horizon(frame: pd.DataFrame, curve: Any, settings: dict[str, Any]) -> tuple[int, bool, int]:
-    blocks = _blocks(frame, curve, settings)
-    last, perpetuities = last_payment_year(blocks)
+def _partition_horizon(
+    frame: pd.DataFrame, curve: Any, settings: dict[str, Any], tables: BookTables
+) -> tuple[int, bool, int]:
+    blocks = _blocks(frame, curve, settings, tables)
+    last, perpetuities = last_payment_year(blocks, tables)
     return last, perpetuities, sum(int((~valid).sum()) for _, valid in blocks)
 
 
-def _partition_flows(frame: pd.DataFrame, curve: Any, settings: dict[str, Any], years: int) -> dict[str, np.ndarray]:
-    blocks = _blocks(frame, curve, settings)
+def _partition_flows(
+    frame: pd.DataFrame, curve: Any, settings: dict[str, Any], years: int, tables: BookTables
+) -> dict[str, np.ndarray]:
+    blocks = _blocks(frame, curve, settings, tables)
     with _SETTINGS_LOCK, Config().override(**settings):
-        return book_flows(curve, blocks, settings["calculation_mode"], years)
+        return book_flows(curve, blocks, settings["calculation_mode"], years, tables)
 
 
 def _add(a: dict[str, np.ndarray], b: dict[str, np.ndarray]) -> dict[str, np.ndarray]:
@@ -158,10 +165,15 @@ def _add(a: dict[str, np.ndarray], b: dict[str, np.ndarray]) -> dict[str, np.nda
 
 
 def policy_flows(
-    policies: dd.DataFrame, curve: Any, *, mode: str | None = None, horizon: float | None = None
+    policies: dd.DataFrame,
+    curve: Any,
+    *,
+    mode: str | None = None,
+    horizon: float | None = None,
+    tables: Mapping[str, MortalityTable | GenerationalTable] | None = None,
 ) -> dict[str, Any]:
-    """Aggregated cash flows of the valid certain annuities on the yearly grid 1, 2, ..., years
-    (records with an age are left out).
+    """Aggregated cash flows of the valid records, certain and life annuities, on the yearly
+    grid 1, 2, ..., years, summed over the partitions.
 
     Parameters
     ----------
@@ -174,6 +186,8 @@ def policy_flows(
     horizon : float, optional
         Length of the grid in years; default the last payment year (at least
         100 years when perpetuities are held). Later flows go to the last year.
+    tables : mapping of str to MortalityTable, optional
+        The tables that "table" cells name, as for :func:`value_policies`.
 
     Returns
     -------
@@ -182,13 +196,13 @@ def policy_flows(
         "pv_cf") and "invalid" (records skipped), reduced across partitions.
     """
     settings = _settings(mode)
-    curve_key = _shipped(curve)
+    curve_key, known = _shipped(curve), _shipped(book_tables(tables))
     parts = policies.to_delayed()
-    horizons = dask.compute(*[dask.delayed(_partition_horizon)(p, curve_key, settings) for p in parts])
+    horizons = dask.compute(*[dask.delayed(_partition_horizon)(p, curve_key, settings, known) for p in parts])
     last = max((h[0] for h in horizons), default=1)
     perpetuities = any(h[1] for h in horizons)
     years = flow_years(last, perpetuities, horizon)
-    pieces = [dask.delayed(_partition_flows)(p, curve_key, settings, years) for p in parts]
+    pieces = [dask.delayed(_partition_flows)(p, curve_key, settings, years, known) for p in parts]
     while len(pieces) > 1:  # a tree reduction keeps each task's inputs small
         pieces = [
             dask.delayed(_add)(*pieces[i : i + 2]) if i + 1 < len(pieces) else pieces[i]

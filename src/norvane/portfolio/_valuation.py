@@ -4,16 +4,17 @@ from __future__ import annotations
 
 import math
 import re
-from collections.abc import Callable, Iterable
+from collections.abc import Callable, Iterable, Iterator
 from dataclasses import dataclass
 from functools import partial
 from typing import Any
 
 import numpy as np
 
+from ..cashflows import CashFlows, expected_flows, payment_ends
 from ..config import Config
 from ..helpers import _real_float
-from ..mortality import life_annuities
+from ..mortality import GenerationalTable, life_annuities
 from ._arguments import checked_blocks, checked_curve, checked_mode, checked_policies, checked_years
 from ._life import BookTables, book_tables
 from ._policies import InputError, Policies
@@ -146,54 +147,98 @@ def value_policies(
     return out.values, out.errors, out.valid
 
 
-def portfolio_flows(curve: Any, pf: Policies, valid: np.ndarray, mode: str, years: int) -> dict[str, np.ndarray]:
-    """Expected and discounted cash flows of the valid certain annuities on the grid 1, 2, ...,
-    years (life records are left out).
+def _flow_rows(pf: Policies, valid: np.ndarray) -> Iterator[tuple[bool, Any, np.ndarray]]:
+    """The valid records by timing and growth rate (None: level): one flows call each."""
+    for due in (True, False):
+        usable = valid & (pf.due == due)
+        for growth in np.unique(pf.growth[usable]):  # (NaN, level, comes once)
+            same = usable & ((pf.growth == growth) | (np.isnan(growth) & np.isnan(pf.growth)))
+            yield due, None if np.isnan(growth) else float(growth), same
 
-    Policies are grouped by (timing, frequency), one flows call per group; flows after the
-    last grid year (perpetuities) are gathered in the last year.
-    """
-    valid = valid & ~pf.life
+
+def portfolio_flows(
+    curve: Any, pf: Policies, valid: np.ndarray, mode: str, years: int, tables: BookTables | None = None
+) -> CashFlows:
+    """Expected and discounted cash flows of the valid records on the grid 1, 2, ..., years
+    (each flow in the first year ending at or after it; later flows in the last year):
+    certain and life annuities, life records on ``tables`` (default: ``book_tables()``)."""
+    tables = tables or book_tables()
     grid = np.arange(1.0, years + 1.0)
-    expected = np.zeros(years)
-    present = np.zeros(years)
+    total = CashFlows(grid, np.zeros((1, years)), np.zeros((1, years)))
     with Config().override(calculation_mode=mode):
-        for due in (True, False):
-            method = curve.ä if due else curve.a
-            for m in np.unique(pf.frequency[valid & (pf.due == due)]):
-                rows = np.flatnonzero(valid & (pf.due == due) & (pf.frequency == m))
-                args = _arguments(pf, rows)
-                args["m"] = int(m)
-                flows = method(**args, return_flows=True, t_output=grid)
-                expected += flows["expected_cf"]
-                present += flows["pv_cf"]
-    return {"year": np.arange(1, years + 1), "expected_cf": expected, "pv_cf": present}
+        for due, growth, rows in _flow_rows(pf, valid):
+            terms = dict(buckets=grid, gr=growth, timing="due" if due else "immediate")
+            certain = np.flatnonzero(rows & ~pf.life)
+            if certain.size:
+                total += expected_flows(
+                    curve,
+                    n=pf.term[certain],
+                    d=pf.deferment[certain],
+                    ts=pf.shift[certain],
+                    m=pf.frequency[certain],
+                    benefits=pf.benefit[certain],
+                    **terms,
+                )
+            life = np.flatnonzero(rows & pf.life)
+            if life.size:
+                names = pf.table[life]
+                guarantee = pf.guarantee[life]
+                total += expected_flows(
+                    curve,
+                    tables.tables,
+                    table=np.where(names == "", tables.default, names),
+                    age=pf.age[life],
+                    n=pf.term[life],
+                    d=pf.deferment[life],
+                    ts=pf.shift[life],
+                    m=pf.frequency[life],
+                    benefits=pf.benefit[life],
+                    select_age=pf.select_age[life],
+                    year=pf.year[life],
+                    guarantee=guarantee if guarantee.any() else None,
+                    **terms,
+                )
+    return total
 
 
-def last_payment_year(blocks: Iterable[tuple[Policies, np.ndarray]]) -> tuple[int, bool]:
-    """The last year with payments among the valid certain annuities of (policies, valid)
-    blocks, seen from their valuation times, and whether any of them is a perpetuity."""
-    ends = np.concatenate(
-        [(pf.deferment + pf.term - pf.shift)[valid & ~pf.life] for pf, valid in checked_blocks(blocks)] + [np.empty(0)]
-    )
-    finite = np.isfinite(ends)
-    last = int(math.ceil(ends[finite].max() - 1e-9)) if finite.any() else 1
+def last_payment_year(
+    blocks: Iterable[tuple[Policies, np.ndarray]], tables: BookTables | None = None
+) -> tuple[int, bool]:
+    """The last year with payments among the valid records of (policies, valid) blocks, seen
+    from their valuation times (a life's: until its table ends), and whether any of them is a
+    perpetuity."""
+    tables = tables or book_tables()
+    ends = [np.empty(0)]
+    for pf, valid in checked_blocks(blocks):
+        rows = np.flatnonzero(valid)
+        alive = np.full(rows.size, np.inf)
+        for name in np.unique(pf.table[rows[pf.life[rows]]]):
+            table = tables.tables[str(name) or tables.default]
+            last_age = (table.base if isinstance(table, GenerationalTable) else table).last_age
+            mine = pf.life[rows] & (pf.table[rows] == name)
+            alive[mine] = last_age + 1.0 - (pf.age[rows] + pf.shift[rows])[mine]
+        ends.append(payment_ends(pf.term[rows], pf.deferment[rows], pf.shift[rows], alive))
+    every = np.concatenate(ends)
+    finite = np.isfinite(every)
+    last = int(math.ceil(every[finite].max() - 1e-9)) if finite.any() else 1
     return max(last, 1), bool((~finite).any())
 
 
 def book_flows(
-    curve: Any, blocks: Iterable[tuple[Policies, np.ndarray]], mode: str, years: int
+    curve: Any,
+    blocks: Iterable[tuple[Policies, np.ndarray]],
+    mode: str,
+    years: int,
+    tables: BookTables | None = None,
 ) -> dict[str, np.ndarray]:
-    """portfolio_flows of (policies, valid) blocks, added up."""
+    """portfolio_flows of (policies, valid) blocks, added up: "year", "expected_cf", "pv_cf"."""
     curve, mode = checked_curve(curve), checked_mode(mode) or Config().calculation_mode
     years = checked_years(years, "years", MAX_FLOW_YEARS)
     blocks = checked_blocks(blocks)
-    total = {"year": np.arange(1, years + 1), "expected_cf": np.zeros(years), "pv_cf": np.zeros(years)}
+    total = CashFlows(np.arange(1.0, years + 1.0), np.zeros((1, years)), np.zeros((1, years)))
     for pf, valid in blocks:
-        flows = portfolio_flows(curve, pf, valid, mode, years)
-        total["expected_cf"] += flows["expected_cf"]
-        total["pv_cf"] += flows["pv_cf"]
-    return total
+        total += portfolio_flows(curve, pf, valid, mode, years, tables)
+    return {"year": np.arange(1, years + 1), "expected_cf": total.total_expected, "pv_cf": total.total_discounted}
 
 
 def flow_years(last: int, perpetuities: bool, horizon: float | None = None) -> int:
