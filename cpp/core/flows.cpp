@@ -1,14 +1,7 @@
 #include "core/flows.hpp"
 
-#include "core/key_index.hpp"
-#include "core/parallel.hpp"
-
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <map>
-#include <mutex>
-#include <optional>
 
 namespace norvane::core {
 
@@ -80,7 +73,7 @@ template <typename Survival>
 struct FlowPieces {
     const PiecewiseTable& curve;
     Survival survival;
-    const Sink& sink;
+    Sink sink;
 
     double payments(const Schedule& s, double w) const {
         if (w == 0.0) return 0.0;
@@ -117,7 +110,7 @@ struct FlowParts {
     const PiecewiseTable& curve;
     const Status& status;
     Mode mode;
-    const Sink& sink;
+    Sink sink;
 
     LifeValue annuity(const Annuity& annuity, double) const {
         return {LifeValue::None, value_in_mode(annuity, mode, FlowPieces<Alive>{curve, Alive{status}, sink})};
@@ -154,67 +147,17 @@ struct FlowParts {
     }
 };
 
-// The flows of policy i of the book (its benefit `weight`) into `sink`.
-void policy_flows(const PiecewiseTable& curve, std::span<MortalityTable* const> tables,
-                  std::span<const FractionalAge> rules, const LifePolicies& p, std::size_t i, LifeBenefit benefit,
-                  PolicyTerms terms, const Sink& sink) {
-    terms.m = static_cast<std::size_t>(p.m[i]);
-    if (tables.empty()) {
-        if (const auto annuity = policy_annuity(p.n[i], p.d[i], p.ts[i], terms))
-            value_in_mode(*annuity, terms.mode, FlowPieces<Certain>{curve, Certain{}, sink});
-        return;
-    }
-    const auto table = static_cast<std::size_t>(p.table[i]);
-    const LifeAt at = life_at(*tables[table], p.age[i], p.select_age[i], p.ts[i], rules[table]);
-    if (at.fault != LifeAt::None) return;
-    const Status status = Status::of(Status::Single, std::span<const LifeOnPath>(&at.life, 1));
-    life_benefit(benefit, status, p.ts[i], p.d[i], p.n[i], terms, FlowParts{curve, status, terms.mode, sink});
-}
-
 }  // namespace
 
-void book_flows(const CurveArrays& curve, std::span<MortalityTable* const> tables, std::span<const FractionalAge> rules,
-                const LifePolicies& p, const Column& group, LifeBenefit benefit, const PolicyTerms& terms,
-                FlowBuckets& out) {
-    // Identical policies (in everything but their benefit) valued once, their benefits added.
-    const bool lives = !tables.empty();
-    KeyIndex<8> distinct(std::min<std::size_t>(p.size, std::size_t{1} << 20));
-    std::vector<std::uint32_t> lead;
-    std::vector<double> weight;
-    for (std::size_t i = 0; i < p.size; ++i) {
-        const auto [k, added] =
-            distinct.insert({lives ? bits(p.table[i]) : 0, lives ? bits(p.age[i]) : 0,
-                             lives ? bits(select_age_of(p.age[i], p.select_age[i])) : 0, bits(p.ts[i]), bits(p.d[i]),
-                             bits(p.n[i]), bits(p.m[i]), bits(group[i])});
-        if (added) {
-            lead.push_back(static_cast<std::uint32_t>(i));
-            weight.push_back(0.0);
-        }
-        weight[k] += p.benefits[i];
-    }
-    // One discount table per valuation time, seen from it.
-    std::map<std::uint64_t, PiecewiseTable> curves;
-    for (const std::uint32_t i : lead)
-        if (!curves.contains(bits(p.ts[i])))
-            curves.emplace(bits(p.ts[i]), discount_table(is_shift(p.ts[i], terms.tolerance_eps)
-                                                             ? shifted(curve, p.ts[i], terms.tolerance_eps)
-                                                             : curve));
-    // Survival paths are built before the threads start (a table builds each once).
-    if (lives)
-        for (const std::uint32_t i : lead)
-            tables[static_cast<std::size_t>(p.table[i])]->path(
-                static_cast<int>(select_age_of(p.age[i], p.select_age[i])));
-    std::mutex merging;
-    parallel_for(lead.size(), 64, [&](std::size_t begin, std::size_t end) {
-        FlowBuckets part(out.ends(), out.groups());
-        for (std::size_t k = begin; k < end; ++k) {
-            const std::uint32_t i = lead[k];
-            const Sink sink{part, static_cast<std::size_t>(group[i]), weight[k]};
-            policy_flows(curves.at(bits(p.ts[i])), tables, rules, p, i, benefit, terms, sink);
-        }
-        const std::lock_guard lock(merging);
-        out.add(part);
-    });
+void certain_flows(const PiecewiseTable& curve, double n, double d, double ts, const PolicyTerms& terms,
+                   FlowBuckets& out, std::size_t group, double weight) {
+    if (const auto annuity = policy_annuity(n, d, ts, terms))
+        value_in_mode(*annuity, terms.mode, FlowPieces<Certain>{curve, Certain{}, Sink{out, group, weight}});
+}
+
+void status_flows(const PiecewiseTable& curve, const Status& status, LifeBenefit benefit, double n, double d, double ts,
+                  const PolicyTerms& terms, FlowBuckets& out, std::size_t group, double weight) {
+    life_benefit(benefit, status, ts, d, n, terms, FlowParts{curve, status, terms.mode, Sink{out, group, weight}});
 }
 
 }  // namespace norvane::core

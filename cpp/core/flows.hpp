@@ -7,7 +7,6 @@
 
 #include "core/annuity.hpp"
 #include "core/life.hpp"
-#include "core/life_book.hpp"
 
 #include <cstddef>
 #include <span>
@@ -44,16 +43,13 @@ class FlowBuckets {
     std::vector<double> expected_, discounted_;
 };
 
-// The expected flows of a book's policies, each times its benefit, added to
-// `out` in the group `group[i]` names (a whole number below out.groups()).
-// Without tables every policy is a certain annuity (its table and age are
-// not read, a term of infinity is a perpetuity of the curve's horizon
-// `terms.perpetuity_n_eff`); with tables, each pays `benefit` on the life its
-// table, age and select age give. Identical policies are valued once, on
-// all cores. The policies must be valid (check_life_policies); a life
-// nobody in its table reaches pays nothing.
-void book_flows(const CurveArrays& curve, std::span<MortalityTable* const> tables, std::span<const FractionalAge> rules,
-                const LifePolicies& policies, const Column& group, LifeBenefit benefit, const PolicyTerms& terms,
-                FlowBuckets& out);
+// The expected flows of a certain annuity (term n from inception, infinite: a
+// perpetuity of the horizon terms.perpetuity_n_eff; deferment d; valued at
+// ts on `curve`, the curve seen from ts), times `weight`, into `group` of `out`.
+void certain_flows(const PiecewiseTable& curve, double n, double d, double ts, const PolicyTerms& terms,
+                   FlowBuckets& out, std::size_t group, double weight);
+// The same for a policy paying `benefit` on `status` (as life_benefit_value values it).
+void status_flows(const PiecewiseTable& curve, const Status& status, LifeBenefit benefit, double n, double d, double ts,
+                  const PolicyTerms& terms, FlowBuckets& out, std::size_t group, double weight);
 
 }  // namespace norvane::core

@@ -149,6 +149,32 @@ def life_portfolio(
     tolerance_eps: float,
     decimals: int,
 ) -> NDArray[np.float64]: ...
+def status_book(
+    tables: list[LifeTable],
+    rules: list[str],
+    names: list[list[int]],
+    rates: NDArray[np.float64],
+    terms: NDArray[np.float64],
+    ends: NDArray[np.float64],
+    table: NDArray[np.float64] | NDArray[np.uint32],
+    age: NDArray[np.float64] | NDArray[np.float32] | NDArray[np.int64] | NDArray[np.int32],
+    select_age: NDArray[np.float64] | NDArray[np.float32] | NDArray[np.int64] | NDArray[np.int32],
+    n: NDArray[np.float64] | NDArray[np.float32] | NDArray[np.int64] | NDArray[np.int32],
+    d: NDArray[np.float64] | NDArray[np.float32] | NDArray[np.int64] | NDArray[np.int32],
+    ts: NDArray[np.float64] | NDArray[np.float32] | NDArray[np.int64] | NDArray[np.int32],
+    m: NDArray[np.float64] | NDArray[np.float32] | NDArray[np.int64] | NDArray[np.int32],
+    benefits: NDArray[np.float64] | NDArray[np.float32] | NDArray[np.int64] | NDArray[np.int32] | None,
+    *,
+    second: tuple[NDArray[Any], NDArray[Any], NDArray[Any]] | None,
+    status: str,
+    benefit: str,
+    timing: int,
+    growth_kind: str,
+    growth_rate: float,
+    mode: str,
+    tolerance_eps: float,
+    decimals: int,
+) -> NDArray[np.float64]: ...
 def book_flows(
     tables: list[LifeTable],
     rules: list[str],
@@ -168,6 +194,8 @@ def book_flows(
     groups: int,
     bucket_ends: NDArray[np.float64],
     *,
+    second: tuple[NDArray[Any], NDArray[Any], NDArray[Any]] | None,
+    status: str,  # "single", "joint" or "last_survivor"
     benefit: str,  # "annuity", "insurance", "endowment_insurance" or "pure_endowment"
     timing: int,
     growth_kind: str,

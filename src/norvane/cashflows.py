@@ -31,12 +31,17 @@ from .helpers import _allowed_frequency, _map_batch_n_none_to_inf, _policy_colum
 from .mortality.lives import _curve_arrays
 from .mortality.portfolio import (
     Table,
+    _add_faults,
+    _as_spouse,
     _base,
+    _Book,
     _columns,
     _faults,
     _frequencies,
     _guarantee_split,
+    _legs,
     _LifeBook,
+    _pension_columns,
     _table_codes,
     _table_names,
 )
@@ -167,16 +172,29 @@ def payment_ends(n: Any, d: Any, ts: Any, alive: Any = np.inf) -> F64:
         return np.minimum(ahead + np.maximum(n - np.maximum(ts - d, 0.0), 0.0), ahead + np.asarray(alive))
 
 
-def _default_horizon(cols: dict[str, Any], tables: list[Table] | None, codes: F64) -> float:
-    """The last time a policy can pay, from its valuation time (a perpetuity's: 100 years)."""
+def _default_horizon(
+    cols: dict[str, Any], tables: list[Table] | None, codes: F64, spouse: tuple[F64, Any] | None = None
+) -> float:
+    """The last time a policy can pay, from its valuation time (a perpetuity's: 100 years; a
+    life's when its table ends, or its spouse's, given as (table codes, ages))."""
     alive: Any = np.inf
     if tables is not None:
         last = np.array([_base(t).last_age + 1.0 for t in tables])
         alive = last[codes.astype(np.intp)] - (np.asarray(cols["age"], dtype=np.float64) + cols["ts"])
+        if spouse is not None:
+            spouse_codes, spouse_ages = spouse
+            alive = np.fmax(alive, last[np.nan_to_num(spouse_codes).astype(np.intp)] - (spouse_ages + cols["ts"]))
     ends = payment_ends(cols["n"], cols["d"], cols["ts"], alive)
     finite = ends[np.isfinite(ends)]
     last_end = float(finite.max()) if finite.size else 0.0
     return min(MAX_HORIZON, max(1.0, last_end, 100.0 if (~np.isfinite(ends)).any() else 0.0))
+
+
+def _growth_settings(growth: Any) -> dict[str, Any]:
+    return {
+        "growth_kind": "level" if growth is None else growth.kind,
+        "growth_rate": 0.0 if growth is None else float(growth.rate),
+    }
 
 
 class _Gathering:
@@ -187,8 +205,7 @@ class _Gathering:
         self.rates, self.terms, self.curve_ends = _curve_arrays(curve, _METHOD)
         self.settings: dict[str, Any] = dict(
             timing=0 if timing == "due" else 1,
-            growth_kind="level" if growth is None else growth.kind,
-            growth_rate=0.0 if growth is None else float(growth.rate),
+            **_growth_settings(growth),
             mode=curve.calculation_mode,
             tolerance_eps=curve._meta.tolerance_eps,
             perpetuity_n_eff=float(curve._meta.perpetuity_n_eff),
@@ -196,9 +213,15 @@ class _Gathering:
         self.expected = np.zeros(groups * ends.size)
         self.discounted = np.zeros(groups * ends.size)
 
-    def add(self, arguments: list[Any], benefit: str = "annuity") -> None:
+    def add(self, arguments: list[Any], benefit: str = "annuity", spouses: Any = None, growth: Any = ...) -> None:
+        """The flows of a book part (``_LifeBook._arguments``), ``growth`` overriding the book's."""
+        settings = self.settings if growth is ... else {**self.settings, **_growth_settings(growth)}
         expected, discounted = _kernels.book_flows(
-            *[*arguments, self.group, self.groups, self.ends], benefit=benefit, **self.settings
+            *[*arguments, self.group, self.groups, self.ends],
+            second=spouses,
+            status="single" if spouses is None else "joint",
+            benefit=benefit,
+            **settings,
         )
         self.expected += expected
         self.discounted += discounted
@@ -228,6 +251,11 @@ def expected_flows(
     gr: Any = None,
     year: ArrayLike | None = None,
     guarantee: ArrayLike | None = None,
+    spouse_table: ArrayLike | None = None,
+    spouse_age: ArrayLike | None = None,
+    spouse_select_age: ArrayLike | None = None,
+    reversion: ArrayLike | None = None,
+    death_benefit: ArrayLike | None = None,
     timing: Literal["due", "immediate"] = "due",
     benefit: Literal["annuity", "insurance", "endowment_insurance", "pure_endowment"] = "annuity",
     buckets: Any = "annual",
@@ -237,7 +265,8 @@ def expected_flows(
     """Expected and discounted cash flows of a book, by time bucket.
 
     The columns are those of :func:`norvane.mortality.life_annuities` (one
-    element per policy, or one value for all). Without ``tables`` the
+    element per policy, or one value for all), pensions' spouses, reversions
+    and death benefits included: the flows add up as the values do. Without ``tables`` the
     policies are certain annuities (``n`` None or inf: a perpetuity, over
     the curve's perpetuity horizon); with ``tables`` each pays ``benefit``
     on the life its ``table``, ``age`` (and ``select_age``, ``year``) give.
@@ -309,7 +338,13 @@ def expected_flows(
         _refuse_flows(faults)
     if horizon is None:
         listed = None if tables is None else list(tables.values())
-        span = _default_horizon(cols, listed, np.broadcast_to(codes, (size,)))
+        spouse = None
+        if tables is not None and spouse_age is not None:
+            spouse = (
+                _table_codes(_table_names(spouse_table if spouse_table is not None else table), tables)[0],
+                np.asarray(spouse_age, dtype=np.float64),
+            )
+        span = _default_horizon(cols, listed, np.broadcast_to(codes, (size,)), spouse)
     else:
         span = _real_float(horizon, "horizon", _METHOD)
         if not 0.0 < span <= MAX_HORIZON:
@@ -319,20 +354,36 @@ def expected_flows(
         gathering.certain(cols, weights)
         return gathering.result(labels)
     assert tables is not None
-    book = _LifeBook(curve, tables, timing, growth, weights, size)
-    if guarantee is None or benefit != "annuity":
-        gathering.add(book._arguments(codes, cols, None), benefit)
-        return gathering.result(labels)
-    # A guarantee: its years certain, the life annuity deferred by them and scaled by their growth.
+    given = _Book(curve, tables, cols, size, weights, timing, growth, benefit)
+    pension = _pension_columns(cols, size, spouse_table, spouse_age, spouse_select_age, reversion, death_benefit)
+    legs = _legs(given, pension)
+    for leg, of_spouse in legs[1:]:
+        found = _faults(tables, leg.cols, size, _table_codes(leg.cols["table"], tables)[0])
+        if leg.spouse is not None:
+            spouse_codes = _table_codes(leg.spouse["table"], tables)[0]
+            _add_faults(found, _as_spouse(_faults(tables, {**cols, **leg.spouse}, size, spouse_codes)))
+        if found:
+            _refuse_flows(_as_spouse(found) if of_spouse else found)
+    parts = [leg for leg, _ in legs]
+    if guarantee is not None and benefit == "annuity":
+        _guaranteed_flows(gathering, parts.pop(0), codes)
+    for leg in parts:
+        book = _LifeBook(curve, tables, timing, leg.growth, leg.weights, size, leg.benefit, leg.spouse)
+        arguments, spouses = book._arguments(_table_codes(leg.cols["table"], tables)[0], leg.cols, None)
+        gathering.add(arguments, leg.benefit, spouses, leg.growth)
+    return gathering.result(labels)
+
+
+def _guaranteed_flows(gathering: _Gathering, given: _Book, codes: F64) -> None:
+    """A guarantee's years certain, then the life annuity deferred by them and scaled by their growth."""
+    curve, tables, cols, size, weights, timing, growth = given[:7]
     split = _guarantee_split(cols, size, growth)
     refused = np.flatnonzero(~(split.kept & split.steps)).tolist()
     if refused:
         _refuse_flows({i: [f"'guarantee' cannot be valued at index {i}"] for i in refused})
-    n_all = np.broadcast_to(cols["n"], (size,))
-    gathering.certain({**cols, "n": np.minimum(split.years, n_all)}, weights)
+    gathering.certain({**cols, "n": np.minimum(split.years, np.broadcast_to(cols["n"], (size,)))}, weights)
     later = _LifeBook(curve, tables, timing, growth, split.grown(growth) * (1.0 if weights is None else weights), size)
-    gathering.add(later._arguments(codes, split.later_terms, None))
-    return gathering.result(labels)
+    gathering.add(later._arguments(codes, split.later_terms, None)[0])
 
 
 def _refuse_flows(faults: dict[int, list[str]]) -> None:

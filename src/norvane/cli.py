@@ -78,6 +78,12 @@ policy columns (CSV header or Parquet column names, any case; other columns are 
   year       calendar year in which the life has its age (needed on a generational table)
   guarantee  years of payments made whatever happens, a whole number of payment periods;
              default 0
+  spouse_age the age at inception of a spouse who receives a reversion; empty = none
+  spouse_table  the spouse's mortality table; empty = the member's
+  reversion  the fraction of the payments continued to the spouse after the member's
+             death, e.g. 0.6; default 0
+  death_benefit  a lump sum paid on the member's death before the payments start
+             (within the deferment); default 0
 
 Invalid records do not stop a run: they get no value (NaN) and a message in the
 output's "error" column. Exit status: 0 when the run completed (even with invalid

@@ -12,9 +12,9 @@
 #include <nanobind/stl/vector.h>
 
 #include "bindings/native_curve.hpp"
-#include "core/flows.hpp"
 #include "core/life.hpp"
 #include "core/life_book.hpp"
+#include "core/status_book.hpp"
 #include "curve.hpp"
 
 #include <algorithm>
@@ -281,6 +281,39 @@ core::LifePolicies book_of(nb::handle table, const std::vector<std::vector<std::
                               column_of(n), column_of(d), column_of(ts), column_of(frequency), weights);
 }
 
+// The other life of each policy of a two-life book: (table, age, select_age)
+// columns read with the book's terms; none for a book of single lives.
+class SecondLives {
+  public:
+    SecondLives(nb::handle second, const std::vector<std::vector<std::uint32_t>>& names, RealArray n, RealArray d,
+                RealArray ts, RealArray frequency, std::size_t size) {
+        if (second.is_none()) return;
+        const auto [table, age, select_age] = nb::cast<std::tuple<nb::object, RealArray, RealArray>>(second);
+        policies_.emplace(book_of(table, names, age, select_age, n, d, ts, frequency, nb::none(), {size}));
+        if (policies_->size != size)
+            throw std::invalid_argument("policy columns must have one length or hold one value");
+    }
+    const core::LifePolicies* get() const { return policies_ ? &*policies_ : nullptr; }
+
+  private:
+    std::optional<core::LifePolicies> policies_;
+};
+
+// A book's status and benefit, its lives checked (the first fault refused).
+core::StatusBook status_book_of(const std::vector<core::MortalityTable*>& tables, const core::LifePolicies& policies,
+                                const SecondLives& others, const std::string& status, const std::string& benefit) {
+    const auto kind = core::status_named(status, others.get() ? 2 : 1);
+    if (!kind) throw std::invalid_argument("a status is 'single' with one life or 'joint'/'last_survivor' with two");
+    const auto pays = core::life_benefit_named(benefit);
+    if (!pays)
+        throw std::invalid_argument("a benefit is 'annuity', 'insurance', 'endowment_insurance' or 'pure_endowment'");
+    if (!tables.empty()) {
+        refuse_book(core::check_life_policies(tables, policies));
+        if (others.get()) refuse_book(core::check_life_policies(tables, *others.get()));
+    }
+    return {policies, others.get(), *kind, *pays};
+}
+
 }  // namespace
 
 void register_life(nb::module_& m) {
@@ -422,20 +455,48 @@ void register_life(nb::module_& m) {
         "matched against `names` (each table's name as code points).");
 
     m.def(
+        "status_book",
+        [](std::vector<core::MortalityTable*> tables, const std::vector<std::string>& rule_names,
+           const std::vector<std::vector<std::uint32_t>>& names, InArray rates, InArray terms, InArray ends,
+           nb::object table, RealArray age, RealArray select_age, RealArray n, RealArray d, RealArray ts,
+           RealArray frequency, nb::object benefits, nb::object second, const std::string& status,
+           const std::string& benefit, int timing, const std::string& growth_kind, double growth_rate,
+           const std::string& mode, double tolerance_eps, int decimals) {
+            if (tables.empty()) throw std::invalid_argument("at least one table");
+            const std::vector<core::FractionalAge> rules = rules_of(tables, rule_names, names);
+            const core::LifePolicies policies =
+                book_of(table, names, age, select_age, n, d, ts, frequency, benefits, {});
+            const SecondLives others(second, names, n, d, ts, frequency, policies.size);
+            const core::StatusBook book = status_book_of(tables, policies, others, status, benefit);
+            const core::PolicyTerms p{1,   timing,  growth_of(growth_kind, growth_rate), mode_of(mode), tolerance_eps,
+                                      0.0, decimals};
+            const core::CurveArrays curve = arrays_of(rates, terms, ends);
+            auto [array, out] = new_array(policies.size);
+            {
+                nb::gil_scoped_release release;
+                core::status_book_values(curve, tables, rules, book, p, out);
+            }
+            return array;
+        },
+        nb::arg("tables"), nb::arg("rules"), nb::arg("names"), nb::arg("rates"), nb::arg("terms"), nb::arg("ends"),
+        nb::arg("table"), nb::arg("age"), nb::arg("select_age"), nb::arg("n"), nb::arg("d"), nb::arg("ts"),
+        nb::arg("m"), nb::arg("benefits").none(), nb::kw_only(), nb::arg("second").none(), nb::arg("status"),
+        nb::arg("benefit"), nb::arg("timing"), nb::arg("growth_kind"), nb::arg("growth_rate"), nb::arg("mode"),
+        nb::arg("tolerance_eps"), nb::arg("decimals"),
+        "Rounded values of a book paying `benefit` on a 'single', 'joint' or 'last_survivor' status (times the "
+        "benefits), each as its single call; NaN where nobody reaches a life. `second`: the other lives' (table, "
+        "age, select_age) columns.");
+
+    m.def(
         "book_flows",
         [](std::vector<core::MortalityTable*> tables, const std::vector<std::string>& rule_names,
            const std::vector<std::vector<std::uint32_t>>& names, InArray rates, InArray terms, InArray ends,
            nb::object table, RealArray age, RealArray select_age, RealArray n, RealArray d, RealArray ts,
            RealArray frequency, nb::object benefits, RealArray group, std::size_t groups, InArray bucket_ends,
-           const std::string& benefit, int timing, const std::string& growth_kind, double growth_rate,
-           const std::string& mode, double tolerance_eps, double perpetuity_n_eff) {
+           nb::object second, const std::string& status, const std::string& benefit, int timing,
+           const std::string& growth_kind, double growth_rate, const std::string& mode, double tolerance_eps,
+           double perpetuity_n_eff) {
             const std::vector<core::FractionalAge> rules = rules_of(tables, rule_names, names);
-            if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
-            const auto kind = core::life_benefit_named(benefit);
-            if (!kind || (tables.empty() && *kind != core::LifeBenefit::Annuity))
-                throw std::invalid_argument(
-                    "a benefit is 'annuity' (the one of a certain policy), 'insurance', "
-                    "'endowment_insurance' or 'pure_endowment'");
             const std::span<const double> bucket_span = span_of(bucket_ends);
             if (bucket_span.empty() || !std::is_sorted(bucket_span.begin(), bucket_span.end()) ||
                 !std::all_of(bucket_span.begin(), bucket_span.end(), [](double t) { return std::isfinite(t); }))
@@ -443,19 +504,22 @@ void register_life(nb::module_& m) {
             if (groups == 0) throw std::invalid_argument("at least one group");
             const core::LifePolicies policies =
                 book_of(table, names, age, select_age, n, d, ts, frequency, benefits, {group.shape(0)});
+            const SecondLives others(second, names, n, d, ts, frequency, policies.size);
+            const core::StatusBook book = status_book_of(tables, policies, others, status, benefit);
+            if (tables.empty() && (book.benefit != core::LifeBenefit::Annuity || book.second))
+                throw std::invalid_argument("a certain policy is an annuity on no life");
             const core::Column group_column(column_of(group), policies.size);
             for (std::size_t i = 0; i < policies.size; ++i)
                 if (!(group_column[i] >= 0.0 && group_column[i] < static_cast<double>(groups) &&
                       group_column[i] == std::floor(group_column[i])))
                     throw std::invalid_argument("group at index " + std::to_string(i) + " is not a group number");
-            if (!tables.empty()) refuse_book(core::check_life_policies(tables, policies));
             const core::PolicyTerms p{
                 1, timing, growth_of(growth_kind, growth_rate), mode_of(mode), tolerance_eps, perpetuity_n_eff};
             const core::CurveArrays curve = arrays_of(rates, terms, ends);
             core::FlowBuckets out(bucket_span, groups);
             {
                 nb::gil_scoped_release release;
-                core::book_flows(curve, tables, rules, policies, group_column, *kind, p, out);
+                core::book_flows(curve, tables, rules, book, group_column, p, out);
             }
             return std::make_pair(to_array({out.expected().begin(), out.expected().end()}),
                                   to_array({out.discounted().begin(), out.discounted().end()}));
@@ -463,8 +527,9 @@ void register_life(nb::module_& m) {
         nb::arg("tables"), nb::arg("rules"), nb::arg("names"), nb::arg("rates"), nb::arg("terms"), nb::arg("ends"),
         nb::arg("table"), nb::arg("age"), nb::arg("select_age"), nb::arg("n"), nb::arg("d"), nb::arg("ts"),
         nb::arg("m"), nb::arg("benefits").none(), nb::arg("group"), nb::arg("groups"), nb::arg("bucket_ends"),
-        nb::kw_only(), nb::arg("benefit"), nb::arg("timing"), nb::arg("growth_kind"), nb::arg("growth_rate"),
-        nb::arg("mode"), nb::arg("tolerance_eps"), nb::arg("perpetuity_n_eff"),
+        nb::kw_only(), nb::arg("second").none(), nb::arg("status"), nb::arg("benefit"), nb::arg("timing"),
+        nb::arg("growth_kind"), nb::arg("growth_rate"), nb::arg("mode"), nb::arg("tolerance_eps"),
+        nb::arg("perpetuity_n_eff"),
         "Expected and discounted flows of a book (each times its benefit) per group and time bucket, flat "
         "(group by group). Without tables every policy is a certain annuity; the others must be valid policies.");
 }

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import math
+import re
 import sys
 from collections.abc import Mapping
 from typing import Any, Literal, NamedTuple
@@ -207,9 +208,20 @@ def _texts(names: NDArray[Any]) -> NDArray[np.uint32] | None:
 
 
 class _LifeBook:
-    """What the kernel needs besides the policies: the curve's arrays, the tables and the settings."""
+    """What the kernel needs besides the policies: the curve's arrays, the tables and the settings
+    (``benefit``: what the policies pay; ``spouse``: the other life's columns of a joint status)."""
 
-    def __init__(self, curve: Any, tables: Mapping[str, Table], timing: str, growth: Any, weights: Any, size: int):
+    def __init__(
+        self,
+        curve: Any,
+        tables: Mapping[str, Table],
+        timing: str,
+        growth: Any,
+        weights: Any,
+        size: int,
+        benefit: str = "annuity",
+        spouse: dict[str, Any] | None = None,
+    ):
         self.rates, self.terms, self.ends = _curve_arrays(curve, _METHOD)
         self.listed = list(tables.values())
         self.generational = any(isinstance(t, GenerationalTable) for t in self.listed)
@@ -221,13 +233,21 @@ class _LifeBook:
         self.tolerance_eps: float = curve._meta.tolerance_eps
         self.decimals: int = curve._config.decimals.annuities
         self.weights, self.size = weights, size
+        self.benefit, self.spouse = benefit, spouse
+        self.spouse_codes = None if spouse is None else _table_codes(spouse["table"], tables)[0]
 
-    def _arguments(self, table: NDArray[Any], cols: dict[str, Any], rows: NDArray[np.intp] | None) -> list[Any]:
+    def _arguments(
+        self, table: NDArray[Any], cols: dict[str, Any], rows: NDArray[np.intp] | None
+    ) -> tuple[list[Any], tuple[Any, ...] | None]:
         """The kernel's tables and columns for the policies ``rows`` (None: all), whose tables
-        are ``table`` (texts as ``_texts`` gives them, or indices; NaN for the policies left out)."""
+        are ``table`` (texts as ``_texts`` gives them, or indices; NaN for the policies left out),
+        and the spouses' (table, age, select age) columns (None without spouses)."""
         tables, names = self.listed, self.names
+        spouse, spouse_table = self.spouse, self.spouse_codes
         if self.generational:  # (indices: texts name no cohort)
             tables, table = _cohort_codes(tables, table, cols, self.size)
+            if spouse is not None and spouse_table is not None:
+                tables, spouse_table = _cohort_codes(tables, spouse_table, {**spouse, "year": cols["year"]}, self.size)
             names = names + [[]] * (len(tables) - len(names))
 
         def column(values: Any) -> NDArray[Any]:
@@ -237,7 +257,7 @@ class _LifeBook:
                 values = values[:1]
             return values if rows is None or values.shape[0] == 1 else np.ascontiguousarray(values[rows])
 
-        return [
+        arguments = [
             # A generational table's own slot (none of its policies with a cohort) holds its base.
             [_base(t)._native for t in tables],
             [t.fractional_age for t in tables],
@@ -254,11 +274,14 @@ class _LifeBook:
             column(cols["m"]),
             None if self.weights is None else column(self.weights),
         ]
+        if spouse is None:
+            return arguments, None
+        return arguments, (column(spouse_table), column(spouse["age"]), column(spouse["select_age"]))
 
     def value(self, table: NDArray[Any], cols: dict[str, Any], rows: NDArray[np.intp] | None) -> F64:
         """Values of the policies ``rows`` (as ``_arguments``); the kernel refuses a policy out of range."""
-        valued: F64 = _kernels.life_portfolio(
-            *self._arguments(table, cols, rows),
+        arguments, spouses = self._arguments(table, cols, rows)
+        settings: dict[str, Any] = dict(
             timing=self.timing,
             growth_kind=self.growth_kind,
             growth_rate=self.growth_rate,
@@ -266,6 +289,11 @@ class _LifeBook:
             tolerance_eps=self.tolerance_eps,
             decimals=self.decimals,
         )
+        if self.benefit == "annuity" and spouses is None:
+            valued: F64 = _kernels.life_portfolio(*arguments, **settings)
+        else:
+            status = "single" if spouses is None else "joint"
+            valued = _kernels.status_book(*arguments, second=spouses, status=status, benefit=self.benefit, **settings)
         return valued
 
 
@@ -283,13 +311,15 @@ class _Book(NamedTuple):
     weights: Any
     timing: str
     growth: Any
+    benefit: str = "annuity"
+    spouse: dict[str, Any] | None = None  # the other life's "table", "age" and "select_age" of a joint status
 
 
 def _value_book(given: _Book, stop_at_fault: bool) -> tuple[F64, dict[int, list[str]]]:
     """The values of a book (NaN for its invalid policies) and each invalid one's faults;
     ``stop_at_fault``: refuse the book at its first fault instead of valuing the rest."""
-    curve, tables, cols, size, weights, timing, growth = given
-    book = _LifeBook(curve, tables, timing, growth, weights, size)
+    curve, tables, cols, size, weights, timing, growth, benefit, spouse = given
+    book = _LifeBook(curve, tables, timing, growth, weights, size, benefit, spouse)
     # The kernel checks every policy itself and matches texts to the tables' names; the
     # per-policy faults are worded only when it refuses one.
     texts = None if book.generational else _texts(cols["table"])
@@ -298,6 +328,7 @@ def _value_book(given: _Book, stop_at_fault: bool) -> tuple[F64, dict[int, list[
     valued = None
     if (
         (texts is not None or not np.isnan(table).any())
+        and (book.spouse_codes is None or not np.isnan(book.spouse_codes).any())
         and _allowed_frequency(cols["m"]).all()
         and (not book.generational or _whole_years(cols["year"], size).all())
     ):
@@ -308,6 +339,9 @@ def _value_book(given: _Book, stop_at_fault: bool) -> tuple[F64, dict[int, list[
     if valued is None:
         codes = _table_codes(cols["table"], tables)[0]
         faults = _faults(tables, cols, size, codes)
+        if spouse is not None:
+            assert book.spouse_codes is not None
+            _add_faults(faults, _as_spouse(_faults(tables, {**cols, **spouse}, size, book.spouse_codes)))
         if faults and stop_at_fault:
             _refuse(faults)
         valid = np.ones(size, dtype=bool)
@@ -342,6 +376,25 @@ class _GuaranteeSplit(NamedTuple):
         return 1.0 if growth is None else np.exp(self.years * math.log1p(float(growth.rate)))
 
 
+_SPOUSE_COLUMNS = {"age": "spouse_age", "table": "spouse_table", "select_age": "spouse_select_age"}
+
+
+def _as_spouse(faults: dict[int, list[str]]) -> dict[int, list[str]]:
+    """Faults found in a spouse's columns, said of them ('age' is 'spouse_age', ...)."""
+
+    def renamed(text: str) -> str:
+        return re.sub(r"'(age|table|select_age)'", lambda m: f"'{_SPOUSE_COLUMNS[m.group(1)]}'", text)
+
+    return {i: [renamed(text) for text in texts] for i, texts in faults.items()}
+
+
+def _add_faults(faults: dict[int, list[str]], found: dict[int, list[str]]) -> None:
+    """``found`` added to ``faults``, each text once (parts of a book share its terms)."""
+    for i, texts in found.items():
+        known = faults.setdefault(i, [])
+        known.extend(text for text in texts if text not in known)
+
+
 def _guarantee_split(cols: dict[str, Any], size: int, growth: Any) -> _GuaranteeSplit:
     n, d, ts, m, k = (np.broadcast_to(cols[c], (size,)) for c in ("n", "d", "ts", "m", "guarantee"))
     # A policy whose terms are at fault keeps them, so that they are worded as given.
@@ -362,7 +415,14 @@ def _guaranteed_book(given: _Book, stop_at_fault: bool) -> tuple[F64, dict[int, 
     """As ``_value_book`` for a book whose first ``guarantee`` years of payments are certain:
     each policy's life annuity deferred by them plus the curve's certain annuity of those
     years, unit values added and rounded, then times the benefits, as a single call does."""
-    curve, tables, cols, size, weights, timing, growth = given
+    curve, cols, size, weights, timing, growth = (
+        given.curve,
+        given.cols,
+        given.size,
+        given.weights,
+        given.timing,
+        given.growth,
+    )
     split = _guarantee_split(cols, size, growth)
     n, d, ts, m, k = (np.broadcast_to(cols[c], (size,)) for c in ("n", "d", "ts", "m", "guarantee"))
     kept, steps, years = split.kept, split.steps, split.years
@@ -398,6 +458,91 @@ def _guaranteed_book(given: _Book, stop_at_fault: bool) -> tuple[F64, dict[int, 
     return (units if weights is None else units * weights), faults
 
 
+class _Pension(NamedTuple):
+    """What a pension pays besides the member's annuity: ``reversion`` of it a year to a
+    spouse who survives the member, and ``death_benefit`` on the member's death before the
+    annuity starts. Columns of the book's length (None: not paid)."""
+
+    spouse: dict[str, Any] | None  # the spouse's "table", "age" and "select_age"
+    reversion: F64 | None
+    death_benefit: F64 | None
+
+
+def _legs(given: _Book, pension: _Pension) -> list[tuple[_Book, bool]]:
+    """A pension book as the books whose values add up to its values and whose flows add up to
+    its flows: the member's annuity (``given``); with a spouse, r ä_y less r ä_xy (the spouse's
+    annuity while the member is alive is not paid); the death benefit as a term insurance over
+    the deferment. Policies without a spouse take their member's life in the spouse's place,
+    weighted 0, so that every part keeps the book's indices. Each part comes with whether
+    its own columns are the spouse's."""
+    legs = [(given, False)]
+    cols, size = given.cols, given.size
+    weights = np.ones(size) if given.weights is None else np.broadcast_to(given.weights, (size,))
+    if pension.spouse is not None and pension.reversion is not None:
+        has = ~np.isnan(np.broadcast_to(pension.spouse["age"], (size,)))
+        spouse = {
+            key: np.where(has, np.broadcast_to(pension.spouse[key], (size,)), np.broadcast_to(cols[key], (size,)))
+            for key in ("table", "age", "select_age")
+        }
+        share = np.where(has, weights * pension.reversion, 0.0)
+        legs.append((given._replace(cols={**cols, **spouse}, weights=share), True))
+        legs.append((given._replace(weights=-share, spouse=spouse), False))
+    if pension.death_benefit is not None:
+        ends = {**cols, "n": cols["d"], "d": np.zeros(1)}
+        legs.append((given._replace(cols=ends, weights=pension.death_benefit, benefit="insurance", growth=None), False))
+    return legs
+
+
+def _pension_columns(
+    cols: dict[str, Any], size: int, table: Any, age: Any, select_age: Any, reversion: Any, death_benefit: Any
+) -> _Pension:
+    """The pension columns as given (checked: finite amounts >= 0), broadcast to the book."""
+
+    def amounts(values: Any, name: str) -> F64 | None:
+        if values is None:
+            return None
+        column = np.broadcast_to(np.asarray(_policy_column(values, name, _METHOD), dtype=np.float64), (size,))
+        bad = np.flatnonzero(~((column >= 0.0) & np.isfinite(column)))
+        if bad.size:
+            i = int(bad[0])
+            raise ValueError(f"[{_METHOD}] '{name}' must be finite and >= 0 at index {i}, got {float(column[i])!r}.")
+        return column
+
+    spouse = None
+    if age is not None:
+        _rank(age, "spouse_age")
+        spouse = {
+            "table": np.broadcast_to(_table_names(cols["table"] if table is None else table), (size,)),
+            "age": np.broadcast_to(np.asarray(_policy_column(age, "spouse_age", _METHOD), dtype=np.float64), (size,)),
+            "select_age": np.broadcast_to(
+                np.asarray(
+                    _policy_column(np.nan if select_age is None else select_age, "spouse_select_age", _METHOD),
+                    dtype=np.float64,
+                ),
+                (size,),
+            ),
+        }
+    elif table is not None or select_age is not None:
+        raise ValueError(f"[{_METHOD}] a spouse's table or select age needs 'spouse_age'.")
+    if (reversion is None) != (spouse is None):
+        raise ValueError(f"[{_METHOD}] 'reversion' and 'spouse_age' are given together.")
+    return _Pension(spouse, amounts(reversion, "reversion"), amounts(death_benefit, "death_benefit"))
+
+
+def _value_pensions(given: _Book, pension: _Pension, stop_at_fault: bool) -> tuple[F64, dict[int, list[str]]]:
+    """The values of a pension book: its parts' (``_legs``) added, their faults merged."""
+    legs = _legs(given, pension)
+    guaranteed = np.any(np.asarray(given.cols["guarantee"]) != 0.0)
+    values, faults = (_guaranteed_book if guaranteed else _value_book)(legs[0][0], stop_at_fault)
+    for leg, of_spouse in legs[1:]:
+        part, found = _value_book(leg, False)
+        values = values + part
+        _add_faults(faults, _as_spouse(found) if of_spouse else found)
+    if faults and stop_at_fault:
+        _refuse(faults)
+    return values, faults
+
+
 def life_annuities(
     curve: Any,
     tables: Mapping[str, MortalityTable | GenerationalTable],
@@ -413,6 +558,11 @@ def life_annuities(
     gr: Any = None,
     year: ArrayLike | None = None,
     guarantee: ArrayLike | None = None,
+    spouse_table: ArrayLike | None = None,
+    spouse_age: ArrayLike | None = None,
+    spouse_select_age: ArrayLike | None = None,
+    reversion: ArrayLike | None = None,
+    death_benefit: ArrayLike | None = None,
     timing: Literal["due", "immediate"] = "due",
     on_error: Literal["raise", "nan"] = "raise",
     record_ids: Any = None,
@@ -444,6 +594,18 @@ def life_annuities(
     guarantee : array-like, optional
         Years from the first payment paid whatever happens (within the
         term), as :meth:`Life.ä`'s ``guarantee``.
+    spouse_table, spouse_age, spouse_select_age : array-like, optional
+        Per policy: the spouse's table (missing: the member's), age at
+        inception (NaN: no spouse) and select age.
+    reversion : array-like, optional
+        The fraction of the annuity paid on to a spouse who survives the
+        member, for the rest of the spouse's life within the same deferment
+        and term: r (ä_y - ä_xy) a unit (the 60 % pension is
+        ä_x + 0.6 (ä_y - ä_xy)). Independent of the guarantee.
+    death_benefit : array-like, optional
+        A lump sum paid at the end of the 1/m period of the member's death
+        before the annuity starts (within the deferment; at the moment of
+        death in the continuous modes).
     timing : {"due", "immediate"}
     on_error : {"raise", "nan"}
         "nan" values the valid policies and returns a ``BatchResult`` whose
@@ -455,7 +617,9 @@ def life_annuities(
     -------
     ndarray or BatchResult
         Unit values rounded like the curve's annuities, times the benefits.
-        Each equals the value of ``tables[table].life(age).ä(curve, ...)``.
+        Each equals the value of ``tables[table].life(age).ä(curve, ...)``;
+        a reversion's and a death benefit's parts are each rounded so and
+        added.
     """
     if not (isinstance(on_error, str) and on_error in ("raise", "nan")):
         raise ValueError(f"[{_METHOD}] 'on_error' must be 'raise' or 'nan', got {on_error!r}.")
@@ -481,9 +645,13 @@ def life_annuities(
     weights = _benefits_array(benefits, size, _METHOD)
     _check_benefit_values(weights, _METHOD)
     _validate_record_ids_batch_only(record_ids, True, size, _METHOD)
-    value_book = _value_book if guarantee is None else _guaranteed_book
-    growth = _resolve_gr(gr, _METHOD)
-    values, faults = value_book(_Book(curve, tables, cols, size, weights, timing, growth), on_error == "raise")
+    pension = _pension_columns(cols, size, spouse_table, spouse_age, spouse_select_age, reversion, death_benefit)
+    given = _Book(curve, tables, cols, size, weights, timing, _resolve_gr(gr, _METHOD))
+    if all(part is None for part in pension):
+        value_book = _value_book if guarantee is None else _guaranteed_book
+        values, faults = value_book(given, on_error == "raise")
+    else:
+        values, faults = _value_pensions(given, pension, on_error == "raise")
     if on_error == "raise":
         if faults:
             _refuse(faults)

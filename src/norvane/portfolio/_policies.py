@@ -23,6 +23,7 @@ from . import _arrow
 POLICY_COLUMNS = (
     *("id", "term", "deferment", "shift", "frequency", "timing", "growth", "benefit"),
     *("age", "table", "select_age", "year", "guarantee"),
+    *("spouse_age", "spouse_table", "reversion", "death_benefit"),
 )
 
 # Number texts that Arrow's cast reads exactly as float() does; other texts (1_000, ...) go to
@@ -55,6 +56,10 @@ class Policies:
     select_age: np.ndarray  # NaN: selected at the integer part of the age
     year: np.ndarray  # calendar year of the age (for generational tables); NaN: none given
     guarantee: np.ndarray  # years of payments certain, 0 without
+    spouse_age: np.ndarray  # NaN: no spouse
+    spouse_table: np.ndarray  # object: the spouse's table, "" for the member's
+    reversion: np.ndarray  # the fraction paid on to a surviving spouse, 0 without
+    death_benefit: np.ndarray  # lump sum on death before the payments start, 0 without
     life: np.ndarray  # bool: an age is given, the record is valued life-contingently
     errors: np.ndarray  # object: first defect of each record, None when it can be valued
     clean: np.ndarray  # bool: no defect
@@ -215,6 +220,15 @@ def _ids(column: pa.Array | None, first_record: int, count: int) -> pa.Array:
     return pc.fill_null(text, "") if text.null_count else text
 
 
+def _amounts(raw: Any, count: int, name: str, found: _Defects, default: float = 0.0) -> np.ndarray:
+    """A column of amounts (finite and >= 0; ``default`` where empty); a bad cell is a defect and reads 0."""
+    amounts, _ = _numbers(raw, count, default, name, found)
+    bad = ~(np.isfinite(amounts) & (amounts >= 0.0))
+    found.note(bad, lambda i: f"{name} must be a finite amount >= 0, got {_shown(raw, i)}")
+    amounts[bad] = 0.0
+    return amounts
+
+
 def _due(column: pa.Array | None, count: int, defects: _Defects) -> np.ndarray:
     """True for annuities-due (the default), False for annuities-immediate."""
     if column is None:
@@ -301,11 +315,7 @@ def policies_from_batch(
     found.note(bad, lambda i: f"growth must be a finite rate above -1, got {_shown(raw_growth, i)}")
     growth[~has_growth | bad] = math.nan
 
-    raw_benefit = column("benefit")
-    benefit, _ = _numbers(raw_benefit, count, 1.0, "benefit", found)
-    bad = ~(np.isfinite(benefit) & (benefit >= 0.0))
-    found.note(bad, lambda i: f"benefit must be a finite amount >= 0, got {_shown(raw_benefit, i)}")
-    benefit[bad] = 0.0
+    benefit = _amounts(column("benefit"), count, "benefit", found, 1.0)
 
     due = _due(column("timing"), count, found)
 
@@ -322,6 +332,25 @@ def policies_from_batch(
     guarantee, has_guarantee = _numbers(raw_guarantee, count, 0.0, "guarantee", found)
     found.note(~life & has_year, lambda i: f"year is given without an age, got {_shown(raw_year, i)}")
     found.note(~life & has_guarantee, lambda i: f"guarantee is given without an age, got {_shown(raw_guarantee, i)}")
+    raw_spouse, raw_spouse_table = column("spouse_age"), column("spouse_table")
+    spouse_age, has_spouse = _numbers(raw_spouse, count, math.nan, "spouse_age", found)
+    spouse_table, has_spouse_table = _names(raw_spouse_table, count, "spouse_table", found)
+    found.note(~life & has_spouse, lambda i: f"spouse_age is given without an age, got {_shown(raw_spouse, i)}")
+    found.note(
+        ~has_spouse & has_spouse_table,
+        lambda i: f"spouse_table is given without a spouse_age, got {_shown(raw_spouse_table, i)}",
+    )
+    raw_reversion, raw_death_benefit = column("reversion"), column("death_benefit")
+    reversion = _amounts(raw_reversion, count, "reversion", found)
+    found.note(
+        ~has_spouse & (reversion > 0),
+        lambda i: f"reversion is given without a spouse_age, got {_shown(raw_reversion, i)}",
+    )
+    death_benefit = _amounts(raw_death_benefit, count, "death_benefit", found)
+    found.note(
+        ~life & (death_benefit > 0),
+        lambda i: f"death_benefit is given without an age, got {_shown(raw_death_benefit, i)}",
+    )
     return Policies(
         ids,
         term,
@@ -336,6 +365,10 @@ def policies_from_batch(
         select_age,
         year,
         guarantee,
+        spouse_age,
+        spouse_table,
+        reversion,
+        death_benefit,
         life,
         found.messages,
         found.clean,

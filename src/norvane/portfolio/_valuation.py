@@ -38,6 +38,10 @@ _PARAMETER_COLUMNS = {
     "select_age": "select_age",
     "year": "year",
     "guarantee": "guarantee",
+    "spouse_age": "spouse_age",
+    "spouse_table": "spouse_table",
+    "reversion": "reversion",
+    "death_benefit": "death_benefit",
 }
 
 
@@ -79,23 +83,38 @@ def _certain_values(method: Callable[..., Any], pf: Policies, rows: np.ndarray) 
     return method(**_arguments(pf, rows), on_error="nan")
 
 
+def _life_columns(pf: Policies, rows: np.ndarray, tables: BookTables) -> dict[str, Any]:
+    """The life columns of the records ``rows`` as the life books take them: tables named (the
+    default for an empty cell, a spouse's own table for the member's), pension parts only when held."""
+    names = pf.table[rows]
+    names = np.where(names == "", tables.default, names)
+    spouses = ~np.isnan(pf.spouse_age[rows])
+    guarantee, death_benefit = pf.guarantee[rows], pf.death_benefit[rows]
+    return dict(
+        table=names,
+        age=pf.age[rows],
+        select_age=pf.select_age[rows],
+        year=pf.year[rows],
+        guarantee=guarantee if guarantee.any() else None,
+        spouse_table=np.where(pf.spouse_table[rows] == "", names, pf.spouse_table[rows]) if spouses.any() else None,
+        spouse_age=pf.spouse_age[rows] if spouses.any() else None,
+        reversion=pf.reversion[rows] if spouses.any() else None,
+        death_benefit=death_benefit if death_benefit.any() else None,
+    )
+
+
 def _life_values(curve: Any, tables: BookTables, due: bool, growth: float, pf: Policies, rows: np.ndarray) -> Any:
     """Life records sharing a timing and a growth rate (NaN: level), in one batch call."""
-    names = pf.table[rows]
     return life_annuities(
         curve,
         tables.tables,
-        table=np.where(names == "", tables.default, names),
-        age=pf.age[rows],
+        **_life_columns(pf, rows, tables),
         n=pf.term[rows],
         d=pf.deferment[rows],
         ts=pf.shift[rows],
         m=pf.frequency[rows],
         benefits=pf.benefit[rows],
-        select_age=pf.select_age[rows],
         gr=None if np.isnan(growth) else growth,
-        year=pf.year[rows],
-        guarantee=pf.guarantee[rows],
         timing="due" if due else "immediate",
         on_error="nan",
     )
@@ -181,24 +200,32 @@ def portfolio_flows(
                 )
             life = np.flatnonzero(rows & pf.life)
             if life.size:
-                names = pf.table[life]
-                guarantee = pf.guarantee[life]
                 total += expected_flows(
                     curve,
                     tables.tables,
-                    table=np.where(names == "", tables.default, names),
-                    age=pf.age[life],
                     n=pf.term[life],
                     d=pf.deferment[life],
                     ts=pf.shift[life],
                     m=pf.frequency[life],
                     benefits=pf.benefit[life],
-                    select_age=pf.select_age[life],
-                    year=pf.year[life],
-                    guarantee=guarantee if guarantee.any() else None,
+                    **_life_columns(pf, life, tables),
                     **terms,
                 )
     return total
+
+
+def _years_left(names: np.ndarray, ages: np.ndarray, tables: BookTables, fallback: Any = None) -> np.ndarray:
+    """Years a life of each age can still live on its table (by name; empty: ``fallback``'s,
+    then the default); NaN without an age."""
+    if fallback is not None:
+        names = np.where(names == "", fallback, names)
+    left = np.full(names.shape, np.nan)
+    for name in np.unique(names[~np.isnan(ages)]):
+        table = tables.tables[str(name) or tables.default]
+        last_age = (table.base if isinstance(table, GenerationalTable) else table).last_age
+        mine = names == name
+        left[mine] = last_age + 1.0 - ages[mine]
+    return left
 
 
 def last_payment_year(
@@ -211,12 +238,12 @@ def last_payment_year(
     ends = [np.empty(0)]
     for pf, valid in checked_blocks(blocks):
         rows = np.flatnonzero(valid)
+        # A life may pay until its table ends, a pension with a reversion until the spouse's does.
         alive = np.full(rows.size, np.inf)
-        for name in np.unique(pf.table[rows[pf.life[rows]]]):
-            table = tables.tables[str(name) or tables.default]
-            last_age = (table.base if isinstance(table, GenerationalTable) else table).last_age
-            mine = pf.life[rows] & (pf.table[rows] == name)
-            alive[mine] = last_age + 1.0 - (pf.age[rows] + pf.shift[rows])[mine]
+        lives = pf.life[rows]
+        member = _years_left(pf.table[rows], pf.age[rows] + pf.shift[rows], tables)
+        spouse = _years_left(pf.spouse_table[rows], pf.spouse_age[rows] + pf.shift[rows], tables, pf.table[rows])
+        alive[lives] = np.fmax(member, np.where(pf.reversion[rows] > 0, spouse, np.nan))[lives]
         ends.append(payment_ends(pf.term[rows], pf.deferment[rows], pf.shift[rows], alive))
     every = np.concatenate(ends)
     finite = np.isfinite(every)

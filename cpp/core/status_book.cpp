@@ -1,0 +1,139 @@
+#include "core/status_book.hpp"
+
+#include "core/key_index.hpp"
+#include "core/parallel.hpp"
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+namespace norvane::core {
+
+namespace {
+
+// The distinct policies of a book (equal in every column but their
+// benefit, and in their group): the first policy of each, and each
+// policy's distinct one.
+struct Distinct {
+    std::vector<std::uint32_t> lead, of;
+};
+
+Distinct distinct_policies(const StatusBook& book, const Column* group, bool lives) {
+    const LifePolicies& p = book.first;
+    KeyIndex<11> index(std::min<std::size_t>(p.size, std::size_t{1} << 20));
+    Distinct found;
+    found.of.resize(p.size);
+    for (std::size_t i = 0; i < p.size; ++i) {
+        const auto select = [&](const LifePolicies& q) { return bits(select_age_of(q.age[i], q.select_age[i])); };
+        const LifePolicies* y = book.second;
+        const auto [k, added] =
+            index.insert({lives ? bits(p.table[i]) : 0, lives ? bits(p.age[i]) : 0, lives ? select(p) : 0,
+                          bits(p.ts[i]), bits(p.d[i]), bits(p.n[i]), bits(p.m[i]), group ? bits((*group)[i]) : 0,
+                          y ? bits(y->table[i]) : 0, y ? bits(y->age[i]) : 0, y ? select(*y) : 0});
+        if (added) found.lead.push_back(static_cast<std::uint32_t>(i));
+        found.of[i] = k;
+    }
+    return found;
+}
+
+// What the distinct policies share: one discount table per valuation time,
+// seen from it, and their survival paths, built before the threads start
+// (a table builds each path once).
+class Shared {
+  public:
+    Shared(const CurveArrays& curve, std::span<MortalityTable* const> tables, const StatusBook& book,
+           std::span<const std::uint32_t> lead, double eps) {
+        const LifePolicies& p = book.first;
+        for (const std::uint32_t i : lead) {
+            if (!curves_.contains(bits(p.ts[i])))
+                curves_.emplace(bits(p.ts[i]),
+                                discount_table(is_shift(p.ts[i], eps) ? shifted(curve, p.ts[i], eps) : curve));
+            if (tables.empty()) continue;
+            for (const LifePolicies* q : {&p, book.second})
+                if (q) tables[index(*q, i)]->path(static_cast<int>(select_age_of(q->age[i], q->select_age[i])));
+        }
+    }
+    const PiecewiseTable& curve(double ts) const { return curves_.at(bits(ts)); }
+    static std::size_t index(const LifePolicies& q, std::size_t i) { return static_cast<std::size_t>(q.table[i]); }
+
+  private:
+    std::map<std::uint64_t, PiecewiseTable> curves_;
+};
+
+// The status of policy i; none when nobody in its tables reaches one of its lives.
+std::optional<Status> status_of(std::span<MortalityTable* const> tables, std::span<const FractionalAge> rules,
+                                const StatusBook& book, std::size_t i, LifeOnPath (&lives)[2]) {
+    const LifePolicies* policies[] = {&book.first, book.second};
+    const std::size_t count = book.second ? 2 : 1;
+    for (std::size_t k = 0; k < count; ++k) {
+        const LifePolicies& q = *policies[k];
+        const std::size_t table = Shared::index(q, i);
+        const LifeAt at = life_at(*tables[table], q.age[i], q.select_age[i], book.first.ts[i], rules[table]);
+        if (at.fault != LifeAt::None) return std::nullopt;
+        lives[k] = at.life;
+    }
+    return Status::of(book.kind, std::span<const LifeOnPath>(lives, count));
+}
+
+}  // namespace
+
+void status_book_values(const CurveArrays& curve, std::span<MortalityTable* const> tables,
+                        std::span<const FractionalAge> rules, const StatusBook& book, const PolicyTerms& terms,
+                        std::span<double> out) {
+    const LifePolicies& p = book.first;
+    const Distinct distinct = distinct_policies(book, nullptr, true);
+    const Shared shared(curve, tables, book, distinct.lead, terms.tolerance_eps);
+    std::vector<double> unit(distinct.lead.size());
+    const double scale = rounding_scale(terms.decimals);
+    parallel_for(unit.size(), 64, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t k = begin; k < end; ++k) {
+            const std::uint32_t i = distinct.lead[k];
+            LifeOnPath lives[2];
+            const auto status = status_of(tables, rules, book, i, lives);
+            PolicyTerms own = terms;
+            own.m = static_cast<std::size_t>(p.m[i]);
+            unit[k] = status ? round_scaled(life_benefit_value(book.benefit, shared.curve(p.ts[i]), *status, p.ts[i],
+                                                               p.d[i], p.n[i], own)
+                                                .value,
+                                            scale)
+                             : std::numeric_limits<double>::quiet_NaN();
+        }
+    });
+    for (std::size_t i = 0; i < p.size; ++i) out[i] = unit[distinct.of[i]] * p.benefits[i];
+}
+
+void book_flows(const CurveArrays& curve, std::span<MortalityTable* const> tables, std::span<const FractionalAge> rules,
+                const StatusBook& book, const Column& group, const PolicyTerms& terms, FlowBuckets& out) {
+    const LifePolicies& p = book.first;
+    const bool lives = !tables.empty();
+    const Distinct distinct = distinct_policies(book, &group, lives);
+    std::vector<double> weight(distinct.lead.size());
+    for (std::size_t i = 0; i < p.size; ++i) weight[distinct.of[i]] += p.benefits[i];
+    const Shared shared(curve, tables, book, distinct.lead, terms.tolerance_eps);
+    std::mutex merging;
+    parallel_for(distinct.lead.size(), 64, [&](std::size_t begin, std::size_t end) {
+        FlowBuckets part(out.ends(), out.groups());
+        for (std::size_t k = begin; k < end; ++k) {
+            const std::uint32_t i = distinct.lead[k];
+            PolicyTerms own = terms;
+            own.m = static_cast<std::size_t>(p.m[i]);
+            const auto in_group = static_cast<std::size_t>(group[i]);
+            const PiecewiseTable& seen = shared.curve(p.ts[i]);
+            if (!lives) {
+                certain_flows(seen, p.n[i], p.d[i], p.ts[i], own, part, in_group, weight[k]);
+                continue;
+            }
+            LifeOnPath both[2];
+            if (const auto status = status_of(tables, rules, book, i, both))
+                status_flows(seen, *status, book.benefit, p.n[i], p.d[i], p.ts[i], own, part, in_group, weight[k]);
+        }
+        const std::lock_guard lock(merging);
+        out.add(part);
+    });
+}
+
+}  // namespace norvane::core

@@ -1,0 +1,95 @@
+"""Pension books: a reversion to a spouse and a death benefit before retirement, valued and
+projected, against survival sums written here on tables of given q, and through the files."""
+
+import math
+
+import numpy as np
+import pandas as pd
+import pytest
+
+from norvane.cashflows import expected_flows
+from norvane.interest_rates import InterestRate
+from norvane.mortality import MortalityTable, life_annuities
+from norvane.portfolio import value_book
+
+FLAT = InterestRate(0.04)
+QX = np.array([0.02, 0.03, 0.05, 0.08, 0.12, 0.2, 0.35, 0.6, 1.0])  # member table, ages 60..68
+QY = np.array([0.01, 0.015, 0.02, 0.04, 0.07, 0.1, 0.2, 0.3, 0.5, 0.8, 1.0])  # spouse table, 58..68
+TABLES = {"X": MortalityTable(QX, first_age=60), "Y": MortalityTable(QY, first_age=58)}
+
+
+def kp(q, k):
+    return math.prod(1.0 - q[:k])
+
+
+def v(t):
+    return 1.04**-t
+
+
+def test_a_reversion_is_the_member_annuity_and_the_spouse_surviving():
+    # Member 60 on X, spouse 58 on Y, 60 % reversion, annual payments in advance.
+    years = range(20)
+    member = [kp(QX, k) for k in years]
+    spouse = [kp(QY, k) for k in years]
+    paid = [x + 0.6 * y * (1.0 - x) for x, y in zip(member, spouse)]  # a_x + 0.6 (a_y - a_xy), year by year
+    value = math.fsum(p * v(k) for k, p in enumerate(paid))
+    terms = dict(table="X", age=60.0, spouse_table="Y", spouse_age=58.0, reversion=0.6, benefits=1000.0)
+    assert life_annuities(FLAT, TABLES, **terms)[0] == pytest.approx(1000 * value, rel=1e-11)
+    flows = expected_flows(FLAT, TABLES, **terms, horizon=12)
+    # Payments at 0 and 1 share the first bucket (each at or before its end).
+    expected = [paid[0] + paid[1], *paid[2:12]]
+    np.testing.assert_allclose(flows.total_expected[:11], 1000 * np.array(expected), rtol=1e-12)
+    assert flows.present_value == pytest.approx(1000 * value, rel=1e-12)
+
+
+@pytest.mark.parametrize("ts", [0.0, 2.0])
+def test_a_death_benefit_is_paid_on_death_before_the_pension(ts):
+    # Aged 60, pension from 65 (deferment 5), 5000 on death before then, at the end of the year.
+    seen = int(ts)
+    alive = kp(QX, seen)
+    deaths = [(kp(QX, k) - kp(QX, k + 1)) / alive for k in range(seen, 5)]
+    benefit = math.fsum(5000 * p * v(k + 1 - seen) for k, p in zip(range(seen, 5), deaths))
+    pension = math.fsum(100 * kp(QX, k) / alive * v(k - seen) for k in range(5, 9))
+    terms = dict(table="X", age=60.0, d=5.0, ts=ts, benefits=100.0, death_benefit=5000.0)
+    # Each part's unit value is rounded to 10 decimals.
+    assert life_annuities(FLAT, TABLES, **terms)[0] == pytest.approx(benefit + pension, abs=6e-7)
+    flows = expected_flows(FLAT, TABLES, **terms, buckets=np.arange(1.0, 10.0) - 0.5)
+    # Deaths in year k are paid at its end, k + 1 - ts, the last with the first pension at 5 - ts.
+    expected = 5000 * np.array(deaths) + np.eye(len(deaths))[-1] * 100 * kp(QX, 5) / alive
+    np.testing.assert_allclose(flows.total_expected[1 : 6 - seen], expected, rtol=1e-12)
+    assert flows.present_value == pytest.approx(benefit + pension, rel=1e-12)
+
+
+def test_pension_columns_through_a_frame():
+    frame = pd.DataFrame(
+        {
+            "id": ["married", "single", "deferred", "bad-spouse", "bad-benefit", "no-spouse"],
+            "term": [np.nan] * 6,
+            "deferment": [0, 0, 4, 0, 3, 0],
+            "benefit": [1000, 800, 500, 10, 10, 10],
+            "age": [62, 61, 60, 62, 60, 62],
+            "table": ["X"] * 6,
+            "spouse_age": [59, np.nan, 58, 200, np.nan, np.nan],
+            "spouse_table": ["Y", "", "Y", "", "", ""],
+            "reversion": [0.5, 0, 0.6, 0.5, 0, 0.5],
+            "death_benefit": [0, 0, 2000, 0, -1, 0],
+        }
+    )
+    result = value_book(frame, FLAT, tables=TABLES)
+    direct = life_annuities(
+        FLAT,
+        TABLES,
+        table="X",
+        age=[62, 61, 60],
+        d=[0, 0, 4],
+        benefits=[1000, 800, 500],
+        spouse_table=["Y", "X", "Y"],
+        spouse_age=[59, np.nan, 58],
+        reversion=[0.5, 0, 0.6],
+        death_benefit=[0, 0, 2000],
+    )
+    np.testing.assert_array_equal(result.present_value[:3], direct)
+    errors = list(result.error[3:])
+    assert errors[0] == "spouse_age 200.0 at valuation time 0.0 is beyond the table's last age 68"
+    assert errors[1] == "death_benefit must be a finite amount >= 0, got -1"
+    assert errors[2] == "reversion is given without a spouse_age, got 0.5"
