@@ -93,3 +93,24 @@ def test_pension_columns_through_a_frame():
     assert errors[0] == "spouse_age 200.0 at valuation time 0.0 is beyond the table's last age 68"
     assert errors[1] == "death_benefit must be a finite amount >= 0, got -1"
     assert errors[2] == "reversion is given without a spouse_age, got 0.5"
+
+
+@pytest.mark.parametrize("mode", ["discrete_precision", "continuous_precision"])
+def test_insurance_books_equal_their_single_calls(mode):
+    from norvane.config import Config
+    from norvane.mortality import life_insurances
+
+    ages, terms = np.array([60.0, 61.5, 63.0, 60.0]), np.array([np.inf, 3.0, 4.0, 2.5])
+    lives = [TABLES["X"].life(x) for x in ages]
+    with Config().override(calculation_mode=mode):
+        whole = life_insurances(FLAT, TABLES, table="X", age=ages, n=terms, m=4, benefits=10.0)
+        endowment = life_insurances(FLAT, TABLES, table="X", age=ages[1:], n=terms[1:], benefit="endowment_insurance")
+        single = [life.A(FLAT, n=None if math.isinf(n) else n, m=4) for life, n in zip(lives, terms)]
+        single_endowment = [life.A_endowment(FLAT, n=n) for life, n in zip(lives[1:], terms[1:])]
+    np.testing.assert_array_equal(whole, 10.0 * np.array(single))
+    np.testing.assert_array_equal(endowment, single_endowment)
+    if mode == "discrete_precision":  # whole life, annual: the sum of v^(k+1) kp q, and everybody dies
+        annual = life_insurances(FLAT, TABLES, table="X", age=60.0)[0]
+        assert annual == pytest.approx(math.fsum(kp(QX, k) * QX[k] * v(k + 1) for k in range(9)), abs=1e-10)
+    with pytest.raises(ValueError, match=r"\[life_insurances\] 'benefit' must be one of"):
+        life_insurances(FLAT, TABLES, table="X", age=60.0, benefit="annuity")

@@ -9,7 +9,7 @@ pairs of lives, and books of life annuities valued natively.
 from .improvement import GenerationalTable, ImprovementScale
 from .laws import BUNDLED_TABLES, MakehamLaw, bundled_table, constant_force, gompertz, makeham
 from .lives import JointLife, Life, TwoLives
-from .portfolio import life_annuities
+from .portfolio import life_annuities, life_insurances
 from .tables import FractionalAgeLiteral, MortalityTable
 
 __all__ = [
@@ -26,5 +26,6 @@ __all__ = [
     "constant_force",
     "gompertz",
     "life_annuities",
+    "life_insurances",
     "makeham",
 ]

@@ -35,7 +35,7 @@ from .tables import MortalityTable, _age_problems
 
 Table = MortalityTable | GenerationalTable
 
-__all__ = ["life_annuities"]
+__all__ = ["life_annuities", "life_insurances"]
 
 F64 = NDArray[np.float64]
 _METHOD = "life_annuities"
@@ -50,12 +50,12 @@ def _columns(method_name: str, **columns: Any) -> tuple[dict[str, Any], int]:
     return _book_columns(method_name, columns)
 
 
-def _rank(values: Any, name: str) -> int:
+def _rank(values: Any, name: str, method_name: str = _METHOD) -> int:
     """The number of dimensions of a column as given; a ragged list is refused by name."""
     try:
         return int(np.ndim(values))
     except ValueError:
-        raise ValueError(f"[{_METHOD}] '{name}' must be one-dimensional, got a ragged nested sequence.") from None
+        raise ValueError(f"[{method_name}] '{name}' must be one-dimensional, got a ragged nested sequence.") from None
 
 
 def _table_names(table: Any) -> NDArray[Any]:
@@ -71,15 +71,15 @@ def _table_names(table: Any) -> NDArray[Any]:
     return np.asarray(table)
 
 
-def _frequencies(m: Any) -> NDArray[Any]:
+def _frequencies(m: Any, method_name: str = _METHOD) -> NDArray[Any]:
     """The payment frequencies as integers (booleans, also inside lists, are refused); one
     frequency for all policies stays a single value."""
-    rank = _rank(m, "m")
+    rank = _rank(m, "m", method_name)
     if rank > 1:
         return np.asarray(m)  # refused by the column check with the other columns
     if rank == 0:
-        return np.asarray(_integer_array([m], _METHOD, "m")[0])
-    return _integer_array(m, _METHOD, "m")
+        return np.asarray(_integer_array([m], method_name, "m")[0])
+    return _integer_array(m, method_name, "m")
 
 
 def _table_codes(names: NDArray[Any], tables: Mapping[str, Table]) -> tuple[F64, list[str]]:
@@ -297,8 +297,8 @@ class _LifeBook:
         return valued
 
 
-def _refuse(faults: dict[int, list[str]]) -> None:
-    raise ValueError(f"[{_METHOD}] " + "; ".join(faults[min(faults)]))
+def _refuse(faults: dict[int, list[str]], method_name: str = _METHOD) -> None:
+    raise ValueError(f"[{method_name}] " + "; ".join(faults[min(faults)]))
 
 
 class _Book(NamedTuple):
@@ -621,39 +621,114 @@ def life_annuities(
         a reversion's and a death benefit's parts are each rounded so and
         added.
     """
-    if not (isinstance(on_error, str) and on_error in ("raise", "nan")):
-        raise ValueError(f"[{_METHOD}] 'on_error' must be 'raise' or 'nan', got {on_error!r}.")
-    if not (isinstance(timing, str) and timing in ("due", "immediate")):
-        raise ValueError(f"[{_METHOD}] 'timing' must be 'due' or 'immediate', got {timing!r}.")
-    if not isinstance(tables, Mapping) or not tables or not all(isinstance(t, Table) for t in tables.values()):
-        raise TypeError(
-            f"[{_METHOD}] 'tables' must be a non-empty mapping of names to MortalityTable or GenerationalTable objects."
-        )
-    cols, size = _columns(
-        _METHOD,
-        table=_table_names(table),
-        age=_policy_column(age, "age", _METHOD),
-        n=_policy_column(_map_batch_n_none_to_inf(n), "n", _METHOD),
-        d=_policy_column(d, "d", _METHOD),
-        ts=_policy_column(ts, "ts", _METHOD),
-        m=_frequencies(m),
-        select_age=_policy_column(np.nan if select_age is None else select_age, "select_age", _METHOD),
-        year=_policy_column(np.nan if year is None else year, "year", _METHOD),
-        guarantee=_policy_column(0.0 if guarantee is None else guarantee, "guarantee", _METHOD),
+    call = _Call(_METHOD, curve, tables, on_error, record_ids, timing)
+    given = call.book(table, age, n, d, ts, m, benefits, select_age, year, guarantee, timing, gr)
+    pension = _pension_columns(
+        given.cols, given.size, spouse_table, spouse_age, spouse_select_age, reversion, death_benefit
     )
-    # Read by the kernel as they are (no copy): the book is valued before this call returns.
-    weights = _benefits_array(benefits, size, _METHOD)
-    _check_benefit_values(weights, _METHOD)
-    _validate_record_ids_batch_only(record_ids, True, size, _METHOD)
-    pension = _pension_columns(cols, size, spouse_table, spouse_age, spouse_select_age, reversion, death_benefit)
-    given = _Book(curve, tables, cols, size, weights, timing, _resolve_gr(gr, _METHOD))
     if all(part is None for part in pension):
-        value_book = _value_book if guarantee is None else _guaranteed_book
-        values, faults = value_book(given, on_error == "raise")
+        call.valued(*(_value_book if guarantee is None else _guaranteed_book)(given, on_error == "raise"))
     else:
-        values, faults = _value_pensions(given, pension, on_error == "raise")
-    if on_error == "raise":
-        if faults:
-            _refuse(faults)
-        return values
-    return _batch_result(values, faults, record_ids, _METHOD)
+        call.valued(*_value_pensions(given, pension, on_error == "raise"))
+    return call.result
+
+
+class _Call:
+    """One call valuing a book: its checks and its result as the error policy wants it."""
+
+    def __init__(self, method_name: str, curve: Any, tables: Any, on_error: Any, record_ids: Any, timing: Any = "due"):
+        if not (isinstance(on_error, str) and on_error in ("raise", "nan")):
+            raise ValueError(f"[{method_name}] 'on_error' must be 'raise' or 'nan', got {on_error!r}.")
+        if not (isinstance(timing, str) and timing in ("due", "immediate")):
+            raise ValueError(f"[{method_name}] 'timing' must be 'due' or 'immediate', got {timing!r}.")
+        if not isinstance(tables, Mapping) or not tables or not all(isinstance(t, Table) for t in tables.values()):
+            raise TypeError(
+                f"[{method_name}] 'tables' must be a non-empty mapping of names to MortalityTable or "
+                "GenerationalTable objects."
+            )
+        self.method_name, self.curve, self.tables = method_name, curve, tables
+        self.on_error, self.record_ids = on_error, record_ids
+        self.result: F64 | BatchResult = np.empty(0)
+
+    def book(
+        self,
+        table: Any,
+        age: Any,
+        n: Any,
+        d: Any,
+        ts: Any,
+        m: Any,
+        benefits: Any,
+        select_age: Any,
+        year: Any,
+        guarantee: Any,
+        timing: str,
+        gr: Any,
+    ) -> _Book:
+        """The book's columns checked."""
+        method = self.method_name
+        cols, size = _columns(
+            method,
+            table=_table_names(table),
+            age=_policy_column(age, "age", method),
+            n=_policy_column(_map_batch_n_none_to_inf(n), "n", method),
+            d=_policy_column(d, "d", method),
+            ts=_policy_column(ts, "ts", method),
+            m=_frequencies(m, method),
+            select_age=_policy_column(np.nan if select_age is None else select_age, "select_age", method),
+            year=_policy_column(np.nan if year is None else year, "year", method),
+            guarantee=_policy_column(0.0 if guarantee is None else guarantee, "guarantee", method),
+        )
+        # Read by the kernel as they are (no copy): the book is valued before this call returns.
+        weights = _benefits_array(benefits, size, method)
+        _check_benefit_values(weights, method)
+        _validate_record_ids_batch_only(self.record_ids, True, size, method)
+        return _Book(self.curve, self.tables, cols, size, weights, timing, _resolve_gr(gr, method))
+
+    def valued(self, values: F64, faults: dict[int, list[str]]) -> None:
+        if self.on_error == "raise":
+            if faults:
+                _refuse(faults, self.method_name)
+            self.result = values
+        else:
+            self.result = _batch_result(values, faults, self.record_ids, self.method_name)
+
+
+_BENEFITS = ("insurance", "endowment_insurance", "pure_endowment")
+
+
+def life_insurances(
+    curve: Any,
+    tables: Mapping[str, MortalityTable | GenerationalTable],
+    *,
+    table: ArrayLike,
+    age: ArrayLike,
+    n: Any = None,
+    d: ArrayLike = 0.0,
+    ts: ArrayLike = 0.0,
+    m: ArrayLike = 1,
+    benefits: ArrayLike | None = None,
+    select_age: ArrayLike | None = None,
+    year: ArrayLike | None = None,
+    benefit: Literal["insurance", "endowment_insurance", "pure_endowment"] = "insurance",
+    on_error: Literal["raise", "nan"] = "raise",
+    record_ids: Any = None,
+) -> F64 | BatchResult:
+    """Value a book of life insurances, one policy per element of the columns.
+
+    ``benefit`` says what each policy pays: "insurance", 1 at the end of
+    the 1/m period of death within the term n after the deferment d (n
+    None: whole life; at the moment of death in the continuous modes);
+    "endowment_insurance", that and 1 on survival to the end of the term;
+    "pure_endowment", 1 on survival to d + n. The other columns are
+    :func:`life_annuities`'. Each value equals the single call's
+    (:meth:`Life.A`, :meth:`Life.A_endowment`, :meth:`Life.E`), rounded
+    like an annuity and times the benefit.
+    """
+    method = "life_insurances"
+    if not (isinstance(benefit, str) and benefit in _BENEFITS):
+        raise ValueError(f"[{method}] 'benefit' must be one of {_BENEFITS}, got {benefit!r}.")
+    call = _Call(method, curve, tables, on_error, record_ids)
+    given = call.book(table, age, n, d, ts, m, benefits, select_age, year, None, "immediate", None)
+    call.valued(*_value_book(given._replace(benefit=benefit), False))
+    return call.result
