@@ -33,6 +33,19 @@ def test_readme_examples(tmp_path, monkeypatch):
     certain = pytest.approx(1000 * (1 - v**10) / (1 - v), rel=1e-10)
     first = [12000 * male.life(67).ä(flat, m=12), 6000 * male.rated(-3).life(61.5).ä(flat, n=20, m=12), certain]
     assert ns["life_values"].present_value.tolist() == first
+    # The sample scheme: every member valued, the flows adding up to the values, a reversion's
+    # member as the composition of single calls on the cohorts' tables.
+    values, flows = ns["scheme_values"], ns["scheme_flows"]
+    assert values.summary().valued == 500 and flows.present_value == pytest.approx(
+        values.present_value.sum(), rel=1e-12
+    )
+    row = ns["members"].iloc[1]  # a pensioner with a guarantee and a spouse
+    tables = ns["scheme_tables"]
+    x = tables[row.table].life(row.age, year=2026)
+    y = tables[row.spouse_table].life(row.spouse_age, year=2026)
+    alone = x.ä(flat, m=12, gr=0.02, guarantee=row.guarantee)
+    reversion = y.ä(flat, m=12, gr=0.02) - ns["JointLife"](x, y).ä(flat, m=12, gr=0.02)
+    assert values.present_value[1] == pytest.approx(row.benefit * (alone + row.reversion * reversion), abs=1e-5)
     # Pension forms: the guarantee's and the reversion's compositions, the scheme's single calls.
     member, spouse = ns["member"], ns["spouse"]
     guaranteed = flat.ä(n=5, m=12, gr=0.02) + 1.02**5 * member.ä(flat, d=5, m=12, gr=0.02)

@@ -6,8 +6,9 @@ required): a CSV or Parquet file, a directory of Parquet files, a pandas or pola
 DataFrame, a pyarrow Table, RecordBatchReader or Dataset, or a dict of columns.
 A record with an "age" is a life annuity on the mortality table its "table" cell names
 (selected at its "select_age"; in its "year" on a generational table; with its first
-"guarantee" years of payments certain); one without is a certain annuity. Records that cannot be
-valued carry a message instead of stopping the run.
+"guarantee" years of payments certain; a "reversion" of them to a spouse of "spouse_age" on
+"spouse_table"; a "death_benefit" before they start); one without is a certain annuity.
+Records that cannot be valued carry a message instead of stopping the run.
 
 >>> from norvane.interest_rates import InterestRate
 >>> from norvane.portfolio import value_book
@@ -24,7 +25,7 @@ from contextlib import AbstractContextManager, nullcontext
 from dataclasses import dataclass, field
 from fractions import Fraction
 from pathlib import Path
-from typing import Any, cast
+from typing import TYPE_CHECKING, Any, cast
 
 import numpy as np
 import pyarrow as pa
@@ -38,13 +39,27 @@ from ._life import DEFAULT_TABLE, BookTables, book_tables
 from ._output import check_output, output_kind, table_writer, write_table
 from ._policies import POLICY_COLUMNS, InputError, Policies, policies_from_batch
 from ._sources import BATCH_ROWS, Book, open_book
-from ._valuation import PERPETUITY_YEARS, book_flows, flow_years, last_payment_year, value_policies
+from ._valuation import (
+    PERPETUITY_YEARS,
+    book_flows,
+    flow_years,
+    last_payment_year,
+    portfolio_flows,
+    value_policies,
+)
+
+if TYPE_CHECKING:
+    from ..cashflows import CashFlows
+
+SAMPLE_PENSIONS = Path(__file__).resolve().parents[1] / "data" / "sample_pensions.csv"
+"""A small synthetic pension scheme (500 members on tables "M" and "F", valued in 2026)."""
 
 __all__ = [
     "BATCH_ROWS",
     "DEFAULT_TABLE",
     "POLICY_COLUMNS",
     "PERPETUITY_YEARS",
+    "SAMPLE_PENSIONS",
     "SHOWN_ERRORS",
     "VALUES_SCHEMA",
     "Book",
@@ -57,6 +72,7 @@ __all__ = [
     "book_flows",
     "book_tables",
     "check_output",
+    "flow_book",
     "flow_years",
     "last_payment_year",
     "open_book",
@@ -241,6 +257,29 @@ def _progress_bar(book: Book, progress: bool | None) -> AbstractContextManager[A
         total=book.total, unit=book.unit, unit_scale=book.unit == "B", desc="valuing", file=sys.stderr
     )
     return bar
+
+
+def flow_book(
+    book: Any,
+    curve: Any,
+    *,
+    mode: str | None = None,
+    horizon: float | None = None,
+    tables: Tables | None = None,
+) -> CashFlows:
+    """Expected and discounted cash flows of a book's valid records, year by year after each
+    record's valuation time: certain and life annuities with every pension part.
+
+    ``book``, ``mode`` and ``tables`` are :func:`value_book`'s; the grid runs ``horizon``
+    years (default: to the last payment any record can make, 100 years with perpetuities),
+    later flows in its last year. Each flow goes to the first year ending at or after it.
+    """
+    known = book_tables(tables)
+    mode = checked_mode(mode) or Config().calculation_mode
+    blocks = [(block.policies, block.valid) for block in valued_blocks(open_book(book), curve, mode, tables=tables)]
+    years = flow_years(*last_payment_year(blocks, known), horizon)
+    flows = [portfolio_flows(curve, pf, valid, mode, years, known) for pf, valid in blocks]
+    return sum(flows[1:], flows[0])
 
 
 def value_book(
