@@ -81,7 +81,9 @@ def test_grouped_flows_add_up_and_convert_to_arrow():
         for t, x, b in (("T", 61, 1.0), ("M", 70, 2.0))
     ]
     np.testing.assert_allclose(one.expected[1], alone[1].total_expected, rtol=1e-15)
-    summed = alone[0] + CashFlows(alone[1].bucket_ends, alone[1].expected, alone[1].discounted, ("x",))
+    summed = alone[0] + CashFlows(
+        *(getattr(alone[1], k) for k in ("bucket_ends", "expected", "discounted", "discounted_times")), ("x",)
+    )
     assert summed.groups == (None, "x") and summed.present_value == pytest.approx(one.present_value, rel=1e-14)
     table = one.to_arrow(by="product")
     assert table.column_names == ["product", "bucket_start", "bucket_end", "expected", "discounted"]

@@ -407,3 +407,18 @@ def test_curve_build_refuses_unusable_inputs(tmp_path, capsys, text, extra, mess
     out = tmp_path / "curve.json"
     assert main(["curve", "build", str(tmp_path / "market.csv"), "--output", str(out), *extra]) == 2
     assert message in capsys.readouterr().err and not out.exists()
+
+
+def test_value_risk_is_the_difference_of_two_revaluations(tmp_path, capsys):
+    from norvane.portfolio import value_book
+
+    records = FLOW_BOOK + [{"id": "life", "term": "", "frequency": "12", "benefit": "900", "age": "70"}]
+    book = write_csv(tmp_path / "book.csv", records, COLUMNS + ["age"])
+    assert main(["value", "--portfolio", str(book), "--rate", "0.03", "--risk", "--key-tenors", "2,5,10"]) == 0
+    printed = capsys.readouterr().out
+    shown = {k.strip(): float(v.replace(",", "")) for k, v in re.findall(r"\n  ((?:DV01|key-rate DV01 \w+))\s+(\S+)", printed)}
+    h = 1e-6
+    down, up = (value_book(book, InterestRate(0.03 + s)).present_value.sum() for s in (-h, h))
+    # On a flat curve the annual zero rate is the rate: the DV01 is the rate's.
+    assert shown["DV01"] == pytest.approx((down - up) / (2 * h) * 1e-4, abs=0.01)
+    assert sum(shown[f"key-rate DV01 {t}y"] for t in (2, 5, 10)) == pytest.approx(shown["DV01"], abs=0.02)

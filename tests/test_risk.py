@@ -98,3 +98,32 @@ def test_segment_dv01s_are_bumps_of_the_curve_own_rates():
 def test_bad_flows_are_named(kwargs, message):
     with pytest.raises(ValueError, match=message):
         sensitivities(CURVE, **kwargs)
+
+
+def test_a_life_book_from_its_flows_against_revaluations():
+    """A pension book's segment DV01s from its monthly expected flows equal central differences
+    of full revaluations with each segment's rate moved; the key-rate DV01s add up to the DV01."""
+    from norvane.cashflows import expected_flows
+    from norvane.mortality import bundled_table, life_annuities
+
+    tables = {"M": bundled_table("makeham_20_120"), "F": bundled_table("makeham_13_110")}
+    book = dict(
+        table=["M", "F", "M"],
+        age=[67.0, 55.0, 80.0],
+        d=[0.0, 10.0, 0.0],
+        m=12,
+        gr=0.02,
+        benefits=[1000.0, 500.0, 800.0],
+        spouse_table=["F", "M", "F"],
+        spouse_age=[63.0, 58.0, np.nan],
+        reversion=[0.6, 0.5, 0.0],
+        death_benefit=[0.0, 2000.0, 0.0],
+    )
+    risk = sensitivities(CURVE, expected_flows(CURVE, tables, **book, buckets="monthly"))
+    assert risk.present_value == pytest.approx(life_annuities(CURVE, tables, **book).sum(), rel=1e-11)
+    rates = np.asarray(CURVE.rates)
+    for j in range(rates.size):
+        moved = [InterestRate(terms=CURVE.terms, rates=rates + s * np.eye(rates.size)[j]) for s in (-1e-5, 1e-5)]
+        down, up = (life_annuities(c, tables, **book).sum() for c in moved)
+        assert risk.segment_dv01[j] == pytest.approx((down - up) / 2e-5 * 1e-4, rel=1e-6)
+    assert risk.key_rate_dv01.sum() == pytest.approx(risk.dv01, rel=1e-12)

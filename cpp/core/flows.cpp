@@ -6,7 +6,11 @@
 namespace norvane::core {
 
 FlowBuckets::FlowBuckets(std::span<const double> ends, std::size_t groups)
-    : ends_(ends), groups_(groups), expected_(ends.size() * groups), discounted_(ends.size() * groups) {}
+    : ends_(ends),
+      groups_(groups),
+      expected_(ends.size() * groups),
+      discounted_(ends.size() * groups),
+      timed_(ends.size() * groups) {}
 
 std::size_t FlowBuckets::bucket_of(double t) const {
     const auto at = std::lower_bound(ends_.begin(), ends_.end(), t);
@@ -17,6 +21,7 @@ void FlowBuckets::add(const FlowBuckets& other) {
     for (std::size_t k = 0; k < expected_.size(); ++k) {
         expected_[k] += other.expected_[k];
         discounted_[k] += other.discounted_[k];
+        timed_[k] += other.timed_[k];
     }
 }
 
@@ -47,8 +52,8 @@ struct Sink {
     std::size_t group;
     double benefit;
 
-    void add(std::size_t bucket, double expected, double discounted) const {
-        out.add(group, bucket, expected * benefit, discounted * benefit);
+    void add(std::size_t bucket, double expected, double discounted, double t) const {
+        out.add(group, bucket, expected * benefit, discounted * benefit, t);
     }
     // The bucket of t, searched forward from `bucket` (flows come in time order).
     std::size_t next(std::size_t bucket, double t) const {
@@ -89,7 +94,7 @@ struct FlowPieces {
             const double amount = share * growth / static_cast<double>(s.m), alive = survival.at(t);
             const double present = weighted(alive, amount * curve.discount(t)) * w;
             bucket = sink.next(bucket, t);
-            sink.add(bucket, alive * amount * w, present);
+            sink.add(bucket, alive * amount * w, present, t);
             total += present;
         }
         return total;
@@ -98,7 +103,8 @@ struct FlowPieces {
         double total = 0.0;
         sink.pieces(a, std::min(b, survival.horizon()), [&](std::size_t bucket, double lo, double hi) {
             const double present = survival.integral(curve, lo, hi, annuity.d, annuity.growth);
-            sink.add(bucket, survival.integral(no_interest(), lo, hi, annuity.d, annuity.growth), present);
+            sink.add(bucket, survival.integral(no_interest(), lo, hi, annuity.d, annuity.growth), present,
+                     0.5 * (lo + hi));
             total += present;
         });
         return total;
@@ -124,7 +130,7 @@ struct FlowParts {
             for_each_period(periods, status.horizon(), [&](std::size_t, double start, double end) {
                 const double dying = status.at(start) - status.at(end), present = weighted(dying, curve.discount(end));
                 bucket = sink.next(bucket, end);
-                sink.add(bucket, dying, present);
+                sink.add(bucket, dying, present, end);
                 total += present;
             });
             return total;
@@ -135,14 +141,14 @@ struct FlowParts {
                         const double present = weighted(at_lo, curve.discount(lo)) -
                                                weighted(at_hi, curve.discount(hi)) -
                                                survival_integral(curve, lo, hi, lo, Growth{}, status, true);
-                        sink.add(bucket, at_lo - at_hi, present);
+                        sink.add(bucket, at_lo - at_hi, present, 0.5 * (lo + hi));
                         total += present;
                     });
         return total;
     }
     double endowment(double t) const {
         const double alive = status.at(t), present = weighted(alive, curve.discount(t));
-        sink.add(sink.out.bucket_of(t), alive, present);
+        sink.add(sink.out.bucket_of(t), alive, present, t);
         return present;
     }
 };

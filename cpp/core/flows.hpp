@@ -27,20 +27,26 @@ class FlowBuckets {
     std::span<const double> ends() const { return ends_; }
     // The bucket of a flow at t.
     std::size_t bucket_of(double t) const;
-    void add(std::size_t group, std::size_t bucket, double expected, double discounted) {
-        expected_[group * ends_.size() + bucket] += expected;
-        discounted_[group * ends_.size() + bucket] += discounted;
+    // A flow at time t: its expected amount, and its discounted amount, also times t.
+    void add(std::size_t group, std::size_t bucket, double expected, double discounted, double t) {
+        const std::size_t cell = group * ends_.size() + bucket;
+        expected_[cell] += expected;
+        discounted_[cell] += discounted;
+        timed_[cell] += discounted * t;
     }
     // Another gathering of the same buckets and groups added to this one.
     void add(const FlowBuckets& other);
     // Group by group, bucket by bucket.
     std::span<const double> expected() const { return expected_; }
     std::span<const double> discounted() const { return discounted_; }
+    // The discounted amounts times their times: over the discounted amounts, the mean time of
+    // a bucket's value (exactly, for flows; at each piece's middle, for a continuous flow).
+    std::span<const double> timed() const { return timed_; }
 
   private:
     std::span<const double> ends_;
     std::size_t groups_;
-    std::vector<double> expected_, discounted_;
+    std::vector<double> expected_, discounted_, timed_;
 };
 
 // The expected flows of a certain annuity (term n from inception, infinite: a

@@ -72,6 +72,9 @@ class CashFlows:
         the last also holds every later flow).
     expected, discounted : ndarray, shape (groups, buckets)
         Expected payments undiscounted and discounted to the valuation time.
+    discounted_times : ndarray, shape (groups, buckets)
+        The discounted payments times their times (over ``discounted``: the
+        time of a bucket's value, see :attr:`times`).
     groups : tuple
         The label of each row (``(None,)`` without a grouping column).
     """
@@ -79,7 +82,19 @@ class CashFlows:
     bucket_ends: F64
     expected: F64
     discounted: F64
+    discounted_times: F64
     groups: tuple[Any, ...] = (None,)
+
+    @property
+    def times(self) -> F64:
+        """The time of each bucket's value, all groups together: the mean time of its
+        discounted flows (the bucket's end where it holds none). Flows at these times with
+        the buckets' present values have the book's value and Macaulay duration exactly."""
+        value = self.discounted.sum(axis=0)
+        timed = self.discounted_times.sum(axis=0)
+        with np.errstate(invalid="ignore", divide="ignore"):
+            out: F64 = np.where(value != 0.0, timed / value, self.bucket_ends)
+        return out
 
     @property
     def total_expected(self) -> F64:
@@ -105,13 +120,13 @@ class CashFlows:
         if not np.array_equal(self.bucket_ends, other.bucket_ends):
             raise ValueError("[CashFlows] only flows on the same buckets can be added.")
         labels = list(dict.fromkeys(self.groups + other.groups))
-        expected = np.zeros((len(labels), self.bucket_ends.size))
-        discounted = np.zeros_like(expected)
+        sums = [np.zeros((len(labels), self.bucket_ends.size)) for _ in range(3)]
         for flows in (self, other):
             rows = [labels.index(label) for label in flows.groups]
-            np.add.at(expected, rows, flows.expected)
-            np.add.at(discounted, rows, flows.discounted)
-        return CashFlows(self.bucket_ends, expected, discounted, tuple(labels))
+            for total, part in zip(sums, (flows.expected, flows.discounted, flows.discounted_times)):
+                np.add.at(total, rows, part)
+        expected, discounted, timed = sums
+        return CashFlows(self.bucket_ends, expected, discounted, timed, tuple(labels))
 
     def to_arrow(self, by: str = "group") -> pa.Table:
         """One row per group and bucket: ``by`` (when grouped), "bucket_start", "bucket_end",
@@ -128,6 +143,11 @@ class CashFlows:
         columns["expected"] = self.expected.ravel()
         columns["discounted"] = self.discounted.ravel()
         return pa.table(columns)
+
+
+def no_flows(ends: F64) -> CashFlows:
+    """Flows of an empty book on the buckets ``ends``."""
+    return CashFlows(ends, np.zeros((1, ends.size)), np.zeros((1, ends.size)), np.zeros((1, ends.size)))
 
 
 def bucket_ends(buckets: Any, horizon: float) -> F64:
@@ -210,21 +230,20 @@ class _Gathering:
             tolerance_eps=curve._meta.tolerance_eps,
             perpetuity_n_eff=float(curve._meta.perpetuity_n_eff),
         )
-        self.expected = np.zeros(groups * ends.size)
-        self.discounted = np.zeros(groups * ends.size)
+        self.sums = [np.zeros(groups * ends.size) for _ in range(3)]  # expected, discounted, times discounted
 
     def add(self, arguments: list[Any], benefit: str = "annuity", spouses: Any = None, growth: Any = ...) -> None:
         """The flows of a book part (``_LifeBook._arguments``), ``growth`` overriding the book's."""
         settings = self.settings if growth is ... else {**self.settings, **_growth_settings(growth)}
-        expected, discounted = _kernels.book_flows(
+        found = _kernels.book_flows(
             *[*arguments, self.group, self.groups, self.ends],
             second=spouses,
             status="single" if spouses is None else "joint",
             benefit=benefit,
             **settings,
         )
-        self.expected += expected
-        self.discounted += discounted
+        for total, part in zip(self.sums, found):
+            total += part
 
     def certain(self, cols: dict[str, Any], weights: Any) -> None:
         one = np.zeros(1)
@@ -233,7 +252,8 @@ class _Gathering:
 
     def result(self, labels: tuple[Any, ...]) -> CashFlows:
         shape = (self.groups, self.ends.size)
-        return CashFlows(self.ends, self.expected.reshape(shape), self.discounted.reshape(shape), labels)
+        expected, discounted, timed = (total.reshape(shape) for total in self.sums)
+        return CashFlows(self.ends, expected, discounted, timed, labels)
 
 
 def expected_flows(

@@ -45,6 +45,7 @@ from .portfolio import (
 )
 from .portfolio._exact import exact_sum, rounded
 from .portfolio._output import atomic_path
+from .risk import DEFAULT_KEY_TENORS
 
 EXIT_OK = 0
 EXIT_INPUT = 2
@@ -309,7 +310,33 @@ def run_value(args: argparse.Namespace) -> int:
         args.portfolio or SAMPLE_PORTFOLIO, curve, args.output, mode=mode, progress=progress, tables=args.tables
     )
     _summary(args, curve_label, mode, summary, time.perf_counter() - started)
+    if args.risk and summary.valued:
+        _print_risk(args, curve, mode)
     return EXIT_OK
+
+
+def _print_risk(args: argparse.Namespace, curve: Any, mode: str) -> None:
+    """Durations, convexity and DV01s of the valued records, from their monthly expected flows."""
+    from .portfolio import flow_book
+    from .risk import sensitivities
+
+    tenors = args.key_tenors
+    flows = flow_book(args.portfolio or SAMPLE_PORTFOLIO, curve, mode=mode, tables=args.tables, buckets="monthly")
+    try:
+        risk = sensitivities(curve, flows, key_tenors=tenors)
+    except ValueError as exc:
+        raise InputError(f"--risk: {exc}") from None
+    print("interest-rate risk (annual zero rates; DV01s per basis point, a fall of rates positive)")
+    _print_pairs(
+        [
+            ("Macaulay duration", f"{risk.macaulay_duration:.4f}"),
+            ("modified duration", f"{risk.modified_duration:.4f}"),
+            ("effective duration", f"{risk.effective_duration:.4f}"),
+            ("convexity", f"{risk.convexity:.4f}"),
+            ("DV01", _money(risk.dv01)),
+            *((f"key-rate DV01 {t:g}y", _money(dv01)) for t, dv01 in zip(risk.key_tenors, risk.key_rate_dv01)),
+        ]
+    )
 
 
 def run_curve(args: argparse.Namespace) -> int:
@@ -573,6 +600,19 @@ def build_parser() -> argparse.ArgumentParser:
         help="write id, present_value and error per policy (.csv, .csv.gz or .parquet)",
     )
     value.add_argument("--quiet", action="store_true", help="print a one-line summary only")
+    value.add_argument(
+        "--risk",
+        action="store_true",
+        help="also print the book's durations, convexity, DV01 and key-rate DV01s (from its monthly expected "
+        "flows; reads the book a second time)",
+    )
+    value.add_argument(
+        "--key-tenors",
+        type=lambda text: [float(t) for t in text.split(",")],
+        default=list(DEFAULT_KEY_TENORS),
+        metavar="T1,T2,...",
+        help=f"key tenors of --risk in years (default {','.join(f'{t:g}' for t in DEFAULT_KEY_TENORS)})",
+    )
     value.add_argument(
         "--dask",
         nargs="?",

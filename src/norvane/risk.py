@@ -33,6 +33,7 @@ from typing import Any
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
+from .cashflows import CashFlows
 from .helpers import _named_f64
 
 __all__ = ["DEFAULT_KEY_TENORS", "Sensitivities", "key_rate_weights", "sensitivities"]
@@ -79,12 +80,39 @@ def _segments(curve: Any) -> tuple[F64, F64, F64]:
     return starts, ends, np.asarray(leaf.rates, dtype=np.float64)
 
 
+def _of_flows(curve: Any, flows: CashFlows) -> tuple[F64, F64]:
+    """A book's expected flows as flows at the times of its buckets' values: their present
+    values are the buckets', their Macaulay duration the book's."""
+    value = flows.total_discounted
+    held = value != 0.0
+    t = flows.times[held]
+    return t, value[held] / np.asarray(curve.vn(t), dtype=np.float64)
+
+
 def sensitivities(
-    curve: Any, times: ArrayLike, amounts: ArrayLike, *, key_tenors: ArrayLike = DEFAULT_KEY_TENORS
+    curve: Any,
+    times: ArrayLike | CashFlows,
+    amounts: ArrayLike | None = None,
+    *,
+    key_tenors: ArrayLike = DEFAULT_KEY_TENORS,
 ) -> Sensitivities:
     """The present value of ``amounts`` paid at ``times`` (years >= 0 from the curve's start)
-    and its sensitivities to the curve's rates (see the module's notes)."""
+    and its sensitivities to the curve's rates (see the module's notes).
+
+    ``times`` may instead be a book's :class:`~norvane.cashflows.CashFlows` (from
+    ``expected_flows`` or ``flow_book``, without ``amounts``): each bucket's value is then a
+    flow at the mean time of its discounted flows, so the value and the Macaulay duration are
+    the book's exactly, and the other numbers are exact when each bucket's flows share one
+    time (monthly buckets for payments on a monthly grid) and otherwise within the spread of
+    times in a bucket. Times are from each policy's valuation time.
+    """
     method = "sensitivities"
+    if isinstance(times, CashFlows):
+        if amounts is not None:
+            raise TypeError(f"[{method}] a book's flows carry their amounts: give no 'amounts'.")
+        times, amounts = _of_flows(curve, times)
+    elif amounts is None:
+        raise TypeError(f"[{method}] 'amounts' is needed with 'times'.")
     t = np.asarray(_named_f64(times, "times", method), dtype=np.float64).reshape(-1)
     a = np.asarray(_named_f64(amounts, "amounts", method), dtype=np.float64).reshape(-1)
     tenors = np.asarray(_named_f64(key_tenors, "key_tenors", method), dtype=np.float64).reshape(-1)

@@ -266,20 +266,24 @@ def flow_book(
     mode: str | None = None,
     horizon: float | None = None,
     tables: Tables | None = None,
+    buckets: str = "annual",
 ) -> CashFlows:
-    """Expected and discounted cash flows of a book's valid records, year by year after each
-    record's valuation time: certain and life annuities with every pension part.
+    """Expected and discounted cash flows of a book's valid records, year by year (or month
+    by month, ``buckets="monthly"``) after each record's valuation time: certain and life
+    annuities with every pension part.
 
     ``book``, ``mode`` and ``tables`` are :func:`value_book`'s; the grid runs ``horizon``
     years (default: to the last payment any record can make, 100 years with perpetuities),
-    later flows in its last year. Each flow goes to the first year ending at or after it.
+    later flows in its last bucket. Each flow goes to the first bucket ending at or after it.
     """
+    from ..cashflows import bucket_ends, no_flows
+
     known = book_tables(tables)
     mode = checked_mode(mode) or Config().calculation_mode
     blocks = [(block.policies, block.valid) for block in valued_blocks(open_book(book), curve, mode, tables=tables)]
-    years = flow_years(*last_payment_year(blocks, known), horizon)
-    flows = [portfolio_flows(curve, pf, valid, mode, years, known) for pf, valid in blocks]
-    return sum(flows[1:], flows[0])
+    grid = bucket_ends(buckets, flow_years(*last_payment_year(blocks, known), horizon))
+    flows = [portfolio_flows(curve, pf, valid, mode, grid, known) for pf, valid in blocks]
+    return sum(flows, no_flows(grid))
 
 
 def value_book(

@@ -11,7 +11,7 @@ from typing import Any
 
 import numpy as np
 
-from ..cashflows import CashFlows, expected_flows, payment_ends
+from ..cashflows import CashFlows, expected_flows, no_flows, payment_ends
 from ..config import Config
 from ..helpers import _real_float
 from ..mortality import GenerationalTable, life_annuities
@@ -176,14 +176,13 @@ def _flow_rows(pf: Policies, valid: np.ndarray) -> Iterator[tuple[bool, Any, np.
 
 
 def portfolio_flows(
-    curve: Any, pf: Policies, valid: np.ndarray, mode: str, years: int, tables: BookTables | None = None
+    curve: Any, pf: Policies, valid: np.ndarray, mode: str, grid: np.ndarray, tables: BookTables | None = None
 ) -> CashFlows:
-    """Expected and discounted cash flows of the valid records on the grid 1, 2, ..., years
-    (each flow in the first year ending at or after it; later flows in the last year):
+    """Expected and discounted cash flows of the valid records in the buckets ending at
+    ``grid`` (each flow in the first bucket ending at or after it; later flows in the last):
     certain and life annuities, life records on ``tables`` (default: ``book_tables()``)."""
     tables = tables or book_tables()
-    grid = np.arange(1.0, years + 1.0)
-    total = CashFlows(grid, np.zeros((1, years)), np.zeros((1, years)))
+    total = no_flows(grid)
     with Config().override(calculation_mode=mode):
         for due, growth, rows in _flow_rows(pf, valid):
             terms = dict(buckets=grid, gr=growth, timing="due" if due else "immediate")
@@ -262,9 +261,10 @@ def book_flows(
     curve, mode = checked_curve(curve), checked_mode(mode) or Config().calculation_mode
     years = checked_years(years, "years", MAX_FLOW_YEARS)
     blocks = checked_blocks(blocks)
-    total = CashFlows(np.arange(1.0, years + 1.0), np.zeros((1, years)), np.zeros((1, years)))
+    grid = np.arange(1.0, years + 1.0)
+    total = no_flows(grid)
     for pf, valid in blocks:
-        total += portfolio_flows(curve, pf, valid, mode, years, tables)
+        total += portfolio_flows(curve, pf, valid, mode, grid, tables)
     return {"year": np.arange(1, years + 1), "expected_cf": total.total_expected, "pv_cf": total.total_discounted}
 
 
