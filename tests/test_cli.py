@@ -416,7 +416,10 @@ def test_value_risk_is_the_difference_of_two_revaluations(tmp_path, capsys):
     book = write_csv(tmp_path / "book.csv", records, COLUMNS + ["age"])
     assert main(["value", "--portfolio", str(book), "--rate", "0.03", "--risk", "--key-tenors", "2,5,10"]) == 0
     printed = capsys.readouterr().out
-    shown = {k.strip(): float(v.replace(",", "")) for k, v in re.findall(r"\n  ((?:DV01|key-rate DV01 \w+))\s+(\S+)", printed)}
+    shown = {
+        k.strip(): float(v.replace(",", ""))
+        for k, v in re.findall(r"\n  ((?:DV01|key-rate DV01 \w+))\s+(\S+)", printed)
+    }
     h = 1e-6
     down, up = (value_book(book, InterestRate(0.03 + s)).present_value.sum() for s in (-h, h))
     # On a flat curve the annual zero rate is the rate: the DV01 is the rate's.
