@@ -95,6 +95,7 @@ def test_grouped_flows_add_up_and_convert_to_arrow():
     [
         (dict(buckets="weekly"), ValueError, "'buckets' must be 'annual', 'monthly'"),
         (dict(buckets=[1.0, 1.0]), ValueError, "strictly increasing"),
+        (dict(buckets=[-1.0, 1.0]), ValueError, "from 0"),
         (dict(benefit="lapse"), ValueError, "'benefit' must be one of"),
         (dict(horizon=-1), ValueError, "'horizon' must be > 0"),
         (dict(age=None, table=None, tables=None, benefit="insurance"), ValueError, "certain annuities"),
@@ -106,3 +107,33 @@ def test_bad_requests_are_refused(kwargs, error, text):
     given = dict(tables={"T": TABLE}, table="T", age=60) | kwargs
     with pytest.raises(error, match=text):
         expected_flows(FLAT, **given)
+
+
+@pytest.mark.parametrize("mode", ["discrete_precision", "continuous_precision"])
+def test_every_scenario_at_once_equals_each_valued_alone(mode):
+    from norvane.cashflows import scenario_values
+
+    box = InterestRate({f"s{k}": ([5, 10], [0.01 + 0.004 * k, 0.03, 0.04 - 0.002 * k]) for k in range(4)})
+    rng = np.random.default_rng(11)
+    size = 300
+    book = dict(
+        table=np.where(rng.random(size) < 0.5, "T", "M"),
+        age=rng.integers(60, 64, size).astype(float),
+        d=rng.integers(0, 5, size).astype(float),
+        ts=rng.integers(0, 3, size).astype(float),
+        m=12,
+        benefits=rng.uniform(1, 100, size),
+        spouse_age=np.where(rng.random(size) < 0.5, 61.0, np.nan),
+        spouse_table="M",
+        reversion=0.6,
+    )
+    certain = dict(
+        n=rng.integers(1, 30, size).astype(float), d=book["d"], ts=book["ts"], m=4, benefits=book["benefits"]
+    )
+    with Config().override(calculation_mode=mode):
+        lives, annuities = scenario_values(box, TABLES, **book), scenario_values(box, **certain)
+        for name in box.scenario_names:
+            alone = box.scenarios[name]
+            assert lives[name] == pytest.approx(life_annuities(alone, TABLES, **book).sum(), rel=1e-12)
+            assert annuities[name] == pytest.approx(alone.ä(**certain).sum(), rel=1e-12)
+    assert list(lives) == box.scenario_names

@@ -10,10 +10,12 @@ FlowBuckets::FlowBuckets(std::span<const double> ends, std::size_t groups)
       groups_(groups),
       expected_(ends.size() * groups),
       discounted_(ends.size() * groups),
-      timed_(ends.size() * groups) {}
+      timed_(ends.size() * groups),
+      earliest_(ends.size() * groups, std::numeric_limits<double>::infinity()),
+      latest_(ends.size() * groups, -std::numeric_limits<double>::infinity()) {}
 
 std::size_t FlowBuckets::bucket_of(double t) const {
-    const auto at = std::lower_bound(ends_.begin(), ends_.end(), t);
+    const auto at = std::lower_bound(ends_.begin(), ends_.end(), t - time_tolerance(t));
     return std::min(static_cast<std::size_t>(at - ends_.begin()), ends_.size() - 1);
 }
 
@@ -22,6 +24,8 @@ void FlowBuckets::add(const FlowBuckets& other) {
         expected_[k] += other.expected_[k];
         discounted_[k] += other.discounted_[k];
         timed_[k] += other.timed_[k];
+        earliest_[k] = std::min(earliest_[k], other.earliest_[k]);
+        latest_[k] = std::max(latest_[k], other.latest_[k]);
     }
 }
 
@@ -55,9 +59,13 @@ struct Sink {
     void add(std::size_t bucket, double expected, double discounted, double t) const {
         out.add(group, bucket, expected * benefit, discounted * benefit, t);
     }
+    // A flow over [lo, hi] (counted at its middle).
+    void add_over(std::size_t bucket, double expected, double discounted, double lo, double hi) const {
+        out.add(group, bucket, expected * benefit, discounted * benefit, 0.5 * (lo + hi), lo, hi);
+    }
     // The bucket of t, searched forward from `bucket` (flows come in time order).
     std::size_t next(std::size_t bucket, double t) const {
-        while (bucket + 1 < out.buckets() && out.end(bucket) < t) ++bucket;
+        while (bucket + 1 < out.buckets() && out.end(bucket) < t - FlowBuckets::time_tolerance(t)) ++bucket;
         return bucket;
     }
     // Each piece [lo, hi] of [a, b] that lies in one bucket, with that bucket.
@@ -103,8 +111,7 @@ struct FlowPieces {
         double total = 0.0;
         sink.pieces(a, std::min(b, survival.horizon()), [&](std::size_t bucket, double lo, double hi) {
             const double present = survival.integral(curve, lo, hi, annuity.d, annuity.growth);
-            sink.add(bucket, survival.integral(no_interest(), lo, hi, annuity.d, annuity.growth), present,
-                     0.5 * (lo + hi));
+            sink.add_over(bucket, survival.integral(no_interest(), lo, hi, annuity.d, annuity.growth), present, lo, hi);
             total += present;
         });
         return total;
@@ -141,7 +148,7 @@ struct FlowParts {
                         const double present = weighted(at_lo, curve.discount(lo)) -
                                                weighted(at_hi, curve.discount(hi)) -
                                                survival_integral(curve, lo, hi, lo, Growth{}, status, true);
-                        sink.add(bucket, at_lo - at_hi, present, 0.5 * (lo + hi));
+                        sink.add_over(bucket, at_lo - at_hi, present, lo, hi);
                         total += present;
                     });
         return total;

@@ -8,7 +8,10 @@
 #include "core/annuity.hpp"
 #include "core/life.hpp"
 
+#include <algorithm>
+#include <cmath>
 #include <cstddef>
+#include <limits>
 #include <span>
 #include <vector>
 
@@ -16,7 +19,9 @@ namespace norvane::core {
 
 // Amounts per group of policies and per time bucket. A flow at time t (years
 // from its policy's valuation time) goes to the first bucket whose end is at
-// or after t; the last bucket also takes every later flow.
+// or after t, within a relative 1e-12 (a payment date reached by another sum
+// than the end's differs in its last bits); the last bucket also takes every
+// later flow.
 class FlowBuckets {
   public:
     // `ends` ascending, at least one.
@@ -27,12 +32,22 @@ class FlowBuckets {
     std::span<const double> ends() const { return ends_; }
     // The bucket of a flow at t.
     std::size_t bucket_of(double t) const;
+    static double time_tolerance(double t) { return 1e-12 * std::max(1.0, std::abs(t)); }
     // A flow at time t: its expected amount, and its discounted amount, also times t.
     void add(std::size_t group, std::size_t bucket, double expected, double discounted, double t) {
+        add(group, bucket, expected, discounted, t, t, t);
+    }
+    // A flow spread over [from, to], its discounted amount's mean time t.
+    void add(std::size_t group, std::size_t bucket, double expected, double discounted, double t, double from,
+             double to) {
         const std::size_t cell = group * ends_.size() + bucket;
         expected_[cell] += expected;
         discounted_[cell] += discounted;
         timed_[cell] += discounted * t;
+        if (discounted != 0.0) {
+            earliest_[cell] = std::min(earliest_[cell], from);
+            latest_[cell] = std::max(latest_[cell], to);
+        }
     }
     // Another gathering of the same buckets and groups added to this one.
     void add(const FlowBuckets& other);
@@ -42,11 +57,16 @@ class FlowBuckets {
     // The discounted amounts times their times: over the discounted amounts, the mean time of
     // a bucket's value (exactly, for flows; at each piece's middle, for a continuous flow).
     std::span<const double> timed() const { return timed_; }
+    // The earliest and the latest time of a bucket's discounted amounts (+inf and -inf
+    // without any; a continuous flow spans its piece): when they are one, every flow of
+    // the bucket is at that time.
+    std::span<const double> earliest() const { return earliest_; }
+    std::span<const double> latest() const { return latest_; }
 
   private:
     std::span<const double> ends_;
     std::size_t groups_;
-    std::vector<double> expected_, discounted_, timed_;
+    std::vector<double> expected_, discounted_, timed_, earliest_, latest_;
 };
 
 // The expected flows of a certain annuity (term n from inception, infinite: a

@@ -28,6 +28,7 @@ from . import _kernels
 from ._helpers.policy_arrays import _benefits_array, _check_benefit_values, _term_faults
 from .base import _ALLOWED_PAYMENT_FREQUENCIES
 from .helpers import _allowed_frequency, _map_batch_n_none_to_inf, _policy_column, _real_float
+from .mortality.improvement import GenerationalTable
 from .mortality.lives import _curve_arrays
 from .mortality.portfolio import (
     Table,
@@ -44,17 +45,20 @@ from .mortality.portfolio import (
     _pension_columns,
     _table_codes,
     _table_names,
+    _whole_years,
 )
 from .validators import _resolve_gr
 
 if TYPE_CHECKING:
     import pyarrow as pa
 
-__all__ = ["CashFlows", "bucket_ends", "expected_flows", "payment_ends"]
+__all__ = ["CashFlows", "bucket_ends", "expected_flows", "payment_ends", "scenario_values"]
 
 F64 = NDArray[np.float64]
 _METHOD = "expected_flows"
 _BENEFITS = ("annuity", "insurance", "endowment_insurance", "pure_endowment")
+# Relative difference under which two flow times are one (as the certain engine's flow grids merge them).
+_TIME_TOLERANCE = 1e-12
 # The longest horizon a bucket grid is built for, and the most buckets.
 MAX_HORIZON = 10_000.0
 MAX_BUCKETS = 10_000_000
@@ -69,7 +73,8 @@ class CashFlows:
     bucket_ends : ndarray, shape (buckets,)
         Each bucket holds the flows after the previous end up to its own
         end, in years from each policy's valuation time (the first from 0;
-        the last also holds every later flow).
+        the last also holds every later flow). A flow within a relative
+        1e-12 of an end is at that end.
     expected, discounted : ndarray, shape (groups, buckets)
         Expected payments undiscounted and discounted to the valuation time.
     discounted_times : ndarray, shape (groups, buckets)
@@ -84,6 +89,19 @@ class CashFlows:
     discounted: F64
     discounted_times: F64
     groups: tuple[Any, ...] = (None,)
+    earliest: F64 | None = None  # of each bucket's discounted flows (+inf without any)
+    latest: F64 | None = None
+
+    @property
+    def at_one_time(self) -> bool:
+        """Whether the discounted flows of each bucket of each group are all at one time (then
+        revaluing them on another curve from :attr:`times` is exact)."""
+        if self.earliest is None or self.latest is None:
+            return False
+        held = self.discounted != 0.0
+        # Times of one payment date reached by different sums differ in their last bits.
+        spread = self.latest[held] - self.earliest[held]
+        return bool((spread <= _TIME_TOLERANCE * np.maximum(1.0, np.abs(self.latest[held]))).all())
 
     @property
     def times(self) -> F64:
@@ -120,13 +138,21 @@ class CashFlows:
         if not np.array_equal(self.bucket_ends, other.bucket_ends):
             raise ValueError("[CashFlows] only flows on the same buckets can be added.")
         labels = list(dict.fromkeys(self.groups + other.groups))
-        sums = [np.zeros((len(labels), self.bucket_ends.size)) for _ in range(3)]
+        shape = (len(labels), self.bucket_ends.size)
+        expected, discounted, timed = (np.zeros(shape) for _ in range(3))
+        earliest, latest = np.full(shape, np.inf), np.full(shape, -np.inf)
         for flows in (self, other):
             rows = [labels.index(label) for label in flows.groups]
-            for total, part in zip(sums, (flows.expected, flows.discounted, flows.discounted_times)):
+            for total, part in zip(
+                (expected, discounted, timed), (flows.expected, flows.discounted, flows.discounted_times)
+            ):
                 np.add.at(total, rows, part)
-        expected, discounted, timed = sums
-        return CashFlows(self.bucket_ends, expected, discounted, timed, tuple(labels))
+            if flows.earliest is None or flows.latest is None:  # times unknown: never at one time
+                earliest[rows], latest[rows] = -np.inf, np.inf
+            else:
+                np.minimum.at(earliest, rows, flows.earliest)
+                np.maximum.at(latest, rows, flows.latest)
+        return CashFlows(self.bucket_ends, expected, discounted, timed, tuple(labels), earliest, latest)
 
     def to_arrow(self, by: str = "group") -> pa.Table:
         """One row per group and bucket: ``by`` (when grouped), "bucket_start", "bucket_end",
@@ -147,12 +173,24 @@ class CashFlows:
 
 def no_flows(ends: F64) -> CashFlows:
     """Flows of an empty book on the buckets ``ends``."""
-    return CashFlows(ends, np.zeros((1, ends.size)), np.zeros((1, ends.size)), np.zeros((1, ends.size)))
+    shape = (1, ends.size)
+    return CashFlows(
+        ends,
+        np.zeros(shape),
+        np.zeros(shape),
+        np.zeros(shape),
+        (None,),
+        np.full(shape, np.inf),
+        np.full(shape, -np.inf),
+    )
 
 
 def bucket_ends(buckets: Any, horizon: float) -> F64:
-    """The ends of the buckets: "annual" (1, 2, ..., horizon), "monthly" (1/12, 2/12, ...) or
-    the given ends (finite, strictly increasing, the first > 0)."""
+    """The ends of the buckets: "annual" (1, 2, ..., horizon), "monthly" (1/12, 2/12, ...),
+    the given ends, or a function of the horizon returning them (finite, strictly increasing,
+    the first >= 0: a bucket ending at 0 holds what is paid at the valuation time)."""
+    if callable(buckets):
+        buckets = buckets(horizon)
     if isinstance(buckets, str):
         per_year = {"annual": 1, "monthly": 12}.get(buckets)
         if per_year is None:
@@ -162,8 +200,8 @@ def bucket_ends(buckets: Any, horizon: float) -> F64:
             raise ValueError(f"[{_METHOD}] {count} buckets are more than {MAX_BUCKETS}.")
         return np.arange(1, max(count, 1) + 1, dtype=np.float64) / per_year
     ends = np.array(_policy_column(buckets, "buckets", _METHOD), dtype=np.float64).reshape(-1)
-    if not (ends.size and np.isfinite(ends).all() and ends[0] > 0.0 and (np.diff(ends) > 0.0).all()):
-        raise ValueError(f"[{_METHOD}] bucket ends must be finite and strictly increasing from above 0, at least one.")
+    if not (ends.size and np.isfinite(ends).all() and ends[0] >= 0.0 and (np.diff(ends) > 0.0).all()):
+        raise ValueError(f"[{_METHOD}] bucket ends must be finite and strictly increasing from 0, at least one.")
     return ends
 
 
@@ -230,7 +268,9 @@ class _Gathering:
             tolerance_eps=curve._meta.tolerance_eps,
             perpetuity_n_eff=float(curve._meta.perpetuity_n_eff),
         )
-        self.sums = [np.zeros(groups * ends.size) for _ in range(3)]  # expected, discounted, times discounted
+        size = groups * ends.size
+        # expected, discounted, times discounted, earliest and latest times
+        self.sums = [np.zeros(size) for _ in range(3)] + [np.full(size, np.inf), np.full(size, -np.inf)]
 
     def add(self, arguments: list[Any], benefit: str = "annuity", spouses: Any = None, growth: Any = ...) -> None:
         """The flows of a book part (``_LifeBook._arguments``), ``growth`` overriding the book's."""
@@ -242,8 +282,10 @@ class _Gathering:
             benefit=benefit,
             **settings,
         )
-        for total, part in zip(self.sums, found):
+        for total, part in zip(self.sums[:3], found[:3]):
             total += part
+        np.minimum(self.sums[3], found[3], out=self.sums[3])
+        np.maximum(self.sums[4], found[4], out=self.sums[4])
 
     def certain(self, cols: dict[str, Any], weights: Any) -> None:
         one = np.zeros(1)
@@ -252,8 +294,8 @@ class _Gathering:
 
     def result(self, labels: tuple[Any, ...]) -> CashFlows:
         shape = (self.groups, self.ends.size)
-        expected, discounted, timed = (total.reshape(shape) for total in self.sums)
-        return CashFlows(self.ends, expected, discounted, timed, labels)
+        expected, discounted, timed, earliest, latest = (total.reshape(shape) for total in self.sums)
+        return CashFlows(self.ends, expected, discounted, timed, labels, earliest, latest)
 
 
 def expected_flows(
@@ -298,8 +340,9 @@ def expected_flows(
         of death within the term (the moment of death in the continuous
         modes), that and 1 on survival to the end of a finite term, or 1 on
         survival to the end of the deferment and term.
-    buckets : {"annual", "monthly"} or array-like
-        The buckets' grid up to ``horizon``, or the bucket ends themselves.
+    buckets : {"annual", "monthly"}, array-like or callable
+        The buckets' grid up to ``horizon``, the bucket ends themselves, or
+        a function of the horizon (years) returning them.
     horizon : float, optional
         Years the annual or monthly grid covers (default: up to the last
         payment any policy can make, 100 years with perpetuities); later
@@ -347,7 +390,15 @@ def expected_flows(
     if life:
         assert tables is not None
         codes = _table_codes(cols["table"], tables)[0]
-        faults = _faults(tables, cols, size, codes)
+        # The kernel checks the lives; the faults are worded when it cannot (a table unknown, a
+        # frequency or calendar year refused) or when it refuses one.
+        generational = any(isinstance(t, GenerationalTable) for t in tables.values())
+        checked = (
+            not np.isnan(codes).any()
+            and _allowed_frequency(cols["m"]).all()
+            and (not generational or _whole_years(cols["year"], size).all())
+        )
+        faults = {} if checked else _faults(tables, cols, size, codes)
     else:
         codes = np.zeros(1)
         faults = _term_faults(cols["n"], cols["d"], cols["ts"], cols["m"], size)
@@ -361,7 +412,9 @@ def expected_flows(
         spouse = None
         if tables is not None and spouse_age is not None:
             spouse = (
-                _table_codes(_table_names(spouse_table if spouse_table is not None else table), tables)[0],
+                _table_codes(np.atleast_1d(_table_names(spouse_table if spouse_table is not None else table)), tables)[
+                    0
+                ],
                 np.asarray(spouse_age, dtype=np.float64),
             )
         span = _default_horizon(cols, listed, np.broadcast_to(codes, (size,)), spouse)
@@ -377,21 +430,32 @@ def expected_flows(
     given = _Book(curve, tables, cols, size, weights, timing, growth, benefit)
     pension = _pension_columns(cols, size, spouse_table, spouse_age, spouse_select_age, reversion, death_benefit)
     legs = _legs(given, pension)
-    for leg, of_spouse in legs[1:]:
-        found = _faults(tables, leg.cols, size, _table_codes(leg.cols["table"], tables)[0])
-        if leg.spouse is not None:
-            spouse_codes = _table_codes(leg.spouse["table"], tables)[0]
-            _add_faults(found, _as_spouse(_faults(tables, {**cols, **leg.spouse}, size, spouse_codes)))
-        if found:
-            _refuse_flows(_as_spouse(found) if of_spouse else found)
-    parts = [leg for leg, _ in legs]
-    if guarantee is not None and benefit == "annuity":
+    try:
+        _gather_legs(gathering, [leg for leg, _ in legs], codes, guarantee is not None and benefit == "annuity")
+    except ValueError:
+        for leg, of_spouse in legs:
+            found = _faults(tables, leg.cols, size, _table_codes(leg.cols["table"], tables)[0])
+            if leg.spouse is not None:
+                spouse_codes = _table_codes(leg.spouse["table"], tables)[0]
+                _add_faults(found, _as_spouse(_faults(tables, {**cols, **leg.spouse}, size, spouse_codes)))
+            if found:
+                _refuse_flows(_as_spouse(found) if of_spouse else found)
+        raise
+    return gathering.result(labels)
+
+
+def _gather_legs(gathering: _Gathering, parts: list[_Book], codes: F64, guaranteed: bool) -> None:
+    """The flows of a book's parts (``_legs``; the first guaranteed when ``guaranteed``); a
+    part on the member's table reads its codes."""
+    member = parts[0].cols["table"]
+    if guaranteed:
         _guaranteed_flows(gathering, parts.pop(0), codes)
     for leg in parts:
-        book = _LifeBook(curve, tables, timing, leg.growth, leg.weights, size, leg.benefit, leg.spouse)
-        arguments, spouses = book._arguments(_table_codes(leg.cols["table"], tables)[0], leg.cols, None)
+        tables = leg.tables
+        book = _LifeBook(leg.curve, tables, leg.timing, leg.growth, leg.weights, leg.size, leg.benefit, leg.spouse)
+        own = codes if leg.cols["table"] is member else _table_codes(leg.cols["table"], tables)[0]
+        arguments, spouses = book._arguments(own, leg.cols, None)
         gathering.add(arguments, leg.benefit, spouses, leg.growth)
-    return gathering.result(labels)
 
 
 def _guaranteed_flows(gathering: _Gathering, given: _Book, codes: F64) -> None:
@@ -408,3 +472,58 @@ def _guaranteed_flows(gathering: _Gathering, given: _Book, codes: F64) -> None:
 
 def _refuse_flows(faults: dict[int, list[str]]) -> None:
     raise ValueError(f"[{_METHOD}] " + "; ".join(faults[min(faults)]))
+
+
+def _scenario_leaves(curve: Any) -> dict[str, Any]:
+    """Each scenario of a container by name; a single curve as its one scenario ("")."""
+    scenarios = getattr(curve, "scenarios", None)
+    if scenarios:
+        return {name: scenarios[name] for name in curve.scenario_names}
+    return {"": curve}
+
+
+def _payment_months(horizon: float) -> F64:
+    """Buckets ending at 0, 1/12, 2/12, ...: payments on a monthly grid (payments now
+    included) fall one date to a bucket."""
+    out: F64 = np.arange(math.ceil(horizon * 12 - 1e-9) + 1, dtype=np.float64) / 12
+    return out
+
+
+def scenario_values(curve: Any, tables: Mapping[str, Table] | None = None, **book: Any) -> dict[str, float]:
+    """A book's present value under every scenario of a container, by scenario name (a
+    single curve gives one value, named "").
+
+    ``tables`` and ``book`` are :func:`expected_flows`' (without ``buckets``, ``horizon`` and
+    ``by``). The book's expected flows are found once, on the active scenario, in monthly
+    buckets and by valuation time; when every bucket's flows fall at one time (payments on
+    a monthly grid from whole months, in the discrete modes) each scenario's value is their
+    sum discounted on that scenario, exactly, in one pass over the policies. Otherwise each
+    scenario is valued on its own. Values are unrounded sums of the policies' values times
+    their benefits (each within the rounding of the policies' own values).
+    """
+    for name in ("buckets", "horizon", "by"):
+        if name in book:
+            raise TypeError(f"[scenario_values] '{name}' is set by the valuation itself.")
+    leaves = _scenario_leaves(curve)
+    times = np.asarray(_policy_column(book.get("ts", 0.0), "ts", "scenario_values"), dtype=np.float64).reshape(-1)
+    shifts, by = np.unique(times, return_inverse=True)
+    flows = expected_flows(curve, tables, **book, buckets=_payment_months, by=by if times.size > 1 else None)
+    if not flows.at_one_time:
+        return {
+            name: expected_flows(leaf, tables, **book, buckets=[1.0]).present_value for name, leaf in leaves.items()
+        }
+    base = _scenario_leaves(curve).get(getattr(curve, "active_scenario", None) or "", curve)
+    starts = np.array([shifts[g] if g is not None else shifts[0] for g in flows.groups])[:, None]
+    held = flows.discounted != 0.0
+    assert flows.earliest is not None
+    at = np.where(held, flows.earliest, 0.0) + starts
+
+    def seen_from_start(leaf: Any) -> F64:
+        out: F64 = np.asarray(leaf.vn(at), dtype=np.float64) / np.asarray(leaf.vn(starts), dtype=np.float64)
+        return out
+
+    on_base = seen_from_start(base)
+    return {
+        name: math.fsum((flows.discounted[held] * (seen_from_start(leaf) / on_base)[held]).tolist())
+        for name, leaf in leaves.items()
+    }

@@ -523,7 +523,9 @@ void register_life(nb::module_& m) {
             }
             return std::make_tuple(to_array({out.expected().begin(), out.expected().end()}),
                                    to_array({out.discounted().begin(), out.discounted().end()}),
-                                   to_array({out.timed().begin(), out.timed().end()}));
+                                   to_array({out.timed().begin(), out.timed().end()}),
+                                   to_array({out.earliest().begin(), out.earliest().end()}),
+                                   to_array({out.latest().begin(), out.latest().end()}));
         },
         nb::arg("tables"), nb::arg("rules"), nb::arg("names"), nb::arg("rates"), nb::arg("terms"), nb::arg("ends"),
         nb::arg("table"), nb::arg("age"), nb::arg("select_age"), nb::arg("n"), nb::arg("d"), nb::arg("ts"),
@@ -531,7 +533,8 @@ void register_life(nb::module_& m) {
         nb::kw_only(), nb::arg("second").none(), nb::arg("status"), nb::arg("benefit"), nb::arg("timing"),
         nb::arg("growth_kind"), nb::arg("growth_rate"), nb::arg("mode"), nb::arg("tolerance_eps"),
         nb::arg("perpetuity_n_eff"),
-        "Expected and discounted flows of a book (each times its benefit), and the discounted ones times their "
-        "times, per group and time bucket, flat (group by group). Without tables every policy is a certain annuity; "
+        "Expected and discounted flows of a book (each times its benefit), the discounted ones times their "
+        "times, and the earliest and latest time of each bucket's discounted flows, per group and time bucket, "
+        "flat (group by group). Without tables every policy is a certain annuity; "
         "the others must be valid policies.");
 }

@@ -201,14 +201,17 @@ class GenerationalTable:
 
     @property
     def scale(self) -> ImprovementScale:
+        """The improvement scale."""
         return self._scale
 
     @property
     def base_year(self) -> int:
+        """The calendar year whose rates the base table holds."""
         return self._base_year
 
     @property
     def fractional_age(self) -> str:
+        """The base table's default fractional-age rule."""
         return self._base.fractional_age
 
     def _factors(self, ages: NDArray[np.int64], years: NDArray[np.int64]) -> F64:

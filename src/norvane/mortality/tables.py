@@ -108,6 +108,8 @@ class MortalityTable(TableBase):
         Close the table at this age: rates beyond it are dropped and q at it
         is set to 1.
 
+    Notes
+    -----
     Tables are immutable, compare and hash by value, and pickle.
     """
 

@@ -100,6 +100,7 @@ class ValuedBlock:
     valid: np.ndarray
 
     def to_batch(self) -> pa.RecordBatch:
+        """The block's values as an Arrow record batch of ``VALUES_SCHEMA``."""
         failed = ~self.valid
         columns = [self.policies.ids, _arrow.from_numbers(self.values), _arrow.from_texts(self.errors[failed], failed)]
         return pa.RecordBatch.from_arrays(columns, schema=VALUES_SCHEMA)
@@ -117,6 +118,7 @@ class BookSummary:
     _exact_total: Fraction = field(default=Fraction(0), repr=False)
 
     def add(self, block: ValuedBlock) -> None:
+        """Count a valued block in: its policies, its values and its first error messages."""
         failed = np.flatnonzero(~block.valid)
         self.policies += len(block.values)
         self.errors += len(failed)
@@ -165,6 +167,7 @@ class BookValues:
 
     @property
     def id(self) -> np.ndarray:
+        """The policies' ids (their "id" cells, or record numbers from 1), as an array."""
         return cast(np.ndarray, self._ids.to_numpy())
 
     @property
@@ -174,11 +177,13 @@ class BookValues:
 
     @property
     def error(self) -> np.ndarray:
+        """Each policy's error message, None for valued records (an object array)."""
         errors = np.full(len(self), None, dtype=object)
         errors[self._failed] = self._messages
         return errors
 
     def summary(self) -> BookSummary:
+        """Counts, total present value and first error messages of the book."""
         return self._summary
 
     def to_arrow(self) -> pa.Table:

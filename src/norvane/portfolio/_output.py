@@ -27,6 +27,8 @@ Tabular: TypeAlias = "pa.RecordBatch | pa.Table"
 
 
 def output_kind(path: Path) -> str:
+    """The kind of an output file by its name: "csv" (.csv, .csv.gz) or "parquet" (.parquet, .pq);
+    any other name raises InputError."""
     name = checked_path(path, "path").name.lower()
     if name.endswith((".csv", ".csv.gz")):
         return "csv"
