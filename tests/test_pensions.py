@@ -114,3 +114,14 @@ def test_insurance_books_equal_their_single_calls(mode):
         assert annual == pytest.approx(math.fsum(kp(QX, k) * QX[k] * v(k + 1) for k in range(9)), abs=1e-10)
     with pytest.raises(ValueError, match=r"\[life_insurances\] 'benefit' must be one of"):
         life_insurances(FLAT, TABLES, table="X", age=60.0, benefit="annuity")
+
+
+def test_a_book_long_enough_to_be_split_across_cores_keeps_each_policy_its_value():
+    from norvane.mortality import life_insurances
+
+    size = 140_000  # more than one part a core
+    ages = np.array([60.0, 62.0, 64.0])[np.arange(size) % 3]
+    benefits = np.arange(size, dtype=np.float64)
+    values = life_insurances(FLAT, TABLES, table="X", age=ages, benefits=benefits)
+    units = {x: TABLES["X"].life(x).A(FLAT) for x in (60.0, 62.0, 64.0)}
+    np.testing.assert_array_equal(values, benefits * np.array([units[x] for x in ages]))

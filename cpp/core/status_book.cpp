@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <thread>
 #include <vector>
 
 namespace norvane::core {
@@ -24,19 +25,53 @@ struct Distinct {
 
 Distinct distinct_policies(const StatusBook& book, const Column* group, bool lives) {
     const LifePolicies& p = book.first;
-    KeyIndex<11> index(std::min<std::size_t>(p.size, std::size_t{1} << 20));
+    const LifePolicies* y = book.second;
+    using Key = KeyIndex<11>::Key;
+    const auto key_of = [&](std::size_t i) -> Key {
+        const auto select = [&](const LifePolicies& q) { return bits(select_age_of(q.age[i], q.select_age[i])); };
+        return {lives ? bits(p.table[i]) : 0,
+                lives ? bits(p.age[i]) : 0,
+                lives ? select(p) : 0,
+                bits(p.ts[i]),
+                bits(p.d[i]),
+                bits(p.n[i]),
+                bits(p.m[i]),
+                group ? bits((*group)[i]) : 0,
+                y ? bits(y->table[i]) : 0,
+                y ? bits(y->age[i]) : 0,
+                y ? select(*y) : 0};
+    };
+    // Each core numbers the distinct policies of its part of the book; the parts' numbers are
+    // then made one (the distinct policies are few against the book).
+    const std::size_t parts = std::max<std::size_t>(
+        1, std::min<std::size_t>(std::max(1u, std::thread::hardware_concurrency()), p.size >> 16));
+    const std::size_t chunk = (p.size + parts - 1) / parts;
     Distinct found;
     found.of.resize(p.size);
-    for (std::size_t i = 0; i < p.size; ++i) {
-        const auto select = [&](const LifePolicies& q) { return bits(select_age_of(q.age[i], q.select_age[i])); };
-        const LifePolicies* y = book.second;
-        const auto [k, added] =
-            index.insert({lives ? bits(p.table[i]) : 0, lives ? bits(p.age[i]) : 0, lives ? select(p) : 0,
-                          bits(p.ts[i]), bits(p.d[i]), bits(p.n[i]), bits(p.m[i]), group ? bits((*group)[i]) : 0,
-                          y ? bits(y->table[i]) : 0, y ? bits(y->age[i]) : 0, y ? select(*y) : 0});
-        if (added) found.lead.push_back(static_cast<std::uint32_t>(i));
-        found.of[i] = k;
-    }
+    std::vector<std::vector<std::uint32_t>> leads(parts);
+    parallel_for(parts, 1, [&](std::size_t first, std::size_t last) {
+        for (std::size_t part = first; part < last; ++part) {
+            const std::size_t begin = part * chunk, end = std::min(p.size, begin + chunk);
+            KeyIndex<11> index(std::min<std::size_t>(end - begin, std::size_t{1} << 20));
+            for (std::size_t i = begin; i < end; ++i) {
+                const auto [k, added] = index.insert(key_of(i));
+                if (added) leads[part].push_back(static_cast<std::uint32_t>(i));
+                found.of[i] = k;
+            }
+        }
+    });
+    KeyIndex<11> index(leads[0].size());
+    std::vector<std::vector<std::uint32_t>> number(parts);
+    for (std::size_t part = 0; part < parts; ++part)
+        for (const std::uint32_t i : leads[part]) {
+            const auto [k, added] = index.insert(key_of(i));
+            if (added) found.lead.push_back(i);
+            number[part].push_back(k);
+        }
+    if (parts > 1)
+        parallel_for(p.size, std::size_t{1} << 16, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t i = begin; i < end; ++i) found.of[i] = number[i / chunk][found.of[i]];
+        });
     return found;
 }
 
