@@ -33,6 +33,12 @@ def test_readme_examples(tmp_path, monkeypatch):
     certain = pytest.approx(1000 * (1 - v**10) / (1 - v), rel=1e-10)
     first = [12000 * male.life(67).ä(flat, m=12), 6000 * male.rated(-3).life(61.5).ä(flat, n=20, m=12), certain]
     assert ns["life_values"].present_value.tolist() == first
+    # Market curves: a life book's sensitivities and its scenarios, against revaluations.
+    market, pensions, bundled = ns["market"], ns["pensions"], ns["bundled"]
+    life_annuities = ns["life_annuities"]
+    assert ns["life_risk"].present_value == pytest.approx(life_annuities(market, bundled, **pensions).sum(), rel=1e-12)
+    down = ns["InterestRate"](terms=market.terms, rates=np.asarray(market.rates) - 0.01)
+    assert ns["at_once"]["down 100 bp"] == pytest.approx(life_annuities(down, bundled, **pensions).sum(), rel=1e-12)
     # The sample scheme: every member valued, the flows adding up to the values, a reversion's
     # member as the composition of single calls on the cohorts' tables.
     values, flows = ns["scheme_values"], ns["scheme_flows"]
