@@ -203,12 +203,13 @@ FLOW_BOOK = [
                 "guarantee": "5",
                 "shift": "1",
             },
+            {"id": "i", "term": "10", "benefit": "1000", "age": "50", "kind": "insurance"},
         ],
     ],
     ids=["level", "perp-growth", "lives"],
 )
 def test_flows_total_equals_value_total(tmp_path, capsys, mode, extra):
-    columns = COLUMNS + ["age", "table", "guarantee"]
+    columns = COLUMNS + ["age", "table", "guarantee", "kind"]
     book = write_csv(tmp_path / "book.csv", FLOW_BOOK + extra + [{"id": "bad", "term": "-1"}], columns)
     common = ["--portfolio", str(book), "--rate", "0.03", "--mode", mode]
     assert main(["value", *common, "--quiet", "--output", str(tmp_path / "v.csv")]) == 0
@@ -225,7 +226,7 @@ def test_flows_total_equals_value_total(tmp_path, capsys, mode, extra):
     years = 51 if lives else 100 if extra else 15
     assert [int(r["year"]) for r in flows] == list(range(1, years + 1))
     if lives:
-        assert "perpetuities" not in printed and re.search(r"of which life annuities\s+2\n", printed)
+        assert "perpetuities" not in printed and re.search(r"of which life-contingent\s+3\n", printed)
     elif not extra:  # level payments from inception: the undiscounted total is benefit x term
         total_cf = math.fsum(float(r["expected_cf"]) for r in flows)
         assert total_cf == pytest.approx(sum(float(p["benefit"]) * float(p["term"]) for p in FLOW_BOOK))

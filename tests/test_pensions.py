@@ -125,3 +125,34 @@ def test_a_book_long_enough_to_be_split_across_cores_keeps_each_policy_its_value
     values = life_insurances(FLAT, TABLES, table="X", age=ages, benefits=benefits)
     units = {x: TABLES["X"].life(x).A(FLAT) for x in (60.0, 62.0, 64.0)}
     np.testing.assert_array_equal(values, benefits * np.array([units[x] for x in ages]))
+
+
+def test_kinds_and_birth_years_through_a_frame():
+    from norvane.mortality import ImprovementScale, life_insurances
+
+    improved = {"G": TABLES["X"].with_improvement(ImprovementScale(0.01), base_year=2020), **TABLES}
+    frame = pd.DataFrame(
+        {
+            "id": ["whole-life", "endowment", "born", "both-years", "indexed-insurance", "bad-kind"],
+            "term": [np.nan, 4, np.nan, np.nan, np.nan, np.nan],
+            "benefit": [1000, 500, 100, 100, 100, 100],
+            "age": [60, 61, 62, 62, 60, 60],
+            "table": ["X", "X", "G", "G", "X", "X"],
+            "kind": ["insurance", "Endowment_Insurance", "", "", "insurance", "lapse"],
+            "year": [np.nan, np.nan, np.nan, 2026, np.nan, np.nan],
+            "birth_year": [np.nan, np.nan, 1964, 1964, np.nan, np.nan],
+            "growth": [np.nan, np.nan, np.nan, np.nan, 0.02, np.nan],
+        }
+    )
+    result = value_book(frame, FLAT, tables=improved)
+    expected = [
+        1000 * life_insurances(FLAT, TABLES, table="X", age=60.0)[0],
+        500 * TABLES["X"].life(61).A_endowment(FLAT, n=4),
+        100 * improved["G"].life(62, year=2026).ä(FLAT),
+    ]
+    np.testing.assert_allclose(result.present_value[:3], expected, rtol=1e-12)
+    assert list(result.error[3:]) == [
+        "year and birth_year are both given, got 1964.0",
+        "growth is given for a kind 'insurance'",
+        "kind must be one of annuity, insurance, endowment_insurance, pure_endowment, got 'lapse'",
+    ]

@@ -85,6 +85,11 @@ policy columns (CSV header or Parquet column names, any case; other columns are 
              death, e.g. 0.6; default 0
   death_benefit  a lump sum paid on the member's death before the payments start
              (within the deferment); default 0
+  kind       what a life record pays: annuity (default), insurance (the benefit at the end
+             of the 1/frequency period of death within the term), endowment_insurance or
+             pure_endowment
+  birth_year the year of birth, instead of year (the year of the age is birth_year plus
+             the whole years of the age)
 
 Invalid records do not stop a run: they get no value (NaN) and a message in the
 output's "error" column. Exit status: 0 when the run completed (even with invalid
@@ -500,7 +505,7 @@ def run_flows(args: argparse.Namespace) -> int:
             ("curve", curve_label),
             ("mode", mode),
             ("policies", f"{count:,}"),
-            ("of which life annuities", f"{life:,}"),
+            ("of which life-contingent", f"{life:,}"),
             ("skipped (invalid)", f"{invalid:,}"),
         ]
     )

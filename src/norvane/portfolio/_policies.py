@@ -9,6 +9,7 @@ from __future__ import annotations
 import math
 from collections.abc import Callable, Mapping
 from dataclasses import dataclass
+from functools import partial
 from typing import Any, cast
 
 import numpy as np
@@ -23,8 +24,11 @@ from . import _arrow
 POLICY_COLUMNS = (
     *("id", "term", "deferment", "shift", "frequency", "timing", "growth", "benefit"),
     *("age", "table", "select_age", "year", "guarantee"),
-    *("spouse_age", "spouse_table", "reversion", "death_benefit"),
+    *("spouse_age", "spouse_table", "reversion", "death_benefit", "kind", "birth_year"),
 )
+
+# What a life record pays ("kind"); a certain record is an annuity.
+KINDS = ("annuity", "insurance", "endowment_insurance", "pure_endowment")
 
 # Number texts that Arrow's cast reads exactly as float() does; other texts (1_000, ...) go to
 # float() itself, one cell at a time.
@@ -60,6 +64,7 @@ class Policies:
     spouse_table: np.ndarray  # object: the spouse's table, "" for the member's
     reversion: np.ndarray  # the fraction paid on to a surviving spouse, 0 without
     death_benefit: np.ndarray  # lump sum on death before the payments start, 0 without
+    kind: np.ndarray  # object: one of KINDS
     life: np.ndarray  # bool: an age is given, the record is valued life-contingently
     errors: np.ndarray  # object: first defect of each record, None when it can be valued
     clean: np.ndarray  # bool: no defect
@@ -245,6 +250,19 @@ def _due(column: pa.Array | None, count: int, defects: _Defects) -> np.ndarray:
     return ~immediate
 
 
+def _not_for_kind(name: str, kind: np.ndarray, i: int) -> str:
+    return f"{name} is given for a kind {kind[i]!r}"
+
+
+def _kinds(column: pa.Array | None, count: int, defects: _Defects) -> np.ndarray:
+    """What each record pays, one of KINDS ("annuity" where empty)."""
+    kinds, given = _names(column, count, "kind", defects)
+    kinds = np.array([k.lower() for k in kinds.tolist()], dtype=object) if given.any() else kinds
+    bad = given & ~np.isin(kinds, KINDS)
+    defects.note(bad, lambda i: f"kind must be one of {', '.join(KINDS)}, got {_shown(column, i)}")
+    return np.where(given & ~bad, kinds, "annuity")
+
+
 def _names(column: pa.Array | None, count: int, name: str, defects: _Defects) -> tuple[np.ndarray, np.ndarray]:
     """Names of a text column, stripped ("" for missing cells), and the mask of given names.
     A cell of another kind (a number, ...) is a defect of its record."""
@@ -327,8 +345,13 @@ def policies_from_batch(
     # Without its age a life record would pass for a certain annuity: refuse it.
     found.note(~life & has_table, lambda i: f"table is given without an age, got {_shown(raw_table, i)}")
     found.note(~life & has_select, lambda i: f"select_age is given without an age, got {_shown(raw_select, i)}")
-    raw_year, raw_guarantee = column("year"), column("guarantee")
+    raw_year, raw_guarantee, raw_born = column("year"), column("guarantee"), column("birth_year")
     year, has_year = _numbers(raw_year, count, math.nan, "year", found)
+    # A birth year names the calendar year of the age: the year of the birthday that reached it.
+    born, has_born = _numbers(raw_born, count, math.nan, "birth_year", found)
+    found.note(has_year & has_born, lambda i: f"year and birth_year are both given, got {_shown(raw_born, i)}")
+    found.note(~life & has_born, lambda i: f"birth_year is given without an age, got {_shown(raw_born, i)}")
+    year = np.where(has_born & ~has_year, born + np.floor(age), year)
     guarantee, has_guarantee = _numbers(raw_guarantee, count, 0.0, "guarantee", found)
     found.note(~life & has_year, lambda i: f"year is given without an age, got {_shown(raw_year, i)}")
     found.note(~life & has_guarantee, lambda i: f"guarantee is given without an age, got {_shown(raw_guarantee, i)}")
@@ -351,6 +374,11 @@ def policies_from_batch(
         ~life & (death_benefit > 0),
         lambda i: f"death_benefit is given without an age, got {_shown(raw_death_benefit, i)}",
     )
+    kind = _kinds(column("kind"), count, found)
+    found.note(~life & (kind != "annuity"), lambda i: f"kind {kind[i]!r} is given without an age")
+    # Indexation, guarantees and reversions are an annuity's.
+    for name, given in (("growth", has_growth), ("guarantee", has_guarantee), ("spouse_age", has_spouse)):
+        found.note(given & (kind != "annuity"), partial(_not_for_kind, name, kind))
     return Policies(
         ids,
         term,
@@ -369,6 +397,7 @@ def policies_from_batch(
         spouse_table,
         reversion,
         death_benefit,
+        kind,
         life,
         found.messages,
         found.clean,

@@ -14,10 +14,10 @@ import numpy as np
 from ..cashflows import CashFlows, expected_flows, no_flows, payment_ends
 from ..config import Config
 from ..helpers import _real_float
-from ..mortality import GenerationalTable, life_annuities
+from ..mortality import GenerationalTable, life_annuities, life_insurances
 from ._arguments import checked_blocks, checked_curve, checked_mode, checked_policies, checked_years
 from ._life import BookTables, book_tables
-from ._policies import InputError, Policies
+from ._policies import KINDS, InputError, Policies
 
 # Default length of the flows grid when perpetuities are held: their later flows share the last year.
 PERPETUITY_YEARS = 100
@@ -158,12 +158,36 @@ def value_policies(
             rows = np.flatnonzero(usable & ~pf.life)
             if len(rows):
                 _value_rows(partial(_certain_values, method), pf, rows, out)
-            rows = np.flatnonzero(usable & pf.life)
+            rows = np.flatnonzero(usable & pf.life & (pf.kind == "annuity"))
             # A life batch has one growth rate: one call per rate held.
             for growth in np.unique(pf.growth[rows]):  # (NaN, level, comes once)
                 same = rows[(pf.growth[rows] == growth) | (np.isnan(growth) & np.isnan(pf.growth[rows]))]
                 _value_rows(partial(_life_values, curve, tables or book_tables(), due, growth), pf, same, out)
+        for kind in KINDS[1:]:
+            rows = np.flatnonzero(pf.clean & pf.life & (pf.kind == kind))
+            if len(rows):
+                _value_rows(partial(_insurance_values, curve, tables or book_tables(), kind), pf, rows, out)
     return out.values, out.errors, out.valid
+
+
+def _insurance_values(curve: Any, tables: BookTables, kind: str, pf: Policies, rows: np.ndarray) -> Any:
+    """Life records of one insurance kind, in one batch call."""
+    names = pf.table[rows]
+    return life_insurances(
+        curve,
+        tables.tables,
+        table=np.where(names == "", tables.default, names),
+        age=pf.age[rows],
+        select_age=pf.select_age[rows],
+        year=pf.year[rows],
+        n=pf.term[rows],
+        d=pf.deferment[rows],
+        ts=pf.shift[rows],
+        m=pf.frequency[rows],
+        benefits=pf.benefit[rows],
+        benefit=kind,  # type: ignore[arg-type]  # one of KINDS[1:]
+        on_error="nan",
+    )
 
 
 def _flow_rows(pf: Policies, valid: np.ndarray) -> Iterator[tuple[bool, Any, np.ndarray]]:
@@ -197,8 +221,8 @@ def portfolio_flows(
                     benefits=pf.benefit[certain],
                     **terms,
                 )
-            life = np.flatnonzero(rows & pf.life)
-            if life.size:
+            for kind in np.unique(pf.kind[rows & pf.life]):
+                life = np.flatnonzero(rows & pf.life & (pf.kind == kind))
                 total += expected_flows(
                     curve,
                     tables.tables,
@@ -207,6 +231,7 @@ def portfolio_flows(
                     ts=pf.shift[life],
                     m=pf.frequency[life],
                     benefits=pf.benefit[life],
+                    benefit=str(kind),  # type: ignore[arg-type]  # one of KINDS
                     **_life_columns(pf, life, tables),
                     **terms,
                 )
