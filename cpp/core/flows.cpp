@@ -33,7 +33,7 @@ namespace {
 
 // Survival 1 at every time: a certain annuity's.
 struct Certain {
-    double at(double) const { return 1.0; }
+    const Status* status() const { return nullptr; }
     double horizon() const { return PiecewiseTable::kInfinity; }
     double integral(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth) const {
         return continuous_value(curve, a, b, origin, growth);
@@ -42,11 +42,11 @@ struct Certain {
 
 // A status's survival.
 struct Alive {
-    const Status& status;
-    double at(double t) const { return status.at(t); }
-    double horizon() const { return status.horizon(); }
+    const Status& of;
+    const Status* status() const { return &of; }
+    double horizon() const { return of.horizon(); }
     double integral(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth) const {
-        return survival_integral(curve, a, b, origin, growth, status, false);
+        return survival_integral(curve, a, b, origin, growth, of, false);
     }
 };
 
@@ -90,22 +90,21 @@ struct FlowPieces {
 
     double payments(const Schedule& s, double w) const {
         if (w == 0.0) return 0.0;
-        const double horizon = survival.horizon();
-        double total = 0.0, growth = 1.0;
-        std::size_t bucket = 0, year = static_cast<std::size_t>(-1);
-        for (std::size_t i = 0; i < s.size(); ++i) {
-            const double t = s.payment_time(i);
-            if (!(t < horizon)) break;
-            const std::size_t k = i < s.count ? s.first + i : s.partial_index;
-            if (k / s.m != year) growth = s.growth.factor(year = k / s.m);
-            const double share = i < s.count ? 1.0 : s.partial_fraction;
-            const double amount = share * growth / static_cast<double>(s.m), alive = survival.at(t);
-            const double present = weighted(alive, amount * curve.discount(t)) * w;
-            bucket = sink.next(bucket, t);
-            sink.add(bucket, alive * amount * w, present, t);
-            total += present;
-        }
-        return total;
+        // Each payment as the value sums it, weighted by w, in its bucket (they come in time order).
+        struct Gather final : PaymentVisitor {
+            const Sink& sink;
+            double w, total = 0.0;
+            std::size_t bucket = 0;
+            Gather(const Sink& sink_, double w_) : sink(sink_), w(w_) {}
+            void operator()(double t, double amount, double v, double alive) override {
+                const double present = weighted(alive, amount * v) * w;
+                bucket = sink.next(bucket, t);
+                sink.add(bucket, alive * amount * w, present, t);
+                total += present;
+            }
+        } gather(sink, w);
+        life_schedule_payments(curve, s, survival.status(), gather);
+        return gather.total;
     }
     double flow(const Annuity& annuity, double a, double b) const {
         double total = 0.0;

@@ -262,44 +262,63 @@ class UniformYear {
     double a_ = 0.0, b_ = 0.0, birthday_ = -PiecewiseTable::kInfinity;
 };
 
+// Each regular payment k of `s` from s.first up to `end` while the status
+// survives (t < horizon), in time order: fn(t, amount, v(t), survival(t)).
+// Discount factors step by the segment's ratio per payment, taken afresh at
+// each segment (and growth year); survival is refreshed at birthdays.
+template <typename Ages, typename Fn>
+void walk_payments(const PiecewiseTable& curve, const Schedule& s, double horizon, Ages& ages, std::size_t end,
+                   std::span<const double> ratios, Fn fn) {
+    const double step = 1.0 / static_cast<double>(s.m);
+    const bool level = s.growth.kind == Growth::Level;
+    double v = 0.0, ratio = 0.0, amount = s.amount(s.first);
+    double segment_end = -PiecewiseTable::kInfinity;
+    std::size_t next_year = s.first, j = curve.segment_of(s.time(s.first));
+    for (std::size_t k = s.first; k < end; ++k) {
+        const double t = s.time(k);
+        if (!(t < horizon)) return;  // nobody is left
+        if (t > segment_end || (k == next_year && !level)) {
+            if (t > segment_end) {
+                while (t > curve.segment_end(j)) ++j;  // payments only move forward
+                segment_end = curve.segment_end(j);
+                ratio = ratios.empty() ? std::exp(-curve.log_base(j) * step) : ratios[j];
+            }
+            if (k >= next_year) {
+                amount = s.amount(k);
+                next_year = (k / s.m + 1) * s.m;
+            }
+            v = curve.discount(t);
+        }
+        if (t >= ages.birthday()) ages.refresh(t);
+        fn(t, amount, v, ages.at(t));
+        v *= ratio;
+    }
+}
+
+// Survival 1: a certain annuity's payments walked as a life's.
+struct Certain {
+    double birthday() const { return PiecewiseTable::kInfinity; }
+    void refresh(double) {}
+    double at(double) const { return 1.0; }
+};
+
 // The sums of life_schedule_sums with survival from `ages`.
 template <typename Ages>
 void schedule_sums(const PiecewiseTable& curve, const Schedule& s, double horizon, Ages& ages,
                    std::span<const std::size_t> counts, std::span<double> out, std::span<const double> ratios) {
-    const double step = 1.0 / static_cast<double>(s.m);
     const std::size_t end = s.first + (counts.empty() ? 0 : counts.back());
-    const bool level = s.growth.kind == Growth::Level;
-    double total = 0.0, v = 0.0, ratio = 0.0, amount = s.amount(s.first);
-    double segment_end = -PiecewiseTable::kInfinity;
-    std::size_t next_year = s.first, next_out = 0, j = curve.segment_of(s.time(s.first));
-    // Discount factors step by the segment's ratio per payment, taken afresh
-    // at each segment (and growth year); survival is refreshed at birthdays.
-    std::size_t k = s.first;
-    for (; next_out < counts.size(); out[next_out++] = total) {
-        const std::size_t stop = std::min(end, s.first + counts[next_out]);
-        for (; k < stop; ++k) {
-            const double t = s.time(k);
-            if (!(t < horizon)) {
-                k = end;  // nobody is left: the remaining sums equal this one
-                break;
-            }
-            if (t > segment_end || (k == next_year && !level)) {
-                if (t > segment_end) {
-                    while (t > curve.segment_end(j)) ++j;  // payments only move forward
-                    segment_end = curve.segment_end(j);
-                    ratio = ratios.empty() ? std::exp(-curve.log_base(j) * step) : ratios[j];
-                }
-                if (k >= next_year) {
-                    amount = s.amount(k);
-                    next_year = (k / s.m + 1) * s.m;
-                }
-                v = curve.discount(t);
-            }
-            if (t >= ages.birthday()) ages.refresh(t);
-            total += weighted(ages.at(t), amount * v);
-            v *= ratio;
-        }
-    }
+    double total = 0.0;
+    std::size_t next_out = 0, paid = 0;
+    const auto flush = [&] {
+        while (next_out < counts.size() && counts[next_out] <= paid) out[next_out++] = total;
+    };
+    flush();
+    walk_payments(curve, s, horizon, ages, end, ratios, [&](double, double amount, double v, double alive) {
+        total += weighted(alive, amount * v);
+        ++paid;
+        flush();
+    });
+    while (next_out < counts.size()) out[next_out++] = total;  // nobody left: the sums stay
 }
 
 }  // namespace
@@ -309,6 +328,26 @@ std::vector<double> period_ratios(const PiecewiseTable& curve, std::size_t m) {
     const double step = 1.0 / static_cast<double>(m);
     for (std::size_t j = 0; j < ratios.size(); ++j) ratios[j] = std::exp(-curve.log_base(j) * step);
     return ratios;
+}
+
+void life_schedule_payments(const PiecewiseTable& curve, const Schedule& s, const Status* status,
+                            PaymentVisitor& visit) {
+    const auto each = [&](double t, double amount, double v, double alive) { visit(t, amount, v, alive); };
+    const std::size_t end = s.first + s.count;
+    if (!status) {
+        Certain ages;
+        walk_payments(curve, s, PiecewiseTable::kInfinity, ages, end, {}, each);
+    } else if (status->kind == Status::Single && status->lives[0].rule == FractionalAge::Uniform) {
+        UniformYear ages(status->lives[0]);
+        walk_payments(curve, s, status->horizon(), ages, end, {}, each);
+    } else {
+        StatusYear ages(*status);
+        walk_payments(curve, s, status->horizon(), ages, end, {}, each);
+    }
+    const double horizon = status ? status->horizon() : PiecewiseTable::kInfinity;
+    if (s.has_partial && s.partial_time < horizon)
+        visit(s.partial_time, s.partial_amount(), curve.discount(s.partial_time),
+              status ? status->at(s.partial_time) : 1.0);
 }
 
 void life_schedule_sums(const PiecewiseTable& curve, const Schedule& s, const Status& status,

@@ -159,6 +159,18 @@ void life_schedule_sums(const PiecewiseTable& curve, const Schedule& s, const St
                         std::span<const double> ratios = {});
 // The pro-rata last payment's share.
 double life_partial_value(const PiecewiseTable& curve, const Schedule& s, const Status& status);
+// What sees each payment of a schedule: its time, amount, discount factor and survival.
+struct PaymentVisitor {
+    virtual void operator()(double t, double amount, double v, double alive) = 0;
+
+  protected:
+    ~PaymentVisitor() = default;
+};
+// Every payment of the schedule while the status survives (no status: survival 1, a certain
+// annuity), in time order, the pro-rata one last, with the very discount factors and
+// survival that life_schedule_value sums.
+void life_schedule_payments(const PiecewiseTable& curve, const Schedule& s, const Status* status,
+                            PaymentVisitor& visit);
 
 // Survival-weighted running sums on the payment grid (the commutation
 // functions D and N of one life, on any curve and frequency): v(k/m) times
