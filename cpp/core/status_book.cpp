@@ -23,23 +23,28 @@ struct Distinct {
     std::vector<std::uint32_t> lead, of;
 };
 
+// N words a key: 8, or 11 with the other lives' table, age and select age.
+template <std::size_t N>
 Distinct distinct_policies(const StatusBook& book, const Column* group, bool lives) {
     const LifePolicies& p = book.first;
-    const LifePolicies* y = book.second;
-    using Key = KeyIndex<11>::Key;
+    using Key = typename KeyIndex<N>::Key;
     const auto key_of = [&](std::size_t i) -> Key {
         const auto select = [&](const LifePolicies& q) { return bits(select_age_of(q.age[i], q.select_age[i])); };
-        return {lives ? bits(p.table[i]) : 0,
+        Key key{lives ? bits(p.table[i]) : 0,
                 lives ? bits(p.age[i]) : 0,
                 lives ? select(p) : 0,
                 bits(p.ts[i]),
                 bits(p.d[i]),
                 bits(p.n[i]),
                 bits(p.m[i]),
-                group ? bits((*group)[i]) : 0,
-                y ? bits(y->table[i]) : 0,
-                y ? bits(y->age[i]) : 0,
-                y ? select(*y) : 0};
+                group ? bits((*group)[i]) : 0};
+        if constexpr (N > 8) {
+            const LifePolicies& y = *book.second;
+            key[8] = bits(y.table[i]);
+            key[9] = bits(y.age[i]);
+            key[10] = select(y);
+        }
+        return key;
     };
     // Each core numbers the distinct policies of its part of the book; the parts' numbers are
     // then made one (the distinct policies are few against the book).
@@ -52,7 +57,7 @@ Distinct distinct_policies(const StatusBook& book, const Column* group, bool liv
     parallel_for(parts, 1, [&](std::size_t first, std::size_t last) {
         for (std::size_t part = first; part < last; ++part) {
             const std::size_t begin = part * chunk, end = std::min(p.size, begin + chunk);
-            KeyIndex<11> index(std::min<std::size_t>(end - begin, std::size_t{1} << 20));
+            KeyIndex<N> index(std::min<std::size_t>(end - begin, std::size_t{1} << 20));
             for (std::size_t i = begin; i < end; ++i) {
                 const auto [k, added] = index.insert(key_of(i));
                 if (added) leads[part].push_back(static_cast<std::uint32_t>(i));
@@ -60,7 +65,7 @@ Distinct distinct_policies(const StatusBook& book, const Column* group, bool liv
             }
         }
     });
-    KeyIndex<11> index(leads[0].size());
+    KeyIndex<N> index(leads[0].size());
     std::vector<std::vector<std::uint32_t>> number(parts);
     for (std::size_t part = 0; part < parts; ++part)
         for (const std::uint32_t i : leads[part]) {
@@ -73,6 +78,10 @@ Distinct distinct_policies(const StatusBook& book, const Column* group, bool liv
             for (std::size_t i = begin; i < end; ++i) found.of[i] = number[i / chunk][found.of[i]];
         });
     return found;
+}
+
+Distinct distinct_policies(const StatusBook& book, const Column* group, bool lives) {
+    return book.second ? distinct_policies<11>(book, group, lives) : distinct_policies<8>(book, group, lives);
 }
 
 // What the distinct policies share: one discount table per valuation time,

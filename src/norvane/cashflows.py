@@ -45,6 +45,7 @@ from .mortality.portfolio import (
     _pension_columns,
     _table_codes,
     _table_names,
+    _texts,
     _whole_years,
 )
 from .validators import _resolve_gr
@@ -389,16 +390,18 @@ def expected_flows(
     group, labels = _group_codes(by, size)
     if life:
         assert tables is not None
-        codes = _table_codes(cols["table"], tables)[0]
-        # The kernel checks the lives; the faults are worded when it cannot (a table unknown, a
-        # frequency or calendar year refused) or when it refuses one.
+        # The kernel checks the lives and matches texts to the tables' names (cohorts and the
+        # default horizon need the tables' numbers); the faults are worded when it cannot (a
+        # table unknown, a frequency or calendar year refused) or when it refuses one.
         generational = any(isinstance(t, GenerationalTable) for t in tables.values())
+        texts = None if generational or horizon is None else _texts(cols["table"])
+        codes = texts if texts is not None else _table_codes(cols["table"], tables)[0]
         checked = (
-            not np.isnan(codes).any()
+            (texts is not None or not np.isnan(codes).any())
             and _allowed_frequency(cols["m"]).all()
             and (not generational or _whole_years(cols["year"], size).all())
         )
-        faults = {} if checked else _faults(tables, cols, size, codes)
+        faults = {} if checked else _faults(tables, cols, size, _table_codes(cols["table"], tables)[0])
     else:
         codes = np.zeros(1)
         faults = _term_faults(cols["n"], cols["d"], cols["ts"], cols["m"], size)
@@ -444,7 +447,7 @@ def expected_flows(
     return gathering.result(labels)
 
 
-def _gather_legs(gathering: _Gathering, parts: list[_Book], codes: F64, guaranteed: bool) -> None:
+def _gather_legs(gathering: _Gathering, parts: list[_Book], codes: NDArray[Any], guaranteed: bool) -> None:
     """The flows of a book's parts (``_legs``; the first guaranteed when ``guaranteed``); a
     part on the member's table reads its codes."""
     member = parts[0].cols["table"]
@@ -458,7 +461,7 @@ def _gather_legs(gathering: _Gathering, parts: list[_Book], codes: F64, guarante
         gathering.add(arguments, leg.benefit, spouses, leg.growth)
 
 
-def _guaranteed_flows(gathering: _Gathering, given: _Book, codes: F64) -> None:
+def _guaranteed_flows(gathering: _Gathering, given: _Book, codes: NDArray[Any]) -> None:
     """A guarantee's years certain, then the life annuity deferred by them and scaled by their growth."""
     curve, tables, cols, size, weights, timing, growth = given[:7]
     split = _guarantee_split(cols, size, growth)
