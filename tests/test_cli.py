@@ -426,3 +426,30 @@ def test_value_risk_is_the_difference_of_two_revaluations(tmp_path, capsys):
     # On a flat curve the annual zero rate is the rate: the DV01 is the rate's.
     assert shown["DV01"] == pytest.approx((down - up) / (2 * h) * 1e-4, abs=0.01)
     assert sum(shown[f"key-rate DV01 {t}y"] for t in (2, 5, 10)) == pytest.approx(shown["DV01"], abs=0.02)
+
+
+def test_risk_columns_are_each_records_macaulay_duration(tmp_path):
+    records = [
+        {"id": "level", "term": "25", "timing": "immediate", "benefit": "100"},
+        {"id": "life", "term": "", "benefit": "100", "age": "90", "table": "makeham_20_120"},
+        {"id": "bad", "term": "-1"},
+    ]
+    book = write_csv(tmp_path / "book.csv", records, COLUMNS + ["age", "table"])
+    out = tmp_path / "values.csv"
+    assert (
+        main(["value", "--portfolio", str(book), "--rate", "0.04", "--quiet", "--output", str(out), "--risk-columns"])
+        == 0
+    )
+    rows = {r["id"]: r for r in read_output(out)}
+    v = 1 / 1.04
+    a_n = (1 - v**25) / 0.04
+    increasing = ((1 - v**25) / (0.04 * v) - 25 * v**25) / 0.04  # (Ia)_25
+    assert float(rows["level"]["macaulay_duration"]) == pytest.approx(increasing / a_n, rel=1e-12)
+    from norvane.mortality import bundled_table
+
+    survival = bundled_table("makeham_20_120").tpx(90, np.arange(31.0))  # the table ends at 121
+    weights = survival * v ** np.arange(31.0)
+    assert float(rows["life"]["macaulay_duration"]) == pytest.approx(
+        (np.arange(31) * weights).sum() / weights.sum(), rel=1e-10
+    )
+    assert rows["bad"]["macaulay_duration"] in ("", "nan")

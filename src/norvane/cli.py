@@ -311,8 +311,16 @@ def run_value(args: argparse.Namespace) -> int:
     if args.dask:
         return run_value_dask(args, curve, curve_label, mode, started)
     progress = False if args.quiet and args.progress is None else args.progress  # None: on a terminal
+    if args.risk_columns and args.output is None:
+        raise InputError("--risk-columns adds columns to the --output file: give one")
     summary = stream_book(
-        args.portfolio or SAMPLE_PORTFOLIO, curve, args.output, mode=mode, progress=progress, tables=args.tables
+        args.portfolio or SAMPLE_PORTFOLIO,
+        curve,
+        args.output,
+        mode=mode,
+        progress=progress,
+        tables=args.tables,
+        durations=args.risk_columns,
     )
     _summary(args, curve_label, mode, summary, time.perf_counter() - started)
     if args.risk and summary.valued:
@@ -610,6 +618,11 @@ def build_parser() -> argparse.ArgumentParser:
         action="store_true",
         help="also print the book's durations, convexity, DV01 and key-rate DV01s (from its monthly expected "
         "flows; reads the book a second time)",
+    )
+    value.add_argument(
+        "--risk-columns",
+        action="store_true",
+        help="add each record's Macaulay duration (the mean time of its discounted expected flows) to the output",
     )
     value.add_argument(
         "--key-tenors",

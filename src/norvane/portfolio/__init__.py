@@ -44,6 +44,7 @@ from ._valuation import (
     book_flows,
     flow_years,
     last_payment_year,
+    macaulay_durations,
     portfolio_flows,
     value_policies,
 )
@@ -62,6 +63,7 @@ __all__ = [
     "SAMPLE_PENSIONS",
     "SHOWN_ERRORS",
     "VALUES_SCHEMA",
+    "DURATION_SCHEMA",
     "Book",
     "BookSummary",
     "BookTables",
@@ -86,6 +88,8 @@ __all__ = [
 ]
 
 VALUES_SCHEMA = pa.schema([("id", pa.string()), ("present_value", pa.float64()), ("error", pa.string())])
+# With durations: each record's Macaulay duration, from its expected flows (NaN where it has no value).
+DURATION_SCHEMA = VALUES_SCHEMA.append(pa.field("macaulay_duration", pa.float64()))
 # Error messages a summary keeps; the values have all of them.
 SHOWN_ERRORS = 5
 
@@ -351,10 +355,13 @@ def stream_book(
     mode: str | None = None,
     progress: bool | None = False,
     tables: Tables | None = None,
+    durations: bool = False,
 ) -> BookSummary:
     """Value a book batch by batch, writing "id", "present_value" and "error" of each batch
     to ``output`` (.csv, .csv.gz or .parquet) before reading the next; memory stays near one
-    batch whatever the book's size. ``tables`` as for :func:`value_book`. Returns the summary."""
+    batch whatever the book's size. ``tables`` as for :func:`value_book`; ``durations`` adds
+    each record's Macaulay duration (the mean time of its discounted expected flows, from one
+    flows pass a batch). Returns the summary."""
     output = None if output is None else checked_path(output, "output")
     check_output(output)
     checked_curve(curve), checked_mode(mode), checked_progress(progress)
@@ -365,8 +372,13 @@ def stream_book(
         for block in blocks:
             summary.add(block)
         return summary
-    with table_writer(output, VALUES_SCHEMA) as write:
+    known = book_tables(tables)
+    with table_writer(output, DURATION_SCHEMA if durations else VALUES_SCHEMA) as write:
         for block in blocks:
             summary.add(block)
-            write(block.to_batch())
+            batch = block.to_batch()
+            if durations:
+                found = macaulay_durations(curve, block.policies, block.valid, mode or Config().calculation_mode, known)
+                batch = batch.append_column("macaulay_duration", _arrow.from_numbers(found))
+            write(batch)
     return summary

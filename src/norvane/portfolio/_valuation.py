@@ -11,7 +11,7 @@ from typing import Any
 
 import numpy as np
 
-from ..cashflows import CashFlows, expected_flows, no_flows, payment_ends
+from ..cashflows import MAX_HORIZON, CashFlows, expected_flows, no_flows, payment_ends
 from ..config import Config
 from ..helpers import _real_float
 from ..mortality import GenerationalTable, life_annuities, life_insurances
@@ -190,13 +190,29 @@ def _insurance_values(curve: Any, tables: BookTables, kind: str, pf: Policies, r
     )
 
 
-def _flow_rows(pf: Policies, valid: np.ndarray) -> Iterator[tuple[bool, Any, np.ndarray]]:
-    """The valid records by timing and growth rate (None: level): one flows call each."""
+def _flow_parts(pf: Policies, valid: np.ndarray) -> Iterator[tuple[bool, Any, bool, str, np.ndarray]]:
+    """The valid records by timing, growth rate (None: level), life or not and kind: one flows
+    call each, as (due, growth, life, kind, rows)."""
     for due in (True, False):
         usable = valid & (pf.due == due)
         for growth in np.unique(pf.growth[usable]):  # (NaN, level, comes once)
             same = usable & ((pf.growth == growth) | (np.isnan(growth) & np.isnan(pf.growth)))
-            yield due, None if np.isnan(growth) else float(growth), same
+            for life in (False, True):
+                for kind in np.unique(pf.kind[same & (pf.life == life)]):
+                    rows = np.flatnonzero(same & (pf.life == life) & (pf.kind == kind))
+                    yield due, None if np.isnan(growth) else float(growth), life, str(kind), rows
+
+
+def _part_flows(
+    curve: Any, pf: Policies, part: tuple[bool, Any, bool, str, np.ndarray], grid: Any, tables: BookTables, by: Any
+) -> CashFlows:
+    """The flows of one part of ``_flow_parts`` in the buckets ``grid``, ``by`` a label a record."""
+    due, growth, life, kind, rows = part
+    terms = dict(n=pf.term[rows], d=pf.deferment[rows], ts=pf.shift[rows], m=pf.frequency[rows])
+    terms.update(benefits=pf.benefit[rows], buckets=grid, gr=growth, timing="due" if due else "immediate", by=by)
+    if not life:
+        return expected_flows(curve, **terms)
+    return expected_flows(curve, tables.tables, benefit=kind, **_life_columns(pf, rows, tables), **terms)  # type: ignore[arg-type]
 
 
 def portfolio_flows(
@@ -204,38 +220,30 @@ def portfolio_flows(
 ) -> CashFlows:
     """Expected and discounted cash flows of the valid records in the buckets ending at
     ``grid`` (each flow in the first bucket ending at or after it; later flows in the last):
-    certain and life annuities, life records on ``tables`` (default: ``book_tables()``)."""
+    certain and life records, life records on ``tables`` (default: ``book_tables()``)."""
     tables = tables or book_tables()
     total = no_flows(grid)
     with Config().override(calculation_mode=mode):
-        for due, growth, rows in _flow_rows(pf, valid):
-            terms = dict(buckets=grid, gr=growth, timing="due" if due else "immediate")
-            certain = np.flatnonzero(rows & ~pf.life)
-            if certain.size:
-                total += expected_flows(
-                    curve,
-                    n=pf.term[certain],
-                    d=pf.deferment[certain],
-                    ts=pf.shift[certain],
-                    m=pf.frequency[certain],
-                    benefits=pf.benefit[certain],
-                    **terms,
-                )
-            for kind in np.unique(pf.kind[rows & pf.life]):
-                life = np.flatnonzero(rows & pf.life & (pf.kind == kind))
-                total += expected_flows(
-                    curve,
-                    tables.tables,
-                    n=pf.term[life],
-                    d=pf.deferment[life],
-                    ts=pf.shift[life],
-                    m=pf.frequency[life],
-                    benefits=pf.benefit[life],
-                    benefit=str(kind),  # type: ignore[arg-type]  # one of KINDS
-                    **_life_columns(pf, life, tables),
-                    **terms,
-                )
+        for part in _flow_parts(pf, valid):
+            total += _part_flows(curve, pf, part, grid, tables, None)
     return total
+
+
+def macaulay_durations(
+    curve: Any, pf: Policies, valid: np.ndarray, mode: str, tables: BookTables | None = None
+) -> np.ndarray:
+    """Each valid record's Macaulay duration: the mean time of its discounted expected flows,
+    from one flows pass with a group a record (NaN for the others and for a value of 0)."""
+    tables = tables or book_tables()
+    durations = np.full(len(pf), np.nan)
+    with Config().override(calculation_mode=mode):
+        for part in _flow_parts(pf, valid):
+            rows = part[-1]
+            flows = _part_flows(curve, pf, part, [MAX_HORIZON], tables, np.arange(rows.size))
+            value = flows.discounted.sum(axis=1)
+            with np.errstate(invalid="ignore", divide="ignore"):
+                durations[rows] = np.where(value != 0.0, flows.discounted_times.sum(axis=1) / value, np.nan)
+    return durations
 
 
 def _years_left(names: np.ndarray, ages: np.ndarray, tables: BookTables, fallback: Any = None) -> np.ndarray:
