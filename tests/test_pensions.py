@@ -156,3 +156,22 @@ def test_kinds_and_birth_years_through_a_frame():
         "growth is given for a kind 'insurance'",
         "kind must be one of annuity, insurance, endowment_insurance, pure_endowment, got 'lapse'",
     ]
+
+
+@pytest.mark.parametrize("rule", [(1.0, 0.0, 0.0), (1.0, 1.0, 1.0), (0.0, 0.0, 1.0), (1.0, 0.5, 0.8)])
+def test_any_payment_rule_in_a_book_is_the_two_lives_single_call(rule):
+    from norvane.mortality import TwoLives
+
+    terms = dict(table="X", age=[60.0, 62.0, 61.0], spouse_table="Y", spouse_age=[58.0, 60.0, np.nan], m=4)
+    values = life_annuities(FLAT, TABLES, **terms, payment_rule=rule, benefits=100.0)
+    both, x_alone, y_alone = rule
+    pairs = [(60.0, 58.0), (62.0, 60.0)]
+    single = [
+        100
+        * TwoLives(TABLES["X"].life(x), TABLES["Y"].life(y), both=both, x_alone=x_alone, y_alone=y_alone).ä(FLAT, m=4)
+        for x, y in pairs
+    ]
+    np.testing.assert_allclose(values[:2], single, atol=3e-8)  # each part rounded to 10 decimals a unit
+    assert values[2] == 100 * TABLES["X"].life(61.0).ä(FLAT, m=4)  # no spouse: the member's annuity
+    flows = expected_flows(FLAT, TABLES, **terms, payment_rule=rule, benefits=100.0)
+    assert flows.present_value == pytest.approx(values.sum(), abs=1e-7)  # values: parts rounded

@@ -318,6 +318,7 @@ def expected_flows(
     spouse_age: ArrayLike | None = None,
     spouse_select_age: ArrayLike | None = None,
     reversion: ArrayLike | None = None,
+    payment_rule: tuple[ArrayLike, ArrayLike, ArrayLike] | None = None,
     death_benefit: ArrayLike | None = None,
     timing: Literal["due", "immediate"] = "due",
     benefit: Literal["annuity", "insurance", "endowment_insurance", "pure_endowment"] = "annuity",
@@ -431,7 +432,9 @@ def expected_flows(
         return gathering.result(labels)
     assert tables is not None
     given = _Book(curve, tables, cols, size, weights, timing, growth, benefit)
-    pension = _pension_columns(cols, size, spouse_table, spouse_age, spouse_select_age, reversion, death_benefit)
+    pension = _pension_columns(
+        cols, size, spouse_table, spouse_age, spouse_select_age, reversion, death_benefit, payment_rule
+    )
     legs = _legs(given, pension)
     try:
         _gather_legs(gathering, [leg for leg, _ in legs], codes, guarantee is not None and benefit == "annuity")

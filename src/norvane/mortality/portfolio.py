@@ -459,34 +459,39 @@ def _guaranteed_book(given: _Book, stop_at_fault: bool) -> tuple[F64, dict[int, 
 
 
 class _Pension(NamedTuple):
-    """What a pension pays besides the member's annuity: ``reversion`` of it a year to a
-    spouse who survives the member, and ``death_benefit`` on the member's death before the
-    annuity starts. Columns of the book's length (None: not paid)."""
+    """What a pension pays besides the member's annuity: by who of member and spouse is alive
+    (``rule``: a year while both live, to the member alone, to the spouse alone; a reversion r
+    is (1, 1, r)), and ``death_benefit`` on the member's death before the annuity starts.
+    Columns of the book's length (None: not paid)."""
 
     spouse: dict[str, Any] | None  # the spouse's "table", "age" and "select_age"
-    reversion: F64 | None
+    rule: tuple[F64, F64, F64] | None
     death_benefit: F64 | None
 
 
 def _legs(given: _Book, pension: _Pension) -> list[tuple[_Book, bool]]:
     """A pension book as the books whose values add up to its values and whose flows add up to
-    its flows: the member's annuity (``given``); with a spouse, r ä_y less r ä_xy (the spouse's
-    annuity while the member is alive is not paid); the death benefit as a term insurance over
-    the deferment. Policies without a spouse take their member's life in the spouse's place,
-    weighted 0, so that every part keeps the book's indices. Each part comes with whether
-    its own columns are the spouse's."""
+    its flows: the member's annuity (``given``, times x_alone where there is a spouse); with a
+    spouse, y_alone ä_y and (both - x_alone - y_alone) ä_xy (a reversion r: r ä_y less r ä_xy);
+    the death benefit as a term insurance over the deferment. Policies without a spouse take
+    their member's life in the spouse's place, weighted 0, so that every part keeps the book's
+    indices. Each part comes with whether its own columns are the spouse's."""
     legs = [(given, False)]
     cols, size = given.cols, given.size
     weights = np.ones(size) if given.weights is None else np.broadcast_to(given.weights, (size,))
-    if pension.spouse is not None and pension.reversion is not None:
+    if pension.spouse is not None and pension.rule is not None:
+        both, x_alone, y_alone = pension.rule
         has = ~np.isnan(np.broadcast_to(pension.spouse["age"], (size,)))
         spouse = {
             key: np.where(has, np.broadcast_to(pension.spouse[key], (size,)), np.broadcast_to(cols[key], (size,)))
             for key in ("table", "age", "select_age")
         }
-        share = np.where(has, weights * pension.reversion, 0.0)
-        legs.append((given._replace(cols={**cols, **spouse}, weights=share), True))
-        legs.append((given._replace(weights=-share, spouse=spouse), False))
+        member = np.where(has, x_alone, 1.0)
+        if (member != 1.0).any():
+            legs[0] = (given._replace(weights=weights * member), False)
+        legs.append((given._replace(cols={**cols, **spouse}, weights=np.where(has, weights * y_alone, 0.0)), True))
+        joint = np.where(has, weights * (both - x_alone - y_alone), 0.0)
+        legs.append((given._replace(weights=joint, spouse=spouse), False))
     if pension.death_benefit is not None:
         ends = {**cols, "n": cols["d"], "d": np.zeros(1)}
         legs.append((given._replace(cols=ends, weights=pension.death_benefit, benefit="insurance", growth=None), False))
@@ -494,18 +499,25 @@ def _legs(given: _Book, pension: _Pension) -> list[tuple[_Book, bool]]:
 
 
 def _pension_columns(
-    cols: dict[str, Any], size: int, table: Any, age: Any, select_age: Any, reversion: Any, death_benefit: Any
+    cols: dict[str, Any],
+    size: int,
+    table: Any,
+    age: Any,
+    select_age: Any,
+    reversion: Any,
+    death_benefit: Any,
+    rule: Any = None,
 ) -> _Pension:
-    """The pension columns as given (checked: finite amounts >= 0), broadcast to the book."""
+    """The pension columns as given (checked: finite amounts, >= 0 but for a rule's),
+    broadcast to the book."""
 
-    def amounts(values: Any, name: str) -> F64 | None:
-        if values is None:
-            return None
+    def amounts(values: Any, name: str, least: float = 0.0) -> F64:
         column = np.broadcast_to(np.asarray(_policy_column(values, name, _METHOD), dtype=np.float64), (size,))
-        bad = np.flatnonzero(~((column >= 0.0) & np.isfinite(column)))
+        bad = np.flatnonzero(~((column >= least) & np.isfinite(column)))
         if bad.size:
             i = int(bad[0])
-            raise ValueError(f"[{_METHOD}] '{name}' must be finite and >= 0 at index {i}, got {float(column[i])!r}.")
+            bound = "" if least == -np.inf else f" and >= {least}"
+            raise ValueError(f"[{_METHOD}] '{name}' must be finite{bound} at index {i}, got {float(column[i])!r}.")
         return column
 
     spouse = None
@@ -524,9 +536,21 @@ def _pension_columns(
         }
     elif table is not None or select_age is not None:
         raise ValueError(f"[{_METHOD}] a spouse's table or select age needs 'spouse_age'.")
-    if (reversion is None) != (spouse is None):
-        raise ValueError(f"[{_METHOD}] 'reversion' and 'spouse_age' are given together.")
-    return _Pension(spouse, amounts(reversion, "reversion"), amounts(death_benefit, "death_benefit"))
+    if reversion is not None and rule is not None:
+        raise ValueError(f"[{_METHOD}] a reversion r is the payment rule (1, 1, r): give one of them.")
+    if (reversion is None and rule is None) != (spouse is None):
+        raise ValueError(f"[{_METHOD}] 'spouse_age' goes with a 'reversion' or a 'payment_rule'.")
+    if rule is not None:
+        if not (isinstance(rule, (tuple, list)) and len(rule) == 3):
+            raise TypeError(f"[{_METHOD}] 'payment_rule' is (both, x_alone, y_alone), got {rule!r}.")
+        names = ("both", "x_alone", "y_alone")
+        both, x_alone, y_alone = (amounts(part, f"payment_rule's {name}", -np.inf) for part, name in zip(rule, names))
+        rule = (both, x_alone, y_alone)
+    elif reversion is not None:
+        one = np.ones(size)
+        rule = (one, one, amounts(reversion, "reversion"))
+    paid = None if death_benefit is None else amounts(death_benefit, "death_benefit")
+    return _Pension(spouse, rule, paid)
 
 
 def _value_pensions(given: _Book, pension: _Pension, stop_at_fault: bool) -> tuple[F64, dict[int, list[str]]]:
@@ -562,6 +586,7 @@ def life_annuities(
     spouse_age: ArrayLike | None = None,
     spouse_select_age: ArrayLike | None = None,
     reversion: ArrayLike | None = None,
+    payment_rule: tuple[ArrayLike, ArrayLike, ArrayLike] | None = None,
     death_benefit: ArrayLike | None = None,
     timing: Literal["due", "immediate"] = "due",
     on_error: Literal["raise", "nan"] = "raise",
@@ -602,6 +627,13 @@ def life_annuities(
         member, for the rest of the spouse's life within the same deferment
         and term: r (ä_y - ä_xy) a unit (the 60 % pension is
         ä_x + 0.6 (ä_y - ä_xy)). Independent of the guarantee.
+    payment_rule : (both, x_alone, y_alone), optional
+        Instead of a reversion, any rule of payment by who is alive, per
+        policy with a spouse (each element a value or a column): a year
+        while both live, to the member alone, to the spouse alone, as
+        :class:`TwoLives` pays it: joint life (1, 0, 0), last survivor
+        (1, 1, 1), reversionary to the spouse (0, 0, 1). A policy without a
+        spouse pays the member's annuity.
     death_benefit : array-like, optional
         A lump sum paid at the end of the 1/m period of the member's death
         before the annuity starts (within the deferment; at the moment of
@@ -624,7 +656,7 @@ def life_annuities(
     call = _Call(_METHOD, curve, tables, on_error, record_ids, timing)
     given = call.book(table, age, n, d, ts, m, benefits, select_age, year, guarantee, timing, gr)
     pension = _pension_columns(
-        given.cols, given.size, spouse_table, spouse_age, spouse_select_age, reversion, death_benefit
+        given.cols, given.size, spouse_table, spouse_age, spouse_select_age, reversion, death_benefit, payment_rule
     )
     if all(part is None for part in pension):
         call.valued(*(_value_book if guarantee is None else _guaranteed_book)(given, on_error == "raise"))
