@@ -137,3 +137,92 @@ def test_every_scenario_at_once_equals_each_valued_alone(mode):
             assert lives[name] == pytest.approx(life_annuities(alone, TABLES, **book).sum(), rel=1e-12)
             assert annuities[name] == pytest.approx(alone.ä(**certain).sum(), rel=1e-12)
     assert list(lives) == box.scenario_names
+
+
+def test_a_continuous_flows_time_is_its_integral():
+    """Constant force mu on a flat rate: the continuous annuity's discounted flow is e^(-kt),
+    k = mu + delta, up to the table's end T, so its mean time is B/A with A = (1 - e^(-kT))/k
+    and B = (1 - e^(-kT)(1 + kT))/k^2; the insurance pays mu e^(-kt) and, as the table closes,
+    the survivors' e^(-kT) at T."""
+    from norvane.mortality import constant_force
+
+    mu, delta, horizon = 0.03, math.log(1.04), 100.0
+    table = {"C": constant_force(mu).table(20, 120, fractional_age="constant_force")}
+    k = mu + delta
+    a = -math.expm1(-k * horizon) / k
+    b = (1.0 - math.exp(-k * horizon) * (1.0 + k * horizon)) / k**2
+    with Config().override(calculation_mode="continuous_precision"):
+        annuity = expected_flows(FLAT, table, table="C", age=20, buckets=[200.0])
+        insurance = expected_flows(FLAT, table, table="C", age=20, benefit="insurance", buckets=[200.0])
+    assert annuity.times[0] == pytest.approx(b / a, rel=1e-10)
+    closing = math.exp(-k * horizon)
+    assert insurance.times[0] == pytest.approx((mu * b + horizon * closing) / (mu * a + closing), rel=1e-10)
+
+
+@pytest.mark.parametrize(
+    "change, text",
+    [
+        (dict(m=np.array([0.0])), "invalid policy"),
+        (dict(m=np.array([0.5])), "invalid policy"),
+        (dict(m=np.array([1e30])), "invalid policy"),
+        (dict(d=np.array([-2.0])), "invalid policy"),
+        (dict(timing=7), "timing must be 0 or 1"),
+        (dict(groups=2**62, group=np.array([1.0])), "groups x buckets"),
+        (dict(second=(np.zeros(1),)), "second must be"),
+    ],
+)
+def test_the_flows_kernel_refuses_what_would_crash_it(change, text):
+    from norvane import _kernels
+
+    one = np.ones(1)
+    arguments = (
+        dict(
+            tables=[],
+            rules=[],
+            names=[],
+            rates=np.array([0.03]),
+            terms=np.empty(0),
+            ends=np.empty(0),
+            table=np.zeros(1),
+            age=np.zeros(1),
+            select_age=np.zeros(1),
+            n=10 * one,
+            d=np.zeros(1),
+            ts=np.zeros(1),
+            m=one,
+            benefits=None,
+            group=np.zeros(1),
+            groups=1,
+            bucket_ends=np.array([1.0, 2.0]),
+            second=None,
+            status="single",
+            benefit="annuity",
+            timing=0,
+            growth_kind="level",
+            growth_rate=0.0,
+            mode="discrete_precision",
+            tolerance_eps=1e-12,
+            perpetuity_n_eff=1000.0,
+        )
+        | change
+    )
+    with pytest.raises((ValueError, TypeError), match=text):
+        _kernels.book_flows(**arguments)
+
+
+def test_flows_edge_cases_found_in_review():
+    # A pure endowment for life pays nothing and leaves every time finite.
+    flows = expected_flows(FLAT, TABLES, table="T", age=[60, 61], n=[np.inf, 2.0], benefit="pure_endowment")
+    assert np.isfinite(flows.discounted_times).all() and flows.present_value == pytest.approx(
+        survival(3) / survival(1) * 1.04**-2, rel=1e-13
+    )
+    # A guarantee with neither growth nor benefits.
+    guaranteed = expected_flows(FLAT, TABLES, table="M", age=[65.0, 70.0], n=20, m=12, guarantee=5)
+    values = life_annuities(FLAT, TABLES, table="M", age=[65.0, 70.0], n=20, m=12, guarantee=5)
+    assert guaranteed.present_value == pytest.approx(values.sum(), rel=1e-11)
+    # Labels of several types stay apart.
+    assert expected_flows(FLAT, n=[1.0, 2.0, 3.0], by=[1, "1", 2]).groups == (1, "1", 2)
+    with pytest.raises(ValueError, match="apply to annuities"):
+        expected_flows(FLAT, TABLES, table="T", age=60, benefit="insurance", guarantee=5)
+    with pytest.raises(ValueError, match="more than the 1e"):
+        expected_flows(FLAT, n=1e8, m=12)

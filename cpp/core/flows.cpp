@@ -59,9 +59,9 @@ struct Sink {
     void add(std::size_t bucket, double expected, double discounted, double t) const {
         out.add(group, bucket, expected * benefit, discounted * benefit, t);
     }
-    // A flow over [lo, hi] (counted at its middle).
-    void add_over(std::size_t bucket, double expected, double discounted, double lo, double hi) const {
-        out.add(group, bucket, expected * benefit, discounted * benefit, 0.5 * (lo + hi), lo, hi);
+    // A flow over [lo, hi], with the integral of its discounted amount times t.
+    void add_over(std::size_t bucket, double expected, double discounted, double timed, double lo, double hi) const {
+        out.add(group, bucket, expected * benefit, discounted * benefit, timed * benefit, lo, hi);
     }
     // The bucket of t, searched forward from `bucket` (flows come in time order).
     std::size_t next(std::size_t bucket, double t) const {
@@ -110,7 +110,10 @@ struct FlowPieces {
         double total = 0.0;
         sink.pieces(a, std::min(b, survival.horizon()), [&](std::size_t bucket, double lo, double hi) {
             const double present = survival.integral(curve, lo, hi, annuity.d, annuity.growth);
-            sink.add_over(bucket, survival.integral(no_interest(), lo, hi, annuity.d, annuity.growth), present, lo, hi);
+            const double timed =
+                survival_time_integral(curve, lo, hi, annuity.d, annuity.growth, survival.status(), false);
+            sink.add_over(bucket, survival.integral(no_interest(), lo, hi, annuity.d, annuity.growth), present, timed,
+                          lo, hi);
             total += present;
         });
         return total;
@@ -144,15 +147,21 @@ struct FlowParts {
         sink.pieces(periods.d, std::min(periods.d + periods.n, status.horizon()),
                     [&](std::size_t bucket, double lo, double hi) {
                         const double at_lo = status.at(lo), at_hi = status.at(hi);
-                        const double present = weighted(at_lo, curve.discount(lo)) -
-                                               weighted(at_hi, curve.discount(hi)) -
-                                               survival_integral(curve, lo, hi, lo, Growth{}, status, true);
-                        sink.add_over(bucket, at_lo - at_hi, present, lo, hi);
+                        const double lo_now = weighted(at_lo, curve.discount(lo));
+                        const double hi_now = weighted(at_hi, curve.discount(hi));
+                        const double present =
+                            lo_now - hi_now - survival_integral(curve, lo, hi, lo, Growth{}, status, true);
+                        // By parts: the integral of t v dF is [-t v S] plus the integral of S d(t v).
+                        const double timed = lo * lo_now - hi * hi_now +
+                                             survival_integral(curve, lo, hi, lo, Growth{}, status, false) -
+                                             survival_time_integral(curve, lo, hi, lo, Growth{}, &status, true);
+                        sink.add_over(bucket, at_lo - at_hi, present, timed, lo, hi);
                         total += present;
                     });
         return total;
     }
     double endowment(double t) const {
+        if (!(t < status.horizon())) return 0.0;  // nobody is left (a term for life ends never)
         const double alive = status.at(t), present = weighted(alive, curve.discount(t));
         sink.add(sink.out.bucket_of(t), alive, present, t);
         return present;

@@ -35,15 +35,16 @@ class FlowBuckets {
     static double time_tolerance(double t) { return 1e-12 * std::max(1.0, std::abs(t)); }
     // A flow at time t: its expected amount, and its discounted amount, also times t.
     void add(std::size_t group, std::size_t bucket, double expected, double discounted, double t) {
-        add(group, bucket, expected, discounted, t, t, t);
+        add(group, bucket, expected, discounted, weighted(discounted, t), t, t);
     }
-    // A flow spread over [from, to], its discounted amount's mean time t.
-    void add(std::size_t group, std::size_t bucket, double expected, double discounted, double t, double from,
+    // A flow spread over [from, to]: its expected and discounted amounts, and the integral of
+    // the discounted flow times t.
+    void add(std::size_t group, std::size_t bucket, double expected, double discounted, double timed, double from,
              double to) {
         const std::size_t cell = group * ends_.size() + bucket;
         expected_[cell] += expected;
         discounted_[cell] += discounted;
-        timed_[cell] += discounted * t;
+        timed_[cell] += timed;
         if (discounted != 0.0) {
             earliest_[cell] = std::min(earliest_[cell], from);
             latest_[cell] = std::max(latest_[cell], to);
@@ -54,8 +55,8 @@ class FlowBuckets {
     // Group by group, bucket by bucket.
     std::span<const double> expected() const { return expected_; }
     std::span<const double> discounted() const { return discounted_; }
-    // The discounted amounts times their times: over the discounted amounts, the mean time of
-    // a bucket's value (exactly, for flows; at each piece's middle, for a continuous flow).
+    // The discounted amounts times their times (of a continuous flow, its integral times t):
+    // over the discounted amounts, the mean time of a bucket's value.
     std::span<const double> timed() const { return timed_; }
     // The earliest and the latest time of a bucket's discounted amounts (+inf and -inf
     // without any; a continuous flow spans its piece): when they are one, every flow of

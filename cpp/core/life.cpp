@@ -507,9 +507,13 @@ std::shared_ptr<const CurveSums> GridCache::curve_sums(const PiecewiseTable& cur
     return kept;
 }
 
-double survival_integral(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth,
-                         const Status& status, bool by_force) {
-    b = std::min(b, status.horizon());
+namespace {
+
+// The integral of survival_integral for any survival (`at`, with its kinks at `next(x)`),
+// the integrand also times t when `timed`.
+template <typename At, typename Next>
+double gauss_pieces(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth, At at,
+                    Next next, bool by_force, bool timed) {
     if (!(b > a)) return 0.0;
     const GaussLegendre& gl = gauss_legendre();
     double total = 0.0, x = a;
@@ -519,12 +523,12 @@ double survival_integral(const PiecewiseTable& curve, double a, double b, double
         std::size_t j = curve.segment_of(x);
         if (curve.segment_end(j) <= x) ++j;  // x on a boundary: the segment that starts there
         const double delta = curve.log_base(j);
-        const double piece_end = std::min({b, year_end, curve.segment_end(j), status.next_birthday(x)});
+        const double piece_end = std::min({b, year_end, curve.segment_end(j), next(x)});
         const double half = 0.5 * (piece_end - x), middle = x + half;
         double sum = 0.0;
         for (int i = 0; i < GaussLegendre::kNodes; ++i) {
             const double t = middle + half * gl.x[i];
-            sum += gl.w[i] * std::exp(-delta * (t - x)) * status.at(t);
+            sum += gl.w[i] * std::exp(-delta * (t - x)) * at(t) * (timed ? t : 1.0);
         }
         // No survival over the piece adds nothing, even where the discount factor overflows.
         if (sum != 0.0) total += growth.factor(year) * curve.discount(x) * half * sum * (by_force ? delta : 1.0);
@@ -532,6 +536,26 @@ double survival_integral(const PiecewiseTable& curve, double a, double b, double
         if (x >= year_end) year_end = origin + static_cast<double>(++year + 1);
     }
     return total;
+}
+
+}  // namespace
+
+double survival_integral(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth,
+                         const Status& status, bool by_force) {
+    return gauss_pieces(
+        curve, a, std::min(b, status.horizon()), origin, growth, [&](double t) { return status.at(t); },
+        [&](double x) { return status.next_birthday(x); }, by_force, false);
+}
+
+double survival_time_integral(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth,
+                              const Status* status, bool by_force) {
+    if (!status)
+        return gauss_pieces(
+            curve, a, b, origin, growth, [](double) { return 1.0; }, [](double) { return PiecewiseTable::kInfinity; },
+            by_force, true);
+    return gauss_pieces(
+        curve, a, std::min(b, status->horizon()), origin, growth, [&](double t) { return status->at(t); },
+        [&](double x) { return status->next_birthday(x); }, by_force, true);
 }
 
 namespace {

@@ -257,6 +257,9 @@ class GridCache {
 // growth years, by 12-point Gauss-Legendre.
 double survival_integral(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth,
                          const Status& status, bool by_force);
+// The same with the integrand also times t (its time-weighted value); no status: survival 1.
+double survival_time_integral(const PiecewiseTable& curve, double a, double b, double origin, const Growth& growth,
+                              const Status* status, bool by_force);
 
 // The periods of a schedule, [d + k/m, d + (k+1)/m] with the last one ending
 // with the term, that begin before `horizon`: later ones carry no survival, so

@@ -3,11 +3,11 @@
 #include "core/key_index.hpp"
 #include "core/parallel.hpp"
 
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <limits>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -158,9 +158,13 @@ void book_flows(const CurveArrays& curve, std::span<MortalityTable* const> table
     std::vector<double> weight(distinct.lead.size());
     for (std::size_t i = 0; i < p.size; ++i) weight[distinct.of[i]] += p.benefits[i];
     const Shared shared(curve, tables, book, distinct.lead, terms.tolerance_eps);
-    std::mutex merging;
+    // Each core gathers into buckets of its own, made here (a failed allocation is the caller's to
+    // see, not a thread's), then added up.
+    std::vector<FlowBuckets> parts(std::max(1u, std::thread::hardware_concurrency()),
+                                   FlowBuckets(out.ends(), out.groups()));
+    std::atomic<std::size_t> taken{0};
     parallel_for(distinct.lead.size(), 64, [&](std::size_t begin, std::size_t end) {
-        FlowBuckets part(out.ends(), out.groups());
+        FlowBuckets& part = parts[taken++];
         for (std::size_t k = begin; k < end; ++k) {
             const std::uint32_t i = distinct.lead[k];
             PolicyTerms own = terms;
@@ -175,9 +179,8 @@ void book_flows(const CurveArrays& curve, std::span<MortalityTable* const> table
             if (const auto status = status_of(tables, rules, book, i, both))
                 status_flows(seen, *status, book.benefit, p.n[i], p.d[i], p.ts[i], own, part, in_group, weight[k]);
         }
-        const std::lock_guard lock(merging);
-        out.add(part);
     });
+    for (std::size_t k = 0; k < taken; ++k) out.add(parts[k]);
 }
 
 }  // namespace norvane::core

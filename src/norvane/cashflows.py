@@ -60,6 +60,8 @@ _METHOD = "expected_flows"
 _BENEFITS = ("annuity", "insurance", "endowment_insurance", "pure_endowment")
 # Relative difference under which two flow times are one (as the certain engine's flow grids merge them).
 _TIME_TOLERANCE = 1e-12
+# The most payments a policy's flows walk, one by one.
+MAX_PAYMENTS = 1e7
 # The longest horizon a bucket grid is built for, and the most buckets.
 MAX_HORIZON = 10_000.0
 MAX_BUCKETS = 10_000_000
@@ -99,7 +101,7 @@ class CashFlows:
         revaluing them on another curve from :attr:`times` is exact)."""
         if self.earliest is None or self.latest is None:
             return False
-        held = self.discounted != 0.0
+        held = np.isfinite(self.earliest)  # a bucket with a flow of value (which may add up to 0)
         # Times of one payment date reached by different sums differ in their last bits.
         spread = self.latest[held] - self.earliest[held]
         return bool((spread <= _TIME_TOLERANCE * np.maximum(1.0, np.abs(self.latest[held]))).all())
@@ -210,7 +212,13 @@ def _group_codes(by: Any, size: int) -> tuple[F64, tuple[Any, ...]]:
     """Each policy's group number and the groups' labels (sorted)."""
     if by is None:
         return np.zeros(1), (None,)
-    labels = np.asarray(by.to_numpy() if hasattr(by, "to_numpy") else by)
+    # Labels of several types stay apart (NumPy would make 1 and "1" one text).
+    given = by.to_numpy() if hasattr(by, "to_numpy") else by
+    if isinstance(given, np.ndarray):
+        labels = given
+    else:
+        labels = np.empty(len(given) if isinstance(given, (list, tuple)) else 1, dtype=object)
+        labels[:] = given if isinstance(given, (list, tuple)) else [given]
     if labels.ndim != 1 or labels.shape[0] not in (1, size):
         raise ValueError(f"[{_METHOD}] 'by' must hold one label per policy, got shape {labels.shape}.")
     try:
@@ -372,6 +380,18 @@ def expected_flows(
         )
     if tables is None and (benefit != "annuity" or table is not None or age is not None):
         raise ValueError(f"[{_METHOD}] a book without tables is of certain annuities: give 'tables' for lives.")
+    annuity_only = dict(
+        gr=gr,
+        guarantee=guarantee,
+        spouse_age=spouse_age,
+        reversion=reversion,
+        payment_rule=payment_rule,
+        death_benefit=death_benefit,
+    )
+    annuity_terms = [name for name, value in annuity_only.items() if value is not None]
+    if benefit != "annuity" and annuity_terms:
+        named = ", ".join(repr(name) for name in annuity_terms)
+        raise ValueError(f"[{_METHOD}] {named} apply to annuities, not to a {benefit!r}.")
     life = tables is not None
     cols, size = _columns(
         _METHOD,
@@ -409,6 +429,15 @@ def expected_flows(
         refused = np.flatnonzero(np.broadcast_to(~_allowed_frequency(cols["m"]), (size,))).tolist()
         for i in refused:
             faults.setdefault(i, []).append(f"'m' must be one of {_ALLOWED_PAYMENT_FREQUENCIES} at index {i}")
+        # Flows are walked payment by payment (a perpetuity over the curve's horizon).
+        with np.errstate(invalid="ignore"):
+            terms = np.where(np.isinf(cols["n"]), float(curve._meta.perpetuity_n_eff), cols["n"])
+            payments = np.broadcast_to(terms * cols["m"], (size,))
+        for i in np.flatnonzero(payments > MAX_PAYMENTS).tolist():
+            faults.setdefault(i, []).append(
+                f"{float(payments[i]):.3g} payments at index {i} are more than the {MAX_PAYMENTS:.0e} "
+                "a policy's flows walk"
+            )
     if faults:
         _refuse_flows(faults)
     if horizon is None:
@@ -433,7 +462,7 @@ def expected_flows(
     assert tables is not None
     given = _Book(curve, tables, cols, size, weights, timing, growth, benefit)
     pension = _pension_columns(
-        cols, size, spouse_table, spouse_age, spouse_select_age, reversion, death_benefit, payment_rule
+        cols, size, spouse_table, spouse_age, spouse_select_age, reversion, death_benefit, payment_rule, _METHOD
     )
     legs = _legs(given, pension)
     try:
@@ -472,7 +501,8 @@ def _guaranteed_flows(gathering: _Gathering, given: _Book, codes: NDArray[Any]) 
     if refused:
         _refuse_flows({i: [f"'guarantee' cannot be valued at index {i}"] for i in refused})
     gathering.certain({**cols, "n": np.minimum(split.years, np.broadcast_to(cols["n"], (size,)))}, weights)
-    later = _LifeBook(curve, tables, timing, growth, split.grown(growth) * (1.0 if weights is None else weights), size)
+    grown = np.broadcast_to(np.asarray(split.grown(growth) * (1.0 if weights is None else weights)), (size,))
+    later = _LifeBook(curve, tables, timing, growth, grown, size)
     gathering.add(later._arguments(codes, split.later_terms, None)[0])
 
 
@@ -520,8 +550,8 @@ def scenario_values(curve: Any, tables: Mapping[str, Table] | None = None, **boo
         }
     base = _scenario_leaves(curve).get(getattr(curve, "active_scenario", None) or "", curve)
     starts = np.array([shifts[g] if g is not None else shifts[0] for g in flows.groups])[:, None]
-    held = flows.discounted != 0.0
     assert flows.earliest is not None
+    held = np.isfinite(flows.earliest)
     at = np.where(held, flows.earliest, 0.0) + starts
 
     def seen_from_start(leaf: Any) -> F64:

@@ -288,7 +288,10 @@ class SecondLives {
     SecondLives(nb::handle second, const std::vector<std::vector<std::uint32_t>>& names, RealArray n, RealArray d,
                 RealArray ts, RealArray frequency, std::size_t size) {
         if (second.is_none()) return;
-        const auto [table, age, select_age] = nb::cast<std::tuple<nb::object, RealArray, RealArray>>(second);
+        std::tuple<nb::object, RealArray, RealArray> lives;
+        if (!nb::try_cast(second, lives))
+            throw nb::type_error("second must be a (table, age, select_age) tuple of columns");
+        const auto& [table, age, select_age] = lives;
         policies_.emplace(book_of(table, names, age, select_age, n, d, ts, frequency, nb::none(), {size}));
         if (policies_->size != size)
             throw std::invalid_argument("policy columns must have one length or hold one value");
@@ -300,8 +303,22 @@ class SecondLives {
 };
 
 // A book's status and benefit, its lives checked (the first fault refused).
+// Refuses a certain book's first policy out of range: a frequency not a whole number in
+// 1..365, a valuation time or deferment not finite and >= 0, a term < 0 or not countable.
+void refuse_certain(const core::LifePolicies& p, const core::PolicyTerms& terms) {
+    for (std::size_t i = 0; i < p.size; ++i) {
+        const double m = p.m[i];
+        const bool frequency = m >= 1.0 && m <= 365.0 && m == std::floor(m);
+        if (!(frequency && core::finite_nonnegative(p.d[i]) && core::finite_nonnegative(p.ts[i]) && p.n[i] >= 0.0 &&
+              core::countable(core::term_or_horizon(p.n[i], terms), static_cast<std::size_t>(m))))
+            throw std::invalid_argument("invalid policy at index " + std::to_string(i));
+    }
+}
+
 core::StatusBook status_book_of(const std::vector<core::MortalityTable*>& tables, const core::LifePolicies& policies,
-                                const SecondLives& others, const std::string& status, const std::string& benefit) {
+                                const SecondLives& others, const std::string& status, const std::string& benefit,
+                                int timing) {
+    if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
     const auto kind = core::status_named(status, others.get() ? 2 : 1);
     if (!kind) throw std::invalid_argument("a status is 'single' with one life or 'joint'/'last_survivor' with two");
     const auto pays = core::life_benefit_named(benefit);
@@ -467,7 +484,7 @@ void register_life(nb::module_& m) {
             const core::LifePolicies policies =
                 book_of(table, names, age, select_age, n, d, ts, frequency, benefits, {});
             const SecondLives others(second, names, n, d, ts, frequency, policies.size);
-            const core::StatusBook book = status_book_of(tables, policies, others, status, benefit);
+            const core::StatusBook book = status_book_of(tables, policies, others, status, benefit, timing);
             const core::PolicyTerms p{1,   timing,  growth_of(growth_kind, growth_rate), mode_of(mode), tolerance_eps,
                                       0.0, decimals};
             const core::CurveArrays curve = arrays_of(rates, terms, ends);
@@ -501,11 +518,14 @@ void register_life(nb::module_& m) {
             if (bucket_span.empty() || !std::is_sorted(bucket_span.begin(), bucket_span.end()) ||
                 !std::all_of(bucket_span.begin(), bucket_span.end(), [](double t) { return std::isfinite(t); }))
                 throw std::invalid_argument("bucket ends must be finite and ascending, at least one");
-            if (groups == 0) throw std::invalid_argument("at least one group");
+            // Each core gathers its own copy of the buckets: their cells stay within reason.
+            constexpr std::size_t kMaxCells = std::size_t{1} << 26;
+            if (groups == 0 || groups > kMaxCells / bucket_span.size())
+                throw std::invalid_argument("groups x buckets must be from 1 to 2**26");
             const core::LifePolicies policies =
                 book_of(table, names, age, select_age, n, d, ts, frequency, benefits, {group.shape(0)});
             const SecondLives others(second, names, n, d, ts, frequency, policies.size);
-            const core::StatusBook book = status_book_of(tables, policies, others, status, benefit);
+            const core::StatusBook book = status_book_of(tables, policies, others, status, benefit, timing);
             if (tables.empty() && (book.benefit != core::LifeBenefit::Annuity || book.second))
                 throw std::invalid_argument("a certain policy is an annuity on no life");
             const core::Column group_column(column_of(group), policies.size);
@@ -515,6 +535,7 @@ void register_life(nb::module_& m) {
                     throw std::invalid_argument("group at index " + std::to_string(i) + " is not a group number");
             const core::PolicyTerms p{
                 1, timing, growth_of(growth_kind, growth_rate), mode_of(mode), tolerance_eps, perpetuity_n_eff};
+            if (tables.empty()) refuse_certain(policies, p);
             const core::CurveArrays curve = arrays_of(rates, terms, ends);
             core::FlowBuckets out(bucket_span, groups);
             {

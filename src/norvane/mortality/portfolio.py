@@ -507,17 +507,24 @@ def _pension_columns(
     reversion: Any,
     death_benefit: Any,
     rule: Any = None,
+    method_name: str = _METHOD,
 ) -> _Pension:
-    """The pension columns as given (checked: finite amounts, >= 0 but for a rule's),
-    broadcast to the book."""
+    """The pension columns as given (checked: finite amounts, >= 0 but for a rule's; one value
+    or one per policy), broadcast to the book."""
+
+    def column_of(values: Any, name: str) -> F64:
+        column = np.asarray(_policy_column(values, name, method_name), dtype=np.float64).reshape(-1)
+        if column.size not in (1, size):
+            raise ValueError(f"[{method_name}] '{name}' must hold one value or {size}, got {column.size}.")
+        return np.broadcast_to(column, (size,))
 
     def amounts(values: Any, name: str, least: float = 0.0) -> F64:
-        column = np.broadcast_to(np.asarray(_policy_column(values, name, _METHOD), dtype=np.float64), (size,))
+        column = column_of(values, name)
         bad = np.flatnonzero(~((column >= least) & np.isfinite(column)))
         if bad.size:
             i = int(bad[0])
             bound = "" if least == -np.inf else f" and >= {least}"
-            raise ValueError(f"[{_METHOD}] '{name}' must be finite{bound} at index {i}, got {float(column[i])!r}.")
+            raise ValueError(f"[{method_name}] '{name}' must be finite{bound} at index {i}, got {float(column[i])!r}.")
         return column
 
     spouse = None
@@ -525,24 +532,18 @@ def _pension_columns(
         _rank(age, "spouse_age")
         spouse = {
             "table": np.broadcast_to(_table_names(cols["table"] if table is None else table), (size,)),
-            "age": np.broadcast_to(np.asarray(_policy_column(age, "spouse_age", _METHOD), dtype=np.float64), (size,)),
-            "select_age": np.broadcast_to(
-                np.asarray(
-                    _policy_column(np.nan if select_age is None else select_age, "spouse_select_age", _METHOD),
-                    dtype=np.float64,
-                ),
-                (size,),
-            ),
+            "age": column_of(age, "spouse_age"),
+            "select_age": column_of(np.nan if select_age is None else select_age, "spouse_select_age"),
         }
     elif table is not None or select_age is not None:
-        raise ValueError(f"[{_METHOD}] a spouse's table or select age needs 'spouse_age'.")
+        raise ValueError(f"[{method_name}] a spouse's table or select age needs 'spouse_age'.")
     if reversion is not None and rule is not None:
-        raise ValueError(f"[{_METHOD}] a reversion r is the payment rule (1, 1, r): give one of them.")
+        raise ValueError(f"[{method_name}] a reversion r is the payment rule (1, 1, r): give one of them.")
     if (reversion is None and rule is None) != (spouse is None):
-        raise ValueError(f"[{_METHOD}] 'spouse_age' goes with a 'reversion' or a 'payment_rule'.")
+        raise ValueError(f"[{method_name}] 'spouse_age' goes with a 'reversion' or a 'payment_rule'.")
     if rule is not None:
         if not (isinstance(rule, (tuple, list)) and len(rule) == 3):
-            raise TypeError(f"[{_METHOD}] 'payment_rule' is (both, x_alone, y_alone), got {rule!r}.")
+            raise TypeError(f"[{method_name}] 'payment_rule' is (both, x_alone, y_alone), got {rule!r}.")
         names = ("both", "x_alone", "y_alone")
         both, x_alone, y_alone = (amounts(part, f"payment_rule's {name}", -np.inf) for part, name in zip(rule, names))
         rule = (both, x_alone, y_alone)

@@ -377,7 +377,13 @@ def policies_from_batch(
     kind = _kinds(column("kind"), count, found)
     found.note(~life & (kind != "annuity"), lambda i: f"kind {kind[i]!r} is given without an age")
     # Indexation, guarantees and reversions are an annuity's.
-    for name, given in (("growth", has_growth), ("guarantee", has_guarantee), ("spouse_age", has_spouse)):
+    annuity_only = (
+        ("growth", has_growth),
+        ("guarantee", has_guarantee),
+        ("spouse_age", has_spouse),
+        ("death_benefit", death_benefit > 0),
+    )
+    for name, given in annuity_only:
         found.note(given & (kind != "annuity"), partial(_not_for_kind, name, kind))
     return Policies(
         ids,
