@@ -54,21 +54,11 @@ nb_merge_streams = True
 # rebuilt at every build); autodoc reads the docstrings, napoleon their NumPy sections.
 autosummary_generate = True
 autosummary_generate_overwrite = True
-autosummary_imported_members = True
 # A class page (docs/_templates/autosummary/class.rst) documents the class's members, those
 # inherited from norvane's own classes included (Life's annuities come from the status base it
 # shares with JointLife), those of Python's builtins not.
 autodoc_default_options = {"member-order": "bysource"}
 autodoc_typehints = "signature"
-# Signatures keep the names of the type aliases instead of their expansions (ArrayLike is a
-# union of a dozen private NumPy protocols).
-autodoc_type_aliases = {
-    "ArrayLike": "numpy.typing.ArrayLike",
-    "FractionalAgeLiteral": "norvane.mortality.FractionalAgeLiteral",
-    "GrowthKindLiteral": "norvane.growth_rates.GrowthKindLiteral",
-    "TermUnit": "norvane.interest_rates.TermUnit",
-    "Tables": "norvane.portfolio.Tables",
-}
 autodoc_preserve_defaults = True
 napoleon_numpy_docstring = True
 napoleon_google_docstring = False
@@ -128,4 +118,3 @@ nitpick_ignore_regex = [
 html_theme = "furo"
 html_title = f"norvane {release}"
 html_static_path: list[str] = []
-

@@ -52,8 +52,9 @@ def _own_doc(obj: Any) -> str | None:
     if isinstance(obj, (classmethod, staticmethod)):
         obj = obj.__func__
     if isinstance(obj, property):
-        obj = obj.fget
-    elif isinstance(obj, functools.cached_property):
+        doc = obj.__doc__  # the getter's, unless the property was given one
+        return (inspect.cleandoc(doc).strip() or None) if isinstance(doc, str) else None
+    if isinstance(obj, functools.cached_property):
         obj = obj.func
     if inspect.isclass(obj):
         doc = obj.__dict__.get("__doc__")
@@ -67,9 +68,11 @@ def _own_doc(obj: Any) -> str | None:
     if not isinstance(doc, str):
         return None
     lines = inspect.cleandoc(doc).splitlines()
-    name = getattr(obj, "__name__", "")
-    # nanobind starts a docstring with the signature: "name(self, ...) -> type" (or "(cls, ...)").
-    if lines and name and (lines[0].startswith(f"{name}(") or lines[0].startswith("(")) and ")" in lines[0]:
+    name = getattr(obj, "__name__", None) or ""
+    # nanobind starts a docstring with the signature: "name(self, ...) -> type" (a classmethod's
+    # has no name: "(cls: object, ...) -> type").
+    starts = ("(", f"{name}(") if name else ("(",)
+    if lines and lines[0].startswith(starts) and ")" in lines[0]:
         lines = lines[1:]
     text = "\n".join(lines).strip()
     return text or None
