@@ -163,6 +163,7 @@ def test_a_continuous_flows_time_is_its_integral():
     "change, text",
     [
         (dict(m=np.array([0.0])), "invalid policy"),
+        (dict(group=np.array([np.nan])), "invalid policy or group"),
         (dict(m=np.array([0.5])), "invalid policy"),
         (dict(m=np.array([1e30])), "invalid policy"),
         (dict(d=np.array([-2.0])), "invalid policy"),

@@ -150,11 +150,24 @@ void status_book_values(const CurveArrays& curve, std::span<MortalityTable* cons
     for (std::size_t i = 0; i < p.size; ++i) out[i] = unit[distinct.of[i]] * p.benefits[i];
 }
 
-void book_flows(const CurveArrays& curve, std::span<MortalityTable* const> tables, std::span<const FractionalAge> rules,
-                const StatusBook& book, const Column& group, const PolicyTerms& terms, FlowBuckets& out) {
+std::optional<std::size_t> book_flows(const CurveArrays& curve, std::span<MortalityTable* const> tables,
+                                      std::span<const FractionalAge> rules, const StatusBook& book, const Column& group,
+                                      const PolicyTerms& terms, FlowBuckets& out) {
     const LifePolicies& p = book.first;
     const bool lives = !tables.empty();
     const Distinct distinct = distinct_policies(book, &group, lives);
+    // What is checked is in the key: a distinct policy stands for its copies, the first of
+    // which it is.
+    const auto faulty = [&](std::size_t i) {
+        const double g = group[i], m = p.m[i];
+        if (!(g >= 0.0 && g < static_cast<double>(out.groups()) && g == std::floor(g))) return true;
+        if (lives) return false;
+        const bool frequency = m >= 1.0 && m <= 365.0 && m == std::floor(m);
+        return !(frequency && finite_nonnegative(p.d[i]) && finite_nonnegative(p.ts[i]) && p.n[i] >= 0.0 &&
+                 countable(term_or_horizon(p.n[i], terms), static_cast<std::size_t>(m)));
+    };
+    for (const std::uint32_t i : distinct.lead)
+        if (faulty(i)) return i;
     std::vector<double> weight(distinct.lead.size());
     for (std::size_t i = 0; i < p.size; ++i) weight[distinct.of[i]] += p.benefits[i];
     const Shared shared(curve, tables, book, distinct.lead, terms.tolerance_eps);
@@ -181,6 +194,7 @@ void book_flows(const CurveArrays& curve, std::span<MortalityTable* const> table
         }
     });
     for (std::size_t k = 0; k < taken; ++k) out.add(parts[k]);
+    return std::nullopt;
 }
 
 }  // namespace norvane::core

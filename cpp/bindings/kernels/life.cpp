@@ -303,18 +303,6 @@ class SecondLives {
 };
 
 // A book's status and benefit, its lives checked (the first fault refused).
-// Refuses a certain book's first policy out of range: a frequency not a whole number in
-// 1..365, a valuation time or deferment not finite and >= 0, a term < 0 or not countable.
-void refuse_certain(const core::LifePolicies& p, const core::PolicyTerms& terms) {
-    for (std::size_t i = 0; i < p.size; ++i) {
-        const double m = p.m[i];
-        const bool frequency = m >= 1.0 && m <= 365.0 && m == std::floor(m);
-        if (!(frequency && core::finite_nonnegative(p.d[i]) && core::finite_nonnegative(p.ts[i]) && p.n[i] >= 0.0 &&
-              core::countable(core::term_or_horizon(p.n[i], terms), static_cast<std::size_t>(m))))
-            throw std::invalid_argument("invalid policy at index " + std::to_string(i));
-    }
-}
-
 core::StatusBook status_book_of(const std::vector<core::MortalityTable*>& tables, const core::LifePolicies& policies,
                                 const SecondLives& others, const std::string& status, const std::string& benefit,
                                 int timing) {
@@ -529,19 +517,16 @@ void register_life(nb::module_& m) {
             if (tables.empty() && (book.benefit != core::LifeBenefit::Annuity || book.second))
                 throw std::invalid_argument("a certain policy is an annuity on no life");
             const core::Column group_column(column_of(group), policies.size);
-            for (std::size_t i = 0; i < policies.size; ++i)
-                if (!(group_column[i] >= 0.0 && group_column[i] < static_cast<double>(groups) &&
-                      group_column[i] == std::floor(group_column[i])))
-                    throw std::invalid_argument("group at index " + std::to_string(i) + " is not a group number");
             const core::PolicyTerms p{
                 1, timing, growth_of(growth_kind, growth_rate), mode_of(mode), tolerance_eps, perpetuity_n_eff};
-            if (tables.empty()) refuse_certain(policies, p);
             const core::CurveArrays curve = arrays_of(rates, terms, ends);
             core::FlowBuckets out(bucket_span, groups);
+            std::optional<std::size_t> fault;
             {
                 nb::gil_scoped_release release;
-                core::book_flows(curve, tables, rules, book, group_column, p, out);
+                fault = core::book_flows(curve, tables, rules, book, group_column, p, out);
             }
+            if (fault) throw std::invalid_argument("invalid policy or group at index " + std::to_string(*fault));
             return std::make_tuple(to_array({out.expected().begin(), out.expected().end()}),
                                    to_array({out.discounted().begin(), out.discounted().end()}),
                                    to_array({out.timed().begin(), out.timed().end()}),
