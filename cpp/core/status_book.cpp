@@ -3,6 +3,7 @@
 #include "core/key_index.hpp"
 #include "core/parallel.hpp"
 
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstdint>
@@ -47,7 +48,8 @@ Distinct distinct_policies(const StatusBook& book, const Column* group, bool liv
         return key;
     };
     // Each core numbers the distinct policies of its part of the book; the parts' numbers are
-    // then made one (the distinct policies are few against the book).
+    // then made one (the distinct policies are few against the book). The columns are read a
+    // block at a time (table texts matched, integers converted, vectorised).
     const std::size_t parts = std::max<std::size_t>(
         1, std::min<std::size_t>(std::max(1u, std::thread::hardware_concurrency()), p.size >> 16));
     const std::size_t chunk = (p.size + parts - 1) / parts;
@@ -55,13 +57,43 @@ Distinct distinct_policies(const StatusBook& book, const Column* group, bool liv
     found.of.resize(p.size);
     std::vector<std::vector<std::uint32_t>> leads(parts);
     parallel_for(parts, 1, [&](std::size_t first, std::size_t last) {
+        std::array<Block, 11> scratch;
         for (std::size_t part = first; part < last; ++part) {
             const std::size_t begin = part * chunk, end = std::min(p.size, begin + chunk);
             KeyIndex<N> index(std::min<std::size_t>(end - begin, std::size_t{1} << 20));
-            for (std::size_t i = begin; i < end; ++i) {
-                const auto [k, added] = index.insert(key_of(i));
-                if (added) leads[part].push_back(static_cast<std::uint32_t>(i));
-                found.of[i] = k;
+            for (std::size_t i = begin; i < end; i += kBlock) {
+                const std::size_t len = std::min(kBlock, end - i);
+                const auto block = [&](const Column& column, std::size_t at) {
+                    return column.block(i, len, scratch[at]);
+                };
+                const double *table = lives ? p.table.block(i, len, scratch[0]) : nullptr, *age = block(p.age, 1),
+                             *select = block(p.select_age, 2), *ts = block(p.ts, 3), *d = block(p.d, 4),
+                             *n = block(p.n, 5), *m = block(p.m, 6), *in = group ? block(*group, 7) : nullptr;
+                const double *other_table = nullptr, *other_age = nullptr, *other_select = nullptr;
+                if constexpr (N > 8) {
+                    const LifePolicies& y = *book.second;
+                    other_table = y.table.block(i, len, scratch[8]);
+                    other_age = block(y.age, 9);
+                    other_select = block(y.select_age, 10);
+                }
+                for (std::size_t k = 0; k < len; ++k) {
+                    Key key{lives ? bits(table[k]) : 0,
+                            lives ? bits(age[k]) : 0,
+                            lives ? bits(select_age_of(age[k], select[k])) : 0,
+                            bits(ts[k]),
+                            bits(d[k]),
+                            bits(n[k]),
+                            bits(m[k]),
+                            in ? bits(in[k]) : 0};
+                    if constexpr (N > 8) {
+                        key[8] = bits(other_table[k]);
+                        key[9] = bits(other_age[k]);
+                        key[10] = bits(select_age_of(other_age[k], other_select[k]));
+                    }
+                    const auto [number, added] = index.insert(key);
+                    if (added) leads[part].push_back(static_cast<std::uint32_t>(i + k));
+                    found.of[i + k] = number;
+                }
             }
         }
     });
