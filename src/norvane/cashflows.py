@@ -525,6 +525,24 @@ def _payment_months(horizon: float) -> F64:
     return out
 
 
+def _span_bound(curve: Any, tables: Mapping[str, Table] | None, book: dict[str, Any]) -> float:
+    """Years within which a book's flows fall, a bound found in a few passes over its columns:
+    the longest deferment and then the longest term (a perpetuity's horizon) or, for lives, the
+    widest table (nobody outlives it)."""
+
+    def most(values: Any) -> float:
+        found = np.asarray(values, dtype=np.float64)
+        return float(np.nanmax(found)) if found.size and not np.isnan(found).all() else 0.0
+
+    longest = most(_map_batch_n_none_to_inf(book.get("n")))
+    if math.isinf(longest):
+        longest = float(curve._meta.perpetuity_n_eff)
+    if tables is not None:
+        longest = min(longest, max(_base(t).last_age + 1.0 - _base(t).first_age for t in tables.values()))
+    span = max(most(book.get("d", 0.0)), 0.0) + longest
+    return min(MAX_HORIZON, span) if math.isfinite(span) and span > 0.0 else 1.0
+
+
 def scenario_values(curve: Any, tables: Mapping[str, Table] | None = None, **book: Any) -> dict[str, float]:
     """A book's present value under every scenario of a container, by scenario name (a
     single curve gives one value, named "").
@@ -543,7 +561,10 @@ def scenario_values(curve: Any, tables: Mapping[str, Table] | None = None, **boo
     leaves = _scenario_leaves(curve)
     times = np.asarray(_policy_column(book.get("ts", 0.0), "ts", "scenario_values"), dtype=np.float64).reshape(-1)
     shifts, by = np.unique(times, return_inverse=True)
-    flows = expected_flows(curve, tables, **book, buckets=_payment_months, by=by if times.size > 1 else None)
+    span = _span_bound(curve, tables, book)
+    flows = expected_flows(
+        curve, tables, **book, buckets=_payment_months, horizon=span, by=by if times.size > 1 else None
+    )
     if not flows.at_one_time:
         return {
             name: expected_flows(leaf, tables, **book, buckets=[1.0]).present_value for name, leaf in leaves.items()
