@@ -428,7 +428,7 @@ def test_value_risk_is_the_difference_of_two_revaluations(tmp_path, capsys):
     assert sum(shown[f"key-rate DV01 {t}y"] for t in (2, 5, 10)) == pytest.approx(shown["DV01"], abs=0.02)
 
 
-def test_risk_columns_are_each_records_macaulay_duration(tmp_path):
+def test_risk_columns_are_each_records_sensitivities(tmp_path):
     records = [
         {"id": "level", "term": "25", "timing": "immediate", "benefit": "100"},
         {"id": "life", "term": "", "benefit": "100", "age": "90", "table": "makeham_20_120"},
@@ -436,15 +436,19 @@ def test_risk_columns_are_each_records_macaulay_duration(tmp_path):
     ]
     book = write_csv(tmp_path / "book.csv", records, COLUMNS + ["age", "table"])
     out = tmp_path / "values.csv"
-    assert (
-        main(["value", "--portfolio", str(book), "--rate", "0.04", "--quiet", "--output", str(out), "--risk-columns"])
-        == 0
-    )
+    command = ["value", "--portfolio", str(book), "--rate", "0.04", "--quiet", "--output", str(out)]
+    assert main([*command, "--risk-columns", "--key-tenors", "5,10,20"]) == 0
     rows = {r["id"]: r for r in read_output(out)}
     v = 1 / 1.04
     a_n = (1 - v**25) / 0.04
     increasing = ((1 - v**25) / (0.04 * v) - 25 * v**25) / 0.04  # (Ia)_25
-    assert float(rows["level"]["macaulay_duration"]) == pytest.approx(increasing / a_n, rel=1e-12)
+    level = {k: float(x) for k, x in rows["level"].items() if k not in ("id", "error")}
+    assert level["macaulay_duration"] == pytest.approx(increasing / a_n, rel=1e-12)
+    # On a flat curve the zero rate is the rate: modified = Macaulay v, DV01 = modified PV 1 bp.
+    assert level["modified_duration"] == pytest.approx(increasing / a_n * v, rel=1e-12)
+    assert level["dv01"] == pytest.approx(increasing * v * 100 * 1e-4, rel=1e-12)
+    key_rates = [level[f"key_rate_dv01_{t}y"] for t in (5, 10, 20)]
+    assert sum(key_rates) == pytest.approx(level["dv01"], rel=1e-12) and min(key_rates) > 0
     from norvane.mortality import bundled_table
 
     survival = bundled_table("makeham_20_120").tpx(90, np.arange(31.0))  # the table ends at 121

@@ -320,7 +320,7 @@ def run_value(args: argparse.Namespace) -> int:
         mode=mode,
         progress=progress,
         tables=args.tables,
-        durations=args.risk_columns,
+        risk_tenors=args.key_tenors if args.risk_columns else None,
     )
     _summary(args, curve_label, mode, summary, time.perf_counter() - started)
     if args.risk and summary.valued:
@@ -622,7 +622,8 @@ def build_parser() -> argparse.ArgumentParser:
     value.add_argument(
         "--risk-columns",
         action="store_true",
-        help="add each record's Macaulay duration (the mean time of its discounted expected flows) to the output",
+        help="add each record's Macaulay and modified durations, convexity, DV01 and key-rate DV01s (--key-tenors) "
+        "to the output, from its monthly expected flows",
     )
     value.add_argument(
         "--key-tenors",

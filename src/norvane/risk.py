@@ -80,6 +80,29 @@ def _segments(curve: Any) -> tuple[F64, F64, F64]:
     return starts, ends, np.asarray(leaf.rates, dtype=np.float64)
 
 
+def flow_numbers(curve: Any, t: F64, pv: F64, tenors: F64) -> dict[str, F64]:
+    """The sensitivities of rows of flows at once, at the same times ``t`` (years), each row's
+    present values a row of ``pv`` (rows by times; a flow of 0 adds nothing). Per row: its
+    Macaulay duration, DV01, convexity, key-rate DV01s (rows by tenors) and segment DV01s
+    (rows by segments), as the module's notes define them; not checked for the float range."""
+    starts, ends, rates = _segments(curve)
+    value = pv.sum(axis=1)
+    with np.errstate(all="ignore"):  # (a row of value 0 or beyond the float range is the caller's)
+        v = np.asarray(curve.vn(t), dtype=np.float64)
+        # 1 + z(t); a flow paid now moves with no rate (its terms below are 0 whatever this is).
+        growth = v ** (-1.0 / np.where(t > 0.0, t, 1.0))
+        slope = pv * (t / growth)  # -dpv/dz of each flow
+        # Years each flow spends in each segment, times its rate's effect on the flow.
+        spent = np.clip(np.minimum(t[None, :], ends[:, None]) - starts[:, None], 0.0, None)
+        return {
+            "macaulay_duration": pv @ t / value,
+            "dv01": slope.sum(axis=1) * BASIS_POINT,
+            "convexity": pv @ (t * (t + 1.0) / growth**2) / value,
+            "key_rate_dv01": slope @ key_rate_weights(tenors, t).T * BASIS_POINT,
+            "segment_dv01": pv @ spent.T / (1.0 + rates) * BASIS_POINT,
+        }
+
+
 def _of_flows(curve: Any, flows: CashFlows) -> tuple[F64, F64]:
     """A book's expected flows as flows at the times of its buckets' values: their present
     values are the buckets', their Macaulay duration the book's."""
@@ -127,31 +150,18 @@ def sensitivities(
     value = float(pv.sum())
     if not (math.isfinite(value) and value != 0.0):
         raise ValueError(f"[{method}] the flows' present value is {value!r}: durations need a finite one, not 0.")
-    starts, ends, rates = _segments(curve)
-    # Computed whole, then checked: a value near the float range can overflow its sensitivities.
-    with np.errstate(all="ignore"):
-        # 1 + z(t); a flow paid now moves with no rate (its terms below are 0 whatever this is).
-        growth = v ** (-1.0 / np.where(t > 0.0, t, 1.0))
-        slope = t * pv / growth  # -dpv/dz at each flow
-        # Years each flow spends in each segment, times its rate's effect on the flow.
-        spent = np.clip(np.minimum(t[None, :], ends[:, None]) - starts[:, None], 0.0, None)
-        numbers = {
-            "macaulay_duration": float((t * pv).sum()) / value,
-            "dv01": float(slope.sum()) * BASIS_POINT,
-            "convexity": float((t * (t + 1.0) * pv / growth**2).sum()) / value,
-            "key_rate_dv01": key_rate_weights(tenors, t) @ slope * BASIS_POINT,
-            "segment_dv01": (spent * pv[None, :]).sum(axis=1) / (1.0 + rates) * BASIS_POINT,
-        }
+    numbers = {name: found[0] for name, found in flow_numbers(curve, t, pv[None, :], tenors).items()}
     if not all(np.isfinite(x).all() for x in numbers.values()):
         raise ValueError(f"[{method}] the flows' sensitivities exceed the float range.")
-    dv01, segment_dv01 = numbers["dv01"], numbers["segment_dv01"]
+    starts, ends, rates = _segments(curve)
+    dv01, segment_dv01 = float(numbers["dv01"]), numbers["segment_dv01"]
     effective = float(segment_dv01.sum())
     return Sensitivities(
         present_value=value,
-        macaulay_duration=numbers["macaulay_duration"],
+        macaulay_duration=float(numbers["macaulay_duration"]),
         modified_duration=dv01 / BASIS_POINT / value,
         effective_duration=effective / BASIS_POINT / value,
-        convexity=numbers["convexity"],
+        convexity=float(numbers["convexity"]),
         dv01=dv01,
         key_tenors=tenors,
         key_rate_dv01=numbers["key_rate_dv01"],

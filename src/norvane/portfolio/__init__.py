@@ -44,8 +44,8 @@ from ._valuation import (
     book_flows,
     flow_years,
     last_payment_year,
-    macaulay_durations,
     portfolio_flows,
+    record_risk,
     value_policies,
 )
 
@@ -63,7 +63,6 @@ __all__ = [
     "SAMPLE_PENSIONS",
     "SHOWN_ERRORS",
     "VALUES_SCHEMA",
-    "DURATION_SCHEMA",
     "Book",
     "BookSummary",
     "BookTables",
@@ -80,6 +79,7 @@ __all__ = [
     "open_book",
     "output_kind",
     "policies_from_batch",
+    "risk_schema",
     "stream_book",
     "value_book",
     "value_policies",
@@ -88,8 +88,16 @@ __all__ = [
 ]
 
 VALUES_SCHEMA = pa.schema([("id", pa.string()), ("present_value", pa.float64()), ("error", pa.string())])
-# With durations: each record's Macaulay duration, from its expected flows (NaN where it has no value).
-DURATION_SCHEMA = VALUES_SCHEMA.append(pa.field("macaulay_duration", pa.float64()))
+
+
+def risk_schema(tenors: Any) -> pa.Schema:
+    """The values' schema with each record's sensitivities: "macaulay_duration",
+    "modified_duration", "convexity", "dv01" and a "key_rate_dv01_<tenor>y" a key tenor."""
+    names = ["macaulay_duration", "modified_duration", "convexity", "dv01"]
+    names += [f"key_rate_dv01_{float(t):g}y" for t in tenors]
+    return pa.schema(list(VALUES_SCHEMA) + [pa.field(name, pa.float64()) for name in names])
+
+
 # Error messages a summary keeps; the values have all of them.
 SHOWN_ERRORS = 5
 
@@ -355,13 +363,13 @@ def stream_book(
     mode: str | None = None,
     progress: bool | None = False,
     tables: Tables | None = None,
-    durations: bool = False,
+    risk_tenors: Any = None,
 ) -> BookSummary:
     """Value a book batch by batch, writing "id", "present_value" and "error" of each batch
     to ``output`` (.csv, .csv.gz or .parquet) before reading the next; memory stays near one
-    batch whatever the book's size. ``tables`` as for :func:`value_book`; ``durations`` adds
-    each record's Macaulay duration (the mean time of its discounted expected flows, from one
-    flows pass a batch). Returns the summary."""
+    batch whatever the book's size. ``tables`` as for :func:`value_book`; ``risk_tenors`` (key
+    tenors in years) adds each record's durations, convexity, DV01 and key-rate DV01s
+    (``risk_schema``), from its monthly expected flows. Returns the summary."""
     output = None if output is None else checked_path(output, "output")
     check_output(output)
     checked_curve(curve), checked_mode(mode), checked_progress(progress)
@@ -373,12 +381,16 @@ def stream_book(
             summary.add(block)
         return summary
     known = book_tables(tables)
-    with table_writer(output, DURATION_SCHEMA if durations else VALUES_SCHEMA) as write:
+    tenors = None if risk_tenors is None else np.asarray(risk_tenors, dtype=np.float64)
+    with table_writer(output, VALUES_SCHEMA if tenors is None else risk_schema(tenors)) as write:
         for block in blocks:
             summary.add(block)
             batch = block.to_batch()
-            if durations:
-                found = macaulay_durations(curve, block.policies, block.valid, mode or Config().calculation_mode, known)
-                batch = batch.append_column("macaulay_duration", _arrow.from_numbers(found))
+            if tenors is not None:
+                risk = record_risk(curve, block.policies, block.valid, mode or Config().calculation_mode, known, tenors)
+                columns = [risk[name] for name in ("macaulay_duration", "modified_duration", "convexity", "dv01")]
+                columns += list(risk["key_rate_dv01"].T)
+                for name, column in zip(risk_schema(tenors).names[len(VALUES_SCHEMA) :], columns):
+                    batch = batch.append_column(name, _arrow.from_numbers(np.ascontiguousarray(column)))
             write(batch)
     return summary
