@@ -195,8 +195,9 @@ std::optional<std::size_t> book_flows(const CurveArrays& curve, std::span<Mortal
         if (!(g >= 0.0 && g < static_cast<double>(out.groups()) && g == std::floor(g))) return true;
         if (lives) return false;
         const bool frequency = m >= 1.0 && m <= 365.0 && m == std::floor(m);
+        const double term = term_or_horizon(p.n[i], terms);
         return !(frequency && finite_nonnegative(p.d[i]) && finite_nonnegative(p.ts[i]) && p.n[i] >= 0.0 &&
-                 countable(term_or_horizon(p.n[i], terms), static_cast<std::size_t>(m)));
+                 term * m <= kMaxFlowPayments);
     };
     for (const std::uint32_t i : distinct.lead)
         if (faulty(i)) return i;

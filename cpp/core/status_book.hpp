@@ -33,14 +33,18 @@ void status_book_values(const CurveArrays& curve, std::span<MortalityTable* cons
                         std::span<const FractionalAge> rules, const StatusBook& book, const PolicyTerms& terms,
                         std::span<double> out);
 
+// The most payments of one certain policy that its flows walk, one by one.
+inline constexpr double kMaxFlowPayments = 1e7;
+
 // The expected flows of the book's policies, each times its benefit, added to
 // `out` in the group `group[i]` names. A life nobody in its table reaches pays
 // nothing. The lives must be valid (check_life_policies); the groups and a
 // certain book's terms are checked here, on each distinct policy: returns the
 // first policy whose group is not a whole number below out.groups(), or
 // (without tables) whose frequency is not a whole number in 1..365, valuation
-// time or deferment not finite and >= 0, or term < 0 or not countable; `out`
-// then holds nothing.
+// time or deferment not finite and >= 0, or term < 0 or of more than
+// kMaxFlowPayments payments (they are walked one by one); `out` then holds
+// nothing.
 std::optional<std::size_t> book_flows(const CurveArrays& curve, std::span<MortalityTable* const> tables,
                                       std::span<const FractionalAge> rules, const StatusBook& book, const Column& group,
                                       const PolicyTerms& terms, FlowBuckets& out);

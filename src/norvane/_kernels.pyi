@@ -175,6 +175,9 @@ def status_book(
     tolerance_eps: float,
     decimals: int,
 ) -> NDArray[np.float64]: ...
+
+MAX_FLOW_PAYMENTS: float
+
 def book_flows(
     tables: list[LifeTable],
     rules: list[str],

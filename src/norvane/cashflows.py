@@ -60,8 +60,8 @@ _METHOD = "expected_flows"
 _BENEFITS = ("annuity", "insurance", "endowment_insurance", "pure_endowment")
 # Relative difference under which two flow times are one (as the certain engine's flow grids merge them).
 _TIME_TOLERANCE = 1e-12
-# The most payments a policy's flows walk, one by one.
-MAX_PAYMENTS = 1e7
+# The most payments a certain policy's flows walk, one by one.
+MAX_PAYMENTS: float = _kernels.MAX_FLOW_PAYMENTS
 # The longest horizon a bucket grid is built for, and the most buckets.
 MAX_HORIZON = 10_000.0
 MAX_BUCKETS = 10_000_000
@@ -424,20 +424,9 @@ def expected_flows(
         )
         faults = {} if checked else _faults(tables, cols, size, _table_codes(cols["table"], tables)[0])
     else:
+        # The kernel checks a certain book's terms; they are worded when it refuses one.
         codes = np.zeros(1)
-        faults = _term_faults(cols["n"], cols["d"], cols["ts"], cols["m"], size)
-        refused = np.flatnonzero(np.broadcast_to(~_allowed_frequency(cols["m"]), (size,))).tolist()
-        for i in refused:
-            faults.setdefault(i, []).append(f"'m' must be one of {_ALLOWED_PAYMENT_FREQUENCIES} at index {i}")
-        # Flows are walked payment by payment (a perpetuity over the curve's horizon).
-        with np.errstate(invalid="ignore"):
-            terms = np.where(np.isinf(cols["n"]), float(curve._meta.perpetuity_n_eff), cols["n"])
-            payments = np.broadcast_to(terms * cols["m"], (size,))
-        for i in np.flatnonzero(payments > MAX_PAYMENTS).tolist():
-            faults.setdefault(i, []).append(
-                f"{float(payments[i]):.3g} payments at index {i} are more than the {MAX_PAYMENTS:.0e} "
-                "a policy's flows walk"
-            )
+        faults = {} if _allowed_frequency(cols["m"]).all() else _certain_faults(curve, cols, size)
     if faults:
         _refuse_flows(faults)
     if horizon is None:
@@ -457,7 +446,13 @@ def expected_flows(
             raise ValueError(f"[{_METHOD}] 'horizon' must be > 0 and at most {MAX_HORIZON:g} years, got {span!r}.")
     gathering = _Gathering(curve, bucket_ends(buckets, span), group, len(labels), timing, growth)
     if not life:
-        gathering.certain(cols, weights)
+        try:
+            gathering.certain(cols, weights)
+        except ValueError:
+            faults = _certain_faults(curve, cols, size)
+            if faults:
+                _refuse_flows(faults)
+            raise
         return gathering.result(labels)
     assert tables is not None
     given = _Book(curve, tables, cols, size, weights, timing, growth, benefit)
@@ -504,6 +499,23 @@ def _guaranteed_flows(gathering: _Gathering, given: _Book, codes: NDArray[Any]) 
     grown = np.broadcast_to(np.asarray(split.grown(growth) * (1.0 if weights is None else weights)), (size,))
     later = _LifeBook(curve, tables, timing, growth, grown, size)
     gathering.add(later._arguments(codes, split.later_terms, None)[0])
+
+
+def _certain_faults(curve: Any, cols: dict[str, Any], size: int) -> dict[int, list[str]]:
+    """A certain book's faults, by policy: its terms, its frequency, and more payments than
+    its flows walk one by one (a perpetuity's over the curve's horizon)."""
+    faults = _term_faults(cols["n"], cols["d"], cols["ts"], cols["m"], size)
+    refused = np.flatnonzero(np.broadcast_to(~_allowed_frequency(cols["m"]), (size,))).tolist()
+    for i in refused:
+        faults.setdefault(i, []).append(f"'m' must be one of {_ALLOWED_PAYMENT_FREQUENCIES} at index {i}")
+    with np.errstate(invalid="ignore"):
+        terms = np.where(np.isinf(cols["n"]), float(curve._meta.perpetuity_n_eff), cols["n"])
+        payments = np.broadcast_to(terms * cols["m"], (size,))
+    for i in np.flatnonzero(payments > MAX_PAYMENTS).tolist():
+        faults.setdefault(i, []).append(
+            f"{float(payments[i]):.3g} payments at index {i} are more than the {MAX_PAYMENTS:.0e} a policy's flows walk"
+        )
+    return faults
 
 
 def _refuse_flows(faults: dict[int, list[str]]) -> None:

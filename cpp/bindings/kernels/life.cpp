@@ -492,6 +492,7 @@ void register_life(nb::module_& m) {
         "benefits), each as its single call; NaN where nobody reaches a life. `second`: the other lives' (table, "
         "age, select_age) columns.");
 
+    m.attr("MAX_FLOW_PAYMENTS") = core::kMaxFlowPayments;
     m.def(
         "book_flows",
         [](std::vector<core::MortalityTable*> tables, const std::vector<std::string>& rule_names,
