@@ -457,3 +457,28 @@ def test_risk_columns_are_each_records_sensitivities(tmp_path):
         (np.arange(31) * weights).sum() / weights.sum(), rel=1e-10
     )
     assert rows["bad"]["macaulay_duration"] in ("", "nan")
+
+
+def test_flows_split_by_a_column_of_the_book(tmp_path, capsys):
+    records = [
+        {"id": "a", "term": "10", "benefit": "100", "product": "A"},
+        {"id": "b", "term": "5", "benefit": "50", "product": "B"},
+        {"id": "c", "term": "", "benefit": "70", "age": "65", "product": "A"},
+        {"id": "d", "term": "3", "benefit": "10", "product": ""},
+    ]
+    book = write_csv(tmp_path / "book.csv", records, ["id", "term", "benefit", "product", "age"])
+    out = tmp_path / "flows.csv"
+    common = ["--portfolio", str(book), "--rate", "0.03"]
+    assert main(["flows", *common, "--by", "product", "--output", str(out)]) == 0
+    assert main(["value", *common, "--quiet", "--output", str(tmp_path / "v.csv")]) == 0
+    values = {r["id"]: float(r["present_value"]) for r in read_output(tmp_path / "v.csv")}
+    rows = read_output(out)
+    by = {}
+    for r in rows:
+        by[r["product"]] = by.get(r["product"], 0.0) + float(r["discounted"])
+    v = 1 / 1.03
+    assert by["B"] == pytest.approx(50 * (1 - v**5) / (1 - v), rel=1e-12)
+    assert by["A"] == pytest.approx(values["a"] + values["c"], rel=1e-10)
+    assert by[""] == pytest.approx(10 * (1 - v**3) / (1 - v), rel=1e-12)  # a missing cell is its own group
+    assert main(["flows", *common, "--by", "channel"]) == 2
+    assert "no 'channel' column" in capsys.readouterr().err

@@ -35,6 +35,7 @@ from .portfolio import (
     book_flows,
     book_tables,
     check_output,
+    flow_book,
     flow_years,
     last_payment_year,
     open_book,
@@ -534,8 +535,17 @@ def run_flows(args: argparse.Namespace) -> int:
             f"flows after year {years - 1} are shown in year {labels[-1]}"
             + (" (perpetuities: no finite sum of payments)" if perpetuities else "")
         )
+    if args.by is not None:
+        # The same flows split by the book's column, on the same years.
+        split = flow_book(
+            args.portfolio or SAMPLE_PORTFOLIO, curve, mode=mode, horizon=years, tables=tables.tables, by=args.by
+        )
+        print(f"by {args.by}:")
+        for label, cf, pv in zip(split.groups, split.expected.sum(axis=1), split.discounted.sum(axis=1)):
+            print(f"  {'(none)' if label is None else str(label):<20}  {_money(cf):>20}  {_money(pv):>20}")
     if args.output is not None:
-        write_table(args.output, flows)
+        table = flows if args.by is None else split.to_arrow(by=args.by)
+        write_table(args.output, table if isinstance(table, dict) else dict(zip(table.column_names, table.columns)))
         print(f"flows written to {args.output}")
     if args.plot is not None:
         fig = Figure(figsize=(9, 6), dpi=100, layout="constrained")
@@ -710,6 +720,12 @@ def build_parser() -> argparse.ArgumentParser:
     )
     flows.add_argument(
         "--output", type=Path, metavar="FILE", help="write year, expected_cf and pv_cf (.csv, .csv.gz or .parquet)"
+    )
+    flows.add_argument(
+        "--by",
+        metavar="COLUMN",
+        help="also split the flows by a column of the book (a product, a table...): the totals of each value "
+        "are printed and --output holds a row per value and year",
     )
     flows.add_argument("--plot", type=Path, metavar="FILE.png", help="bar chart of the flows (needs matplotlib)")
     flows.set_defaults(run=run_flows)

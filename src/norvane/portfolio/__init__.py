@@ -37,7 +37,7 @@ from ._arguments import checked_curve, checked_mode, checked_path, checked_progr
 from ._exact import exact_sum, rounded
 from ._life import DEFAULT_TABLE, BookTables, book_tables
 from ._output import check_output, output_kind, table_writer, write_table
-from ._policies import POLICY_COLUMNS, InputError, Policies, policies_from_batch
+from ._policies import POLICY_COLUMNS, InputError, Policies, first_columns, policies_from_batch
 from ._sources import BATCH_ROWS, Book, open_book
 from ._valuation import (
     PERPETUITY_YEARS,
@@ -110,6 +110,7 @@ class ValuedBlock:
     values: np.ndarray
     errors: np.ndarray
     valid: np.ndarray
+    labels: np.ndarray | None = None  # of the column the flows are split by (None for a missing cell)
 
     def to_batch(self) -> pa.RecordBatch:
         """The block's values as an Arrow record batch of ``VALUES_SCHEMA``."""
@@ -252,7 +253,9 @@ def valued_blocks(
     return _valued_blocks(book, curve, mode or Config().calculation_mode, progress, known)
 
 
-def _valued_blocks(book: Book, curve: Any, mode: str, progress: bool | None, known: Any) -> Iterator[ValuedBlock]:
+def _valued_blocks(
+    book: Book, curve: Any, mode: str, progress: bool | None, known: Any, by: str | None = None
+) -> Iterator[ValuedBlock]:
     first = 0
     with _progress_bar(book, progress) as bar:
         for block in book.blocks:
@@ -260,7 +263,13 @@ def _valued_blocks(book: Book, curve: Any, mode: str, progress: bool | None, kno
             first += len(policies)
             if bar is not None:
                 bar.update(book.done() - bar.n if book.done is not None else len(policies))
-            yield ValuedBlock(policies, *value_policies(curve, policies, mode, known))
+            labels = None
+            if by is not None:
+                position = first_columns(block.batch.schema.names).get(by.strip().lower())
+                if position is None:
+                    raise InputError(f"{book.name}: no {by!r} column to split the flows by")
+                labels = np.array(block.batch.column(position).to_pylist(), dtype=object)
+            yield ValuedBlock(policies, *value_policies(curve, policies, mode, known), labels)
 
 
 def _progress_bar(book: Book, progress: bool | None) -> AbstractContextManager[Any]:
@@ -284,6 +293,7 @@ def flow_book(
     horizon: float | None = None,
     tables: Tables | None = None,
     buckets: str = "annual",
+    by: str | None = None,
 ) -> CashFlows:
     """Expected and discounted cash flows of a book's valid records, year by year (or month
     by month, ``buckets="monthly"``) after each record's valuation time: certain and life
@@ -292,15 +302,18 @@ def flow_book(
     ``book``, ``mode`` and ``tables`` are :func:`value_book`'s; the grid runs ``horizon``
     years (default: to the last payment any record can make, 100 years with perpetuities),
     later flows in its last bucket. Each flow goes to the first bucket ending at or after it.
+    ``by`` names a column of the book (a product, a table...) to split the flows by.
     """
     from ..cashflows import bucket_ends, no_flows
 
     known = book_tables(tables)
     mode = checked_mode(mode) or Config().calculation_mode
-    blocks = [(block.policies, block.valid) for block in valued_blocks(open_book(book), curve, mode, tables=tables)]
+    checked_curve(curve), checked_progress(False)
+    valued = list(_valued_blocks(open_book(book), curve, mode, False, known, by))
+    blocks = [(block.policies, block.valid) for block in valued]
     grid = bucket_ends(buckets, flow_years(*last_payment_year(blocks, known), horizon))
-    flows = [portfolio_flows(curve, pf, valid, mode, grid, known) for pf, valid in blocks]
-    return sum(flows, no_flows(grid))
+    flows = [portfolio_flows(curve, b.policies, b.valid, mode, grid, known, b.labels) for b in valued]
+    return sum(flows[1:], flows[0]) if flows else no_flows(grid)
 
 
 def value_book(

@@ -217,17 +217,24 @@ def _part_flows(
 
 
 def portfolio_flows(
-    curve: Any, pf: Policies, valid: np.ndarray, mode: str, grid: np.ndarray, tables: BookTables | None = None
+    curve: Any,
+    pf: Policies,
+    valid: np.ndarray,
+    mode: str,
+    grid: np.ndarray,
+    tables: BookTables | None = None,
+    labels: np.ndarray | None = None,
 ) -> CashFlows:
     """Expected and discounted cash flows of the valid records in the buckets ending at
     ``grid`` (each flow in the first bucket ending at or after it; later flows in the last):
-    certain and life records, life records on ``tables`` (default: ``book_tables()``)."""
+    certain and life records, life records on ``tables`` (default: ``book_tables()``); by the
+    records' ``labels`` when given."""
     tables = tables or book_tables()
-    total = no_flows(grid)
+    parts = []
     with Config().override(calculation_mode=mode):
         for part in _flow_parts(pf, valid):
-            total += _part_flows(curve, pf, part, grid, tables, None)
-    return total
+            parts.append(_part_flows(curve, pf, part, grid, tables, None if labels is None else labels[part[-1]]))
+    return sum(parts[1:], parts[0]) if parts else no_flows(grid)
 
 
 # Cells (records x months) of one flows pass of per-record sensitivities.
