@@ -25,7 +25,7 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import _kernels
-from ._helpers.policy_arrays import _benefits_array, _check_benefit_values, _term_faults
+from ._helpers.policy_arrays import _term_faults
 from .base import _ALLOWED_PAYMENT_FREQUENCIES
 from .helpers import _allowed_frequency, _map_batch_n_none_to_inf, _policy_column, _real_float
 from .mortality.improvement import GenerationalTable
@@ -36,9 +36,8 @@ from .mortality.portfolio import (
     _as_spouse,
     _base,
     _Book,
-    _columns,
+    _checked_columns,
     _faults,
-    _frequencies,
     _guarantee_split,
     _legs,
     _LifeBook,
@@ -393,20 +392,9 @@ def expected_flows(
         named = ", ".join(repr(name) for name in annuity_terms)
         raise ValueError(f"[{_METHOD}] {named} apply to annuities, not to a {benefit!r}.")
     life = tables is not None
-    cols, size = _columns(
-        _METHOD,
-        table=_table_names(table if life else ""),
-        age=_policy_column(age if life else 0.0, "age", _METHOD),
-        n=_policy_column(_map_batch_n_none_to_inf(n), "n", _METHOD),
-        d=_policy_column(d, "d", _METHOD),
-        ts=_policy_column(ts, "ts", _METHOD),
-        m=_frequencies(m),
-        select_age=_policy_column(np.nan if select_age is None else select_age, "select_age", _METHOD),
-        year=_policy_column(np.nan if year is None else year, "year", _METHOD),
-        guarantee=_policy_column(0.0 if guarantee is None else guarantee, "guarantee", _METHOD),
+    cols, size, weights = _checked_columns(
+        _METHOD, table if life else "", age if life else 0.0, n, d, ts, m, benefits, select_age, year, guarantee
     )
-    weights = _benefits_array(benefits, size, _METHOD)
-    _check_benefit_values(weights, _METHOD)
     growth = _resolve_gr(gr, _METHOD)
     group, labels = _group_codes(by, size)
     if life:

@@ -666,6 +666,39 @@ def life_annuities(
     return call.result
 
 
+def _checked_columns(
+    method_name: str,
+    table: Any,
+    age: Any,
+    n: Any,
+    d: Any,
+    ts: Any,
+    m: Any,
+    benefits: Any,
+    select_age: Any,
+    year: Any,
+    guarantee: Any,
+) -> tuple[dict[str, Any], int, Any]:
+    """A life book's columns checked (each of the book's length or one value), its size and
+    its benefits (None: 1 each)."""
+    cols, size = _columns(
+        method_name,
+        table=_table_names(table),
+        age=_policy_column(age, "age", method_name),
+        n=_policy_column(_map_batch_n_none_to_inf(n), "n", method_name),
+        d=_policy_column(d, "d", method_name),
+        ts=_policy_column(ts, "ts", method_name),
+        m=_frequencies(m, method_name),
+        select_age=_policy_column(np.nan if select_age is None else select_age, "select_age", method_name),
+        year=_policy_column(np.nan if year is None else year, "year", method_name),
+        guarantee=_policy_column(0.0 if guarantee is None else guarantee, "guarantee", method_name),
+    )
+    # Read by the kernel as they are (no copy): the book is valued before this call returns.
+    weights = _benefits_array(benefits, size, method_name)
+    _check_benefit_values(weights, method_name)
+    return cols, size, weights
+
+
 class _Call:
     """One call valuing a book: its checks and its result as the error policy wants it."""
 
@@ -700,21 +733,7 @@ class _Call:
     ) -> _Book:
         """The book's columns checked."""
         method = self.method_name
-        cols, size = _columns(
-            method,
-            table=_table_names(table),
-            age=_policy_column(age, "age", method),
-            n=_policy_column(_map_batch_n_none_to_inf(n), "n", method),
-            d=_policy_column(d, "d", method),
-            ts=_policy_column(ts, "ts", method),
-            m=_frequencies(m, method),
-            select_age=_policy_column(np.nan if select_age is None else select_age, "select_age", method),
-            year=_policy_column(np.nan if year is None else year, "year", method),
-            guarantee=_policy_column(0.0 if guarantee is None else guarantee, "guarantee", method),
-        )
-        # Read by the kernel as they are (no copy): the book is valued before this call returns.
-        weights = _benefits_array(benefits, size, method)
-        _check_benefit_values(weights, method)
+        cols, size, weights = _checked_columns(method, table, age, n, d, ts, m, benefits, select_age, year, guarantee)
         _validate_record_ids_batch_only(self.record_ids, True, size, method)
         return _Book(self.curve, self.tables, cols, size, weights, timing, _resolve_gr(gr, method))
 
