@@ -308,7 +308,7 @@ def flow_book(
 
     known = book_tables(tables)
     mode = checked_mode(mode) or Config().calculation_mode
-    checked_curve(curve), checked_progress(False)
+    checked_curve(curve)
     valued = list(_valued_blocks(open_book(book), curve, mode, False, known, by))
     blocks = [(block.policies, block.valid) for block in valued]
     grid = bucket_ends(buckets, flow_years(*last_payment_year(blocks, known), horizon))
