@@ -175,3 +175,71 @@ def test_any_payment_rule_in_a_book_is_the_two_lives_single_call(rule):
     assert values[2] == 100 * TABLES["X"].life(61.0).ä(FLAT, m=4)  # no spouse: the member's annuity
     flows = expected_flows(FLAT, TABLES, **terms, payment_rule=rule, benefits=100.0)
     assert flows.present_value == pytest.approx(values.sum(), abs=1e-7)  # values: parts rounded
+
+
+def test_a_book_of_copies_values_each_policy_once_and_words_a_fault_by_its_own_index():
+    # Three policies, annual in advance, the first two years guaranteed: 60 with a spouse of 58
+    # and 60 % to her; 61 alone; 60 deferred 5 years with 5000 on death before then.
+    g = [1.0, 1.0] + [kp(QX, k) for k in range(2, 12)]
+    married = [gk + 0.6 * kp(QY, k) * (1.0 - kp(QX, k)) for k, gk in enumerate(g)]
+    alone = [1.0, 1.0] + [kp(QX[1:], k) for k in range(2, 12)]
+    deferred = [0.0] * 5 + [1.0, 1.0] + [kp(QX, k) for k in range(7, 12)]
+    deaths = math.fsum((kp(QX, k) - kp(QX, k + 1)) * v(k + 1) for k in range(5))
+    units = [math.fsum(p * v(k) for k, p in enumerate(paid)) for paid in (married, alone, deferred)]
+    copies = 50
+    which = np.arange(3 * copies) % 3
+    benefits = 100.0 + np.arange(3 * copies)
+    death_benefit = np.where(which == 2, 5000.0 + np.arange(3 * copies), 0.0)
+    terms = dict(
+        table="X",
+        age=np.array([60.0, 61.0, 60.0])[which],
+        d=np.array([0.0, 0.0, 5.0])[which],
+        guarantee=2.0,
+        spouse_table="Y",
+        spouse_age=np.array([58.0, np.nan, np.nan])[which],
+        reversion=np.array([0.6, 0.0, 0.0])[which],
+        death_benefit=death_benefit,
+    )
+    values = life_annuities(FLAT, TABLES, **terms, benefits=benefits)
+    expected = benefits * np.array(units)[which] + death_benefit * deaths
+    np.testing.assert_allclose(values, expected, rtol=1e-10)  # each part rounded to 10 decimals a unit
+    # A copy out of its table is refused by its own index, and alone.
+    bad = dict(terms, age=np.where(np.arange(3 * copies) == 77, 70.0, terms["age"]))
+    with pytest.raises(ValueError, match=r"at index 77\b"):
+        life_annuities(FLAT, TABLES, **bad, benefits=benefits)
+    kept = life_annuities(FLAT, TABLES, **bad, benefits=benefits, on_error="nan")
+    assert kept.errors.invalid_indices.tolist() == [77]
+    np.testing.assert_array_equal(np.delete(kept.values, 77), np.delete(values, 77))
+
+
+@pytest.mark.parametrize(
+    ("call", "text"),
+    [
+        (lambda k: k.distinct_policies([], [np.zeros(3), np.zeros(2)]), "one length"),
+        (lambda k: k.distinct_policies([], [np.arange(3.0) + i for i in range(17)]), "at most 16"),
+        (lambda k: k.distinct_policies([], [np.zeros(3, dtype=bool)]), "float64, float32, int64 or int32"),
+        (lambda k: k.gather_parts(np.array([0, 2], dtype=np.uint32), [np.ones(2)], [None]), "not below"),
+        (lambda k: k.gather_parts(np.zeros(2, dtype=np.uint32), [], []), "at least one part"),
+        (lambda k: k.gather_parts(np.zeros(2, dtype=np.uint32), [np.ones(1)], [np.ones(3)]), "one value or one per"),
+    ],
+)
+def test_the_distinct_policy_kernels_refuse_what_they_cannot_read(call, text):
+    from norvane import _kernels
+
+    with pytest.raises((ValueError, TypeError), match=text):
+        call(_kernels)
+
+
+def test_distinct_policies_number_rows_by_first_appearance_across_cores():
+    from norvane import _kernels
+
+    size = 300_000  # parts on more than one core
+    age = (np.arange(size) * 7919 % 97).astype(np.float64)
+    sex = np.where(np.arange(size) % 5 == 0, "F", "M")
+    lead, of = _kernels.distinct_policies([[ord("M")], [ord("F")]], [sex.view(np.uint32).reshape(-1, 1), age])
+    pairs = list(zip(sex.tolist(), age.tolist()))
+    first = {}
+    for i, pair in enumerate(pairs):
+        first.setdefault(pair, i)
+    assert lead.tolist() == sorted(first.values())
+    np.testing.assert_array_equal(lead[of], [first[p] for p in pairs])

@@ -139,7 +139,7 @@ class TableColumn {
     // `rows` texts: one per policy, or one for all.
     TableColumn(const std::uint32_t* text, std::size_t width, std::size_t rows, std::size_t size,
                 const std::vector<std::u32string>& names)
-        : text_(text), width_(width), repeated_(rows == 1 && size != 1) {
+        : text_(text), width_(width), repeated_(rows == 1 && size != 1), single_(rows == 1) {
         // A name longer than the texts matches none of them.
         for (std::size_t k = 0; k < names.size(); ++k) {
             if (names[k].size() > width) continue;
@@ -155,6 +155,8 @@ class TableColumn {
             if (std::equal(row, row + width_, name.begin())) return static_cast<double>(k);
         return std::numeric_limits<double>::quiet_NaN();
     }
+    // As Column::repeated.
+    bool repeated() const { return text_ ? single_ : codes_.repeated(); }
     // As Column::block.
     const double* block(std::size_t i, std::size_t len, Block& scratch) const {
         if (!text_) return codes_.block(i, len, scratch);
@@ -177,7 +179,7 @@ class TableColumn {
     Column codes_;
     const std::uint32_t* text_ = nullptr;
     std::size_t width_ = 0;
-    bool repeated_ = false;
+    bool repeated_ = false, single_ = false;
     std::vector<std::pair<std::size_t, std::u32string>> names_;  // (index, padded name)
 };
 

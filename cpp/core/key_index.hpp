@@ -27,29 +27,36 @@ class KeyIndex {
     // lookups do not wait on memory one by one).
     void prefetch(const Key& key) const { __builtin_prefetch(&slots_[hash(key) & (slots_.size() - 1)]); }
     // The number of `key`, and whether it is new.
-    std::pair<std::uint32_t, bool> insert(const Key& key) {
-        std::size_t slot = find(key);
+    std::pair<std::uint32_t, bool> insert(const Key& key) { return insert(key, hash(key)); }
+    // The same given the key's hash (hashed ahead, many keys at once, their
+    // multiplications overlap instead of waiting on one another).
+    std::pair<std::uint32_t, bool> insert(const Key& key, std::size_t hashed) {
+        std::size_t slot = find(key, hashed);
         if (slots_[slot] != kEmpty) return {slots_[slot], false};
         if (2 * (keys_.size() + 1) > slots_.size()) {
             grow();
-            slot = find(key);
+            slot = find(key, hashed);
         }
         slots_[slot] = static_cast<std::uint32_t>(keys_.size());
         keys_.push_back(key);
         return {slots_[slot], true};
     }
 
-  private:
-    static constexpr std::uint32_t kEmpty = 0xFFFFFFFFu;
     static std::size_t hash(const Key& key) {
         std::uint64_t h = 0x9E3779B97F4A7C15ull;
         for (std::uint64_t part : key) h = (h ^ part) * 0xBF58476D1CE4E5B9ull, h ^= h >> 31;
-        return static_cast<std::size_t>(h);
+        // Mixed once more, so that keys differing only in their high bits (doubles that
+        // are whole numbers) still differ in the low bits that pick a slot.
+        h = (h ^ (h >> 27)) * 0x94D049BB133111EBull;
+        return static_cast<std::size_t>(h ^ (h >> 31));
     }
+
+  private:
+    static constexpr std::uint32_t kEmpty = 0xFFFFFFFFu;
     // The slot holding `key`, or the empty slot where it belongs.
-    std::size_t find(const Key& key) const {
+    std::size_t find(const Key& key, std::size_t hashed) const {
         const std::size_t mask = slots_.size() - 1;
-        std::size_t slot = hash(key) & mask;
+        std::size_t slot = hashed & mask;
         while (slots_[slot] != kEmpty && !same(keys_[slots_[slot]], key)) slot = (slot + 1) & mask;
         return slot;
     }

@@ -1,5 +1,6 @@
 #include "core/status_book.hpp"
 
+#include "core/distinct.hpp"
 #include "core/key_index.hpp"
 #include "core/parallel.hpp"
 
@@ -17,103 +18,19 @@ namespace norvane::core {
 
 namespace {
 
-// The distinct policies of a book (equal in every column but their
-// benefit, and in their group): the first policy of each, and each
-// policy's distinct one.
-struct Distinct {
-    std::vector<std::uint32_t> lead, of;
-};
-
-// N words a key: 8, or 11 with the other lives' table, age and select age.
-template <std::size_t N>
-Distinct distinct_policies(const StatusBook& book, const Column* group, bool lives) {
+// The distinct policies of a book: equal in every column but their benefit,
+// and in their group (without lives, their table, age and select age are not read).
+Distinct book_distinct(const StatusBook& book, const Column* group, bool lives) {
     const LifePolicies& p = book.first;
-    using Key = typename KeyIndex<N>::Key;
-    const auto key_of = [&](std::size_t i) -> Key {
-        const auto select = [&](const LifePolicies& q) { return bits(select_age_of(q.age[i], q.select_age[i])); };
-        Key key{lives ? bits(p.table[i]) : 0,
-                lives ? bits(p.age[i]) : 0,
-                lives ? select(p) : 0,
-                bits(p.ts[i]),
-                bits(p.d[i]),
-                bits(p.n[i]),
-                bits(p.m[i]),
-                group ? bits((*group)[i]) : 0};
-        if constexpr (N > 8) {
-            const LifePolicies& y = *book.second;
-            key[8] = bits(y.table[i]);
-            key[9] = bits(y.age[i]);
-            key[10] = select(y);
+    std::vector<KeyWord> key = {p.ts, p.d, p.n, p.m};
+    if (group) key.emplace_back(*group);
+    for (const LifePolicies* q : {&p, book.second})
+        if (q && lives) {
+            key.emplace_back(q->table);
+            key.emplace_back(q->age);
+            key.push_back(KeyWord::select_age(q->age, q->select_age));
         }
-        return key;
-    };
-    // Each core numbers the distinct policies of its part of the book; the parts' numbers are
-    // then made one (the distinct policies are few against the book). The columns are read a
-    // block at a time (table texts matched, integers converted, vectorised).
-    const std::size_t parts = std::max<std::size_t>(
-        1, std::min<std::size_t>(std::max(1u, std::thread::hardware_concurrency()), p.size >> 16));
-    const std::size_t chunk = (p.size + parts - 1) / parts;
-    Distinct found;
-    found.of.resize(p.size);
-    std::vector<std::vector<std::uint32_t>> leads(parts);
-    parallel_for(parts, 1, [&](std::size_t first, std::size_t last) {
-        std::array<Block, 11> scratch;
-        for (std::size_t part = first; part < last; ++part) {
-            const std::size_t begin = part * chunk, end = std::min(p.size, begin + chunk);
-            KeyIndex<N> index(std::min<std::size_t>(end - begin, std::size_t{1} << 20));
-            for (std::size_t i = begin; i < end; i += kBlock) {
-                const std::size_t len = std::min(kBlock, end - i);
-                const auto block = [&](const Column& column, std::size_t at) {
-                    return column.block(i, len, scratch[at]);
-                };
-                const double *table = lives ? p.table.block(i, len, scratch[0]) : nullptr, *age = block(p.age, 1),
-                             *select = block(p.select_age, 2), *ts = block(p.ts, 3), *d = block(p.d, 4),
-                             *n = block(p.n, 5), *m = block(p.m, 6), *in = group ? block(*group, 7) : nullptr;
-                const double *other_table = nullptr, *other_age = nullptr, *other_select = nullptr;
-                if constexpr (N > 8) {
-                    const LifePolicies& y = *book.second;
-                    other_table = y.table.block(i, len, scratch[8]);
-                    other_age = block(y.age, 9);
-                    other_select = block(y.select_age, 10);
-                }
-                for (std::size_t k = 0; k < len; ++k) {
-                    Key key{lives ? bits(table[k]) : 0,
-                            lives ? bits(age[k]) : 0,
-                            lives ? bits(select_age_of(age[k], select[k])) : 0,
-                            bits(ts[k]),
-                            bits(d[k]),
-                            bits(n[k]),
-                            bits(m[k]),
-                            in ? bits(in[k]) : 0};
-                    if constexpr (N > 8) {
-                        key[8] = bits(other_table[k]);
-                        key[9] = bits(other_age[k]);
-                        key[10] = bits(select_age_of(other_age[k], other_select[k]));
-                    }
-                    const auto [number, added] = index.insert(key);
-                    if (added) leads[part].push_back(static_cast<std::uint32_t>(i + k));
-                    found.of[i + k] = number;
-                }
-            }
-        }
-    });
-    KeyIndex<N> index(leads[0].size());
-    std::vector<std::vector<std::uint32_t>> number(parts);
-    for (std::size_t part = 0; part < parts; ++part)
-        for (const std::uint32_t i : leads[part]) {
-            const auto [k, added] = index.insert(key_of(i));
-            if (added) found.lead.push_back(i);
-            number[part].push_back(k);
-        }
-    if (parts > 1)
-        parallel_for(p.size, std::size_t{1} << 16, [&](std::size_t begin, std::size_t end) {
-            for (std::size_t i = begin; i < end; ++i) found.of[i] = number[i / chunk][found.of[i]];
-        });
-    return found;
-}
-
-Distinct distinct_policies(const StatusBook& book, const Column* group, bool lives) {
-    return book.second ? distinct_policies<11>(book, group, lives) : distinct_policies<8>(book, group, lives);
+    return distinct_policies(key, p.size);
 }
 
 // What the distinct policies share: one discount table per valuation time,
@@ -161,7 +78,7 @@ void status_book_values(const CurveArrays& curve, std::span<MortalityTable* cons
                         std::span<const FractionalAge> rules, const StatusBook& book, const PolicyTerms& terms,
                         std::span<double> out) {
     const LifePolicies& p = book.first;
-    const Distinct distinct = distinct_policies(book, nullptr, true);
+    const Distinct distinct = book_distinct(book, nullptr, true);
     const Shared shared(curve, tables, book, distinct.lead, terms.tolerance_eps);
     std::vector<double> unit(distinct.lead.size());
     const double scale = rounding_scale(terms.decimals);
@@ -187,7 +104,7 @@ std::optional<std::size_t> book_flows(const CurveArrays& curve, std::span<Mortal
                                       const PolicyTerms& terms, FlowBuckets& out) {
     const LifePolicies& p = book.first;
     const bool lives = !tables.empty();
-    const Distinct distinct = distinct_policies(book, &group, lives);
+    const Distinct distinct = book_distinct(book, &group, lives);
     // What is checked is in the key: a distinct policy stands for its copies, the first of
     // which it is.
     const auto faulty = [&](std::size_t i) {

@@ -175,6 +175,12 @@ def status_book(
     tolerance_eps: float,
     decimals: int,
 ) -> NDArray[np.float64]: ...
+def distinct_policies(
+    names: list[list[int]], columns: list[NDArray[Any]]
+) -> tuple[NDArray[np.uint32], NDArray[np.uint32]]: ...
+def gather_parts(
+    of: NDArray[np.uint32], units: list[NDArray[np.float64]], weights: list[NDArray[Any] | None]
+) -> NDArray[np.float64]: ...
 
 MAX_FLOW_PAYMENTS: float
 

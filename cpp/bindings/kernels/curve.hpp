@@ -61,10 +61,11 @@ inline std::pair<OutArray, std::span<double>> new_array(std::size_t size) {
 }
 
 // A NumPy array that owns `values` (moved, not copied).
-inline OutArray to_array(std::vector<double> values) {
-    auto* owned = new std::vector<double>(std::move(values));
-    nb::capsule owner(owned, [](void* p) noexcept { delete static_cast<std::vector<double>*>(p); });
-    return OutArray(owned->data(), {owned->size()}, owner);
+template <typename T = double>
+nb::ndarray<nb::numpy, T, nb::ndim<1>> to_array(std::vector<T> values) {
+    auto* owned = new std::vector<T>(std::move(values));
+    nb::capsule owner(owned, [](void* p) noexcept { delete static_cast<std::vector<T>*>(p); });
+    return nb::ndarray<nb::numpy, T, nb::ndim<1>>(owned->data(), {owned->size()}, owner);
 }
 
 core::Growth growth_of(const std::string& kind, double rate);

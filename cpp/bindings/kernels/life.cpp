@@ -12,6 +12,7 @@
 #include <nanobind/stl/vector.h>
 
 #include "bindings/native_curve.hpp"
+#include "core/distinct.hpp"
 #include "core/life.hpp"
 #include "core/life_book.hpp"
 #include "core/status_book.hpp"
@@ -491,6 +492,67 @@ void register_life(nb::module_& m) {
         "Rounded values of a book paying `benefit` on a 'single', 'joint' or 'last_survivor' status (times the "
         "benefits), each as its single call; NaN where nobody reaches a life. `second`: the other lives' (table, "
         "age, select_age) columns.");
+
+    m.def(
+        "distinct_policies",
+        [](const std::vector<std::vector<std::uint32_t>>& names, const std::vector<nb::object>& columns) {
+            std::size_t size = 1;
+            for (const nb::object& column : columns)
+                if (const std::size_t rows = table_rows_of(column); rows != 1) size = rows;
+            std::vector<core::TableColumn> values;
+            values.reserve(columns.size());
+            for (const nb::object& column : columns) {
+                if (const std::size_t rows = table_rows_of(column); rows != size && rows != 1)
+                    throw std::invalid_argument("policy columns must have one length or hold one value");
+                values.push_back(table_column_of(column, names, size));
+            }
+            const std::vector<core::KeyWord> key(values.begin(), values.end());
+            if (std::count_if(key.begin(), key.end(), [](const core::KeyWord& w) { return !w.repeated(); }) >
+                    static_cast<std::ptrdiff_t>(core::kMaxKeyWords) ||
+                size >= (std::size_t{1} << 32))
+                throw std::invalid_argument("at most 16 columns of more than one value and fewer than 2**32 rows");
+            core::Distinct distinct;
+            {
+                nb::gil_scoped_release release;
+                distinct = core::distinct_policies(key, size);
+            }
+            return std::make_pair(to_array(std::move(distinct.lead)), to_array(std::move(distinct.of)));
+        },
+        nb::arg("names"), nb::arg("columns"),
+        "The distinct rows of a book's columns (each a column of numbers, or of table texts matched against "
+        "`names` as in `life_portfolio`; one length, or one value): the first row of each, in order of first "
+        "appearance, and each row's number among them.");
+
+    using IndexArray = nb::ndarray<nb::ro, const std::uint32_t, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
+    m.def(
+        "gather_parts",
+        [](IndexArray of, const std::vector<InArray>& units, const std::vector<nb::object>& weights) {
+            if (units.empty() || units.size() != weights.size())
+                throw std::invalid_argument("one weight column per part's units, at least one part");
+            const std::size_t size = of.shape(0);
+            std::vector<std::span<const double>> unit_spans;
+            std::vector<core::Column> weight_columns;
+            for (std::size_t p = 0; p < units.size(); ++p) {
+                unit_spans.push_back(span_of(units[p]));
+                const core::BookColumn weight =
+                    weights[p].is_none() ? core::BookColumn{} : column_of(nb::cast<RealArray>(weights[p]));
+                if (!weights[p].is_none() && weight.size != size && weight.size != 1)
+                    throw std::invalid_argument("a weight column holds one value or one per row");
+                static constexpr double kOne[] = {1.0};
+                weight_columns.emplace_back(weights[p].is_none() ? core::BookColumn(kOne) : weight, size);
+            }
+            auto [array, out] = new_array(size);
+            bool within;
+            {
+                nb::gil_scoped_release release;
+                within = core::gather_parts({of.data(), size}, unit_spans, weight_columns, out);
+            }
+            if (!within) throw std::invalid_argument("a row's number is not below every part's count of units");
+            return array;
+        },
+        nb::arg("of"), nb::arg("units"), nb::arg("weights"),
+        "Each row's value, the sum over parts of units[part][of[row]] * weights[part][row] (a weight None: 1; "
+        "a column, or one value for all rows), the parts added in order.");
 
     m.attr("MAX_FLOW_PAYMENTS") = core::kMaxFlowPayments;
     m.def(

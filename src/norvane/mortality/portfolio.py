@@ -478,20 +478,27 @@ def _legs(given: _Book, pension: _Pension) -> list[tuple[_Book, bool]]:
     indices. Each part comes with whether its own columns are the spouse's."""
     legs = [(given, False)]
     cols, size = given.cols, given.size
-    weights = np.ones(size) if given.weights is None else np.broadcast_to(given.weights, (size,))
+
+    def times(factor: Any) -> Any:  # the benefits times a factor (no benefits: 1 each)
+        return factor if given.weights is None else given.weights * factor
+
     if pension.spouse is not None and pension.rule is not None:
-        both, x_alone, y_alone = pension.rule
-        has = ~np.isnan(np.broadcast_to(pension.spouse["age"], (size,)))
+        both, x_alone, y_alone = (_one_or_all(part) for part in pension.rule)
+        has = ~np.isnan(_one_or_all(pension.spouse["age"]))
+        every = bool(has.all())
+
+        def paid(values: Any, otherwise: Any) -> Any:  # where there is a spouse
+            return values if every else np.where(has, values, otherwise)
+
         spouse = {
-            key: np.where(has, np.broadcast_to(pension.spouse[key], (size,)), np.broadcast_to(cols[key], (size,)))
+            key: paid(np.broadcast_to(pension.spouse[key], (size,)), np.broadcast_to(cols[key], (size,)))
             for key in ("table", "age", "select_age")
         }
-        member = np.where(has, x_alone, 1.0)
+        member = paid(x_alone, 1.0)
         if (member != 1.0).any():
-            legs[0] = (given._replace(weights=weights * member), False)
-        legs.append((given._replace(cols={**cols, **spouse}, weights=np.where(has, weights * y_alone, 0.0)), True))
-        joint = np.where(has, weights * (both - x_alone - y_alone), 0.0)
-        legs.append((given._replace(weights=joint, spouse=spouse), False))
+            legs[0] = (given._replace(weights=times(member)), False)
+        legs.append((given._replace(cols={**cols, **spouse}, weights=paid(times(y_alone), 0.0)), True))
+        legs.append((given._replace(weights=paid(times(both - x_alone - y_alone), 0.0), spouse=spouse), False))
     if pension.death_benefit is not None:
         ends = {**cols, "n": cols["d"], "d": np.zeros(1)}
         legs.append((given._replace(cols=ends, weights=pension.death_benefit, benefit="insurance", growth=None), False))
@@ -554,18 +561,87 @@ def _pension_columns(
     return _Pension(spouse, rule, paid)
 
 
-def _value_pensions(given: _Book, pension: _Pension, stop_at_fault: bool) -> tuple[F64, dict[int, list[str]]]:
-    """The values of a pension book: its parts' (``_legs``) added, their faults merged."""
-    legs = _legs(given, pension)
-    guaranteed = np.any(np.asarray(given.cols["guarantee"]) != 0.0)
+def _leg_values(
+    legs: list[tuple[_Book, bool]], guaranteed: bool, stop_at_fault: bool
+) -> tuple[list[F64], dict[int, list[str]]]:
+    """Each part's values (``_legs``; the first guaranteed when ``guaranteed``), their faults merged."""
     values, faults = (_guaranteed_book if guaranteed else _value_book)(legs[0][0], stop_at_fault)
+    parts = [values]
     for leg, of_spouse in legs[1:]:
         part, found = _value_book(leg, False)
-        values = values + part
+        parts.append(part)
         _add_faults(faults, _as_spouse(found) if of_spouse else found)
     if faults and stop_at_fault:
         _refuse(faults)
-    return values, faults
+    return parts, faults
+
+
+def _one_or_all(values: Any) -> NDArray[Any]:
+    """A column as the kernels read it: one value given for all (a broadcast one too) stays one."""
+    column: NDArray[Any] = np.asarray(values)
+    return column[:1] if column.shape[0] > 1 and column.strides[0] == 0 else column
+
+
+def _key_column(values: Any, tables: Mapping[str, Table]) -> NDArray[Any]:
+    """A column of the key that tells a book's distinct policies apart (a table column's texts
+    as ``_texts`` gives them, or the tables' indices)."""
+    column = _one_or_all(values)
+    if column.dtype.kind in "iuf":
+        return column
+    texts = _texts(column)
+    return texts if texts is not None else _table_codes(column, tables)[0]
+
+
+def _rows_of(values: Any, rows: NDArray[Any]) -> Any:
+    values = np.asarray(values)
+    return values if values.shape[0] == 1 else values[rows]
+
+
+def _distinct_legs(legs: list[tuple[_Book, bool]], rows: NDArray[Any]) -> list[tuple[_Book, bool]]:
+    """The parts of a book as the parts of its policies ``rows``, each of unit benefit."""
+
+    def subset(columns: dict[str, Any]) -> dict[str, Any]:
+        return {key: _rows_of(values, rows) for key, values in columns.items()}
+
+    return [
+        (
+            leg._replace(
+                cols=subset(leg.cols),
+                size=rows.size,
+                weights=None,
+                spouse=None if leg.spouse is None else subset(leg.spouse),
+            ),
+            of_spouse,
+        )
+        for leg, of_spouse in legs
+    ]
+
+
+_KEY = ("table", "age", "select_age", "n", "d", "ts", "m", "year", "guarantee")
+
+
+def _value_pensions(given: _Book, pension: _Pension, stop_at_fault: bool) -> tuple[F64, dict[int, list[str]]]:
+    """The values of a pension book: its parts' (``_legs``) added, their faults merged. A book
+    with copies of its policies (equal but for their amounts) values each distinct policy's
+    parts once, and spreads them back weighted by each copy's amounts."""
+    legs = _legs(given, pension)
+    guaranteed = bool(np.any(np.asarray(given.cols["guarantee"]) != 0.0))
+    if given.size > 1:
+        names = [[ord(c) for c in name] for name in given.tables]
+        key = [_key_column(given.cols[name], given.tables) for name in _KEY]
+        if pension.spouse is not None:
+            key += [_key_column(pension.spouse[name], given.tables) for name in ("table", "age", "select_age")]
+        lead, of = _kernels.distinct_policies(names, key)
+        if lead.size <= given.size // 2:
+            try:  # a fault is worded on the whole book, by the policy's own index
+                units, _ = _leg_values(_distinct_legs(legs, lead), guaranteed, True)
+            except ValueError:
+                pass
+            else:
+                weights = [None if leg.weights is None else _one_or_all(leg.weights) for leg, _ in legs]
+                return _kernels.gather_parts(of, units, weights), {}
+    parts, faults = _leg_values(legs, guaranteed, stop_at_fault)
+    return sum(parts[1:], parts[0]), faults
 
 
 def life_annuities(
@@ -659,8 +735,8 @@ def life_annuities(
     pension = _pension_columns(
         given.cols, given.size, spouse_table, spouse_age, spouse_select_age, reversion, death_benefit, payment_rule
     )
-    if all(part is None for part in pension):
-        call.valued(*(_value_book if guarantee is None else _guaranteed_book)(given, on_error == "raise"))
+    if guarantee is None and all(part is None for part in pension):
+        call.valued(*_value_book(given, on_error == "raise"))
     else:
         call.valued(*_value_pensions(given, pension, on_error == "raise"))
     return call.result

@@ -1,0 +1,144 @@
+#include "core/distinct.hpp"
+
+#include "core/key_index.hpp"
+#include "core/life.hpp"
+#include "core/parallel.hpp"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <limits>
+#include <thread>
+
+namespace norvane::core {
+
+bool KeyWord::repeated() const {
+    if (tables_) return tables_->repeated();
+    return values_->repeated() && (!select_ || select_->repeated());
+}
+
+double KeyWord::operator[](std::size_t i) const {
+    if (tables_) return (*tables_)[i];
+    return select_ ? select_age_of((*values_)[i], (*select_)[i]) : (*values_)[i];
+}
+
+const double* KeyWord::block(std::size_t i, std::size_t len, Block& scratch, Block& more) const {
+    if (tables_) return tables_->block(i, len, scratch);
+    const double* values = values_->block(i, len, scratch);
+    if (!select_) return values;
+    const double* select = select_->block(i, len, more);
+    for (std::size_t k = 0; k < len; ++k) more[k] = select_age_of(values[k], select[k]);
+    return more.data();
+}
+
+namespace {
+
+// The distinct policies by the `words` that tell them apart (at most N). Each
+// core numbers those of its part of the book; the parts' numbers are then
+// made one (the distinct policies are few against the book). The columns are
+// read a block at a time (table texts matched, integers converted, vectorised).
+template <std::size_t N>
+Distinct number(std::span<const KeyWord* const> words, std::size_t size) {
+    using Key = typename KeyIndex<N>::Key;
+    const std::size_t count = words.size();
+    const std::size_t parts =
+        std::max<std::size_t>(1, std::min<std::size_t>(std::max(1u, std::thread::hardware_concurrency()), size >> 16));
+    const std::size_t chunk = (size + parts - 1) / parts;
+    Distinct found;
+    found.of.resize(size);
+    std::vector<std::vector<std::uint32_t>> leads(parts);
+    parallel_for(parts, 1, [&](std::size_t first, std::size_t last) {
+        std::array<std::array<Block, 2>, N> scratch;
+        std::vector<Key> keys(kBlock);  // words past `count` stay 0
+        std::array<std::size_t, kBlock> hashes;
+        for (std::size_t part = first; part < last; ++part) {
+            const std::size_t begin = part * chunk, end = std::min(size, begin + chunk);
+            KeyIndex<N> index(std::min<std::size_t>(end - begin, std::size_t{1} << 12));
+            for (std::size_t i = begin; i < end; i += kBlock) {
+                const std::size_t len = std::min(kBlock, end - i);
+                for (std::size_t w = 0; w < count; ++w) {
+                    const double* values = words[w]->block(i, len, scratch[w][0], scratch[w][1]);
+                    for (std::size_t k = 0; k < len; ++k) keys[k][w] = bits(values[k]);
+                }
+                for (std::size_t k = 0; k < len; ++k) hashes[k] = KeyIndex<N>::hash(keys[k]);
+                for (std::size_t k = 0; k < len; ++k) {
+                    const auto [number, added] = index.insert(keys[k], hashes[k]);
+                    if (added) leads[part].push_back(static_cast<std::uint32_t>(i + k));
+                    found.of[i + k] = number;
+                }
+            }
+        }
+    });
+    KeyIndex<N> index(leads[0].size());
+    std::vector<std::vector<std::uint32_t>> number(parts);
+    for (std::size_t part = 0; part < parts; ++part)
+        for (const std::uint32_t i : leads[part]) {
+            Key key{};
+            for (std::size_t w = 0; w < count; ++w) key[w] = bits((*words[w])[i]);
+            const auto [k, added] = index.insert(key);
+            if (added) found.lead.push_back(i);
+            number[part].push_back(k);
+        }
+    // The first part's numbers are already the book's (its keys were numbered first).
+    if (parts > 1)
+        parallel_for(size - chunk, std::size_t{1} << 16, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t i = chunk + begin; i < chunk + end; ++i) found.of[i] = number[i / chunk][found.of[i]];
+        });
+    return found;
+}
+
+}  // namespace
+
+Distinct distinct_policies(std::span<const KeyWord> key, std::size_t size) {
+    std::vector<const KeyWord*> words;
+    for (const KeyWord& word : key)
+        if (!word.repeated()) words.push_back(&word);
+    if (words.empty()) return size ? Distinct{{0}, std::vector<std::uint32_t>(size, 0)} : Distinct{};
+    // A key as wide as its words: each word more is one more step of every policy's hash.
+    switch (words.size()) {
+        case 1:
+            return number<1>(words, size);
+        case 2:
+            return number<2>(words, size);
+        case 3:
+            return number<3>(words, size);
+        case 4:
+            return number<4>(words, size);
+        case 5:
+            return number<5>(words, size);
+        case 6:
+            return number<6>(words, size);
+        default:
+            return words.size() <= 8 ? number<8>(words, size) : number<kMaxKeyWords>(words, size);
+    }
+}
+
+bool gather_parts(std::span<const std::uint32_t> of, std::span<const std::span<const double>> units,
+                  std::span<const Column> weights, std::span<double> out) {
+    std::size_t least = std::numeric_limits<std::size_t>::max();
+    for (const auto& part : units) least = std::min(least, part.size());
+    std::atomic<bool> within{true};
+    parallel_for(of.size(), std::size_t{1} << 16, [&](std::size_t begin, std::size_t end) {
+        Block scratch;
+        for (std::size_t i = begin; i < end; i += kBlock) {
+            const std::size_t len = std::min(kBlock, end - i);
+            for (std::size_t k = 0; k < len; ++k)
+                if (of[i + k] >= least) {
+                    within = false;
+                    return;
+                }
+            for (std::size_t p = 0; p < units.size(); ++p) {
+                const double* weight = weights[p].block(i, len, scratch);
+                const double* unit = units[p].data();
+                double* to = out.data() + i;
+                if (p == 0)
+                    for (std::size_t k = 0; k < len; ++k) to[k] = unit[of[i + k]] * weight[k];
+                else
+                    for (std::size_t k = 0; k < len; ++k) to[k] += unit[of[i + k]] * weight[k];
+            }
+        }
+    });
+    return within;
+}
+
+}  // namespace norvane::core
