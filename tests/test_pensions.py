@@ -218,9 +218,9 @@ def test_a_book_of_copies_values_each_policy_once_and_words_a_fault_by_its_own_i
         (lambda k: k.distinct_policies([], [np.zeros(3), np.zeros(2)]), "one length"),
         (lambda k: k.distinct_policies([], [np.arange(3.0) + i for i in range(17)]), "at most 16"),
         (lambda k: k.distinct_policies([], [np.zeros(3, dtype=bool)]), "float64, float32, int64 or int32"),
-        (lambda k: k.gather_parts(np.array([0, 2], dtype=np.uint32), [np.ones(2)], [None]), "not below"),
-        (lambda k: k.gather_parts(np.zeros(2, dtype=np.uint32), [], []), "at least one part"),
-        (lambda k: k.gather_parts(np.zeros(2, dtype=np.uint32), [np.ones(1)], [np.ones(3)]), "one value or one per"),
+        (lambda k: k.gather_parts(np.array([0, 2], dtype=np.uint32), [np.ones(2)], [None], [None]), "not below"),
+        (lambda k: k.gather_parts(np.zeros(2, dtype=np.uint32), [], [], []), "at least one part"),
+        (lambda k: k.gather_parts(np.zeros(2, dtype=np.uint32), [np.ones(1)], [None], [np.ones(3)]), "one per row"),
     ],
 )
 def test_the_distinct_policy_kernels_refuse_what_they_cannot_read(call, text):

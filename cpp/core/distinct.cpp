@@ -38,14 +38,14 @@ namespace {
 // made one (the distinct policies are few against the book). The columns are
 // read a block at a time (table texts matched, integers converted, vectorised).
 template <std::size_t N>
-Distinct number(std::span<const KeyWord* const> words, std::size_t size) {
+std::vector<std::uint32_t> number(std::span<const KeyWord* const> words, std::span<std::uint32_t> of) {
+    const std::size_t size = of.size();
     using Key = typename KeyIndex<N>::Key;
     const std::size_t count = words.size();
     const std::size_t parts =
         std::max<std::size_t>(1, std::min<std::size_t>(std::max(1u, std::thread::hardware_concurrency()), size >> 16));
     const std::size_t chunk = (size + parts - 1) / parts;
-    Distinct found;
-    found.of.resize(size);
+    std::vector<std::uint32_t> found;
     std::vector<std::vector<std::uint32_t>> leads(parts);
     parallel_for(parts, 1, [&](std::size_t first, std::size_t last) {
         std::array<std::array<Block, 2>, N> scratch;
@@ -64,7 +64,7 @@ Distinct number(std::span<const KeyWord* const> words, std::size_t size) {
                 for (std::size_t k = 0; k < len; ++k) {
                     const auto [number, added] = index.insert(keys[k], hashes[k]);
                     if (added) leads[part].push_back(static_cast<std::uint32_t>(i + k));
-                    found.of[i + k] = number;
+                    of[i + k] = number;
                 }
             }
         }
@@ -76,65 +76,69 @@ Distinct number(std::span<const KeyWord* const> words, std::size_t size) {
             Key key{};
             for (std::size_t w = 0; w < count; ++w) key[w] = bits((*words[w])[i]);
             const auto [k, added] = index.insert(key);
-            if (added) found.lead.push_back(i);
+            if (added) found.push_back(i);
             number[part].push_back(k);
         }
     // The first part's numbers are already the book's (its keys were numbered first).
     if (parts > 1)
         parallel_for(size - chunk, std::size_t{1} << 16, [&](std::size_t begin, std::size_t end) {
-            for (std::size_t i = chunk + begin; i < chunk + end; ++i) found.of[i] = number[i / chunk][found.of[i]];
+            for (std::size_t i = chunk + begin; i < chunk + end; ++i) of[i] = number[i / chunk][of[i]];
         });
     return found;
 }
 
 }  // namespace
 
-Distinct distinct_policies(std::span<const KeyWord> key, std::size_t size) {
+std::vector<std::uint32_t> distinct_policies(std::span<const KeyWord> key, std::span<std::uint32_t> of) {
     std::vector<const KeyWord*> words;
     for (const KeyWord& word : key)
         if (!word.repeated()) words.push_back(&word);
-    if (words.empty()) return size ? Distinct{{0}, std::vector<std::uint32_t>(size, 0)} : Distinct{};
+    if (words.empty()) {
+        std::fill(of.begin(), of.end(), 0u);
+        return of.empty() ? std::vector<std::uint32_t>{} : std::vector<std::uint32_t>{0};
+    }
     // A key as wide as its words: each word more is one more step of every policy's hash.
     switch (words.size()) {
         case 1:
-            return number<1>(words, size);
+            return number<1>(words, of);
         case 2:
-            return number<2>(words, size);
+            return number<2>(words, of);
         case 3:
-            return number<3>(words, size);
+            return number<3>(words, of);
         case 4:
-            return number<4>(words, size);
+            return number<4>(words, of);
         case 5:
-            return number<5>(words, size);
+            return number<5>(words, of);
         case 6:
-            return number<6>(words, size);
+            return number<6>(words, of);
         default:
-            return words.size() <= 8 ? number<8>(words, size) : number<kMaxKeyWords>(words, size);
+            return words.size() <= 8 ? number<8>(words, of) : number<kMaxKeyWords>(words, of);
     }
 }
 
 bool gather_parts(std::span<const std::uint32_t> of, std::span<const std::span<const double>> units,
-                  std::span<const Column> weights, std::span<double> out) {
+                  std::span<const Column> amounts, std::span<const Column> shares, std::span<double> out) {
     std::size_t least = std::numeric_limits<std::size_t>::max();
     for (const auto& part : units) least = std::min(least, part.size());
     std::atomic<bool> within{true};
     parallel_for(of.size(), std::size_t{1} << 16, [&](std::size_t begin, std::size_t end) {
-        Block scratch;
+        Block amount_scratch, share_scratch;
         for (std::size_t i = begin; i < end; i += kBlock) {
             const std::size_t len = std::min(kBlock, end - i);
-            for (std::size_t k = 0; k < len; ++k)
-                if (of[i + k] >= least) {
-                    within = false;
-                    return;
-                }
+            const std::uint32_t* number = of.data() + i;
+            if (*std::max_element(number, number + len) >= least) {
+                within = false;
+                return;
+            }
+            double* to = out.data() + i;
             for (std::size_t p = 0; p < units.size(); ++p) {
-                const double* weight = weights[p].block(i, len, scratch);
+                const double* amount = amounts[p].block(i, len, amount_scratch);
+                const double* share = shares[p].block(i, len, share_scratch);
                 const double* unit = units[p].data();
-                double* to = out.data() + i;
                 if (p == 0)
-                    for (std::size_t k = 0; k < len; ++k) to[k] = unit[of[i + k]] * weight[k];
+                    for (std::size_t k = 0; k < len; ++k) to[k] = unit[number[k]] * (amount[k] * share[k]);
                 else
-                    for (std::size_t k = 0; k < len; ++k) to[k] += unit[of[i + k]] * weight[k];
+                    for (std::size_t k = 0; k < len; ++k) to[k] += unit[number[k]] * (amount[k] * share[k]);
             }
         }
     });

@@ -37,19 +37,17 @@ class KeyWord {
 // The most words of a key that tell policies apart (repeated ones are left out).
 inline constexpr std::size_t kMaxKeyWords = 16;
 
-// The first policy of each distinct one (`lead`, in order of first
-// appearance), and the number of each policy's distinct one (`of`).
-struct Distinct {
-    std::vector<std::uint32_t> lead, of;
-};
+// The first policy of each distinct one, in order of first appearance; the
+// number of each policy's distinct one is written to `of` (one per policy).
 // Requires fewer than 2^32 policies and at most kMaxKeyWords words that are
 // not repeated. Numbered on all cores.
-Distinct distinct_policies(std::span<const KeyWord> key, std::size_t size);
+std::vector<std::uint32_t> distinct_policies(std::span<const KeyWord> key, std::span<std::uint32_t> of);
 
-// out[i] = the sum over parts p, in order, of units[p][of[i]] * weights[p][i]:
-// the policies' values from their distinct ones' unit values. False (out
-// unfinished) when some of[i] is not below a part's count of units.
+// out[i] = the sum over parts p, in order, of
+// units[p][of[i]] * (amounts[p][i] * shares[p][i]): the policies' values from
+// their distinct ones' unit values. False (out unfinished) when some of[i] is
+// not below a part's count of units.
 bool gather_parts(std::span<const std::uint32_t> of, std::span<const std::span<const double>> units,
-                  std::span<const Column> weights, std::span<double> out);
+                  std::span<const Column> amounts, std::span<const Column> shares, std::span<double> out);
 
 }  // namespace norvane::core

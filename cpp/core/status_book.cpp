@@ -18,8 +18,12 @@ namespace norvane::core {
 
 namespace {
 
-// The distinct policies of a book: equal in every column but their benefit,
-// and in their group (without lives, their table, age and select age are not read).
+// The distinct policies of a book (equal in every column but their benefit,
+// and in their group; without lives, their table, age and select age are not
+// read): the first policy of each, and each policy's distinct one.
+struct Distinct {
+    std::vector<std::uint32_t> lead, of;
+};
 Distinct book_distinct(const StatusBook& book, const Column* group, bool lives) {
     const LifePolicies& p = book.first;
     std::vector<KeyWord> key = {p.ts, p.d, p.n, p.m};
@@ -30,7 +34,10 @@ Distinct book_distinct(const StatusBook& book, const Column* group, bool lives) 
             key.emplace_back(q->age);
             key.push_back(KeyWord::select_age(q->age, q->select_age));
         }
-    return distinct_policies(key, p.size);
+    Distinct found;
+    found.of.resize(p.size);
+    found.lead = distinct_policies(key, found.of);
+    return found;
 }
 
 // What the distinct policies share: one discount table per valuation time,

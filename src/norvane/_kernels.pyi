@@ -179,7 +179,10 @@ def distinct_policies(
     names: list[list[int]], columns: list[NDArray[Any]]
 ) -> tuple[NDArray[np.uint32], NDArray[np.uint32]]: ...
 def gather_parts(
-    of: NDArray[np.uint32], units: list[NDArray[np.float64]], weights: list[NDArray[Any] | None]
+    of: NDArray[np.uint32],
+    units: list[NDArray[np.float64]],
+    amounts: list[NDArray[Any] | None],
+    shares: list[NDArray[Any] | None],
 ) -> NDArray[np.float64]: ...
 
 MAX_FLOW_PAYMENTS: float

@@ -33,6 +33,7 @@ from .mortality.lives import _curve_arrays
 from .mortality.portfolio import (
     Table,
     _add_faults,
+    _amounts,
     _as_spouse,
     _base,
     _Book,
@@ -470,7 +471,7 @@ def _gather_legs(gathering: _Gathering, parts: list[_Book], codes: NDArray[Any],
         _guaranteed_flows(gathering, parts.pop(0), codes)
     for leg in parts:
         tables = leg.tables
-        book = _LifeBook(leg.curve, tables, leg.timing, leg.growth, leg.weights, leg.size, leg.benefit, leg.spouse)
+        book = _LifeBook(leg.curve, tables, leg.timing, leg.growth, _amounts(leg), leg.size, leg.benefit, leg.spouse)
         own = codes if leg.cols["table"] is member else _table_codes(leg.cols["table"], tables)[0]
         arguments, spouses = book._arguments(own, leg.cols, None)
         gathering.add(arguments, leg.benefit, spouses, leg.growth)
@@ -478,7 +479,8 @@ def _gather_legs(gathering: _Gathering, parts: list[_Book], codes: NDArray[Any],
 
 def _guaranteed_flows(gathering: _Gathering, given: _Book, codes: NDArray[Any]) -> None:
     """A guarantee's years certain, then the life annuity deferred by them and scaled by their growth."""
-    curve, tables, cols, size, weights, timing, growth = given[:7]
+    curve, tables, cols, size, _, timing, growth = given[:7]
+    weights = _amounts(given)
     split = _guarantee_split(cols, size, growth)
     refused = np.flatnonzero(~(split.kept & split.steps)).tolist()
     if refused:

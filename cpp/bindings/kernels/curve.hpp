@@ -52,12 +52,13 @@ inline core::BookColumn column_of(const RealArray& a) {
 }
 inline std::vector<double> vector_of(const InArray& a) { return {a.data(), a.data() + a.shape(0)}; }
 
-// A new NumPy array of `size` doubles, left uninitialised for a kernel to
-// fill (a book's result is written once, not zeroed first), and its values.
-inline std::pair<OutArray, std::span<double>> new_array(std::size_t size) {
-    auto* values = new double[size ? size : 1];
-    nb::capsule owner(values, [](void* p) noexcept { delete[] static_cast<double*>(p); });
-    return {OutArray(values, {size}, owner), std::span<double>(values, size)};
+// A new NumPy array of `size` T, left uninitialised for a kernel to fill (a
+// book's result is written once, not zeroed first), and its values.
+template <typename T = double>
+std::pair<nb::ndarray<nb::numpy, T, nb::ndim<1>>, std::span<T>> new_array(std::size_t size) {
+    auto* values = new T[size ? size : 1];
+    nb::capsule owner(values, [](void* p) noexcept { delete[] static_cast<T*>(p); });
+    return {nb::ndarray<nb::numpy, T, nb::ndim<1>>(values, {size}, owner), std::span<T>(values, size)};
 }
 
 // A NumPy array that owns `values` (moved, not copied).

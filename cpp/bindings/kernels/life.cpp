@@ -511,12 +511,13 @@ void register_life(nb::module_& m) {
                     static_cast<std::ptrdiff_t>(core::kMaxKeyWords) ||
                 size >= (std::size_t{1} << 32))
                 throw std::invalid_argument("at most 16 columns of more than one value and fewer than 2**32 rows");
-            core::Distinct distinct;
+            auto [of_array, of] = new_array<std::uint32_t>(size);
+            std::vector<std::uint32_t> lead;
             {
                 nb::gil_scoped_release release;
-                distinct = core::distinct_policies(key, size);
+                lead = core::distinct_policies(key, of);
             }
-            return std::make_pair(to_array(std::move(distinct.lead)), to_array(std::move(distinct.of)));
+            return std::make_pair(to_array(std::move(lead)), of_array);
         },
         nb::arg("names"), nb::arg("columns"),
         "The distinct rows of a book's columns (each a column of numbers, or of table texts matched against "
@@ -526,33 +527,39 @@ void register_life(nb::module_& m) {
     using IndexArray = nb::ndarray<nb::ro, const std::uint32_t, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
     m.def(
         "gather_parts",
-        [](IndexArray of, const std::vector<InArray>& units, const std::vector<nb::object>& weights) {
-            if (units.empty() || units.size() != weights.size())
-                throw std::invalid_argument("one weight column per part's units, at least one part");
+        [](IndexArray of, const std::vector<InArray>& units, const std::vector<nb::object>& amounts,
+           const std::vector<nb::object>& shares) {
+            if (units.empty() || units.size() != amounts.size() || units.size() != shares.size())
+                throw std::invalid_argument("one amount and one share column per part's units, at least one part");
             const std::size_t size = of.shape(0);
+            // A column, or one value for all rows (None: 1).
+            const auto column = [size](nb::handle values) {
+                static constexpr double kOne[] = {1.0};
+                const core::BookColumn read =
+                    values.is_none() ? core::BookColumn(kOne) : column_of(nb::cast<RealArray>(values));
+                if (read.size != size && read.size != 1)
+                    throw std::invalid_argument("an amount or share column holds one value or one per row");
+                return core::Column(read, size);
+            };
             std::vector<std::span<const double>> unit_spans;
-            std::vector<core::Column> weight_columns;
+            std::vector<core::Column> amount_columns, share_columns;
             for (std::size_t p = 0; p < units.size(); ++p) {
                 unit_spans.push_back(span_of(units[p]));
-                const core::BookColumn weight =
-                    weights[p].is_none() ? core::BookColumn{} : column_of(nb::cast<RealArray>(weights[p]));
-                if (!weights[p].is_none() && weight.size != size && weight.size != 1)
-                    throw std::invalid_argument("a weight column holds one value or one per row");
-                static constexpr double kOne[] = {1.0};
-                weight_columns.emplace_back(weights[p].is_none() ? core::BookColumn(kOne) : weight, size);
+                amount_columns.push_back(column(amounts[p]));
+                share_columns.push_back(column(shares[p]));
             }
             auto [array, out] = new_array(size);
             bool within;
             {
                 nb::gil_scoped_release release;
-                within = core::gather_parts({of.data(), size}, unit_spans, weight_columns, out);
+                within = core::gather_parts({of.data(), size}, unit_spans, amount_columns, share_columns, out);
             }
             if (!within) throw std::invalid_argument("a row's number is not below every part's count of units");
             return array;
         },
-        nb::arg("of"), nb::arg("units"), nb::arg("weights"),
-        "Each row's value, the sum over parts of units[part][of[row]] * weights[part][row] (a weight None: 1; "
-        "a column, or one value for all rows), the parts added in order.");
+        nb::arg("of"), nb::arg("units"), nb::arg("amounts"), nb::arg("shares"),
+        "Each row's value, the sum over parts of units[part][of[row]] * (amounts[part][row] * "
+        "shares[part][row]) (each a column, one value for all rows, or None: 1), the parts added in order.");
 
     m.attr("MAX_FLOW_PAYMENTS") = core::kMaxFlowPayments;
     m.def(

@@ -313,13 +313,21 @@ class _Book(NamedTuple):
     growth: Any
     benefit: str = "annuity"
     spouse: dict[str, Any] | None = None  # the other life's "table", "age" and "select_age" of a joint status
+    share: Any = None  # a part's share of each policy's benefits (None: all of them)
+
+
+def _amounts(given: _Book) -> Any:
+    """What each policy of a book pays a unit of value: its benefits times its share (None: 1)."""
+    if given.share is None:
+        return given.weights
+    return given.share if given.weights is None else given.weights * given.share
 
 
 def _value_book(given: _Book, stop_at_fault: bool) -> tuple[F64, dict[int, list[str]]]:
     """The values of a book (NaN for its invalid policies) and each invalid one's faults;
     ``stop_at_fault``: refuse the book at its first fault instead of valuing the rest."""
-    curve, tables, cols, size, weights, timing, growth, benefit, spouse = given
-    book = _LifeBook(curve, tables, timing, growth, weights, size, benefit, spouse)
+    curve, tables, cols, size, _, timing, growth, benefit, spouse, _ = given
+    book = _LifeBook(curve, tables, timing, growth, _amounts(given), size, benefit, spouse)
     # The kernel checks every policy itself and matches texts to the tables' names; the
     # per-policy faults are worded only when it refuses one.
     texts = None if book.generational else _texts(cols["table"])
@@ -419,14 +427,14 @@ def _guaranteed_book(given: _Book, stop_at_fault: bool) -> tuple[F64, dict[int, 
         given.curve,
         given.cols,
         given.size,
-        given.weights,
+        _amounts(given),
         given.timing,
         given.growth,
     )
     split = _guarantee_split(cols, size, growth)
     n, d, ts, m, k = (np.broadcast_to(cols[c], (size,)) for c in ("n", "d", "ts", "m", "guarantee"))
     kept, steps, years = split.kept, split.steps, split.years
-    later, faults = _value_book(given._replace(cols=split.later_terms, weights=None), False)
+    later, faults = _value_book(given._replace(cols=split.later_terms, weights=None, share=None), False)
     for i in np.flatnonzero(~kept).tolist():
         faults.setdefault(i, []).append(
             f"'guarantee' must be >= 0.0, finite and a whole number of payment periods at index {i}, "
@@ -479,9 +487,6 @@ def _legs(given: _Book, pension: _Pension) -> list[tuple[_Book, bool]]:
     legs = [(given, False)]
     cols, size = given.cols, given.size
 
-    def times(factor: Any) -> Any:  # the benefits times a factor (no benefits: 1 each)
-        return factor if given.weights is None else given.weights * factor
-
     if pension.spouse is not None and pension.rule is not None:
         both, x_alone, y_alone = (_one_or_all(part) for part in pension.rule)
         has = ~np.isnan(_one_or_all(pension.spouse["age"]))
@@ -496,9 +501,9 @@ def _legs(given: _Book, pension: _Pension) -> list[tuple[_Book, bool]]:
         }
         member = paid(x_alone, 1.0)
         if (member != 1.0).any():
-            legs[0] = (given._replace(weights=times(member)), False)
-        legs.append((given._replace(cols={**cols, **spouse}, weights=paid(times(y_alone), 0.0)), True))
-        legs.append((given._replace(weights=paid(times(both - x_alone - y_alone), 0.0), spouse=spouse), False))
+            legs[0] = (given._replace(share=member), False)
+        legs.append((given._replace(cols={**cols, **spouse}, share=paid(y_alone, 0.0)), True))
+        legs.append((given._replace(share=paid(both - x_alone - y_alone, 0.0), spouse=spouse), False))
     if pension.death_benefit is not None:
         ends = {**cols, "n": cols["d"], "d": np.zeros(1)}
         legs.append((given._replace(cols=ends, weights=pension.death_benefit, benefit="insurance", growth=None), False))
@@ -609,6 +614,7 @@ def _distinct_legs(legs: list[tuple[_Book, bool]], rows: NDArray[Any]) -> list[t
                 cols=subset(leg.cols),
                 size=rows.size,
                 weights=None,
+                share=None,
                 spouse=None if leg.spouse is None else subset(leg.spouse),
             ),
             of_spouse,
@@ -638,8 +644,13 @@ def _value_pensions(given: _Book, pension: _Pension, stop_at_fault: bool) -> tup
             except ValueError:
                 pass
             else:
-                weights = [None if leg.weights is None else _one_or_all(leg.weights) for leg, _ in legs]
-                return _kernels.gather_parts(of, units, weights), {}
+
+                def column(values: Any) -> Any:
+                    return None if values is None else _one_or_all(values)
+
+                amounts = [column(leg.weights) for leg, _ in legs]
+                shares = [column(leg.share) for leg, _ in legs]
+                return _kernels.gather_parts(of, units, amounts, shares), {}
     parts, faults = _leg_values(legs, guaranteed, stop_at_fault)
     return sum(parts[1:], parts[0]), faults
 
