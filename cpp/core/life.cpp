@@ -382,8 +382,8 @@ template <typename Ages>
 void build_grid(const PiecewiseTable& curve, std::size_t m, Ages& ages, std::size_t points, PrefixSums& sums,
                 const Growth& growth = {}, int timing = 0) {
     const double step = 1.0 / static_cast<double>(m);
-    double segment_end = -PiecewiseTable::kInfinity, v = 0.0, ratio = 0.0;
-    std::size_t j = 0;
+    double segment_end = -PiecewiseTable::kInfinity, v = 0.0, ratio = 0.0, grown = 1.0;
+    std::size_t j = 0, year = 0;
     sums.build(points, [&](std::size_t k) {
         const double t = static_cast<double>(k) * step;
         if (t > segment_end) {
@@ -395,8 +395,15 @@ void build_grid(const PiecewiseTable& curve, std::size_t m, Ages& ages, std::siz
         if (t >= ages.birthday()) ages.refresh(t);
         double term = weighted(ages.at(t), v);
         // Growing payments: the payment at point k is in year (k - timing) / m of a schedule starting at 0.
-        if (growth.kind != Growth::Level && k >= static_cast<std::size_t>(timing))
-            term *= growth.factor((k - static_cast<std::size_t>(timing)) / m);
+        // Its factor is taken once a year (that of year 0 is 1).
+        if (growth.kind != Growth::Level && k >= static_cast<std::size_t>(timing)) {
+            const std::size_t payment_year = (k - static_cast<std::size_t>(timing)) / m;
+            if (payment_year != year) {
+                year = payment_year;
+                grown = growth.factor(year);
+            }
+            term *= grown;
+        }
         v *= ratio;
         return term;
     });

@@ -401,23 +401,25 @@ struct LaidOut {
     std::vector<std::int64_t> base;
 };
 
-LaidOut lay_out(const std::vector<std::optional<LifeGrid>>& grids) {
+// `grids[k]` is the grid of slot `slots[k]`, of `count` slots.
+LaidOut lay_out(std::span<const std::size_t> slots, const std::vector<std::optional<LifeGrid>>& grids,
+                std::size_t count) {
     LaidOut laid;
-    laid.base.assign(grids.size(), 0);
-    laid.ends.assign(grids.size(), -1.0);
+    laid.base.assign(count, 0);
+    laid.ends.assign(count, -1.0);
     std::size_t total = 0;
-    for (std::size_t slot = 0; slot < grids.size(); ++slot) {
-        if (!grids[slot]) continue;
-        laid.base[slot] = static_cast<std::int64_t>(total);
-        laid.ends[slot] = static_cast<double>(grids[slot]->sums().size());
-        total += grids[slot]->sums().size() + 1;
+    for (std::size_t k = 0; k < slots.size(); ++k) {
+        if (!grids[k]) continue;
+        laid.base[slots[k]] = static_cast<std::int64_t>(total);
+        laid.ends[slots[k]] = static_cast<double>(grids[k]->sums().size());
+        total += grids[k]->sums().size() + 1;
     }
     if (total == 0) return laid;
     laid.points.reset(new double[2 * total]);
-    for (std::size_t slot = 0; slot < grids.size(); ++slot) {
-        if (!grids[slot]) continue;
-        const PrefixSums& sums = grids[slot]->sums();
-        std::copy_n(sums.points(), 2 * (sums.size() + 1), laid.points.get() + 2 * laid.base[slot]);
+    for (std::size_t k = 0; k < slots.size(); ++k) {
+        if (!grids[k]) continue;
+        const PrefixSums& sums = grids[k]->sums();
+        std::copy_n(sums.points(), 2 * (sums.size() + 1), laid.points.get() + 2 * laid.base[slots[k]]);
     }
     return laid;
 }
@@ -494,7 +496,9 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
     // Paths are built before the threads share the tables.
     const PiecewiseTable seen =
         discount_table(is_shift(ts, terms.tolerance_eps) ? shifted(curve, ts, terms.tolerance_eps) : curve);
-    std::vector<std::optional<Status>> statuses(named.slots());
+    // The lives of the slots in use only (a generational table's cohorts hold many unused).
+    std::vector<std::size_t> slots;
+    std::vector<std::optional<Status>> statuses;
     for (std::size_t t = 0; t < tables.size(); ++t) {
         if (!tables[t]) continue;
         const auto first_slot = static_cast<std::size_t>(named.base[t]);
@@ -503,7 +507,8 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
             if (!in_use.used[slot]) continue;
             const int age = tables[t]->first_age() + static_cast<int>(slot - first_slot);
             const auto life = life_aged(tables[t]->path(age), tables[t]->path_start(age), age, ts, rules[t]);
-            if (life) statuses[slot] = Status{Status::Single, {*life, *life}};
+            slots.push_back(slot);
+            statuses.push_back(life ? std::optional<Status>(Status{Status::Single, {*life, *life}}) : std::nullopt);
         }
     }
     std::vector<std::uint32_t> rest;
@@ -524,11 +529,10 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
     const auto frequency = static_cast<std::size_t>(m);
     const auto reach = static_cast<std::size_t>(std::min(in_use.reach, 0x1p52));
     parallel_for(grids.size(), 8, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t slot = begin; slot < end; ++slot)
-            if (statuses[slot])
-                grids[slot].emplace(seen, *statuses[slot], frequency, reach, terms.growth, terms.timing);
+        for (std::size_t k = begin; k < end; ++k)
+            if (statuses[k]) grids[k].emplace(seen, *statuses[k], frequency, reach, terms.growth, terms.timing);
     });
-    const LaidOut laid = lay_out(grids);
+    const LaidOut laid = lay_out(slots, grids, named.slots());
     if (!laid.points) return everything();  // no policy at a whole age anybody reaches
     static constexpr Block kZeros{};
     static constexpr double kOne[] = {1.0};
@@ -564,8 +568,13 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
             // general route.
             for (std::size_t k = 0; k < len; ++k) {
                 if (!std::isnan(unit[i + k])) continue;
-                const auto& grid = grids[static_cast<std::size_t>(slot[k])];
-                const Status* status = grid ? &*statuses[static_cast<std::size_t>(slot[k])] : nullptr;
+                // (`slots` ascends: a slot's grid is found by bisection; none for the slot of no table.)
+                const auto at = std::lower_bound(slots.begin(), slots.end(), static_cast<std::size_t>(slot[k]));
+                const bool listed = at != slots.end() && *at == static_cast<std::size_t>(slot[k]);
+                const std::optional<LifeGrid>* grid =
+                    listed ? &grids[static_cast<std::size_t>(at - slots.begin())] : nullptr;
+                const Status* status =
+                    grid && *grid ? &*statuses[static_cast<std::size_t>(at - slots.begin())] : nullptr;
                 const auto annuity =
                     status ? life_policy_annuity(n[k], d[k], ts, status->horizon(), policy) : std::nullopt;
                 if (status && !annuity) {
@@ -579,12 +588,12 @@ std::vector<std::uint32_t> value_whole_ages(const CurveArrays& curve, std::span<
                     continue;
                 }
                 if (!grows) {
-                    unit[i + k] = round_scaled(grid->value(seen, s, *status, *first), view.scale) * benefit[k];
+                    unit[i + k] = round_scaled((*grid)->value(seen, s, *status, *first), view.scale) * benefit[k];
                     continue;
                 }
                 // The grid's growth runs from its start, the schedule's from its own: divided out. A
                 // value within a few epsilon of a rounding tie is left to the payment-by-payment route.
-                const double value = grid->regular(s, *first) * std::exp(-s.start * log_growth) +
+                const double value = (*grid)->regular(s, *first) * std::exp(-s.start * log_growth) +
                                      (s.has_partial ? life_partial_value(seen, s, *status) : 0.0);
                 const double scaled = value * view.scale;
                 if (!(std::abs(scaled - std::floor(scaled) - 0.5) > kGrownTieMargin * std::abs(scaled))) {

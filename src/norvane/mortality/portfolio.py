@@ -532,9 +532,9 @@ def _pension_columns(
 
     def amounts(values: Any, name: str, least: float = 0.0) -> F64:
         column = column_of(values, name)
-        bad = np.flatnonzero(~((column >= least) & np.isfinite(column)))
-        if bad.size:
-            i = int(bad[0])
+        given = _one_or_all(column)  # one value for all is checked once
+        if not (np.isfinite(given) & (given >= least)).all():
+            i = int(np.flatnonzero(~((column >= least) & np.isfinite(column)))[0])
             bound = "" if least == -np.inf else f" and >= {least}"
             raise ValueError(f"[{method_name}] '{name}' must be finite{bound} at index {i}, got {float(column[i])!r}.")
         return column
