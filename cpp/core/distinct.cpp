@@ -122,7 +122,8 @@ bool gather_parts(std::span<const std::uint32_t> of, std::span<const std::span<c
     for (const auto& part : units) least = std::min(least, part.size());
     std::atomic<bool> within{true};
     parallel_for(of.size(), std::size_t{1} << 16, [&](std::size_t begin, std::size_t end) {
-        Block amount_scratch, share_scratch;
+        std::vector<Block> scratch(2 * units.size());
+        std::vector<const double*> amount(units.size()), share(units.size());
         for (std::size_t i = begin; i < end; i += kBlock) {
             const std::size_t len = std::min(kBlock, end - i);
             const std::uint32_t* number = of.data() + i;
@@ -130,15 +131,16 @@ bool gather_parts(std::span<const std::uint32_t> of, std::span<const std::span<c
                 within = false;
                 return;
             }
-            double* to = out.data() + i;
             for (std::size_t p = 0; p < units.size(); ++p) {
-                const double* amount = amounts[p].block(i, len, amount_scratch);
-                const double* share = shares[p].block(i, len, share_scratch);
-                const double* unit = units[p].data();
-                if (p == 0)
-                    for (std::size_t k = 0; k < len; ++k) to[k] = unit[number[k]] * (amount[k] * share[k]);
-                else
-                    for (std::size_t k = 0; k < len; ++k) to[k] += unit[number[k]] * (amount[k] * share[k]);
+                amount[p] = amounts[p].block(i, len, scratch[2 * p]);
+                share[p] = shares[p].block(i, len, scratch[2 * p + 1]);
+            }
+            // Row by row, the parts in order: each row's number read once, its value written once.
+            for (std::size_t k = 0; k < len; ++k) {
+                const std::uint32_t n = number[k];
+                double value = units[0][n] * (amount[0][k] * share[0][k]);
+                for (std::size_t p = 1; p < units.size(); ++p) value += units[p][n] * (amount[p][k] * share[p][k]);
+                out[i + k] = value;
             }
         }
     });

@@ -560,7 +560,7 @@ def _pension_columns(
         both, x_alone, y_alone = (amounts(part, f"payment_rule's {name}", -np.inf) for part, name in zip(rule, names))
         rule = (both, x_alone, y_alone)
     elif reversion is not None:
-        one = np.ones(size)
+        one = np.broadcast_to(1.0, (size,))
         rule = (one, one, amounts(reversion, "reversion"))
     paid = None if death_benefit is None else amounts(death_benefit, "death_benefit")
     return _Pension(spouse, rule, paid)
