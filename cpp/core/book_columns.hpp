@@ -157,6 +157,17 @@ class TableColumn {
     }
     // As Column::repeated.
     bool repeated() const { return text_ ? single_ : codes_.repeated(); }
+    // What tells policies' tables apart without matching names: a text of one
+    // code point is that code point (the usual "M" and "F"), otherwise the table.
+    double key(std::size_t i) const {
+        return text_ && width_ == 1 ? static_cast<double>(text_[repeated_ ? 0 : i]) : (*this)[i];
+    }
+    // As block, of key.
+    const double* key_block(std::size_t i, std::size_t len, Block& scratch) const {
+        if (!text_ || width_ != 1 || repeated_) return block(i, len, scratch);
+        for (std::size_t k = 0; k < len; ++k) scratch[k] = static_cast<double>(text_[i + k]);
+        return scratch.data();
+    }
     // As Column::block.
     const double* block(std::size_t i, std::size_t len, Block& scratch) const {
         if (!text_) return codes_.block(i, len, scratch);

@@ -18,12 +18,12 @@ bool KeyWord::repeated() const {
 }
 
 double KeyWord::operator[](std::size_t i) const {
-    if (tables_) return (*tables_)[i];
+    if (tables_) return tables_->key(i);
     return select_ ? select_age_of((*values_)[i], (*select_)[i]) : (*values_)[i];
 }
 
 const double* KeyWord::block(std::size_t i, std::size_t len, Block& scratch, Block& more) const {
-    if (tables_) return tables_->block(i, len, scratch);
+    if (tables_) return tables_->key_block(i, len, scratch);
     const double* values = values_->block(i, len, scratch);
     if (!select_) return values;
     const double* select = select_->block(i, len, more);
