@@ -246,9 +246,14 @@ class GenerationalTable:
 
     def cohort(self, birth_year: int) -> MortalityTable:
         """The rates a cohort lives by: age a in calendar year ``birth_year + a``."""
-        born = _year(birth_year, "birth_year", "GenerationalTable.cohort")
+        return self._cohort(_year(birth_year, "birth_year", "GenerationalTable.cohort"))
+
+    def _cohort(self, born: int) -> MortalityTable:
+        """``cohort`` of a whole birth year (a book's cohorts, taken by the hundred: a year is
+        checked when its table is made)."""
         table = self._cohorts.get(born)
         if table is None:
+            born = _year(born, "birth_year", "GenerationalTable.cohort")
             if len(self._cohorts) >= _MAX_COHORTS:
                 self._cohorts.clear()
             table = self._cohorts[born] = self._table(lambda ages: ages + born)

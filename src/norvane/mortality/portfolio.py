@@ -196,7 +196,7 @@ def _cohort_codes(tables: list[Table], codes: F64, cols: dict[str, Any], size: i
         present[years - first] = True
         number = np.cumsum(present) - 1
         moved[rows] = len(expanded) + number[years - first]
-        expanded += [table.cohort(first + int(offset)) for offset in np.flatnonzero(present)]
+        expanded += [table._cohort(born) for born in (np.flatnonzero(present) + first).tolist()]
     return expanded, moved
 
 
