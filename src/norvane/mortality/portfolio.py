@@ -489,11 +489,12 @@ def _legs(given: _Book, pension: _Pension) -> list[tuple[_Book, bool]]:
 
     if pension.spouse is not None and pension.rule is not None:
         both, x_alone, y_alone = (_one_or_all(part) for part in pension.rule)
-        has = ~np.isnan(_one_or_all(pension.spouse["age"]))
-        every = bool(has.all())
+        spouse_ages = _one_or_all(pension.spouse["age"])
+        # Every policy has a spouse unless the least age is NaN (then each is looked at).
+        has = None if not spouse_ages.size or not np.isnan(spouse_ages.min()) else ~np.isnan(spouse_ages)
 
         def paid(values: Any, otherwise: Any) -> Any:  # where there is a spouse
-            return values if every else np.where(has, values, otherwise)
+            return values if has is None else np.where(has, values, otherwise)
 
         spouse = {
             key: paid(np.broadcast_to(pension.spouse[key], (size,)), np.broadcast_to(cols[key], (size,)))
@@ -532,8 +533,9 @@ def _pension_columns(
 
     def amounts(values: Any, name: str, least: float = 0.0) -> F64:
         column = column_of(values, name)
-        given = _one_or_all(column)  # one value for all is checked once
-        if not (np.isfinite(given) & (given >= least)).all():
+        given = _one_or_all(column)  # one value for all is checked once; NaN is the least and the most
+        least_given, most = (given.min(), given.max()) if given.size else (least, least)
+        if not (np.isfinite(least_given) and np.isfinite(most) and least_given >= least):
             i = int(np.flatnonzero(~((column >= least) & np.isfinite(column)))[0])
             bound = "" if least == -np.inf else f" and >= {least}"
             raise ValueError(f"[{method_name}] '{name}' must be finite{bound} at index {i}, got {float(column[i])!r}.")
@@ -597,16 +599,18 @@ def _key_column(values: Any, tables: Mapping[str, Table]) -> NDArray[Any]:
     return texts if texts is not None else _table_codes(column, tables)[0]
 
 
-def _rows_of(values: Any, rows: NDArray[Any]) -> Any:
-    values = np.asarray(values)
-    return values if values.shape[0] == 1 else values[rows]
-
-
 def _distinct_legs(legs: list[tuple[_Book, bool]], rows: NDArray[Any]) -> list[tuple[_Book, bool]]:
     """The parts of a book as the parts of its policies ``rows``, each of unit benefit."""
+    taken: dict[int, Any] = {}  # the parts share most columns: each is taken once
+
+    def rows_of(values: Any) -> Any:
+        if id(values) not in taken:
+            column = np.asarray(values)
+            taken[id(values)] = column if column.shape[0] == 1 else column[rows]
+        return taken[id(values)]
 
     def subset(columns: dict[str, Any]) -> dict[str, Any]:
-        return {key: _rows_of(values, rows) for key, values in columns.items()}
+        return {key: rows_of(values) for key, values in columns.items()}
 
     return [
         (
