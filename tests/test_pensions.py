@@ -234,12 +234,22 @@ def test_distinct_policies_number_rows_by_first_appearance_across_cores():
     from norvane import _kernels
 
     size = 300_000  # parts on more than one core
-    age = (np.arange(size) * 7919 % 97).astype(np.float64)
-    sex = np.where(np.arange(size) % 5 == 0, "F", "M")
-    lead, of = _kernels.distinct_policies([[ord("M")], [ord("F")]], [sex.view(np.uint32).reshape(-1, 1), age])
-    pairs = list(zip(sex.tolist(), age.tolist()))
+    rows = np.arange(size)
+    sex = np.where(rows % 5 == 0, "F", "M")
+    # Whole ages pack into one word with the other columns; fractional, negative, large, NaN
+    # and signed zero ages are kept in full; both kinds must number as one book.
+    age = (rows * 7919 % 97).astype(np.float64)
+    odd = rows % 13 == 0
+    age[odd] = np.array([0.5, -1.0, 5000.0, np.nan, -0.0, 0.0, 1e300])[rows[odd] % 7]
+    columns = [age, (rows % 3).astype(np.int64), (rows % 2).astype(np.float32), np.full(size, 2026.0)]
+    lead, of = _kernels.distinct_policies([[ord("M")], [ord("F")]], [sex.view(np.uint32).reshape(-1, 1), *columns])
+
+    def canonical(x):
+        return "nan" if x != x else x + 0.0  # NaN equals NaN, -0.0 equals 0.0
+
+    keys = list(zip(sex.tolist(), map(canonical, age.tolist()), (rows % 3).tolist(), (rows % 2).tolist()))
     first = {}
-    for i, pair in enumerate(pairs):
-        first.setdefault(pair, i)
+    for i, key in enumerate(keys):
+        first.setdefault(key, i)
     assert lead.tolist() == sorted(first.values())
-    np.testing.assert_array_equal(lead[of], [first[p] for p in pairs])
+    np.testing.assert_array_equal(lead[of], [first[key] for key in keys])

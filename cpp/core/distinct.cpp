@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cmath>
 #include <limits>
 #include <thread>
 
@@ -33,10 +34,39 @@ const double* KeyWord::block(std::size_t i, std::size_t len, Block& scratch, Blo
 
 namespace {
 
+// A policy's words packed into one 64-bit word, each in `width` bits, when
+// every one of them is a whole number in [0, 2^width): the usual key (table
+// letters, whole ages, terms in years) then costs one word to hash and to
+// compare. `packs[k]` says whether policy k of the block packs.
+struct Packing {
+    explicit Packing(std::size_t words) : width(static_cast<unsigned>(std::min<std::size_t>(31, 64 / words))) {}
+    unsigned width;
+};
+
+__attribute__((target_clones("avx2", "default"))) void pack_block(const double* const* columns, std::size_t count,
+                                                                  unsigned width, std::size_t len,
+                                                                  std::uint64_t* packed, std::uint64_t* packs) {
+    const double limit = std::ldexp(1.0, static_cast<int>(width));
+    for (std::size_t k = 0; k < len; ++k) packed[k] = 0, packs[k] = 1;
+    for (std::size_t w = 0; w < count; ++w) {
+        const double* values = columns[w];
+        const unsigned shift = static_cast<unsigned>(w) * width;
+        // Without branches, so that it vectorises (NaN is in no range).
+        for (std::size_t k = 0; k < len; ++k) {
+            const double x = values[k];
+            const bool in_range = (x >= 0.0) & (x < limit);
+            const auto whole = static_cast<std::int32_t>(in_range ? x : 0.0);
+            packs[k] &= static_cast<std::uint64_t>(in_range & (static_cast<double>(whole) == x));
+            packed[k] |= static_cast<std::uint64_t>(static_cast<std::uint32_t>(whole)) << shift;
+        }
+    }
+}
+
 // The distinct policies by the `words` that tell them apart (at most N). Each
-// core numbers those of its part of the book; the parts' numbers are then
-// made one (the distinct policies are few against the book). The columns are
-// read a block at a time (table texts matched, integers converted, vectorised).
+// core numbers those of its part of the book, the keys that pack in one index
+// and the others in full in another; the parts' numbers are then made one,
+// by full keys (the distinct policies are few against the book). The columns
+// are read a block at a time (table texts matched, integers converted, vectorised).
 template <std::size_t N>
 std::vector<std::uint32_t> number(std::span<const KeyWord* const> words, std::span<std::uint32_t> of) {
     const std::size_t size = of.size();
@@ -45,45 +75,74 @@ std::vector<std::uint32_t> number(std::span<const KeyWord* const> words, std::sp
     const std::size_t parts =
         std::max<std::size_t>(1, std::min<std::size_t>(std::max(1u, std::thread::hardware_concurrency()), size >> 16));
     const std::size_t chunk = (size + parts - 1) / parts;
-    std::vector<std::uint32_t> found;
-    std::vector<std::vector<std::uint32_t>> leads(parts);
+    // A part's number of a key kept in full has this bit set (books of fewer than 2^31 policies).
+    const bool packing = size < (std::size_t{1} << 31);
+    const std::uint32_t in_full = packing ? 0x80000000u : 0u;
+    const Packing packed_as(count);
+    struct Leads {
+        std::vector<std::uint32_t> packed, full;  // in order of appearance
+    };
+    std::vector<Leads> leads(parts);
     parallel_for(parts, 1, [&](std::size_t first, std::size_t last) {
         std::array<std::array<Block, 2>, N> scratch;
-        std::vector<Key> keys(kBlock);  // words past `count` stay 0
-        std::array<std::size_t, kBlock> hashes;
+        std::array<const double*, N> columns{};
+        std::array<std::uint64_t, kBlock> packed;
+        std::array<std::uint64_t, kBlock> packs{};
         for (std::size_t part = first; part < last; ++part) {
             const std::size_t begin = part * chunk, end = std::min(size, begin + chunk);
-            KeyIndex<N> index(std::min<std::size_t>(end - begin, std::size_t{1} << 12));
+            const std::size_t expected = std::min<std::size_t>(end - begin, std::size_t{1} << 12);
+            KeyIndex<1> packed_index(expected);
+            KeyIndex<N> full_index(packing ? 16 : expected);
             for (std::size_t i = begin; i < end; i += kBlock) {
                 const std::size_t len = std::min(kBlock, end - i);
-                for (std::size_t w = 0; w < count; ++w) {
-                    const double* values = words[w]->block(i, len, scratch[w][0], scratch[w][1]);
-                    for (std::size_t k = 0; k < len; ++k) keys[k][w] = bits(values[k]);
-                }
-                for (std::size_t k = 0; k < len; ++k) hashes[k] = KeyIndex<N>::hash(keys[k]);
+                for (std::size_t w = 0; w < count; ++w)
+                    columns[w] = words[w]->block(i, len, scratch[w][0], scratch[w][1]);
+                if (packing) pack_block(columns.data(), count, packed_as.width, len, packed.data(), packs.data());
                 for (std::size_t k = 0; k < len; ++k) {
-                    const auto [number, added] = index.insert(keys[k], hashes[k]);
-                    if (added) leads[part].push_back(static_cast<std::uint32_t>(i + k));
-                    of[i + k] = number;
+                    const auto row = static_cast<std::uint32_t>(i + k);
+                    if (packs[k]) {
+                        const auto [number, added] = packed_index.insert({packed[k]});
+                        if (added) leads[part].packed.push_back(row);
+                        of[row] = number;
+                        continue;
+                    }
+                    Key key{};
+                    for (std::size_t w = 0; w < count; ++w) key[w] = bits(columns[w][k]);
+                    const auto [number, added] = full_index.insert(key);
+                    if (added) leads[part].full.push_back(row);
+                    of[row] = number | in_full;
                 }
             }
         }
     });
-    KeyIndex<N> index(leads[0].size());
-    std::vector<std::vector<std::uint32_t>> number(parts);
-    for (std::size_t part = 0; part < parts; ++part)
-        for (const std::uint32_t i : leads[part]) {
+    // Each part's keys numbered for the book in order of first appearance: its two lists of
+    // first policies merged by row.
+    std::vector<std::uint32_t> found;
+    KeyIndex<N> index(leads[0].packed.size() + leads[0].full.size());
+    std::vector<std::vector<std::uint32_t>> packed_number(parts), full_number(parts);
+    for (std::size_t part = 0; part < parts; ++part) {
+        const Leads& first = leads[part];
+        std::size_t a = 0, b = 0;
+        while (a < first.packed.size() || b < first.full.size()) {
+            const bool is_packed =
+                b == first.full.size() || (a < first.packed.size() && first.packed[a] < first.full[b]);
+            const std::uint32_t i = is_packed ? first.packed[a++] : first.full[b++];
             Key key{};
             for (std::size_t w = 0; w < count; ++w) key[w] = bits((*words[w])[i]);
             const auto [k, added] = index.insert(key);
             if (added) found.push_back(i);
-            number[part].push_back(k);
+            (is_packed ? packed_number : full_number)[part].push_back(k);
         }
-    // The first part's numbers are already the book's (its keys were numbered first).
-    if (parts > 1)
-        parallel_for(size - chunk, std::size_t{1} << 16, [&](std::size_t begin, std::size_t end) {
-            for (std::size_t i = chunk + begin; i < chunk + end; ++i) of[i] = number[i / chunk][of[i]];
-        });
+    }
+    // The first part's numbers are already the book's when all its keys packed (they were numbered first).
+    const std::size_t from = packing && leads[0].full.empty() ? std::min(chunk, size) : 0;
+    parallel_for(size - from, std::size_t{1} << 16, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = from + begin; i < from + end; ++i) {
+            const std::uint32_t n = of[i];
+            const bool full = !packing || (n & in_full);
+            of[i] = full ? full_number[i / chunk][n & ~in_full] : packed_number[i / chunk][n];
+        }
+    });
     return found;
 }
 
