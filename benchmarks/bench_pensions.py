@@ -12,11 +12,12 @@ pension on death before 65.
 
 Ours is ``life_annuities`` (each life on its cohort's table) for the present
 values and ``expected_flows`` for the expected annual cash flows over 100
-years. The NumPy formulation, written here, values each distinct (table, age,
-spouse's age) once: both cohorts' survival on the monthly grid (uniform deaths
-within a year of age), discount factors, the indexation, the guarantee, the
-reversion and the deaths before 65 as arrays, one sum per group, then a
-gather. Peak memory is the process's resident high-water mark.
+years. The NumPy formulation, written here, numbers the distinct (table, age,
+spouse's age) by a table over their range and values each once: both
+cohorts' survival on the monthly grid (uniform deaths within a year of age),
+discount factors, the indexation, the guarantee, the reversion and the deaths
+before 65 as arrays, one sum per group, then a gather. Peak memory is the
+process's resident high-water mark.
 """
 
 from __future__ import annotations
@@ -100,10 +101,14 @@ def _cohort_survival(table, age, t):
 
 def numpy_pensions(curve, tables, book):
     """Each (table, age, spouse's age) once, then a gather."""
-    # One integer a (table, age, spouse's age): ages are whole years below 1000.
+    # One integer a (table, age, spouse's age): ages are whole years below 1000. The integers
+    # are few and bounded, so they are numbered by a table over their range (np.unique's sort
+    # takes five times as long).
     ages, spouse_ages = book["age"].astype(np.int64), book["spouse_age"].astype(np.int64)
     code = (book["table"] == "M") * 1_000_000 + ages * 1000 + spouse_ages
-    codes, which = np.unique(code, return_inverse=True)
+    present = np.zeros(2_000_000, dtype=bool)
+    present[code] = True
+    codes, which = np.flatnonzero(present), (np.cumsum(present) - 1)[code]
     groups = np.stack([codes // 1_000_000, codes // 1000 % 1000, codes % 1000], axis=1).astype(np.float64)
     unit = np.empty(groups.shape[0])
     death_unit = np.empty(groups.shape[0])
