@@ -520,9 +520,9 @@ void register_life(nb::module_& m) {
             return std::make_pair(to_array(std::move(lead)), of_array);
         },
         nb::arg("names"), nb::arg("columns"),
-        "The distinct rows of a book's columns (each a column of numbers, or of table texts matched against "
-        "`names` as in `life_portfolio`; one length, or one value): the first row of each, in order of first "
-        "appearance, and each row's number among them.");
+        "The distinct rows of a book's columns (each a column of numbers, or of fixed-width table texts as "
+        "`life_portfolio` reads them, `names` naming the tables; one length, or one value): the first row of "
+        "each, in order of first appearance, and each row's number among them.");
 
     using IndexArray = nb::ndarray<nb::ro, const std::uint32_t, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
     m.def(
