@@ -13,11 +13,11 @@ pension on death before 65.
 Ours is ``life_annuities`` (each life on its cohort's table) for the present
 values and ``expected_flows`` for the expected annual cash flows over 100
 years. The NumPy formulation, written here, numbers the distinct (table, age,
-spouse's age) by a table over their range and values each once: both
-cohorts' survival on the monthly grid (uniform deaths within a year of age),
-discount factors, the indexation, the guarantee, the reversion and the deaths
-before 65 as arrays, one sum per group, then a gather. Peak memory is the
-process's resident high-water mark.
+spouse's age) by a table over their range and values them all at once on a
+(group, month) grid: both cohorts' survival (uniform deaths within a year of
+age), discount factors, the indexation, the guarantee, the reversion and the
+deaths before 65 as arrays, one matrix-vector product per value, then a
+gather. Peak memory is the process's resident high-water mark.
 """
 
 from __future__ import annotations
@@ -87,20 +87,33 @@ def ours_flows(curve, tables, book):
     return expected_flows(curve, tables, **columns(book), horizon=100)
 
 
-def _cohort_survival(table, age, t):
-    """Survival from ``age`` to age + t on the cohort of a life aged ``age`` in YEAR (uniform deaths)."""
-    q = table.cohort(int(YEAR - age)).qx  # q at age a in year YEAR - age + a
-    first = table.base.first_age
-    lx = np.concatenate([[1.0], np.cumprod(1.0 - q)])
-    u = age - first + t
-    j = np.minimum(np.floor(u).astype(np.int64), q.size)
-    inside = j < q.size
-    within = np.where(inside, 1.0 - (u - j) * q[np.minimum(j, q.size - 1)], 1.0)
-    return lx[j] * within / lx[int(age - first)]
+def _cohort_rates(tables, names, ages, first, width):
+    """Each row's cohort rates (its table's, born in YEAR - age) by age from ``first``: 0 before
+    its table's first age, 1 after its last."""
+    q = np.empty((len(ages), width))
+    rows = {}
+    for r, (name, x) in enumerate(zip(names.tolist(), ages.tolist())):
+        if (name, x) not in rows:
+            table = tables[name]
+            rates = table.cohort(int(YEAR - x)).qx
+            offset = table.base.first_age - first
+            rows[name, x] = np.concatenate([np.zeros(offset), rates, np.ones(width - offset - rates.size)])
+        q[r] = rows[name, x]
+    return q
+
+
+def _survival(q, first, ages, t):
+    """Survival of each row's life from its age to age + t (uniform deaths within a year)."""
+    lx = np.concatenate([np.ones((q.shape[0], 1)), np.cumprod(1.0 - q, axis=1)], axis=1)
+    u = (ages - first)[:, None] + t[None, :]
+    j = np.minimum(np.floor(u).astype(np.int64), q.shape[1] - 1)
+    within = 1.0 - (u - j) * np.take_along_axis(q, j, axis=1)
+    start = np.take_along_axis(lx, (ages - first).astype(np.int64)[:, None], axis=1)
+    return np.take_along_axis(lx, j, axis=1) * within / start
 
 
 def numpy_pensions(curve, tables, book):
-    """Each (table, age, spouse's age) once, then a gather."""
+    """Each (table, age, spouse's age) once, all at once on a (group, month) grid, then a gather."""
     # One integer a (table, age, spouse's age): ages are whole years below 1000. The integers
     # are few and bounded, so they are numbered by a table over their range (np.unique's sort
     # takes five times as long).
@@ -109,25 +122,25 @@ def numpy_pensions(curve, tables, book):
     present = np.zeros(2_000_000, dtype=bool)
     present[code] = True
     codes, which = np.flatnonzero(present), (np.cumsum(present) - 1)[code]
-    groups = np.stack([codes // 1_000_000, codes // 1000 % 1000, codes % 1000], axis=1).astype(np.float64)
-    unit = np.empty(groups.shape[0])
-    death_unit = np.empty(groups.shape[0])
-    steps = np.arange(int(101 * M))
-    t = steps / M
-    v = curve.vn(t)
-    v_next = curve.vn(t + 1.0 / M)
-    for k, (male, x, y) in enumerate(groups):
-        own, other = (tables["M"], tables["F"]) if male else (tables["F"], tables["M"])
-        sx, sy = _cohort_survival(own, x, t), _cohort_survival(other, y, t)
-        d = max(RETIREMENT - x, 0.0)
-        paid = t >= d
-        since = np.maximum(t - d, 0.0)
-        member = np.where(since < GUARANTEE, np.where(paid, 1.0, 0.0), sx)
-        spouse = REVERSION * (sy - sx * sy)
-        weight = paid * (member + spouse) * (1.0 + GROWTH) ** np.floor(since)
-        unit[k] = np.sum(weight * v) / M
-        dying = np.where(t < d, sx - _cohort_survival(own, x, t + 1.0 / M), 0.0)
-        death_unit[k] = np.sum(dying * v_next)
+    male = codes // 1_000_000 == 1
+    x, y = (codes // 1000 % 1000).astype(np.float64), (codes % 1000).astype(np.float64)
+    first = min(table.base.first_age for table in tables.values())
+    width = max(table.base.first_age + table.base.qx.size for table in tables.values()) - first + 1
+    qx = _cohort_rates(tables, np.where(male, "M", "F"), x, first, width)
+    qy = _cohort_rates(tables, np.where(male, "F", "M"), y, first, width)
+    # Survival and discount on the monthly grid and one month on (the deaths of each month).
+    grid = np.arange(int(101 * M) + 1) / M
+    t, discount = grid[:-1], curve.vn(grid)
+    member_alive, spouse_alive = _survival(qx, first, x, grid), _survival(qy, first, y, t)
+    sx = member_alive[:, :-1]
+    d = np.maximum(RETIREMENT - x, 0.0)[:, None]
+    paid = t >= d
+    since = np.maximum(t - d, 0.0)
+    member = np.where(since < GUARANTEE, paid, sx)
+    weight = paid * (member + REVERSION * (spouse_alive - sx * spouse_alive)) * (1.0 + GROWTH) ** np.floor(since)
+    unit = weight @ discount[:-1] / M
+    dying = np.where(t < d, sx - member_alive[:, 1:], 0.0)
+    death_unit = dying @ discount[1:]
     return book["benefits"] * unit[which] + book["death_benefit"] * death_unit[which]
 
 
