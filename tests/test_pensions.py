@@ -203,6 +203,12 @@ def test_a_book_of_copies_values_each_policy_once_and_words_a_fault_by_its_own_i
     values = life_annuities(FLAT, TABLES, **terms, benefits=benefits)
     expected = benefits * np.array(units)[which] + death_benefit * deaths
     np.testing.assert_allclose(values, expected, rtol=1e-10)  # each part rounded to 10 decimals a unit
+    # Their flows: each year's payments (at 0 and 1 in the first bucket), deaths paid a year on.
+    paid = sum(benefits[which == j].sum() * np.array(kind) for j, kind in enumerate((married, alone, deferred)))
+    paid[1:6] += death_benefit.sum() * np.array([kp(QX, k) - kp(QX, k + 1) for k in range(5)])
+    flows = expected_flows(FLAT, TABLES, **terms, benefits=benefits, horizon=12)
+    np.testing.assert_allclose(flows.total_expected, [paid[0] + paid[1], *paid[2:12], 0.0], rtol=1e-12)
+    assert flows.present_value == pytest.approx(values.sum(), rel=1e-10)  # values: parts rounded
     # A copy out of its table is refused by its own index, and alone.
     bad = dict(terms, age=np.where(np.arange(3 * copies) == 77, 70.0, terms["age"]))
     with pytest.raises(ValueError, match=r"at index 77\b"):

@@ -206,4 +206,23 @@ bool gather_parts(std::span<const std::uint32_t> of, std::span<const std::span<c
     return within;
 }
 
+bool sum_parts(std::span<const std::uint32_t> of, std::span<const Column> amounts, std::span<const Column> shares,
+               std::span<const std::span<double>> sums) {
+    std::size_t least = std::numeric_limits<std::size_t>::max();
+    for (const auto& part : sums) least = std::min(least, part.size());
+    Block amount_scratch, share_scratch;
+    for (std::size_t i = 0; i < of.size(); i += kBlock) {
+        const std::size_t len = std::min(kBlock, of.size() - i);
+        const std::uint32_t* number = of.data() + i;
+        if (*std::max_element(number, number + len) >= least) return false;
+        for (std::size_t p = 0; p < sums.size(); ++p) {
+            const double* amount = amounts[p].block(i, len, amount_scratch);
+            const double* share = shares[p].block(i, len, share_scratch);
+            double* sum = sums[p].data();
+            for (std::size_t k = 0; k < len; ++k) sum[number[k]] += amount[k] * share[k];
+        }
+    }
+    return true;
+}
+
 }  // namespace norvane::core

@@ -50,4 +50,11 @@ std::vector<std::uint32_t> distinct_policies(std::span<const KeyWord> key, std::
 bool gather_parts(std::span<const std::uint32_t> of, std::span<const std::span<const double>> units,
                   std::span<const Column> amounts, std::span<const Column> shares, std::span<double> out);
 
+// The other way: sums[p][k] = the sum over the policies i with of[i] = k, in
+// order, of amounts[p][i] * shares[p][i] (sums[p] of the distinct policies'
+// count, zeroed by the caller). False (sums unfinished) when some of[i] is
+// not below that count.
+bool sum_parts(std::span<const std::uint32_t> of, std::span<const Column> amounts, std::span<const Column> shares,
+               std::span<const std::span<double>> sums);
+
 }  // namespace norvane::core

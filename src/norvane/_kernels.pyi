@@ -184,6 +184,9 @@ def gather_parts(
     amounts: list[NDArray[Any] | None],
     shares: list[NDArray[Any] | None],
 ) -> NDArray[np.float64]: ...
+def sum_parts(
+    of: NDArray[np.uint32], count: int, amounts: list[NDArray[Any] | None], shares: list[NDArray[Any] | None]
+) -> list[NDArray[np.float64]]: ...
 
 MAX_FLOW_PAYMENTS: float
 

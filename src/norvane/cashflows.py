@@ -38,6 +38,7 @@ from .mortality.portfolio import (
     _base,
     _Book,
     _checked_columns,
+    _Copies,
     _faults,
     _guarantee_split,
     _legs,
@@ -433,7 +434,8 @@ def expected_flows(
         span = _real_float(horizon, "horizon", _METHOD)
         if not 0.0 < span <= MAX_HORIZON:
             raise ValueError(f"[{_METHOD}] 'horizon' must be > 0 and at most {MAX_HORIZON:g} years, got {span!r}.")
-    gathering = _Gathering(curve, bucket_ends(buckets, span), group, len(labels), timing, growth)
+    ends = bucket_ends(buckets, span)
+    gathering = _Gathering(curve, ends, group, len(labels), timing, growth)
     if not life:
         try:
             gathering.certain(cols, weights)
@@ -449,8 +451,21 @@ def expected_flows(
         cols, size, spouse_table, spouse_age, spouse_select_age, reversion, death_benefit, payment_rule, _METHOD
     )
     legs = _legs(given, pension)
+    guaranteed = guarantee is not None and benefit == "annuity"
+    # A book with copies of its policies projects each distinct policy's parts once, weighted by
+    # the sums of its copies' amounts; a fault is worded on the whole book, by its own index.
+    copies = _Copies.of_book(given, pension, group)
+    if copies is not None:
+        distinct = _Gathering(curve, ends, copies.rows(group), len(labels), timing, growth)
+        try:
+            weights = _kernels.sum_parts(copies.of, copies.lead.size, *_Copies.amounts(legs))
+            _gather_legs(distinct, [leg for leg, _ in copies.legs(legs, weights)], copies.rows(codes), guaranteed)
+        except ValueError:
+            pass
+        else:
+            return distinct.result(labels)
     try:
-        _gather_legs(gathering, [leg for leg, _ in legs], codes, guarantee is not None and benefit == "annuity")
+        _gather_legs(gathering, [leg for leg, _ in legs], codes, guaranteed)
     except ValueError:
         for leg, of_spouse in legs:
             found = _faults(tables, leg.cols, size, _table_codes(leg.cols["table"], tables)[0])

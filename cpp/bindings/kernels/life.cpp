@@ -243,6 +243,26 @@ core::TableColumn table_column_of(nb::handle table, const std::vector<std::vecto
     return core::TableColumn(text.data(), text.shape(1), text.shape(0), size, named);
 }
 
+// Each part's amounts and shares: a column of the rows' length, one value for all, or None (1).
+std::pair<std::vector<core::Column>, std::vector<core::Column>> part_columns(const std::vector<nb::object>& amounts,
+                                                                             const std::vector<nb::object>& shares,
+                                                                             std::size_t size) {
+    const auto column = [size](nb::handle values) {
+        static constexpr double kOne[] = {1.0};
+        const core::BookColumn read =
+            values.is_none() ? core::BookColumn(kOne) : bindings::column_of(nb::cast<RealArray>(values));
+        if (read.size != size && read.size != 1)
+            throw std::invalid_argument("an amount or share column holds one value or one per row");
+        return core::Column(read, size);
+    };
+    std::pair<std::vector<core::Column>, std::vector<core::Column>> columns;
+    for (std::size_t p = 0; p < amounts.size(); ++p) {
+        columns.first.push_back(column(amounts[p]));
+        columns.second.push_back(column(shares[p]));
+    }
+    return columns;
+}
+
 // Refuses a book at its first fault.
 void refuse_book(core::LifeBookFault fault) {
     if (fault.kind == core::LifeBookFault::SelectAge)
@@ -532,22 +552,9 @@ void register_life(nb::module_& m) {
             if (units.empty() || units.size() != amounts.size() || units.size() != shares.size())
                 throw std::invalid_argument("one amount and one share column per part's units, at least one part");
             const std::size_t size = of.shape(0);
-            // A column, or one value for all rows (None: 1).
-            const auto column = [size](nb::handle values) {
-                static constexpr double kOne[] = {1.0};
-                const core::BookColumn read =
-                    values.is_none() ? core::BookColumn(kOne) : column_of(nb::cast<RealArray>(values));
-                if (read.size != size && read.size != 1)
-                    throw std::invalid_argument("an amount or share column holds one value or one per row");
-                return core::Column(read, size);
-            };
             std::vector<std::span<const double>> unit_spans;
-            std::vector<core::Column> amount_columns, share_columns;
-            for (std::size_t p = 0; p < units.size(); ++p) {
-                unit_spans.push_back(span_of(units[p]));
-                amount_columns.push_back(column(amounts[p]));
-                share_columns.push_back(column(shares[p]));
-            }
+            for (const InArray& part : units) unit_spans.push_back(span_of(part));
+            const auto [amount_columns, share_columns] = part_columns(amounts, shares, size);
             auto [array, out] = new_array(size);
             bool within;
             {
@@ -560,6 +567,29 @@ void register_life(nb::module_& m) {
         nb::arg("of"), nb::arg("units"), nb::arg("amounts"), nb::arg("shares"),
         "Each row's value, the sum over parts of units[part][of[row]] * (amounts[part][row] * "
         "shares[part][row]) (each a column, one value for all rows, or None: 1), the parts added in order.");
+
+    m.def(
+        "sum_parts",
+        [](IndexArray of, std::size_t count, const std::vector<nb::object>& amounts,
+           const std::vector<nb::object>& shares) {
+            if (amounts.size() != shares.size()) throw std::invalid_argument("one share column per amount column");
+            const std::size_t size = of.shape(0);
+            const auto [amount_columns, share_columns] = part_columns(amounts, shares, size);
+            std::vector<std::vector<double>> sums(amounts.size(), std::vector<double>(count, 0.0));
+            const std::vector<std::span<double>> spans(sums.begin(), sums.end());
+            bool within;
+            {
+                nb::gil_scoped_release release;
+                within = core::sum_parts({of.data(), size}, amount_columns, share_columns, spans);
+            }
+            if (!within) throw std::invalid_argument("a row's number is not below the count of distinct rows");
+            std::vector<OutArray> out;
+            for (auto& part : sums) out.push_back(to_array(std::move(part)));
+            return out;
+        },
+        nb::arg("of"), nb::arg("count"), nb::arg("amounts"), nb::arg("shares"),
+        "For each part, the sum over the rows of each of `count` numbers of amounts[part][row] * "
+        "shares[part][row] (as `gather_parts` reads them), the rows added in order.");
 
     m.attr("MAX_FLOW_PAYMENTS") = core::kMaxFlowPayments;
     m.def(

@@ -599,62 +599,85 @@ def _key_column(values: Any, tables: Mapping[str, Table]) -> NDArray[Any]:
     return texts if texts is not None else _table_codes(column, tables)[0]
 
 
-def _distinct_legs(legs: list[tuple[_Book, bool]], rows: NDArray[Any]) -> list[tuple[_Book, bool]]:
-    """The parts of a book as the parts of its policies ``rows``, each of unit benefit."""
-    taken: dict[int, Any] = {}  # the parts share most columns: each is taken once
-
-    def rows_of(values: Any) -> Any:
-        if id(values) not in taken:
-            column = np.asarray(values)
-            taken[id(values)] = column if column.shape[0] == 1 else column[rows]
-        return taken[id(values)]
-
-    def subset(columns: dict[str, Any]) -> dict[str, Any]:
-        return {key: rows_of(values) for key, values in columns.items()}
-
-    return [
-        (
-            leg._replace(
-                cols=subset(leg.cols),
-                size=rows.size,
-                weights=None,
-                share=None,
-                spouse=None if leg.spouse is None else subset(leg.spouse),
-            ),
-            of_spouse,
-        )
-        for leg, of_spouse in legs
-    ]
-
-
 _KEY = ("table", "age", "select_age", "n", "d", "ts", "m", "year", "guarantee")
 
 
-def _value_pensions(given: _Book, pension: _Pension, stop_at_fault: bool) -> tuple[F64, dict[int, list[str]]]:
-    """The values of a pension book: its parts' (``_legs``) added, their faults merged. A book
-    with copies of its policies (equal but for their amounts) values each distinct policy's
-    parts once, and spreads them back weighted by each copy's amounts."""
-    legs = _legs(given, pension)
-    guaranteed = bool(np.any(np.asarray(given.cols["guarantee"]) != 0.0))
-    if given.size > 1:
+class _Copies(NamedTuple):
+    """A book's distinct policies (equal in every column but their amounts): the first policy
+    of each (``lead``) and each policy's number among them (``of``)."""
+
+    lead: NDArray[np.uint32]
+    of: NDArray[np.uint32]
+
+    @staticmethod
+    def of_book(given: _Book, pension: _Pension, *more: Any) -> _Copies | None:
+        """The distinct policies of a pension book (``more``: further columns that tell them
+        apart); None when too few policies are copies for valuing them once to pay."""
+        if given.size <= 1:
+            return None
         names = [[ord(c) for c in name] for name in given.tables]
         key = [_key_column(given.cols[name], given.tables) for name in _KEY]
         if pension.spouse is not None:
             key += [_key_column(pension.spouse[name], given.tables) for name in ("table", "age", "select_age")]
-        lead, of = _kernels.distinct_policies(names, key)
-        if lead.size <= given.size // 2:
-            try:  # a fault is worded on the whole book, by the policy's own index
-                units, _ = _leg_values(_distinct_legs(legs, lead), guaranteed, True)
-            except ValueError:
-                pass
-            else:
+        lead, of = _kernels.distinct_policies(names, key + [_one_or_all(column) for column in more])
+        return _Copies(lead, of) if lead.size <= given.size // 2 else None
 
-                def column(values: Any) -> Any:
-                    return None if values is None else _one_or_all(values)
+    def rows(self, values: Any) -> Any:
+        """A column of the book at the first policies (one value for all stays one)."""
+        column = np.asarray(values)
+        return column if column.shape[0] == 1 else column[self.lead]
 
-                amounts = [column(leg.weights) for leg, _ in legs]
-                shares = [column(leg.share) for leg, _ in legs]
-                return _kernels.gather_parts(of, units, amounts, shares), {}
+    def legs(self, legs: list[tuple[_Book, bool]], weights: list[Any] | None = None) -> list[tuple[_Book, bool]]:
+        """The parts of the book as the parts of its first policies, of unit benefits (or of
+        ``weights``, one column a part)."""
+        taken: dict[int, Any] = {}  # the parts share most columns: each is taken once
+
+        def rows_of(values: Any) -> Any:
+            if id(values) not in taken:
+                taken[id(values)] = self.rows(values)
+            return taken[id(values)]
+
+        def subset(columns: dict[str, Any]) -> dict[str, Any]:
+            return {key: rows_of(values) for key, values in columns.items()}
+
+        return [
+            (
+                leg._replace(
+                    cols=subset(leg.cols),
+                    size=self.lead.size,
+                    weights=None if weights is None else weights[k],
+                    share=None,
+                    spouse=None if leg.spouse is None else subset(leg.spouse),
+                ),
+                of_spouse,
+            )
+            for k, (leg, of_spouse) in enumerate(legs)
+        ]
+
+    @staticmethod
+    def amounts(legs: list[tuple[_Book, bool]]) -> tuple[list[Any], list[Any]]:
+        """Each part's amounts and shares as the kernels read them (None: 1)."""
+
+        def column(values: Any) -> Any:
+            return None if values is None else _one_or_all(values)
+
+        return [column(leg.weights) for leg, _ in legs], [column(leg.share) for leg, _ in legs]
+
+
+def _value_pensions(given: _Book, pension: _Pension, stop_at_fault: bool) -> tuple[F64, dict[int, list[str]]]:
+    """The values of a pension book: its parts' (``_legs``) added, their faults merged. A book
+    with copies of its policies values each distinct policy's parts once, and spreads them
+    back weighted by each copy's amounts."""
+    legs = _legs(given, pension)
+    guaranteed = bool(np.any(np.asarray(given.cols["guarantee"]) != 0.0))
+    copies = _Copies.of_book(given, pension)
+    if copies is not None:
+        try:  # a fault is worded on the whole book, by the policy's own index
+            units, _ = _leg_values(copies.legs(legs), guaranteed, True)
+        except ValueError:
+            pass
+        else:
+            return _kernels.gather_parts(copies.of, units, *_Copies.amounts(legs)), {}
     parts, faults = _leg_values(legs, guaranteed, stop_at_fault)
     return sum(parts[1:], parts[0]), faults
 
