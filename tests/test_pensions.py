@@ -227,6 +227,8 @@ def test_a_book_of_copies_values_each_policy_once_and_words_a_fault_by_its_own_i
         (lambda k: k.gather_parts(np.array([0, 2], dtype=np.uint32), [np.ones(2)], [None], [None]), "not below"),
         (lambda k: k.gather_parts(np.zeros(2, dtype=np.uint32), [], [], []), "at least one part"),
         (lambda k: k.gather_parts(np.zeros(2, dtype=np.uint32), [np.ones(1)], [None], [np.ones(3)]), "one per row"),
+        (lambda k: k.sum_parts(np.array([0, 3], dtype=np.uint32), 3, [None], [None]), "not below"),
+        (lambda k: k.sum_parts(np.zeros(2, dtype=np.uint32), 1, [None], []), "one share column"),
     ],
 )
 def test_the_distinct_policy_kernels_refuse_what_they_cannot_read(call, text):
