@@ -261,3 +261,27 @@ def test_distinct_policies_number_rows_by_first_appearance_across_cores():
         first.setdefault(key, i)
     assert lead.tolist() == sorted(first.values())
     np.testing.assert_array_equal(lead[of], [first[key] for key in keys])
+
+
+def test_pension_books_read_any_layout_of_their_columns():
+    from norvane.mortality import TwoLives
+
+    x, y = TABLES["X"].life(60.0), TABLES["Y"].life(58.0)
+    unit = x.ä(FLAT) + 0.6 * (y.ä(FLAT) - TwoLives(x, y, both=1.0, x_alone=0.0, y_alone=0.0).ä(FLAT))
+    n = 200  # copies: the distinct route; a strided column is read from a copy the call keeps
+    strided = np.column_stack([np.full(n, 0.6), np.zeros(n)])[:, 0]
+    ages = np.column_stack([np.full(n, 60.0), np.zeros(n)])[:, 0]
+    values = life_annuities(FLAT, TABLES, table="X", age=ages, spouse_table="Y", spouse_age=58.0, reversion=strided)
+    np.testing.assert_allclose(values, unit, rtol=1e-10)
+    flows = expected_flows(FLAT, TABLES, table="X", age=ages, horizon=12)
+    assert flows.present_value == pytest.approx(n * x.ä(FLAT), rel=1e-10)  # ä rounded to 10 decimals
+    # Every column one value, broadcast: one value a policy all the same.
+    broadcast = np.broadcast_to(60.0, (4,))
+    four = life_annuities(FLAT, TABLES, table="X", age=broadcast, guarantee=1.0, benefits=[1.0, 2.0, 3.0, 4.0])
+    np.testing.assert_allclose(four, np.arange(1.0, 5.0) * four[0])
+    assert four[0] == pytest.approx(1.0 + x.ä(FLAT, d=1.0), rel=1e-10)
+    # A table column of numbers is no table's name; an empty book pays nothing.
+    with pytest.raises(ValueError, match=r"'table' at index 0 is '0', not one of"):
+        life_annuities(FLAT, TABLES, table=np.zeros(8, np.int16), age=ages[:8], spouse_age=58.0, reversion=0.6)
+    empty = dict(table="X", age=np.zeros(0), spouse_table="Y", spouse_age=np.zeros(0), payment_rule=(1.0, 1.0, 0.5))
+    assert expected_flows(FLAT, TABLES, **empty, horizon=3).present_value == 0.0

@@ -22,6 +22,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <deque>
 #include <optional>
 #include <span>
 #include <sstream>
@@ -228,29 +229,54 @@ void add_plain_value(nb::class_<LifeStatus>& cls) {
 // A table column given as texts: (rows, width) UTF-32 code points, as NumPy holds fixed-width strings.
 using TextArray = nb::ndarray<nb::ro, const std::uint32_t, nb::ndim<2>, nb::c_contig, nb::device::cpu>;
 
+// The arrays a call reads from the Python objects it was given, kept until it
+// returns: an object that is not a contiguous array of a type read is read
+// from a converted copy, which must outlive the reading. Texts are read only
+// from arrays of code points as they stand.
+class Kept {
+  public:
+    core::BookColumn column(nb::handle values) {
+        RealArray array;
+        if (!nb::try_cast(values, array))
+            throw nb::type_error("a book column must be a one-dimensional array of float64, float32, int64 or int32");
+        return column_of(reals_.emplace_back(std::move(array)));
+    }
+    const TextArray* texts(nb::handle values) {
+        TextArray array;
+        if (!nb::try_cast(values, array, false)) return nullptr;
+        return &texts_.emplace_back(std::move(array));
+    }
+
+  private:
+    std::deque<RealArray> reals_;  // (a deque: what is kept stays where it is)
+    std::deque<TextArray> texts_;
+};
+
 std::size_t table_rows_of(nb::handle table) {
     TextArray text;
-    if (nb::try_cast(table, text)) return text.shape(0);
-    return nb::cast<RealArray>(table).shape(0);
+    if (nb::try_cast(table, text, false)) return text.shape(0);
+    RealArray numbers;
+    if (!nb::try_cast(table, numbers))
+        throw nb::type_error("a column must hold numbers (one dimension) or texts as code points (two)");
+    return numbers.shape(0);
 }
 
 core::TableColumn table_column_of(nb::handle table, const std::vector<std::vector<std::uint32_t>>& names,
-                                  std::size_t size) {
-    TextArray text;
-    if (!nb::try_cast(table, text)) return core::TableColumn(column_of(nb::cast<RealArray>(table)), size);
+                                  std::size_t size, Kept& kept) {
+    const TextArray* text = kept.texts(table);
+    if (!text) return core::TableColumn(kept.column(table), size);
     std::vector<std::u32string> named;
     for (const auto& name : names) named.emplace_back(name.begin(), name.end());
-    return core::TableColumn(text.data(), text.shape(1), text.shape(0), size, named);
+    return core::TableColumn(text->data(), text->shape(1), text->shape(0), size, named);
 }
 
 // Each part's amounts and shares: a column of the rows' length, one value for all, or None (1).
 std::pair<std::vector<core::Column>, std::vector<core::Column>> part_columns(const std::vector<nb::object>& amounts,
                                                                              const std::vector<nb::object>& shares,
-                                                                             std::size_t size) {
-    const auto column = [size](nb::handle values) {
+                                                                             std::size_t size, Kept& kept) {
+    const auto column = [size, &kept](nb::handle values) {
         static constexpr double kOne[] = {1.0};
-        const core::BookColumn read =
-            values.is_none() ? core::BookColumn(kOne) : bindings::column_of(nb::cast<RealArray>(values));
+        const core::BookColumn read = values.is_none() ? core::BookColumn(kOne) : kept.column(values);
         if (read.size != size && read.size != 1)
             throw std::invalid_argument("an amount or share column holds one value or one per row");
         return core::Column(read, size);
@@ -286,8 +312,8 @@ std::vector<core::FractionalAge> rules_of(const std::vector<core::MortalityTable
 // (`more`: the lengths of further columns read with it).
 core::LifePolicies book_of(nb::handle table, const std::vector<std::vector<std::uint32_t>>& names, RealArray age,
                            RealArray select_age, RealArray n, RealArray d, RealArray ts, RealArray frequency,
-                           nb::handle benefits, std::initializer_list<std::size_t> more) {
-    const core::BookColumn weights = benefits.is_none() ? core::BookColumn{} : column_of(nb::cast<RealArray>(benefits));
+                           nb::handle benefits, std::initializer_list<std::size_t> more, Kept& kept) {
+    const core::BookColumn weights = benefits.is_none() ? core::BookColumn{} : kept.column(benefits);
     std::vector<std::size_t> lengths = {
         age.shape(0), select_age.shape(0), n.shape(0),           d.shape(0),
         ts.shape(0),  frequency.shape(0),  table_rows_of(table), benefits.is_none() ? 1 : weights.size};
@@ -298,7 +324,7 @@ core::LifePolicies book_of(nb::handle table, const std::vector<std::vector<std::
     for (const std::size_t rows : lengths)
         if (rows != size && rows != 1)
             throw std::invalid_argument("policy columns must have one length or hold one value");
-    return core::LifePolicies(size, table_column_of(table, names, size), column_of(age), column_of(select_age),
+    return core::LifePolicies(size, table_column_of(table, names, size, kept), column_of(age), column_of(select_age),
                               column_of(n), column_of(d), column_of(ts), column_of(frequency), weights);
 }
 
@@ -309,17 +335,18 @@ class SecondLives {
     SecondLives(nb::handle second, const std::vector<std::vector<std::uint32_t>>& names, RealArray n, RealArray d,
                 RealArray ts, RealArray frequency, std::size_t size) {
         if (second.is_none()) return;
-        std::tuple<nb::object, RealArray, RealArray> lives;
-        if (!nb::try_cast(second, lives))
+        if (!nb::try_cast(second, lives_))
             throw nb::type_error("second must be a (table, age, select_age) tuple of columns");
-        const auto& [table, age, select_age] = lives;
-        policies_.emplace(book_of(table, names, age, select_age, n, d, ts, frequency, nb::none(), {size}));
+        const auto& [table, age, select_age] = lives_;
+        policies_.emplace(book_of(table, names, age, select_age, n, d, ts, frequency, nb::none(), {size}, kept_));
         if (policies_->size != size)
             throw std::invalid_argument("policy columns must have one length or hold one value");
     }
     const core::LifePolicies* get() const { return policies_ ? &*policies_ : nullptr; }
 
   private:
+    std::tuple<nb::object, RealArray, RealArray> lives_;  // the columns the policies read
+    Kept kept_;
     std::optional<core::LifePolicies> policies_;
 };
 
@@ -457,8 +484,9 @@ void register_life(nb::module_& m) {
             if (tables.empty()) throw std::invalid_argument("at least one table");
             const std::vector<core::FractionalAge> rules = rules_of(tables, rule_names, names);
             if (timing != 0 && timing != 1) throw std::invalid_argument("timing must be 0 or 1");
+            Kept kept;
             const core::LifePolicies policies =
-                book_of(table, names, age, select_age, n, d, ts, frequency, benefits, {});
+                book_of(table, names, age, select_age, n, d, ts, frequency, benefits, {}, kept);
             const std::size_t size = policies.size;
             const core::PolicyTerms p{1,   timing,  growth_of(growth_kind, growth_rate), mode_of(mode), tolerance_eps,
                                       0.0, decimals};
@@ -490,8 +518,9 @@ void register_life(nb::module_& m) {
            const std::string& mode, double tolerance_eps, int decimals) {
             if (tables.empty()) throw std::invalid_argument("at least one table");
             const std::vector<core::FractionalAge> rules = rules_of(tables, rule_names, names);
+            Kept kept;
             const core::LifePolicies policies =
-                book_of(table, names, age, select_age, n, d, ts, frequency, benefits, {});
+                book_of(table, names, age, select_age, n, d, ts, frequency, benefits, {}, kept);
             const SecondLives others(second, names, n, d, ts, frequency, policies.size);
             const core::StatusBook book = status_book_of(tables, policies, others, status, benefit, timing);
             const core::PolicyTerms p{1,   timing,  growth_of(growth_kind, growth_rate), mode_of(mode), tolerance_eps,
@@ -519,12 +548,13 @@ void register_life(nb::module_& m) {
             std::size_t size = 1;
             for (const nb::object& column : columns)
                 if (const std::size_t rows = table_rows_of(column); rows != 1) size = rows;
+            Kept kept;
             std::vector<core::TableColumn> values;
             values.reserve(columns.size());
             for (const nb::object& column : columns) {
                 if (const std::size_t rows = table_rows_of(column); rows != size && rows != 1)
                     throw std::invalid_argument("policy columns must have one length or hold one value");
-                values.push_back(table_column_of(column, names, size));
+                values.push_back(table_column_of(column, names, size, kept));
             }
             const std::vector<core::KeyWord> key(values.begin(), values.end());
             if (std::count_if(key.begin(), key.end(), [](const core::KeyWord& w) { return !w.repeated(); }) >
@@ -554,7 +584,8 @@ void register_life(nb::module_& m) {
             const std::size_t size = of.shape(0);
             std::vector<std::span<const double>> unit_spans;
             for (const InArray& part : units) unit_spans.push_back(span_of(part));
-            const auto [amount_columns, share_columns] = part_columns(amounts, shares, size);
+            Kept kept;
+            const auto [amount_columns, share_columns] = part_columns(amounts, shares, size, kept);
             auto [array, out] = new_array(size);
             bool within;
             {
@@ -564,7 +595,7 @@ void register_life(nb::module_& m) {
             if (!within) throw std::invalid_argument("a row's number is not below every part's count of units");
             return array;
         },
-        nb::arg("of"), nb::arg("units"), nb::arg("amounts"), nb::arg("shares"),
+        nb::arg("of").noconvert(), nb::arg("units"), nb::arg("amounts"), nb::arg("shares"),
         "Each row's value, the sum over parts of units[part][of[row]] * (amounts[part][row] * "
         "shares[part][row]) (each a column, one value for all rows, or None: 1), the parts added in order.");
 
@@ -574,7 +605,8 @@ void register_life(nb::module_& m) {
            const std::vector<nb::object>& shares) {
             if (amounts.size() != shares.size()) throw std::invalid_argument("one share column per amount column");
             const std::size_t size = of.shape(0);
-            const auto [amount_columns, share_columns] = part_columns(amounts, shares, size);
+            Kept kept;
+            const auto [amount_columns, share_columns] = part_columns(amounts, shares, size, kept);
             std::vector<std::vector<double>> sums(amounts.size(), std::vector<double>(count, 0.0));
             const std::vector<std::span<double>> spans(sums.begin(), sums.end());
             bool within;
@@ -587,7 +619,7 @@ void register_life(nb::module_& m) {
             for (auto& part : sums) out.push_back(to_array(std::move(part)));
             return out;
         },
-        nb::arg("of"), nb::arg("count"), nb::arg("amounts"), nb::arg("shares"),
+        nb::arg("of").noconvert(), nb::arg("count"), nb::arg("amounts"), nb::arg("shares"),
         "For each part, the sum over the rows of each of `count` numbers of amounts[part][row] * "
         "shares[part][row] (as `gather_parts` reads them), the rows added in order.");
 
@@ -610,8 +642,9 @@ void register_life(nb::module_& m) {
             constexpr std::size_t kMaxCells = std::size_t{1} << 26;
             if (groups == 0 || groups > kMaxCells / bucket_span.size())
                 throw std::invalid_argument("groups x buckets must be from 1 to 2**26");
+            Kept kept;
             const core::LifePolicies policies =
-                book_of(table, names, age, select_age, n, d, ts, frequency, benefits, {group.shape(0)});
+                book_of(table, names, age, select_age, n, d, ts, frequency, benefits, {group.shape(0)}, kept);
             const SecondLives others(second, names, n, d, ts, frequency, policies.size);
             const core::StatusBook book = status_book_of(tables, policies, others, status, benefit, timing);
             if (tables.empty() && (book.benefit != core::LifeBenefit::Annuity || book.second))

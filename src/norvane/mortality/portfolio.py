@@ -534,8 +534,7 @@ def _pension_columns(
     def amounts(values: Any, name: str, least: float = 0.0) -> F64:
         column = column_of(values, name)
         given = _one_or_all(column)  # one value for all is checked once; NaN is the least and the most
-        least_given, most = (given.min(), given.max()) if given.size else (least, least)
-        if not (np.isfinite(least_given) and np.isfinite(most) and least_given >= least):
+        if given.size and not (np.isfinite(given.min()) and np.isfinite(given.max()) and given.min() >= least):
             i = int(np.flatnonzero(~((column >= least) & np.isfinite(column)))[0])
             bound = "" if least == -np.inf else f" and >= {least}"
             raise ValueError(f"[{method_name}] '{name}' must be finite{bound} at index {i}, got {float(column[i])!r}.")
@@ -589,12 +588,15 @@ def _one_or_all(values: Any) -> NDArray[Any]:
     return column[:1] if column.shape[0] > 1 and column.strides[0] == 0 else column
 
 
+_READ = ("float64", "float32", "int64", "int32")  # the number types the kernels read in place
+
+
 def _key_column(values: Any, tables: Mapping[str, Table]) -> NDArray[Any]:
     """A column of the key that tells a book's distinct policies apart (a table column's texts
     as ``_texts`` gives them, or the tables' indices)."""
     column = _one_or_all(values)
-    if column.dtype.kind in "iuf":
-        return column
+    if column.dtype.kind in "iuf":  # (numbers of other types than the kernels read: as floats)
+        return column if column.dtype.name in _READ else column.astype(np.float64)
     texts = _texts(column)
     return texts if texts is not None else _table_codes(column, tables)[0]
 
@@ -620,7 +622,8 @@ class _Copies(NamedTuple):
         if pension.spouse is not None:
             key += [_key_column(pension.spouse[name], given.tables) for name in ("table", "age", "select_age")]
         lead, of = _kernels.distinct_policies(names, key + [_one_or_all(column) for column in more])
-        return _Copies(lead, of) if lead.size <= given.size // 2 else None
+        # (a book whose every column is one value, broadcast, numbers as one policy)
+        return _Copies(lead, of) if of.size == given.size and lead.size <= given.size // 2 else None
 
     def rows(self, values: Any) -> Any:
         """A column of the book at the first policies (one value for all stays one)."""
