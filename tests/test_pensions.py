@@ -285,3 +285,10 @@ def test_pension_books_read_any_layout_of_their_columns():
         life_annuities(FLAT, TABLES, table=np.zeros(8, np.int16), age=ages[:8], spouse_age=58.0, reversion=0.6)
     empty = dict(table="X", age=np.zeros(0), spouse_table="Y", spouse_age=np.zeros(0), payment_rule=(1.0, 1.0, 0.5))
     assert expected_flows(FLAT, TABLES, **empty, horizon=3).present_value == 0.0
+
+
+def test_a_pension_book_is_refused_at_its_first_policy_at_fault_in_any_part():
+    ages, spouse_ages = np.full(12, 60.0), np.full(12, 58.0)
+    ages[9], spouse_ages[2] = 75.0, 90.0  # beyond X's last age; beyond Y's
+    with pytest.raises(ValueError, match=r"'spouse_age' .* at index 2\b"):
+        life_annuities(FLAT, TABLES, table="X", age=ages, spouse_table="Y", spouse_age=spouse_ages, reversion=0.6)

@@ -570,8 +570,9 @@ def _pension_columns(
 def _leg_values(
     legs: list[tuple[_Book, bool]], guaranteed: bool, stop_at_fault: bool
 ) -> tuple[list[F64], dict[int, list[str]]]:
-    """Each part's values (``_legs``; the first guaranteed when ``guaranteed``), their faults merged."""
-    values, faults = (_guaranteed_book if guaranteed else _value_book)(legs[0][0], stop_at_fault)
+    """Each part's values (``_legs``; the first guaranteed when ``guaranteed``), their faults merged
+    (a book refused at its first policy at fault in any part)."""
+    values, faults = (_guaranteed_book if guaranteed else _value_book)(legs[0][0], stop_at_fault and len(legs) == 1)
     parts = [values]
     for leg, of_spouse in legs[1:]:
         part, found = _value_book(leg, False)
