@@ -175,10 +175,25 @@ std::vector<std::uint32_t> distinct_policies(std::span<const KeyWord> key, std::
     }
 }
 
+namespace {
+
+// The fewest values any part holds: the numbers of distinct policies must be below it.
+template <typename Parts>
+std::size_t fewest(const Parts& parts) {
+    std::size_t least = std::numeric_limits<std::size_t>::max();
+    for (const auto& part : parts) least = std::min(least, part.size());
+    return least;
+}
+
+bool numbered_below(const std::uint32_t* number, std::size_t len, std::size_t count) {
+    return len == 0 || *std::max_element(number, number + len) < count;
+}
+
+}  // namespace
+
 bool gather_parts(std::span<const std::uint32_t> of, std::span<const std::span<const double>> units,
                   std::span<const Column> amounts, std::span<const Column> shares, std::span<double> out) {
-    std::size_t least = std::numeric_limits<std::size_t>::max();
-    for (const auto& part : units) least = std::min(least, part.size());
+    const std::size_t least = fewest(units);
     std::atomic<bool> within{true};
     parallel_for(of.size(), std::size_t{1} << 16, [&](std::size_t begin, std::size_t end) {
         std::vector<Block> scratch(2 * units.size());
@@ -186,7 +201,7 @@ bool gather_parts(std::span<const std::uint32_t> of, std::span<const std::span<c
         for (std::size_t i = begin; i < end; i += kBlock) {
             const std::size_t len = std::min(kBlock, end - i);
             const std::uint32_t* number = of.data() + i;
-            if (*std::max_element(number, number + len) >= least) {
+            if (!numbered_below(number, len, least)) {
                 within = false;
                 return;
             }
@@ -208,13 +223,12 @@ bool gather_parts(std::span<const std::uint32_t> of, std::span<const std::span<c
 
 bool sum_parts(std::span<const std::uint32_t> of, std::span<const Column> amounts, std::span<const Column> shares,
                std::span<const std::span<double>> sums) {
-    std::size_t least = std::numeric_limits<std::size_t>::max();
-    for (const auto& part : sums) least = std::min(least, part.size());
+    const std::size_t least = fewest(sums);
     Block amount_scratch, share_scratch;
     for (std::size_t i = 0; i < of.size(); i += kBlock) {
         const std::size_t len = std::min(kBlock, of.size() - i);
         const std::uint32_t* number = of.data() + i;
-        if (*std::max_element(number, number + len) >= least) return false;
+        if (!numbered_below(number, len, least)) return false;
         for (std::size_t p = 0; p < sums.size(); ++p) {
             const double* amount = amounts[p].block(i, len, amount_scratch);
             const double* share = shares[p].block(i, len, share_scratch);

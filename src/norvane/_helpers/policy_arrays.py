@@ -61,6 +61,13 @@ def _map_batch_n_none_to_inf(n: Any) -> Any:
 _KERNEL_DTYPES = frozenset(np.dtype(t) for t in (np.float64, np.float32, np.int64, np.int32))
 
 
+def _one_or_all(values: Any) -> np.ndarray:
+    """A column as the kernels read it: one value given for all (a broadcast one too) stays one,
+    so that no copy of the book's size is made."""
+    column: np.ndarray = np.asarray(values)
+    return column[:1] if column.ndim == 1 and column.shape[0] > 1 and column.strides[0] == 0 else column
+
+
 def _kernel_readable(values: Any) -> np.ndarray | None:
     """``values`` itself when the book kernel reads it as it stands: a one-dimensional aligned
     array (or the array of a NumPy-typed Series) of float64, float32, int64 or int32."""

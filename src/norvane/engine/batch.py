@@ -19,6 +19,7 @@ from .._helpers.policy_arrays import (
     _benefits_array,
     _book_columns,
     _check_benefit_values,
+    _one_or_all,
     _overlong_terms,
     _policy_column,
     _term_faults,
@@ -264,8 +265,7 @@ def _kernel_column(values: np.ndarray) -> np.ndarray:
     """A book's column for the kernel: one value stands for a broadcast
     one (the kernel repeats it), so that no copy of book size is made; the
     element types the kernel reads are passed as they are."""
-    if values.ndim == 1 and values.shape[0] > 1 and values.strides[0] == 0:
-        values = values[:1]
+    values = _one_or_all(values)
     return np.ascontiguousarray(values, dtype=None if values.dtype in _KERNEL_DTYPES else np.float64)
 
 

@@ -13,10 +13,12 @@ from numpy.typing import ArrayLike, NDArray
 
 from .. import _kernels
 from .._helpers.policy_arrays import (
+    _KERNEL_DTYPES,
     _batch_result,
     _benefits_array,
     _book_columns,
     _check_benefit_values,
+    _one_or_all,
     _term_faults,
 )
 from ..base import _ALLOWED_PAYMENT_FREQUENCIES
@@ -252,9 +254,7 @@ class _LifeBook:
 
         def column(values: Any) -> NDArray[Any]:
             # Columns are read as they are: one value (or a broadcast one) stands for every policy.
-            values = np.asarray(values)
-            if values.shape[0] > 1 and values.strides[0] == 0:
-                values = values[:1]
+            values = _one_or_all(values)
             return values if rows is None or values.shape[0] == 1 else np.ascontiguousarray(values[rows])
 
         arguments = [
@@ -583,21 +583,12 @@ def _leg_values(
     return parts, faults
 
 
-def _one_or_all(values: Any) -> NDArray[Any]:
-    """A column as the kernels read it: one value given for all (a broadcast one too) stays one."""
-    column: NDArray[Any] = np.asarray(values)
-    return column[:1] if column.shape[0] > 1 and column.strides[0] == 0 else column
-
-
-_READ = ("float64", "float32", "int64", "int32")  # the number types the kernels read in place
-
-
 def _key_column(values: Any, tables: Mapping[str, Table]) -> NDArray[Any]:
     """A column of the key that tells a book's distinct policies apart (a table column's texts
     as ``_texts`` gives them, or the tables' indices)."""
     column = _one_or_all(values)
     if column.dtype.kind in "iuf":  # (numbers of other types than the kernels read: as floats)
-        return column if column.dtype.name in _READ else column.astype(np.float64)
+        return column if column.dtype in _KERNEL_DTYPES else column.astype(np.float64)
     texts = _texts(column)
     return texts if texts is not None else _table_codes(column, tables)[0]
 
